@@ -1,0 +1,36 @@
+#pragma once
+
+#include <core/CoreExport.h>
+
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace Marivane::Compression {
+
+using ByteBuffer = std::vector<std::byte>;
+
+// The codec's own default level; 1 to 9 trade speed for size as usual.
+inline constexpr int DefaultCompressionLevel = -1;
+
+// Thrown when a buffer cannot be compressed or expanded: corrupt or truncated
+// input, or a frame that would expand beyond what can be allocated.
+class MV_CORE_EXPORT CompressionError : public std::runtime_error {
+public:
+    explicit CompressionError(const std::string& message);
+};
+
+// Returns a self-contained compressed frame of `data`. The frame records the
+// uncompressed size, so expanding it allocates its output once. Level -1 is the
+// codec's default level; any other value is passed to the codec as it is.
+// Thread-safe: each thread reuses its own codec context.
+MV_CORE_EXPORT ByteBuffer compress(const ByteBuffer& data, int level);
+
+// Expands one or more concatenated frames made by `compress` (or by any
+// streaming writer of the same codec, which may omit the content size).
+// Throws CompressionError on corrupt or truncated input; never returns partial
+// data. Thread-safe: each thread reuses its own codec context.
+MV_CORE_EXPORT ByteBuffer uncompress(const ByteBuffer& data);
+
+}  // namespace Marivane::Compression

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <logging/LogFileInterface.h>
+#include <logging/LoggingExport.h>
+
+#include <memory>
+#include <string>
+#include <variant>
+
+namespace Marivane::Logging {
+
+// Typed read of one metadata value: the value when the key exists, otherwise
+// `defaultValue`. A value of another type than T fails with
+// std::bad_variant_access. The int specialisation converts any stored integer
+// and returns the default for anything else.
+template <typename T>
+T getMetadataValue(const LogFileInterface& logFile, const std::string& key, T defaultValue) {
+    std::optional<PropertyValue> value = logFile.getMetadataValue(key);
+    if (!value) {
+        return defaultValue;
+    }
+    return std::get<T>(*value);
+}
+
+template <>
+MV_LOGGING_EXPORT int getMetadataValue<int>(const LogFileInterface& logFile, const std::string& key,
+                                            int defaultValue);
+
+namespace Algorithms {
+
+// Writes a new log file holding the entries startEntryId..endEntryId of
+// `logFile` (both ids must exist), renumbered from 1, with the file's metadata
+// (plus "oldApplicationName"/"oldApplicationVersion", which keep the earliest
+// producer), resources, data sources (same ids), properties and the bookmarks
+// that fall inside the range, remapped.
+//
+// Returns an empty pointer, creating nothing, when refused: something exists
+// at `outputFilePath`, the range is reversed, or a bound is not an entry of a
+// non-empty file (-1 for both bounds means a source without entries). An empty
+// `outputFilePath` becomes "<source stem>_exported<ext>" beside the source,
+// made unique. Errors while copying propagate; the partial output then stays
+// on disk.
+//
+// Reads `logFile` only through LogFileInterface; the result is open and owned
+// by the caller.
+MV_LOGGING_EXPORT std::unique_ptr<LogFileInterface> slice(const LogFileInterface& logFile, int startEntryId,
+                                                          int endEntryId, std::string outputFilePath,
+                                                          const std::string& applicationName,
+                                                          const std::string& applicationVersion,
+                                                          signed char compressionLevel);
+
+// slice over the whole file.
+MV_LOGGING_EXPORT std::unique_ptr<LogFileInterface> clone(const LogFileInterface& logFile,
+                                                          const std::string& outputFilePath,
+                                                          const std::string& applicationName,
+                                                          const std::string& applicationVersion,
+                                                          signed char compressionLevel);
+
+}  // namespace Algorithms
+}  // namespace Marivane::Logging

@@ -1,0 +1,25 @@
+#pragma once
+
+// The whole class interface of libmarivane-logging (C++17 or later).
+
+#include <logging/MV_Logging.h>
+
+#include <logging/Algorithms.h>
+#include <logging/Bookmark.h>
+#include <logging/ByteBuffer.h>
+#include <logging/DataEntry.h>
+#include <logging/DataSource.h>
+#include <logging/DataSourceProperty.h>
+#include <logging/EntryIndexFilter.h>
+#include <logging/LegacyLogFileError.h>
+#include <logging/LogFileInterface.h>
+#include <logging/LogFilePlayer.h>
+#include <logging/LogMetadataEntry.h>
+#include <logging/LogResourceEntry.h>
+#include <logging/NotALogFileError.h>
+#include <logging/PlayerBookmark.h>
+#include <logging/PropertyValue.h>
+#include <logging/SqliteLogFile.h>
+
+#include <database/DatabaseAccessError.h>
+#include <database/FileIsNotDatabase.h>

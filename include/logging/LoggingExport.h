@@ -1,0 +1,12 @@
+#ifndef MARIVANE_LOGGING_EXPORT_H
+#define MARIVANE_LOGGING_EXPORT_H
+
+/* Marks the declarations that libmarivane-logging exports; everything else in
+ * the shared object stays hidden. */
+#if defined(__GNUC__) || defined(__clang__)
+#define MV_LOGGING_EXPORT __attribute__((visibility("default")))
+#else
+#define MV_LOGGING_EXPORT
+#endif
+
+#endif

@@ -1,0 +1,234 @@
+#ifndef MARIVANE_MV_LOGGING_H
+#define MARIVANE_MV_LOGGING_H
+
+/*
+ * The C interface of libmarivane-logging.
+ *
+ * Conventions
+ * - Every object is an opaque handle. A handle returned by a function belongs
+ *   to the caller, who gives it back to the family's _Destroy; every _Destroy
+ *   accepts NULL and then does nothing.
+ * - A fallible function returns true/a handle on success and false/NULL on
+ *   failure. When its last argument (MV_LogError_p*) is not NULL, a failure
+ *   stores a new error object there, which the caller frees with
+ *   MV_LogError_Destroy. Nothing is stored on success. Exception:
+ *   MV_LogFile_Create on an existing path always stores its error, so always
+ *   pass an error argument to it.
+ * - Texts cross as NUL-terminated strings, byte buffers as pointer and length.
+ *   Functions copy what they are given; getters hand out borrowed pointers that
+ *   stay valid until the handle is destroyed or the same field is set again.
+ * - Lists are delivered through a callback, one newly allocated handle per
+ *   element, which the callee owns from then on.
+ * - Only the lifecycle functions (MV_LogFile_Create, MV_LogFile_Open) and the
+ *   derived-file calls (MV_LogAlgorithms_*) turn internal exceptions into error
+ *   objects; NULL texts and invalid handles are contract violations.
+ * - Threads: a handle is used by one thread at a time; the library takes no
+ *   locks in this layer.
+ */
+
+#include <logging/LoggingExport.h>
+#include <logging/MV_LogDataSourceType.h>
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Opaque handles: pointers to incomplete structs. */
+typedef struct MV_LogError* MV_LogError_p;
+typedef struct MV_LogConfig* MV_LogConfig_p;
+typedef struct MV_LogFile* MV_LogFile_p;
+typedef struct MV_LogBookmark* MV_LogBookmark_p;
+typedef struct MV_LogDataEntry* MV_LogDataEntry_p;
+typedef struct MV_LogDataSource* MV_LogDataSource_p;
+typedef struct MV_LogDataSourceProperty* MV_LogDataSourceProperty_p;
+typedef struct MV_LogMetadata* MV_LogMetadata_p;
+typedef struct MV_LogResource* MV_LogResource_p;
+typedef struct MV_LogEntryIndexFilter* MV_LogEntryIndexFilter_p;
+
+/* List callbacks: user data first, then one newly allocated handle that the
+ * callee owns from then on (or, for entry ids, the id itself). */
+typedef void (*MV_LogDataSourceCallback)(void* userData, MV_LogDataSource_p dataSource);
+typedef void (*MV_LogDataSourcePropertyCallback)(void* userData, MV_LogDataSourceProperty_p property);
+typedef void (*MV_LogEntryIdCallback)(void* userData, int32_t entryId);
+typedef void (*MV_LogDataEntryCallback)(void* userData, MV_LogDataEntry_p entry);
+typedef void (*MV_LogBookmarkCallback)(void* userData, MV_LogBookmark_p bookmark);
+typedef void (*MV_LogMetadataCallback)(void* userData, MV_LogMetadata_p metadata);
+typedef void (*MV_LogResourceCallback)(void* userData, MV_LogResource_p resource);
+
+/* ---- Errors ------------------------------------------------------------ */
+
+MV_LOGGING_EXPORT void MV_LogError_Destroy(MV_LogError_p error);
+/* The message stays valid until the error object is destroyed. */
+MV_LOGGING_EXPORT void MV_LogError_GetErrorMessage(MV_LogError_p error, const char** message);
+
+/* ---- Creation settings ------------------------------------------------- */
+
+/* Copies the three texts; the compression level starts at -1 (default). */
+MV_LOGGING_EXPORT MV_LogConfig_p MV_LogConfig_Create(const char* applicationName, const char* applicationVersion,
+                                                     const char* timeZone);
+MV_LOGGING_EXPORT void MV_LogConfig_Destroy(MV_LogConfig_p config);
+MV_LOGGING_EXPORT void MV_LogConfig_GetTimeZone(MV_LogConfig_p config, const char** timeZone);
+/* Always true. */
+MV_LOGGING_EXPORT bool MV_LogConfig_SetTimeZone(MV_LogConfig_p config, const char* timeZone);
+MV_LOGGING_EXPORT void MV_LogConfig_GetCompressionLevel(MV_LogConfig_p config, int8_t* level);
+/* Accepts -1 (the codec's default) to 9; 0 stores payloads uncompressed. */
+MV_LOGGING_EXPORT bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level, MV_LogError_p* error);
+
+/* ---- File lifecycle ---------------------------------------------------- */
+
+/* Creates a new log file; refuses any path where something already exists. Data
+ * sources, properties and entries may be added only through handles made here
+ * (and by MV_LogAlgorithms_Clone). */
+MV_LOGGING_EXPORT MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogError_p* error);
+/* Opens an existing log file. */
+MV_LOGGING_EXPORT MV_LogFile_p MV_LogFile_Open(const char* path, MV_LogError_p* error);
+/* Closes the file and frees the handle. */
+MV_LOGGING_EXPORT void MV_LogFile_Destroy(MV_LogFile_p file);
+
+/* ---- Operations on an open file ----------------------------------------- */
+
+/* On success the data-source handle receives the id the file assigned. */
+MV_LOGGING_EXPORT bool MV_LogFile_AddDataSource(MV_LogFile_p file, MV_LogDataSource_p dataSource, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_AddDataSourceProperty(MV_LogFile_p file, MV_LogDataSourceProperty_p property,
+                                                        MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_LogData(MV_LogFile_p file, MV_LogDataEntry_p entry, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_AddMetadata(MV_LogFile_p file, MV_LogMetadata_p metadata, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_AddResource(MV_LogFile_p file, MV_LogResource_p resource, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_AddBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_UpdateBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_RemoveBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark, MV_LogError_p* error);
+/* Single-item reads store a new handle through their out-parameter on success
+ * only. */
+MV_LOGGING_EXPORT bool MV_LogFile_ReadEntry(MV_LogFile_p file, int32_t entryId, MV_LogDataEntry_p* entry,
+                                            MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_GetDataSourceProperty(MV_LogFile_p file, MV_LogDataSource_p dataSource,
+                                                        const char* key, MV_LogDataSourceProperty_p* property,
+                                                        MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_GetMetadata(MV_LogFile_p file, const char* key, MV_LogMetadata_p* metadata,
+                                              MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_GetResource(MV_LogFile_p file, const char* name, MV_LogResource_p* resource,
+                                              MV_LogError_p* error);
+/* The counters always write their value; -1 means failure (and, for the first
+ * and last id, an empty file). */
+MV_LOGGING_EXPORT bool MV_LogFile_GetFirstEntryId(MV_LogFile_p file, int32_t* entryId, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_GetLastEntryId(MV_LogFile_p file, int32_t* entryId, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_GetEntryCount(MV_LogFile_p file, int32_t* count, MV_LogError_p* error);
+/* These three return false, without calling back, for an empty list. */
+MV_LOGGING_EXPORT bool MV_LogFile_GetDataSources(MV_LogFile_p file, MV_LogDataSourceCallback callback, void* userData,
+                                                 MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_GetAllDataSourceProperties(MV_LogFile_p file,
+                                                             MV_LogDataSourcePropertyCallback callback,
+                                                             void* userData, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_GetEntryIndex(MV_LogFile_p file, MV_LogEntryIndexFilter_p filter,
+                                                MV_LogEntryIdCallback callback, void* userData, MV_LogError_p* error);
+/* These four always return true. Bounds are inclusive; -1 stands for the
+ * file's first or last entry; a limit of -1 means no limit. */
+MV_LOGGING_EXPORT bool MV_LogFile_ReadEntries(MV_LogFile_p file, int32_t minimumEntryId, int32_t maximumEntryId,
+                                              MV_LogEntryIndexFilter_p filter, int32_t limit,
+                                              MV_LogDataEntryCallback callback, void* userData);
+MV_LOGGING_EXPORT bool MV_LogFile_GetBookmarks(MV_LogFile_p file, MV_LogBookmarkCallback callback, void* userData);
+MV_LOGGING_EXPORT bool MV_LogFile_GetAllMetadata(MV_LogFile_p file, MV_LogMetadataCallback callback, void* userData);
+MV_LOGGING_EXPORT bool MV_LogFile_GetAllResources(MV_LogFile_p file, MV_LogResourceCallback callback, void* userData);
+
+/* ---- Value handles ------------------------------------------------------ */
+
+MV_LOGGING_EXPORT MV_LogBookmark_p MV_LogBookmark_Create(int32_t entryId, const char* title, const char* comments,
+                                                         const uint8_t* payload, int64_t length);
+MV_LOGGING_EXPORT void MV_LogBookmark_Destroy(MV_LogBookmark_p bookmark);
+MV_LOGGING_EXPORT void MV_LogBookmark_GetEntryId(MV_LogBookmark_p bookmark, int32_t* entryId);
+MV_LOGGING_EXPORT void MV_LogBookmark_GetTitle(MV_LogBookmark_p bookmark, const char** title);
+MV_LOGGING_EXPORT void MV_LogBookmark_GetComment(MV_LogBookmark_p bookmark, const char** comments);
+MV_LOGGING_EXPORT void MV_LogBookmark_GetPayload(MV_LogBookmark_p bookmark, int64_t* length, const uint8_t** payload);
+MV_LOGGING_EXPORT void MV_LogBookmark_SetTitle(MV_LogBookmark_p bookmark, const char* title);
+MV_LOGGING_EXPORT void MV_LogBookmark_SetComment(MV_LogBookmark_p bookmark, const char* comments);
+/* Kept for compatibility with its historical count rule: the number of bytes
+ * copied is 2 * length minus the numeric address of `payload`. Use
+ * MV_LogBookmark_Create to give a bookmark a payload. */
+MV_LOGGING_EXPORT void MV_LogBookmark_SetPayload(MV_LogBookmark_p bookmark, const uint8_t* payload, int64_t length);
+
+/* The entry is stamped with the current time; its entry id is 0. */
+MV_LOGGING_EXPORT MV_LogDataEntry_p MV_LogDataEntry_Create(const int8_t* dataSourceId, int32_t type,
+                                                           const uint8_t* data, int64_t length);
+MV_LOGGING_EXPORT void MV_LogDataEntry_Destroy(MV_LogDataEntry_p entry);
+MV_LOGGING_EXPORT void MV_LogDataEntry_GetDataSourceId(MV_LogDataEntry_p entry, int8_t* dataSourceId);
+MV_LOGGING_EXPORT void MV_LogDataEntry_GetType(MV_LogDataEntry_p entry, int32_t* type);
+MV_LOGGING_EXPORT void MV_LogDataEntry_GetData(MV_LogDataEntry_p entry, int64_t* length, const uint8_t** data);
+MV_LOGGING_EXPORT void MV_LogDataEntry_GetTimestamp(MV_LogDataEntry_p entry, int64_t* timestamp);
+MV_LOGGING_EXPORT void MV_LogDataEntry_SetTimestamp(MV_LogDataEntry_p entry, int64_t timestamp);
+
+/* The id starts at -1 (not yet assigned). */
+MV_LOGGING_EXPORT MV_LogDataSource_p MV_LogDataSource_Create(MV_LogDataSourceType type, const char* name);
+MV_LOGGING_EXPORT void MV_LogDataSource_Destroy(MV_LogDataSource_p dataSource);
+MV_LOGGING_EXPORT void MV_LogDataSource_GetId(MV_LogDataSource_p dataSource, int8_t* id);
+MV_LOGGING_EXPORT void MV_LogDataSource_GetName(MV_LogDataSource_p dataSource, const char** name);
+MV_LOGGING_EXPORT void MV_LogDataSource_GetType(MV_LogDataSource_p dataSource, MV_LogDataSourceType* type);
+
+/* Values read from a file always hold 64-bit integers, which GetInt32 narrows;
+ * GetInt32 deliberately answers false for a value made by CreateInt32. */
+MV_LOGGING_EXPORT MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateInt32(const int8_t* dataSourceId,
+                                                                                  const char* propertyName,
+                                                                                  int32_t value);
+MV_LOGGING_EXPORT MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateInt64(const int8_t* dataSourceId,
+                                                                                  const char* propertyName,
+                                                                                  int64_t value);
+MV_LOGGING_EXPORT MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateDouble(const int8_t* dataSourceId,
+                                                                                   const char* propertyName,
+                                                                                   double value);
+MV_LOGGING_EXPORT MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateString(const int8_t* dataSourceId,
+                                                                                   const char* propertyName,
+                                                                                   const char* value);
+MV_LOGGING_EXPORT void MV_LogDataSourceProperty_Destroy(MV_LogDataSourceProperty_p property);
+MV_LOGGING_EXPORT void MV_LogDataSourceProperty_GetDataSourceId(MV_LogDataSourceProperty_p property,
+                                                                int8_t* dataSourceId);
+MV_LOGGING_EXPORT void MV_LogDataSourceProperty_GetPropertyName(MV_LogDataSourceProperty_p property,
+                                                                const char** propertyName);
+MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetInt32(MV_LogDataSourceProperty_p property, int32_t* value);
+MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetInt64(MV_LogDataSourceProperty_p property, int64_t* value);
+MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetDouble(MV_LogDataSourceProperty_p property, double* value);
+MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetString(MV_LogDataSourceProperty_p property, const char** value);
+
+MV_LOGGING_EXPORT MV_LogMetadata_p MV_LogMetadata_CreateInt32(const char* key, int32_t value);
+MV_LOGGING_EXPORT MV_LogMetadata_p MV_LogMetadata_CreateInt64(const char* key, int64_t value);
+MV_LOGGING_EXPORT MV_LogMetadata_p MV_LogMetadata_CreateDouble(const char* key, double value);
+MV_LOGGING_EXPORT MV_LogMetadata_p MV_LogMetadata_CreateString(const char* key, const char* value);
+MV_LOGGING_EXPORT void MV_LogMetadata_Destroy(MV_LogMetadata_p metadata);
+MV_LOGGING_EXPORT bool MV_LogMetadata_GetInt32(MV_LogMetadata_p metadata, int32_t* value);
+MV_LOGGING_EXPORT bool MV_LogMetadata_GetInt64(MV_LogMetadata_p metadata, int64_t* value);
+MV_LOGGING_EXPORT bool MV_LogMetadata_GetDouble(MV_LogMetadata_p metadata, double* value);
+MV_LOGGING_EXPORT bool MV_LogMetadata_GetString(MV_LogMetadata_p metadata, const char** value);
+MV_LOGGING_EXPORT void MV_LogMetadata_GetKey(MV_LogMetadata_p metadata, const char** key);
+
+MV_LOGGING_EXPORT MV_LogResource_p MV_LogResource_Create(const char* name, const uint8_t* data, int64_t length);
+MV_LOGGING_EXPORT void MV_LogResource_Destroy(MV_LogResource_p resource);
+MV_LOGGING_EXPORT void MV_LogResource_GetData(MV_LogResource_p resource, int64_t* length, const uint8_t** data);
+MV_LOGGING_EXPORT void MV_LogResource_GetName(MV_LogResource_p resource, const char** name);
+
+/* ---- Filters and derived files ------------------------------------------ */
+
+/* Within one list the values are alternatives; non-empty lists combine with
+ * AND; an empty filter admits every entry. */
+MV_LOGGING_EXPORT MV_LogEntryIndexFilter_p MV_LogEntryIndexFilter_Create(void);
+MV_LOGGING_EXPORT void MV_LogEntryIndexFilter_Destroy(MV_LogEntryIndexFilter_p filter);
+MV_LOGGING_EXPORT void MV_LogEntryIndexFilter_AddDataType(MV_LogEntryIndexFilter_p filter, int32_t dataType);
+MV_LOGGING_EXPORT void MV_LogEntryIndexFilter_AddDataSource(MV_LogEntryIndexFilter_p filter, int8_t dataSourceId);
+MV_LOGGING_EXPORT void MV_LogEntryIndexFilter_AddDataSourceType(MV_LogEntryIndexFilter_p filter,
+                                                                MV_LogDataSourceType dataSourceType);
+/* Writes entries startEntryId..endEntryId (both must exist) with everything
+ * that describes them to a new file; an empty path derives one from the
+ * source's ("<name>_exported.<ext>"). The new handle refuses further data
+ * sources, properties and entries. The source handle keeps its file. */
+MV_LOGGING_EXPORT MV_LogFile_p MV_LogAlgorithms_Slice(MV_LogFile_p file, int32_t startEntryId, int32_t endEntryId,
+                                                      const char* outputPath, MV_LogConfig_p config,
+                                                      MV_LogError_p* error);
+/* Slice over the whole file; the new handle accepts further data. */
+MV_LOGGING_EXPORT MV_LogFile_p MV_LogAlgorithms_Clone(MV_LogFile_p file, const char* outputPath,
+                                                      MV_LogConfig_p config, MV_LogError_p* error);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

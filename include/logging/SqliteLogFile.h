@@ -1,0 +1,89 @@
+#pragma once
+
+#include <logging/LogFileInterface.h>
+#include <logging/LoggingExport.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace Marivane::Logging {
+
+class SqliteLogFilePrivate;
+
+// A log file stored as one SQLite database (format version 4).
+//
+// Opening validates the file (NotALogFileError, LegacyLogFileError, or the
+// database layer's DatabaseAccessError/FileIsNotDatabase) and repairs a
+// damaged bookmarks table. Every operation runs its own statements: nothing
+// is cached between calls but the compression level and format version.
+// Writes are accepted on any file, created or opened.
+//
+// Ownership: the object owns its connection; moving transfers it and leaves
+// the source empty (only destruction and assignment are allowed on it).
+//
+// Threads: one thread at a time, except that reads on one thread may run beside
+// bookmark edits on another (the connection is serialized).
+class MV_LOGGING_EXPORT SqliteLogFile final : public LogFileInterface {
+public:
+    // Opens the log file at `path`; a missing file or an empty database is
+    // initialised as an empty log file (tables only, no metadata).
+    explicit SqliteLogFile(const std::filesystem::path& path);
+
+    // Creates a log file: opens `path` as above, then writes the six fixed
+    // metadata keys. Does not refuse an existing file (the keys it holds are
+    // then kept); callers check for existence first.
+    SqliteLogFile(const std::string& path, const std::string& timeZone, const std::string& applicationName,
+                  const std::string& applicationVersion, int8_t compressionLevel, int64_t createdDateTime);
+
+    ~SqliteLogFile() override;
+    SqliteLogFile(SqliteLogFile&& other) noexcept;
+    SqliteLogFile& operator=(SqliteLogFile&& other) noexcept;
+    SqliteLogFile(const SqliteLogFile&) = delete;
+    SqliteLogFile& operator=(const SqliteLogFile&) = delete;
+
+    // Resource payloads may be compressed (format version above 2).
+    bool isResourceCompressionSupported() const;
+    // Bookmarks carry payloads (format version above 3).
+    bool isBookmarkPayloadsSupported() const;
+
+    std::filesystem::path getFilePath() const override;
+    std::vector<DataSource> getDataSources() const override;
+    std::optional<PropertyValue> getDataSourceProperty(int32_t dataSourceId, std::string key) const override;
+    std::vector<DataSourceProperty> getAllDataSourceProperties() const override;
+    std::vector<int32_t> getEntryIndex(const EntryIndexFilter& filter) const override;
+    int32_t getFirstEntryId() const override;
+    int32_t getLastEntryId() const override;
+    int32_t getEntryCount() const override;
+    std::optional<DataEntry> readEntry(int32_t entryId) const override;
+    std::optional<PropertyValue> getMetadataValue(std::string key) const override;
+    std::vector<LogMetadataEntry> getAllMetadata() const override;
+    std::optional<ByteBuffer> getResource(std::string name) const override;
+    std::vector<LogResourceEntry> getAllResources() const override;
+    std::optional<ByteBuffer> getThumbnail() const override;
+    std::vector<Bookmark> getBookmarks() const override;
+    bool addDataSource(DataSource& source) override;
+    bool addDataSource(const DataSource& source) override;
+    bool addDataSourceProperty(const DataSourceProperty& property) override;
+    bool logData(const DataEntry& entry) override;
+    using LogFileInterface::addMetadata;
+    bool addMetadata(std::string key, PropertyValue value) override;
+    using LogFileInterface::addResource;
+    bool addResource(const std::string& name, const ByteBuffer& data) override;
+    // Replaces every "thumbnail" resource with `data` stored as it is
+    // (uncompressed, even in files whose resources are compressed), or adds
+    // one through addResource when there is none.
+    bool setThumbnail(const ByteBuffer& data) override;
+    bool addBookmark(const Bookmark& bookmark) override;
+    bool updateBookmark(const Bookmark& bookmark) override;
+    bool removeBookmark(const Bookmark& bookmark) override;
+    std::string getLastError() const override;
+    std::vector<DataEntry> readEntries(int32_t minimumEntryId, int32_t maximumEntryId,
+                                       const EntryIndexFilter& filter, int32_t limit) const override;
+
+private:
+    std::unique_ptr<SqliteLogFilePrivate> d;
+};
+
+}  // namespace Marivane::Logging

@@ -1,0 +1,121 @@
+#include <core/Compression.h>
+
+#include <zstd.h>
+
+#include <limits>
+#include <memory>
+
+namespace Marivane::Compression {
+
+CompressionError::CompressionError(const std::string& message) : std::runtime_error(message) {}
+
+namespace {
+
+struct CompressionContextDeleter {
+    void operator()(ZSTD_CCtx* context) const noexcept { ZSTD_freeCCtx(context); }
+};
+struct DecompressionContextDeleter {
+    void operator()(ZSTD_DCtx* context) const noexcept { ZSTD_freeDCtx(context); }
+};
+
+// Setting up a codec context costs more than compressing a small payload, so
+// each thread keeps one of each for its lifetime.
+ZSTD_CCtx* threadCompressionContext() {
+    thread_local std::unique_ptr<ZSTD_CCtx, CompressionContextDeleter> context(ZSTD_createCCtx());
+    if (!context) {
+        throw CompressionError("Cannot compress data: out of memory for the codec context");
+    }
+    return context.get();
+}
+
+ZSTD_DCtx* threadDecompressionContext() {
+    thread_local std::unique_ptr<ZSTD_DCtx, DecompressionContextDeleter> context(ZSTD_createDCtx());
+    if (!context) {
+        throw CompressionError("Cannot uncompress data: out of memory for the codec context");
+    }
+    return context.get();
+}
+
+// Above this size a frame's declared content size is not trusted for a
+// single up-front allocation: a damaged header could claim terabytes. Such
+// frames expand through the streaming path, which grows with the real data.
+constexpr unsigned long long kMaxTrustedContentSize = 1ULL << 30;
+
+[[noreturn]] void throwUncompressError(const std::string& what) {
+    throw CompressionError("Cannot uncompress data: " + what);
+}
+
+ByteBuffer uncompressKnownSize(const ByteBuffer& data, std::size_t contentSize) {
+    ByteBuffer output(contentSize);
+    ZSTD_DCtx* context = threadDecompressionContext();
+    ZSTD_DCtx_reset(context, ZSTD_reset_session_only);
+    const std::size_t written = ZSTD_decompressDCtx(context, output.data(), output.size(), data.data(), data.size());
+    if (ZSTD_isError(written)) {
+        throwUncompressError(ZSTD_getErrorName(written));
+    }
+    if (written != contentSize) {
+        throwUncompressError("the frame is shorter than its declared size");
+    }
+    return output;
+}
+
+ByteBuffer uncompressStreaming(const ByteBuffer& data) {
+    ZSTD_DCtx* context = threadDecompressionContext();
+    ZSTD_DCtx_reset(context, ZSTD_reset_session_only);
+    ByteBuffer output;
+    const std::size_t chunk = ZSTD_DStreamOutSize();
+    ZSTD_inBuffer input{data.data(), data.size(), 0};
+    std::size_t remaining = 1;
+    while (input.pos < input.size || remaining != 0) {
+        const std::size_t used = output.size();
+        output.resize(used + chunk);
+        ZSTD_outBuffer out{output.data() + used, chunk, 0};
+        remaining = ZSTD_decompressStream(context, &out, &input);
+        output.resize(used + out.pos);
+        if (ZSTD_isError(remaining)) {
+            throwUncompressError(ZSTD_getErrorName(remaining));
+        }
+        if (input.pos == input.size && remaining != 0 && out.pos == 0) {
+            throwUncompressError("the data is truncated");
+        }
+    }
+    return output;
+}
+
+}  // namespace
+
+ByteBuffer compress(const ByteBuffer& data, int level) {
+    const int codecLevel = level == DefaultCompressionLevel ? ZSTD_CLEVEL_DEFAULT : level;
+    ZSTD_CCtx* context = threadCompressionContext();
+    ZSTD_CCtx_reset(context, ZSTD_reset_session_and_parameters);
+    ZSTD_CCtx_setParameter(context, ZSTD_c_compressionLevel, codecLevel);
+    ZSTD_CCtx_setParameter(context, ZSTD_c_contentSizeFlag, 1);
+
+    ByteBuffer output(ZSTD_compressBound(data.size()));
+    const std::size_t written = ZSTD_compress2(context, output.data(), output.size(), data.data(), data.size());
+    if (ZSTD_isError(written)) {
+        throw CompressionError(std::string("Cannot compress data: ") + ZSTD_getErrorName(written));
+    }
+    output.resize(written);
+    return output;
+}
+
+ByteBuffer uncompress(const ByteBuffer& data) {
+    if (data.empty()) {
+        throwUncompressError("the data is empty");
+    }
+    const unsigned long long contentSize = ZSTD_getFrameContentSize(data.data(), data.size());
+    if (contentSize == ZSTD_CONTENTSIZE_ERROR) {
+        throwUncompressError("the data is not a valid compressed frame or is truncated");
+    }
+    // Only a single frame whose header states its size takes the one-shot path;
+    // concatenated frames and frames without a size expand as a stream.
+    const std::size_t firstFrameSize = ZSTD_findFrameCompressedSize(data.data(), data.size());
+    const bool singleFrame = !ZSTD_isError(firstFrameSize) && firstFrameSize == data.size();
+    if (!singleFrame || contentSize == ZSTD_CONTENTSIZE_UNKNOWN || contentSize > kMaxTrustedContentSize) {
+        return uncompressStreaming(data);
+    }
+    return uncompressKnownSize(data, static_cast<std::size_t>(contentSize));
+}
+
+}  // namespace Marivane::Compression

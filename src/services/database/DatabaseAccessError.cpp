@@ -1,0 +1,10 @@
+#include <database/DatabaseAccessError.h>
+#include <database/FileIsNotDatabase.h>
+
+namespace Marivane::Database {
+
+DatabaseAccessError::DatabaseAccessError(const std::string& message) : std::runtime_error(message) {}
+
+FileIsNotDatabase::FileIsNotDatabase(const std::string& message) : DatabaseAccessError(message) {}
+
+}  // namespace Marivane::Database

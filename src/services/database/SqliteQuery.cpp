@@ -1,0 +1,121 @@
+#include <database/SqliteQuery.h>
+
+#include <database/SqliteDatabase.h>
+
+#include "SqliteErrors.h"
+
+#include <sqlite3.h>
+
+namespace Marivane::Database {
+
+namespace {
+
+sqlite3_destructor_type destructorFor(BindMode mode) {
+    return mode == BindMode::NoCopy ? SQLITE_STATIC : SQLITE_TRANSIENT;
+}
+
+}  // namespace
+
+SqliteQuery::SqliteQuery(const SqliteDatabase& database, const std::string& sql) : database_(database) {
+    sqlite3* connection = database_.connection();
+    const int code = sqlite3_prepare_v2(connection, sql.c_str(), static_cast<int>(sql.size() + 1), &statement_,
+                                        nullptr);
+    if (code != SQLITE_OK) {
+        database_.recordStepResult(code);
+        const std::string sqliteMessage = sqlite3_errmsg(connection);
+        sqlite3_finalize(statement_);
+        statement_ = nullptr;
+        throwDatabaseError(code, "Cannot prepare '" + sql + "'", sqliteMessage);
+    }
+}
+
+SqliteQuery::~SqliteQuery() { sqlite3_finalize(statement_); }
+
+int32_t SqliteQuery::executeStep() {
+    const int code = sqlite3_step(statement_);
+    if (code == SQLITE_ROW) {
+        database_.recordStepResult(SQLITE_OK);
+        hasRow_ = true;
+        return StepRow;
+    }
+    hasRow_ = false;
+    if (code == SQLITE_DONE) {
+        database_.recordStepResult(SQLITE_OK);
+        return StepDone;
+    }
+    database_.recordStepResult(code);
+    return StepFailed;
+}
+
+void SqliteQuery::resetQuery() {
+    sqlite3_reset(statement_);
+    hasRow_ = false;
+}
+
+int SqliteQuery::parameterIndex(const std::string& name) const {
+    return sqlite3_bind_parameter_index(statement_, name.c_str());
+}
+
+void SqliteQuery::bindParameter(const std::string& name, int32_t value) {
+    if (const int index = parameterIndex(name)) {
+        sqlite3_bind_int(statement_, index, value);
+    }
+}
+
+void SqliteQuery::bindParameter(const std::string& name, int64_t value) {
+    if (const int index = parameterIndex(name)) {
+        sqlite3_bind_int64(statement_, index, value);
+    }
+}
+
+void SqliteQuery::bindParameter(const std::string& name, double value) {
+    if (const int index = parameterIndex(name)) {
+        sqlite3_bind_double(statement_, index, value);
+    }
+}
+
+void SqliteQuery::bindParameter(const std::string& name, const std::string& value, BindMode mode) {
+    if (const int index = parameterIndex(name)) {
+        sqlite3_bind_text64(statement_, index, value.data(), value.size(), destructorFor(mode), SQLITE_UTF8);
+    }
+}
+
+void SqliteQuery::bindParameter(const std::string& name, const std::vector<std::byte>& value, BindMode mode) {
+    const int index = parameterIndex(name);
+    if (index == 0) {
+        return;
+    }
+    if (value.empty()) {
+        // A null data pointer would bind NULL; the columns want an empty blob.
+        sqlite3_bind_zeroblob(statement_, index, 0);
+        return;
+    }
+    sqlite3_bind_blob64(statement_, index, value.data(), value.size(), destructorFor(mode));
+}
+
+ColumnValue SqliteQuery::getValueFromColumn(int column) const {
+    if (!hasRow_) {
+        return std::nullopt;
+    }
+    switch (sqlite3_column_type(statement_, column)) {
+        case SQLITE_INTEGER:
+            return ColumnValue{std::in_place, std::in_place_index<0>, sqlite3_column_int64(statement_, column)};
+        case SQLITE_FLOAT:
+            return ColumnValue{std::in_place, std::in_place_index<1>, sqlite3_column_double(statement_, column)};
+        case SQLITE_TEXT: {
+            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+            const int size = sqlite3_column_bytes(statement_, column);
+            return ColumnValue{std::in_place, std::in_place_index<2>,
+                               text ? std::string(text, static_cast<std::size_t>(size)) : std::string()};
+        }
+        case SQLITE_BLOB: {
+            const auto* bytes = static_cast<const std::byte*>(sqlite3_column_blob(statement_, column));
+            const int size = sqlite3_column_bytes(statement_, column);
+            return ColumnValue{std::in_place, std::in_place_index<3>, bytes, bytes + size};
+        }
+        default:
+            return std::nullopt;
+    }
+}
+
+}  // namespace Marivane::Database

@@ -1,0 +1,466 @@
+#include <logging/SqliteLogFile.h>
+
+#include "SqliteLogFilePrivate.h"
+
+#include <logging/Algorithms.h>
+
+#include <core/Compression.h>
+#include <database/BindParameterVisitor.h>
+#include <database/ColumnAccess.h>
+#include <database/ReturnPropertyValueVisitor.h>
+
+#include <variant>
+
+namespace Marivane::Logging {
+
+using Database::BindMode;
+using Database::getValueFromColumn;
+using Database::SqliteQuery;
+using Database::StepRow;
+
+namespace {
+
+constexpr int8_t kCurrentLogVersion = 4;
+constexpr const char* kThumbnailName = "thumbnail";
+
+int8_t lowEightBits(int value) { return static_cast<int8_t>(value); }
+
+// A copy of the column as a PropertyValue, or absent for NULL.
+std::optional<PropertyValue> readPropertyValue(const SqliteQuery& query, int column) {
+    Database::ColumnValue value = query.getValueFromColumn(column);
+    if (!value) {
+        return std::nullopt;
+    }
+    return std::visit(Database::ReturnPropertyValueVisitor{}, *value);
+}
+
+}  // namespace
+
+// ---- life ---------------------------------------------------------------
+
+SqliteLogFile::SqliteLogFile(const std::filesystem::path& path) : d(std::make_unique<SqliteLogFilePrivate>(path)) {
+    if (!d->createdTables) {
+        d->compressionLevel = static_cast<int8_t>(Logging::getMetadataValue<int>(*this, "compressionLevel", 0));
+        d->logVersion = Logging::getMetadataValue<int>(*this, "logVersion", 0);
+    }
+}
+
+SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZone,
+                             const std::string& applicationName, const std::string& applicationVersion,
+                             int8_t compressionLevel, int64_t createdDateTime)
+    : SqliteLogFile(std::filesystem::path(path)) {
+    addMetadata("createdDateTime", createdDateTime);
+    addMetadata("applicationName", applicationName);
+    addMetadata("applicationVersion", applicationVersion);
+    addMetadata("currentTimeZone", timeZone);
+    addMetadata("logVersion", int32_t{kCurrentLogVersion});
+    addMetadata("compressionLevel", int32_t{compressionLevel});
+    d->compressionLevel = compressionLevel;
+    d->logVersion = kCurrentLogVersion;
+}
+
+SqliteLogFile::~SqliteLogFile() = default;
+SqliteLogFile::SqliteLogFile(SqliteLogFile&& other) noexcept = default;
+SqliteLogFile& SqliteLogFile::operator=(SqliteLogFile&& other) noexcept = default;
+
+bool SqliteLogFile::isResourceCompressionSupported() const { return d->isResourceCompressionSupported(); }
+
+bool SqliteLogFile::isBookmarkPayloadsSupported() const { return d->isBookmarkPayloadsSupported(); }
+
+std::filesystem::path SqliteLogFile::getFilePath() const { return d->filePath; }
+
+std::string SqliteLogFile::getLastError() const { return d->lastError; }
+
+// ---- data sources, properties, entries ---------------------------------------
+
+bool SqliteLogFile::addDataSource(DataSource& source) {
+    SqliteQuery query(d->database,
+                      "INSERT INTO dataSources (dataSourceType, dataSourceName) VALUES (:dataSourceType, "
+                      ":dataSourceName);");
+    query.bindParameter(":dataSourceType", int32_t{source.type});
+    query.bindParameter(":dataSourceName", source.name, BindMode::NoCopy);
+    if (!d->executeWrite(query)) {
+        return false;
+    }
+    source.id = lowEightBits(static_cast<int>(d->database.getLastInsertedRowId()));
+    return true;
+}
+
+bool SqliteLogFile::addDataSource(const DataSource& source) {
+    SqliteQuery query(d->database,
+                      "INSERT INTO dataSources (dataSourceId, dataSourceType, dataSourceName) VALUES "
+                      "(:dataSourceId, :dataSourceType, :dataSourceName);");
+    query.bindParameter(":dataSourceId", int32_t{source.id});
+    query.bindParameter(":dataSourceType", int32_t{source.type});
+    query.bindParameter(":dataSourceName", source.name, BindMode::NoCopy);
+    return d->executeWrite(query);
+}
+
+bool SqliteLogFile::addDataSourceProperty(const DataSourceProperty& property) {
+    SqliteQuery query(d->database,
+                      "INSERT INTO dataSourceProperties (dataSourceId, key, value) VALUES (:dataSourceId, :key, "
+                      ":value);");
+    query.bindParameter(":dataSourceId", int32_t{property.dataSourceId});
+    query.bindParameter(":key", property.propertyName, BindMode::NoCopy);
+    std::visit(Database::BindParameterVisitor(query, ":value"), property.value);
+    return d->executeWrite(
+        query, "Attempted to add a data source property for a data source that did not exist in the file.");
+}
+
+bool SqliteLogFile::logData(const DataEntry& entry) {
+    SqliteQuery query(d->database,
+                      "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES (:timestamp, "
+                      ":type, :dataSourceId, :length, :payload);");
+    query.bindParameter(":timestamp", entry.timestamp);
+    query.bindParameter(":type", entry.type);
+    query.bindParameter(":dataSourceId", int32_t{entry.dataSourceId});
+    ByteBuffer compressed;
+    if (d->compressesPayloads()) {
+        compressed = Compression::compress(entry.data, d->compressionLevel);
+    }
+    const ByteBuffer& stored = d->compressesPayloads() ? compressed : entry.data;
+    query.bindParameter(":length", static_cast<int32_t>(stored.size()));
+    query.bindParameter(":payload", stored, BindMode::NoCopy);
+    return d->executeWrite(query, "Attempted to log data against a data source that did not exist in the file.");
+}
+
+std::vector<DataSource> SqliteLogFile::getDataSources() const {
+    SqliteQuery query(d->database, "SELECT dataSourceId, dataSourceType, dataSourceName FROM dataSources;");
+    std::vector<DataSource> sources;
+    while (query.executeStep() == StepRow) {
+        DataSource source;
+        source.name = getValueFromColumn<std::string>(query, 2).value_or(std::string());
+        source.type = static_cast<MV_LogDataSourceType>(getValueFromColumn<int>(query, 1).value_or(0));
+        source.id = lowEightBits(getValueFromColumn<int>(query, 0).value_or(-1));
+        sources.push_back(std::move(source));
+    }
+    return sources;
+}
+
+std::optional<PropertyValue> SqliteLogFile::getDataSourceProperty(int32_t dataSourceId, std::string key) const {
+    SqliteQuery query(d->database, "SELECT value FROM dataSourceProperties WHERE dataSourceId = :id AND key = :key;");
+    query.bindParameter(":id", dataSourceId);
+    query.bindParameter(":key", key, BindMode::NoCopy);
+    query.executeStep();
+    return readPropertyValue(query, 0);
+}
+
+std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() const {
+    std::vector<DataSourceProperty> properties;
+    {
+        SqliteQuery count(d->database, "SELECT COUNT(*) FROM dataSourceProperties;");
+        count.executeStep();
+        properties.reserve(static_cast<std::size_t>(getValueFromColumn<int>(count, 0).value_or(0)));
+    }
+    if (properties.capacity() == 0) {
+        return properties;
+    }
+    SqliteQuery query(d->database, "SELECT dataSourceId, key, value FROM dataSourceProperties;");
+    while (query.executeStep() == StepRow) {
+        DataSourceProperty property;
+        if (std::optional<PropertyValue> value = readPropertyValue(query, 2)) {
+            property.value = std::move(*value);
+        }
+        property.dataSourceId = lowEightBits(getValueFromColumn<int>(query, 0).value_or(-1));
+        property.propertyName = getValueFromColumn<std::string>(query, 1).value_or(std::string());
+        properties.push_back(std::move(property));
+    }
+    return properties;
+}
+
+int32_t SqliteLogFile::getFirstEntryId() const { return d->readSingleInteger("SELECT MIN(entryId) FROM data;"); }
+
+int32_t SqliteLogFile::getLastEntryId() const { return d->readSingleInteger("SELECT MAX(entryId) FROM data;"); }
+
+int32_t SqliteLogFile::getEntryCount() const { return d->readSingleInteger("SELECT COUNT(*) FROM data;"); }
+
+std::optional<DataEntry> SqliteLogFile::readEntry(int32_t entryId) const {
+    SqliteQuery query(d->database, "SELECT timestamp, type, dataSourceId, payload FROM data WHERE entryId = :entryId;");
+    query.bindParameter(":entryId", entryId);
+    if (query.executeStep() != StepRow) {
+        return std::nullopt;
+    }
+    DataEntry entry;
+    entry.entryId = entryId;
+    entry.timestamp = getValueFromColumn<int64_t>(query, 0).value_or(0);
+    entry.data = d->expandPayload(getValueFromColumn<ByteBuffer>(query, 3).value_or(ByteBuffer()));
+    entry.type = getValueFromColumn<int>(query, 1).value_or(0);
+    entry.dataSourceId = lowEightBits(getValueFromColumn<int>(query, 2).value_or(-1));
+    return entry;
+}
+
+// ---- metadata, resources, thumbnail ---------------------------------------------
+
+bool SqliteLogFile::addMetadata(std::string key, PropertyValue value) {
+    {
+        SqliteQuery existing(d->database, "SELECT * FROM metadata WHERE key = :key;");
+        existing.bindParameter(":key", key, BindMode::NoCopy);
+        if (existing.executeStep() == StepRow) {
+            return false;
+        }
+    }
+    SqliteQuery insert(d->database, "INSERT INTO metadata (key, value) VALUES (:key, :value);");
+    insert.bindParameter(":key", key, BindMode::NoCopy);
+    std::visit(Database::BindParameterVisitor(insert, ":value"), value);
+    return d->executeWrite(insert);
+}
+
+std::optional<PropertyValue> SqliteLogFile::getMetadataValue(std::string key) const {
+    SqliteQuery query(d->database, "SELECT value FROM metadata WHERE key = :key;");
+    query.bindParameter(":key", key, BindMode::NoCopy);
+    query.executeStep();
+    return readPropertyValue(query, 0);
+}
+
+std::vector<LogMetadataEntry> SqliteLogFile::getAllMetadata() const {
+    SqliteQuery query(d->database, "SELECT key, value FROM metadata;");
+    std::vector<LogMetadataEntry> entries;
+    while (query.executeStep() == StepRow) {
+        if (std::optional<PropertyValue> value = readPropertyValue(query, 1)) {
+            entries.push_back({getValueFromColumn<std::string>(query, 0).value_or(std::string()), std::move(*value)});
+        }
+    }
+    return entries;
+}
+
+bool SqliteLogFile::addResource(const std::string& name, const ByteBuffer& data) {
+    {
+        SqliteQuery existing(d->database, "SELECT * FROM resources WHERE name = :name;");
+        existing.bindParameter(":name", name, BindMode::NoCopy);
+        if (existing.executeStep() == StepRow) {
+            return false;
+        }
+    }
+    const bool compress = d->isResourceCompressionSupported() && d->compressesPayloads();
+    ByteBuffer compressed;
+    if (compress) {
+        compressed = Compression::compress(data, d->compressionLevel);
+    }
+    SqliteQuery insert(d->database, "INSERT INTO resources (name, payload) VALUES (:name, :payload);");
+    insert.bindParameter(":name", name, BindMode::NoCopy);
+    insert.bindParameter(":payload", compress ? compressed : data, BindMode::NoCopy);
+    return d->executeWrite(insert);
+}
+
+namespace {
+
+// Resources are compressed only when the format allows it and the file
+// compresses at all.
+ByteBuffer expandResource(const SqliteLogFilePrivate& file, ByteBuffer stored) {
+    if (file.isResourceCompressionSupported() && file.compressesPayloads()) {
+        return Compression::uncompress(stored);
+    }
+    return stored;
+}
+
+}  // namespace
+
+std::optional<ByteBuffer> SqliteLogFile::getResource(std::string name) const {
+    SqliteQuery query(d->database, "SELECT payload FROM resources WHERE name = :name;");
+    query.bindParameter(":name", name, BindMode::NoCopy);
+    if (query.executeStep() != StepRow) {
+        return std::nullopt;
+    }
+    return expandResource(*d, getValueFromColumn<ByteBuffer>(query, 0).value_or(ByteBuffer()));
+}
+
+std::vector<LogResourceEntry> SqliteLogFile::getAllResources() const {
+    SqliteQuery query(d->database, "SELECT name, payload FROM resources;");
+    std::vector<LogResourceEntry> resources;
+    while (query.executeStep() == StepRow) {
+        ByteBuffer data = expandResource(*d, getValueFromColumn<ByteBuffer>(query, 1).value_or(ByteBuffer()));
+        resources.push_back({getValueFromColumn<std::string>(query, 0).value_or(std::string()), std::move(data)});
+    }
+    return resources;
+}
+
+std::optional<ByteBuffer> SqliteLogFile::getThumbnail() const { return getResource(kThumbnailName); }
+
+bool SqliteLogFile::setThumbnail(const ByteBuffer& data) {
+    std::optional<int> count;
+    {
+        SqliteQuery query(d->database, "SELECT COUNT(*) FROM resources WHERE name = 'thumbnail';");
+        query.executeStep();
+        count = getValueFromColumn<int>(query, 0);
+    }
+    if (!count) {
+        d->processErrorCode(d->database.getLastErrorCode());
+        return false;
+    }
+    if (*count == 0) {
+        return addResource(kThumbnailName, data);
+    }
+    // Replacing keeps the bytes as they are, even where inserts compress.
+    SqliteQuery update(d->database, "UPDATE resources SET payload = :payload WHERE name = 'thumbnail';");
+    update.bindParameter(":payload", data, BindMode::NoCopy);
+    return d->executeWrite(update);
+}
+
+// ---- bookmarks -------------------------------------------------------------------
+
+namespace {
+
+// Binds the payload column, compressed when the file compresses. `compressed`
+// receives the compressed bytes and must live until the statement is stepped.
+void bindBookmarkPayload(const SqliteLogFilePrivate& file, SqliteQuery& query, const ByteBuffer& payload,
+                         ByteBuffer& compressed) {
+    if (file.compressesPayloads()) {
+        compressed = Compression::compress(payload, file.compressionLevel);
+        query.bindParameter(":payload", compressed, BindMode::NoCopy);
+    } else {
+        query.bindParameter(":payload", payload, BindMode::NoCopy);
+    }
+}
+
+}  // namespace
+
+bool SqliteLogFile::addBookmark(const Bookmark& bookmark) {
+    const bool withPayload = d->isBookmarkPayloadsSupported();
+    SqliteQuery query(d->database,
+                      withPayload ? "INSERT INTO bookmarks (entryId, title, comments, payload) VALUES (:entryId, "
+                                    ":title, :comments, :payload);"
+                                  : "INSERT INTO bookmarks (entryId, title, comments) VALUES (:entryId, :title, "
+                                    ":comments);");
+    query.bindParameter(":entryId", bookmark.entryId);
+    query.bindParameter(":title", bookmark.title, BindMode::NoCopy);
+    query.bindParameter(":comments", bookmark.comments, BindMode::NoCopy);
+    ByteBuffer compressed;
+    if (withPayload) {
+        bindBookmarkPayload(*d, query, bookmark.payload, compressed);
+    }
+    return d->executeWrite(query);
+}
+
+bool SqliteLogFile::updateBookmark(const Bookmark& bookmark) {
+    const bool withPayload = d->isBookmarkPayloadsSupported();
+    SqliteQuery query(d->database,
+                      withPayload ? "UPDATE bookmarks SET title = :title, comments = :comments, payload = :payload "
+                                    "WHERE entryId = :entryId;"
+                                  : "UPDATE bookmarks SET title = :title, comments = :comments WHERE entryId = "
+                                    ":entryId;");
+    query.bindParameter(":title", bookmark.title, BindMode::NoCopy);
+    query.bindParameter(":comments", bookmark.comments, BindMode::NoCopy);
+    query.bindParameter(":entryId", bookmark.entryId);
+    ByteBuffer compressed;
+    if (withPayload) {
+        bindBookmarkPayload(*d, query, bookmark.payload, compressed);
+    }
+    return d->executeWrite(query);
+}
+
+bool SqliteLogFile::removeBookmark(const Bookmark& bookmark) {
+    SqliteQuery query(d->database, "DELETE FROM bookmarks WHERE entryId = :entryId;");
+    query.bindParameter(":entryId", bookmark.entryId);
+    return d->executeWrite(query);
+}
+
+std::vector<Bookmark> SqliteLogFile::getBookmarks() const {
+    const bool withPayload = d->isBookmarkPayloadsSupported();
+    SqliteQuery query(d->database, withPayload ? "SELECT entryId, title, comments, payload FROM bookmarks;"
+                                               : "SELECT entryId, title, comments FROM bookmarks;");
+    std::vector<Bookmark> bookmarks;
+    while (query.executeStep() == StepRow) {
+        Bookmark bookmark;
+        if (withPayload) {
+            bookmark.payload = d->expandPayload(getValueFromColumn<ByteBuffer>(query, 3).value_or(ByteBuffer()));
+        }
+        // The library always stores a text, but the column allows NULL.
+        bookmark.comments = getValueFromColumn<std::string>(query, 2).value_or(std::string());
+        bookmark.title = getValueFromColumn<std::string>(query, 1).value_or(std::string());
+        bookmark.entryId = getValueFromColumn<int>(query, 0).value_or(0);
+        bookmarks.push_back(std::move(bookmark));
+    }
+    return bookmarks;
+}
+
+// ---- filtered reads ---------------------------------------------------------------
+
+namespace {
+
+constexpr const char* kJoinedData =
+    "FROM data INNER JOIN dataSources ON data.dataSourceId = dataSources.dataSourceId ";
+
+// The count statement only sizes the result; a read that yields no row (a
+// LIMIT 0 clause) counts as 0.
+int readCount(SqliteQuery& query) {
+    query.executeStep();
+    return getValueFromColumn<int>(query, 0).value_or(0);
+}
+
+}  // namespace
+
+std::vector<int32_t> SqliteLogFile::getEntryIndex(const EntryIndexFilter& filter) const {
+    const std::string clause = filter.toWhereClause();
+    std::vector<int32_t> ids;
+    int count = 0;
+    {
+        SqliteQuery query(d->database, std::string("SELECT COUNT(*) ") + kJoinedData + clause + ";");
+        filter.bindParameters(query);
+        count = readCount(query);
+    }
+    ids.reserve(static_cast<std::size_t>(count));
+    if (count == 0) {
+        return ids;
+    }
+    SqliteQuery query(d->database, std::string("SELECT entryId ") + kJoinedData + clause + " ORDER BY entryId;");
+    filter.bindParameters(query);
+    while (query.executeStep() == StepRow) {
+        ids.push_back(getValueFromColumn<int>(query, 0).value_or(0));
+    }
+    return ids;
+}
+
+std::vector<DataEntry> SqliteLogFile::readEntries(int32_t minimumEntryId, int32_t maximumEntryId,
+                                                  const EntryIndexFilter& filter, int32_t limit) const {
+    if (minimumEntryId == -1 || maximumEntryId == -1) {
+        if (minimumEntryId == -1) {
+            minimumEntryId = getFirstEntryId();
+        }
+        if (maximumEntryId == -1) {
+            maximumEntryId = getLastEntryId();
+        }
+        if (minimumEntryId == -1 || maximumEntryId == -1) {
+            return {};
+        }
+    }
+    const std::string filterClause = filter.toWhereClause();
+    const std::string range = " (data.entryId BETWEEN :minimumEntryId AND :maximumEntryId)";
+    const std::string rangeClause = filterClause.empty() ? "WHERE" + range : filterClause + " AND" + range;
+    const std::string limitText = limit != -1 ? "LIMIT :limit" : "";
+
+    auto bindAll = [&](SqliteQuery& query) {
+        query.bindParameter(":minimumEntryId", minimumEntryId);
+        query.bindParameter(":maximumEntryId", maximumEntryId);
+        query.bindParameter(":limit", limit);
+        filter.bindParameters(query);
+    };
+
+    std::vector<DataEntry> entries;
+    int count = 0;
+    {
+        SqliteQuery query(d->database, std::string("SELECT COUNT(*) ") + kJoinedData + rangeClause + " " +
+                                           limitText + ";");
+        bindAll(query);
+        count = readCount(query);
+    }
+    entries.reserve(static_cast<std::size_t>(count));
+    if (count == 0) {
+        return entries;
+    }
+    SqliteQuery query(d->database,
+                      std::string("SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, data.payload ") +
+                          kJoinedData + rangeClause + " ORDER BY entryId " + limitText + ";");
+    bindAll(query);
+    while (query.executeStep() == StepRow) {
+        DataEntry entry;
+        entry.entryId = getValueFromColumn<int>(query, 0).value_or(0);
+        entry.timestamp = getValueFromColumn<int64_t>(query, 1).value_or(0);
+        entry.type = getValueFromColumn<int>(query, 2).value_or(0);
+        entry.dataSourceId = lowEightBits(getValueFromColumn<int>(query, 3).value_or(-1));
+        entry.data = d->expandPayload(getValueFromColumn<ByteBuffer>(query, 4).value_or(ByteBuffer()));
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+}  // namespace Marivane::Logging

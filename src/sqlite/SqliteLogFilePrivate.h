@@ -1,0 +1,63 @@
+#pragma once
+
+#include <logging/ByteBuffer.h>
+
+#include <database/SqliteDatabase.h>
+#include <database/SqliteQuery.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+namespace Marivane::Logging {
+
+// The state of an open SqliteLogFile and the routines that validate and
+// initialise the file. Only the compression level and the format version are
+// cached; everything else is read from the file on each call.
+class SqliteLogFilePrivate {
+public:
+    // Opens `path` (creating it if missing), checks the tables, creates them in
+    // an empty database or repairs the bookmarks table of an existing log
+    // file, and applies the connection settings. Throws LegacyLogFileError or
+    // NotALogFileError for files that are not log files, and lets every other
+    // database error through.
+    explicit SqliteLogFilePrivate(const std::filesystem::path& path);
+
+    Database::SqliteDatabase database;
+    std::filesystem::path filePath;
+    bool createdTables = false;
+    // 0: store uncompressed; -1 or 1 to 9: compress at that level.
+    int8_t compressionLevel = 0;
+    int32_t logVersion = 0;
+    // Reads that fail record a message too, so const operations write here.
+    mutable std::string lastError = "No error";
+
+    // True when the database holds the six log tables, false when it holds no
+    // table at all; throws NotALogFileError for anything in between.
+    bool checkForTables();
+    void createTables();
+    void createBookmarksTable();
+    // Rebuilds the bookmarks table (its rows are lost) when its foreign-key
+    // check reports a problem.
+    void fixBookmarksTable();
+    // Replaces lastError with the message for a database error code.
+    void processErrorCode(int code) const;
+
+    bool isResourceCompressionSupported() const { return logVersion > 2; }
+    bool isBookmarkPayloadsSupported() const { return logVersion > 3; }
+    bool compressesPayloads() const { return compressionLevel != 0; }
+
+    // Steps a write statement once; on failure records the message for the
+    // database's error code, or `foreignKeyMessage` (when given) for a
+    // foreign-key violation.
+    bool executeWrite(Database::SqliteQuery& query, const char* foreignKeyMessage = nullptr);
+
+    // Reads column 0 of a one-row statement as a 32-bit integer; -1 with a
+    // recorded message when it yields nothing.
+    int32_t readSingleInteger(const std::string& sql) const;
+
+    // Payload bytes as read from the file, expanded when the file compresses.
+    ByteBuffer expandPayload(ByteBuffer stored) const;
+};
+
+}  // namespace Marivane::Logging
