@@ -1,0 +1,30 @@
+#pragma once
+
+#include "CHandles.h"
+
+#include <logging/ByteBuffer.h>
+
+#include <cstdint>
+#include <string>
+
+namespace Marivane::Logging::CApi {
+
+// A copy of a NUL-terminated text. A null pointer throws std::logic_error with
+// the same text on every platform.
+std::string textFrom(const char* text);
+
+// A copy of `length` bytes; a negative length throws std::length_error, as a
+// byte list of that size would.
+ByteBuffer bytesFrom(const uint8_t* data, int64_t length);
+
+// Borrowed view of a byte list for a getter.
+void exposeBytes(const ByteBuffer& bytes, int64_t* length, const uint8_t** data);
+
+// Stores a new error object holding `message` when `error` is not null.
+void storeError(MV_LogError_p* error, std::string message);
+
+// True when `result` is; otherwise stores the file's last-error text (when
+// asked for) and returns false.
+bool populateErrorOnFailure(bool result, MV_LogFile_p file, MV_LogError_p* error);
+
+}  // namespace Marivane::Logging::CApi

@@ -1,0 +1,66 @@
+#pragma once
+
+// The objects behind the C interface's opaque handles: one wrapper per handle
+// type, holding the class interface's record or object by value. The C layer
+// only converts between these and the class interface.
+
+#include <logging/MV_Logging.h>
+
+#include <logging/Bookmark.h>
+#include <logging/DataEntry.h>
+#include <logging/DataSource.h>
+#include <logging/DataSourceProperty.h>
+#include <logging/EntryIndexFilter.h>
+#include <logging/LogFileInterface.h>
+#include <logging/LogMetadataEntry.h>
+#include <logging/LogResourceEntry.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+struct MV_LogError {
+    std::string message;
+};
+
+struct MV_LogConfig {
+    std::string applicationName;
+    std::string applicationVersion;
+    std::string timeZone;
+    int8_t compressionLevel = -1;
+};
+
+struct MV_LogFile {
+    std::unique_ptr<Marivane::Logging::LogFileInterface> file;
+    // False for files that were opened (or sliced) rather than created: such
+    // handles refuse data sources, properties and entries.
+    bool canAddData = false;
+};
+
+struct MV_LogBookmark {
+    Marivane::Logging::Bookmark value;
+};
+
+struct MV_LogDataEntry {
+    Marivane::Logging::DataEntry value;
+};
+
+struct MV_LogDataSource {
+    Marivane::Logging::DataSource value;
+};
+
+struct MV_LogDataSourceProperty {
+    Marivane::Logging::DataSourceProperty value;
+};
+
+struct MV_LogMetadata {
+    LogMetadataEntry value;
+};
+
+struct MV_LogResource {
+    LogResourceEntry value;
+};
+
+struct MV_LogEntryIndexFilter {
+    Marivane::Logging::EntryIndexFilter value;
+};

@@ -1,0 +1,107 @@
+#include "CConversions.h"
+#include "CHandles.h"
+
+#include <logging/SqliteLogFile.h>
+
+#include <core/Chrono.h>
+
+#include <exception>
+#include <filesystem>
+#include <system_error>
+
+using namespace Marivane::Logging;
+using Marivane::Logging::CApi::storeError;
+
+namespace {
+
+std::filesystem::file_type fileTypeAt(const char* path) {
+    std::error_code error;
+    return std::filesystem::symlink_status(path, error).type();
+}
+
+// A status that cannot be read (type none, e.g. no permission) is neither
+// taken nor missing: the database layer then reports what is wrong.
+bool somethingExistsAt(const char* path) {
+    const auto type = fileTypeAt(path);
+    return type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::none;
+}
+
+bool nothingExistsAt(const char* path) { return fileTypeAt(path) == std::filesystem::file_type::not_found; }
+
+// Runs `makeFile` and turns any exception into an error object.
+template <typename MakeFile>
+MV_LogFile_p guardedOpen(MakeFile makeFile, MV_LogError_p* error) {
+    try {
+        return makeFile();
+    } catch (const std::exception& exception) {
+        storeError(error, exception.what());
+    } catch (...) {
+        storeError(error, "Unknown internal error");
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+void MV_LogError_Destroy(MV_LogError_p error) { delete error; }
+
+void MV_LogError_GetErrorMessage(MV_LogError_p error, const char** message) { *message = error->message.c_str(); }
+
+MV_LogConfig_p MV_LogConfig_Create(const char* applicationName, const char* applicationVersion,
+                                   const char* timeZone) {
+    return new MV_LogConfig{CApi::textFrom(applicationName), CApi::textFrom(applicationVersion),
+                            CApi::textFrom(timeZone), -1};
+}
+
+void MV_LogConfig_Destroy(MV_LogConfig_p config) { delete config; }
+
+void MV_LogConfig_GetTimeZone(MV_LogConfig_p config, const char** timeZone) { *timeZone = config->timeZone.c_str(); }
+
+bool MV_LogConfig_SetTimeZone(MV_LogConfig_p config, const char* timeZone) {
+    config->timeZone = CApi::textFrom(timeZone);
+    return true;
+}
+
+void MV_LogConfig_GetCompressionLevel(MV_LogConfig_p config, int8_t* level) { *level = config->compressionLevel; }
+
+bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level, MV_LogError_p* error) {
+    if (level < -1 || level > 9) {
+        // The message names 0 to 9 although -1 (the default) is accepted too.
+        storeError(error, "Invalid compression level, value must be in the range [0,9].");
+        return false;
+    }
+    config->compressionLevel = level;
+    return true;
+}
+
+MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogError_p* error) {
+    if (somethingExistsAt(path)) {
+        // Stored without a null test: callers of this function always pass an
+        // error argument.
+        *error = new MV_LogError{"Cannot create file as file already exists."};
+        return nullptr;
+    }
+    return guardedOpen(
+        [&] {
+            const int64_t now = Marivane::Chrono::msSinceUnixEpoch();
+            auto file = std::make_unique<SqliteLogFile>(std::string(path), config->timeZone, config->applicationName,
+                                                        config->applicationVersion, config->compressionLevel, now);
+            return new MV_LogFile{std::move(file), true};
+        },
+        error);
+}
+
+MV_LogFile_p MV_LogFile_Open(const char* path, MV_LogError_p* error) {
+    if (nothingExistsAt(path)) {
+        storeError(error, "Log file does not exist.");
+        return nullptr;
+    }
+    return guardedOpen(
+        [&] {
+            auto file = std::make_unique<SqliteLogFile>(std::filesystem::path(path));
+            return new MV_LogFile{std::move(file), false};
+        },
+        error);
+}
+
+void MV_LogFile_Destroy(MV_LogFile_p file) { delete file; }
