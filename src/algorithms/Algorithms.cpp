@@ -1,0 +1,217 @@
+#include <logging/Algorithms.h>
+
+#include <logging/SqliteLogFile.h>
+
+#include <core/Chrono.h>
+#include <core/Filesystem.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <filesystem>
+#include <span>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace Marivane::Logging::Algorithms {
+
+namespace {
+
+// Keys the new file writes itself when it is created; copying the source's
+// values would be refused anyway and would misdescribe the new file.
+constexpr std::array<std::string_view, 6> kFixedMetadataKeys = {
+    "createdDateTime", "applicationName", "applicationVersion",
+    "currentTimeZone", "logVersion",      "compressionLevel"};
+
+constexpr const char* kExportedSuffix = "_exported";
+
+// Ids of the source entries that the new file receives, ascending. A view into
+// the source's full id list.
+using EntryRange = std::span<const int32_t>;
+
+bool isFixedMetadataKey(const std::string& key) {
+    return std::find(kFixedMetadataKeys.begin(), kFixedMetadataKeys.end(), key) != kFixedMetadataKeys.end();
+}
+
+// Anything at all at the path (a file, a directory, even one whose status
+// cannot be read) keeps us from writing there: an existing file is never
+// overwritten.
+bool somethingExistsAt(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::status(path, error).type() != std::filesystem::file_type::not_found;
+}
+
+bool isEntryOf(const LogFileInterface& logFile, int entryId) { return logFile.readEntry(entryId).has_value(); }
+
+// Both bounds -1 stand for a source without entries and need no checks; any
+// other pair must name two existing entries of a non-empty file.
+bool rangeIsAcceptable(const LogFileInterface& logFile, int startEntryId, int endEntryId) {
+    if (endEntryId < startEntryId) {
+        return false;
+    }
+    if (startEntryId == -1 && endEntryId == -1) {
+        return true;
+    }
+    return logFile.getEntryCount() != 0 && logFile.getFirstEntryId() <= endEntryId &&
+           logFile.getLastEntryId() >= startEntryId && isEntryOf(logFile, startEntryId) &&
+           isEntryOf(logFile, endEntryId);
+}
+
+std::string derivedOutputPath(const LogFileInterface& logFile) {
+    return Filesystem::makeUniqueFilePath(Filesystem::appendTextToFilename(logFile.getFilePath(), kExportedSuffix))
+        .string();
+}
+
+// Any failure here (a time zone that is not text, a path that cannot be
+// opened as a database) means there is no output to hand back, so it is
+// reported as a refusal rather than as an error.
+std::unique_ptr<LogFileInterface> createOutputFile(const LogFileInterface& logFile, const std::string& path,
+                                                   const std::string& applicationName,
+                                                   const std::string& applicationVersion,
+                                                   signed char compressionLevel) {
+    try {
+        const std::string timeZone = getMetadataValue<std::string>(logFile, "currentTimeZone", std::string());
+        const int64_t now = Chrono::msSinceUnixEpoch();
+        return std::make_unique<SqliteLogFile>(path, timeZone, applicationName, applicationVersion,
+                                               compressionLevel, now);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+// "applicationName" -> "oldApplicationName".
+std::string historyKeyFor(const std::string& key) {
+    std::string history = "old" + key;
+    history[3] = static_cast<char>(std::toupper(static_cast<unsigned char>(history[3])));
+    return history;
+}
+
+// Keeps the earliest producer: once the source carries a history value, the
+// metadata copy brings it over unchanged and nothing newer is recorded.
+void recordPreviousProducer(const LogFileInterface& logFile, LogFileInterface& output, const std::string& key,
+                            const std::string& newValue) {
+    const std::string oldValue = getMetadataValue<std::string>(logFile, key, std::string());
+    if (oldValue == newValue) {
+        return;
+    }
+    const std::string historyKey = historyKeyFor(key);
+    if (!logFile.getMetadataValue(historyKey)) {
+        output.addMetadata(historyKey, oldValue);
+    }
+}
+
+void copyMetadata(const LogFileInterface& logFile, LogFileInterface& output) {
+    for (const LogMetadataEntry& entry : logFile.getAllMetadata()) {
+        if (!isFixedMetadataKey(entry.key)) {
+            output.addMetadata(entry.key, entry.value);
+        }
+    }
+}
+
+void copyResources(const LogFileInterface& logFile, LogFileInterface& output) {
+    for (const LogResourceEntry& resource : logFile.getAllResources()) {
+        output.addResource(resource.name, resource.data);
+    }
+}
+
+// The const overload keeps each source's own id, so entries, properties and
+// filters keep referring to the same ids in both files.
+void copyDataSources(const LogFileInterface& logFile, LogFileInterface& output) {
+    for (const DataSource& source : logFile.getDataSources()) {
+        output.addDataSource(source);
+    }
+}
+
+void copyDataSourceProperties(const LogFileInterface& logFile, LogFileInterface& output) {
+    for (const DataSourceProperty& property : logFile.getAllDataSourceProperties()) {
+        output.addDataSourceProperty(property);
+    }
+}
+
+// The bounds need not be ids themselves here: the range runs from the first
+// id not below the start to the last id not above the end.
+EntryRange findEntryRange(const std::vector<int32_t>& allIds, int startEntryId, int endEntryId) {
+    const auto first = std::lower_bound(allIds.begin(), allIds.end(), startEntryId);
+    const auto pastLast = std::upper_bound(first, allIds.end(), endEntryId);
+    return EntryRange(first, pastLast);
+}
+
+// One read for the whole range: the new file numbers entries in write order,
+// so they must arrive ascending, and batching would only add round trips.
+void copyEntries(const LogFileInterface& logFile, LogFileInterface& output, EntryRange range) {
+    if (range.empty()) {
+        return;
+    }
+    const std::vector<DataEntry> entries = logFile.readEntries(range.front(), range.back(), EntryIndexFilter{}, -1);
+    for (const DataEntry& entry : entries) {
+        output.logData(entry);
+    }
+}
+
+// The new file numbers the copied entries 1, 2, ... in range order, so an id
+// maps to one more than its position in the range.
+int32_t renumberedEntryId(EntryRange range, int32_t sourceEntryId) {
+    const auto position = std::lower_bound(range.begin(), range.end(), sourceEntryId) - range.begin();
+    return static_cast<int32_t>(position + 1);
+}
+
+void copyBookmarks(const LogFileInterface& logFile, LogFileInterface& output, EntryRange range) {
+    // Without entries there is nothing a bookmark could point at.
+    if (range.empty()) {
+        return;
+    }
+    for (Bookmark bookmark : logFile.getBookmarks()) {
+        if (bookmark.entryId < range.front() || bookmark.entryId > range.back()) {
+            continue;
+        }
+        bookmark.entryId = renumberedEntryId(range, bookmark.entryId);
+        output.addBookmark(bookmark);
+    }
+}
+
+}  // namespace
+
+std::unique_ptr<LogFileInterface> slice(const LogFileInterface& logFile, int startEntryId, int endEntryId,
+                                        std::string outputFilePath, const std::string& applicationName,
+                                        const std::string& applicationVersion, signed char compressionLevel) {
+    if (somethingExistsAt(outputFilePath)) {
+        return nullptr;
+    }
+    if (!rangeIsAcceptable(logFile, startEntryId, endEntryId)) {
+        return nullptr;
+    }
+    if (outputFilePath.empty()) {
+        outputFilePath = derivedOutputPath(logFile);
+    }
+    std::unique_ptr<LogFileInterface> output =
+        createOutputFile(logFile, outputFilePath, applicationName, applicationVersion, compressionLevel);
+    if (!output) {
+        return nullptr;
+    }
+
+    // From here on the file exists; failures propagate and leave it on disk
+    // for the caller to inspect or remove.
+    recordPreviousProducer(logFile, *output, "applicationName", applicationName);
+    recordPreviousProducer(logFile, *output, "applicationVersion", applicationVersion);
+    copyMetadata(logFile, *output);
+    copyResources(logFile, *output);
+    copyDataSources(logFile, *output);
+    copyDataSourceProperties(logFile, *output);
+
+    const std::vector<int32_t> allIds = logFile.getEntryIndex(EntryIndexFilter{});
+    const EntryRange range = findEntryRange(allIds, startEntryId, endEntryId);
+    copyEntries(logFile, *output, range);
+    copyBookmarks(logFile, *output, range);
+    return output;
+}
+
+std::unique_ptr<LogFileInterface> clone(const LogFileInterface& logFile, const std::string& outputFilePath,
+                                        const std::string& applicationName, const std::string& applicationVersion,
+                                        signed char compressionLevel) {
+    return slice(logFile, logFile.getFirstEntryId(), logFile.getLastEntryId(), outputFilePath, applicationName,
+                 applicationVersion, compressionLevel);
+}
+
+}  // namespace Marivane::Logging::Algorithms
