@@ -1,0 +1,45 @@
+# The two commands: `make demo` runs the demo, `make test` builds and passes
+# every test. Both install the Debian packages they need first.
+
+BUILD_DIR ?= build
+ASAN_DIR ?= build-asan
+TSAN_DIR ?= build-tsan
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+.PHONY: all deps build test sanitize asan tsan demo install clean
+
+all: build
+
+deps:
+	@./scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD_DIR) $(CMAKE_FLAGS)
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+
+# AddressSanitizer + UndefinedBehaviorSanitizer over the whole suite, then
+# ThreadSanitizer over the player's tests.
+sanitize: asan tsan
+
+asan: deps
+	cmake -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DMARIVANE_SANITIZE="address;undefined"
+	cmake --build $(ASAN_DIR) -j $(JOBS)
+	cd $(ASAN_DIR) && ctest --output-on-failure -j $(JOBS)
+
+tsan: deps
+	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DMARIVANE_SANITIZE=thread
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target playback_tests
+	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L playback_tests
+
+demo: build
+	./$(BUILD_DIR)/tools/mvlog demo
+
+install: build
+	cmake --install $(BUILD_DIR) --prefix $(or $(PREFIX),/usr/local)
+
+clean:
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(TSAN_DIR)
