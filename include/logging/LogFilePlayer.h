@@ -25,22 +25,34 @@ class LogFilePlayerPrivate;
 // Replays a log file's entries at their recorded pace on a worker thread.
 //
 // Frames are the ids of the entries whose data source has one of the chosen
-// types (every entry when no data source matches). The worker reads one entry
-// per frame, waits for its timestamp gap to the previous entry divided by the
-// speed multiplier (less the previous cycle's lateness), or for
-// maxFrameDelayMs when the gap reaches it, and calls the callback on the worker
-// thread. The first play() after construction starts at frame 1; seek(0, ...)
-// or looping reaches frame 0.
+// types, ascending (every entry of the file when no data source matches, an
+// empty type list included). The worker reads one entry per frame, waits for
+// its timestamp gap to the previous entry divided by the speed multiplier
+// (less the previous cycle's lateness, so a long run keeps the recorded pace),
+// or for exactly maxFrameDelayMs when the gap reaches it, and calls the
+// callback on the worker thread. The first play() after construction starts
+// at frame 1 and waits maxFrameDelayMs before it unless timestamps are small;
+// seek(0, ...) or looping reaches frame 0. After a wrap the first frame again
+// waits maxFrameDelayMs.
+//
+// A frame whose entry the file cannot read (it should not happen: the frames
+// come from the file's own index) is delivered as a placeholder: entryId is
+// the frame's entry id, dataSourceId -1, type 0, no data, and the timestamp of
+// the previous entry, so it adds no wait.
 //
 // Ownership: the player owns the log file for its whole life. Moving
 // transfers everything; a moved-from player must be neither used nor
-// destroyed. Stop a player before assigning over it.
+// destroyed. Stop a player before assigning over it: assignment does not stop
+// the former state, and a worker thread still joinable then ends the process.
 //
 // Threads: play, stop, seek, getTotalPlayTime and the bookmark operations are
-// called from one controlling thread. The setters may be called while playing.
-// Bookmark edits reach the file while the worker reads from it.
+// called from one controlling thread, never from the callback (stop would
+// join the calling thread). The setters may be called while playing, from any
+// thread. Bookmark edits reach the file while the worker reads from it, so the
+// file must tolerate that (SqliteLogFile does).
 class MV_LOGGING_EXPORT LogFilePlayer {
 public:
+    // Throws what the file throws, and std::invalid_argument for a null file.
     LogFilePlayer(std::unique_ptr<LogFileInterface> logFile, const std::vector<MV_LogDataSourceType>& dataSourceTypes,
                   const FrameCallback& frameCallback, bool loop, int32_t maxFrameDelayMs);
     // Stops playback (joining the worker) and closes the file.
@@ -50,29 +62,48 @@ public:
     LogFilePlayer(const LogFilePlayer&) = delete;
     LogFilePlayer& operator=(const LogFilePlayer&) = delete;
 
-    // Starts the worker unless already playing.
+    // Starts the worker unless already playing; it goes on after the frame
+    // most recently read. An empty frame callback ends the process at the
+    // first delivery. At the end of the frames without looping the worker
+    // ends by itself; play() then delivers nothing more until a seek (or until
+    // looping is switched on).
     void play();
-    // Stops and joins the worker; a frame being waited for is not delivered.
+    // Stops and joins the worker; a frame being waited for is not delivered
+    // (and is skipped by the next play()).
     void stop();
-    // Positions on `frame` and delivers it once on the calling thread, to
-    // `callback` or, when that is empty, to the constructor's callback. A
+    // Positions on `frame` and delivers it once on the calling thread, under
+    // the number `frame`, to `callback` or, when that is empty, to the
+    // constructor's callback (std::bad_function_call when both are empty). A
     // running playback is stopped first and resumes after the sought frame.
+    // Past the end (or before frame 0) nothing is read and the entry held last
+    // is delivered again, without its data bytes, which were handed out
+    // already; when looping, past the end wraps to frame 0.
     void seek(int32_t frame, FrameCallback callback);
-    // Timestamp of the last frame minus that of the first, in milliseconds.
-    // Needs at least one frame.
+    // Timestamp of the last frame minus that of the first, in milliseconds,
+    // truncated to 32 bits; 0 without frames. A running playback is stopped for
+    // the reads and resumed.
     int32_t getTotalPlayTime();
+    // Number of frames (an unsigned size; frame numbers are signed 32-bit).
     std::size_t getFrameCount() const;
+    // The file's data sources of the chosen types, in the file's order.
     const std::vector<DataSource>& getDataSources() const;
-    // Rebuilt wholesale by every bookmark edit: references into it are then
-    // invalid.
+    // The file's bookmarks in the file's order, each with the first frame whose
+    // entry id is not below its own (the last frame when there is none, -1
+    // without frames), and always without payload. Rebuilt wholesale by every
+    // bookmark edit: references into it are then invalid.
     const std::vector<PlayerBookmark>& getBookmarks() const;
     // The player keeps ownership.
     LogFileInterface* getUnderlyingLogFile() const;
+    // Takes effect at the next end of the frame list.
     void setLoopPlayback(bool loop);
+    // Takes effect at the next frame's wait. Gaps are divided by it, so it
+    // should be positive (0 holds the next frame with a positive gap until
+    // stop()).
     void setPlaybackSpeedMultiplier(float multiplier);
 
-    // Bookmark edits forward to the file (addressing entry ids, not frames) and
-    // rebuild the bookmark list.
+    // Bookmark edits forward to the file (addressing entry ids, not frames,
+    // with an empty payload) and then rebuild the bookmark list, whatever the
+    // file answered. They do not stop playback.
     void addBookmark(int32_t entryId, const std::string& title, const std::string& comments);
     void updateBookmark(int32_t entryId, const std::string& title, const std::string& comments);
     void removeBookmark(int32_t entryId);

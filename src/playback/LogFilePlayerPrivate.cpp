@@ -1,0 +1,305 @@
+#include "playback/LogFilePlayerPrivate.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+namespace Marivane::Logging::Playback {
+
+namespace {
+
+// Waits are clamped to about 35 years: long enough to mean "until stopped",
+// short enough that a deadline on the steady clock cannot overflow. Only a
+// speed of 0 (or a nonsensical one) gets anywhere near it.
+constexpr int64_t kLongestWaitMs = int64_t{1} << 40;
+constexpr float kLongestWaitMsFloat = static_cast<float>(kLongestWaitMs);
+
+int64_t millisecondsSince(LogFilePlayerPrivate::Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(LogFilePlayerPrivate::Clock::now() - start)
+        .count();
+}
+
+// Timestamps come from the file as they were logged, so a gap between two
+// arbitrary values must not overflow.
+int64_t timestampGap(int64_t later, int64_t earlier) {
+    int64_t gap = 0;
+    if (__builtin_sub_overflow(later, earlier, &gap)) {
+        return later < earlier ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
+    }
+    return gap;
+}
+
+std::vector<DataSource> selectDataSources(const LogFileInterface& file,
+                                          const std::vector<MV_LogDataSourceType>& types) {
+    std::vector<DataSource> sources = file.getDataSources();
+    std::erase_if(sources, [&types](const DataSource& source) {
+        return std::find(types.begin(), types.end(), source.type) == types.end();
+    });
+    return sources;
+}
+
+// Only the data-source list is filled: when no data source was selected the
+// filter is empty and therefore admits every entry of the file.
+EntryIndexFilter filterForDataSources(const std::vector<DataSource>& sources) {
+    EntryIndexFilter filter;
+    filter.dataSources.reserve(sources.size());
+    for (const DataSource& source : sources) {
+        filter.dataSources.push_back(source.id);
+    }
+    return filter;
+}
+
+std::unique_ptr<LogFileInterface> requireLogFile(std::unique_ptr<LogFileInterface> file) {
+    if (!file) {
+        throw std::invalid_argument("LogFilePlayer needs a log file");
+    }
+    return file;
+}
+
+// The lower bound, not an exact match: a bookmark on an entry that is not
+// played shows at the next played frame, and one after the last played entry
+// at the last frame.
+int32_t frameOfEntry(const std::vector<int32_t>& frames, int32_t entryId) {
+    if (frames.empty()) {
+        return -1;
+    }
+    const auto found = std::lower_bound(frames.begin(), frames.end(), entryId);
+    if (found == frames.end()) {
+        return static_cast<int32_t>(frames.size()) - 1;
+    }
+    return static_cast<int32_t>(found - frames.begin());
+}
+
+}  // namespace
+
+int64_t computeFrameWait(int64_t delta, int32_t maxFrameDelay, float speedMultiplier, int64_t carry) {
+    if (delta >= maxFrameDelay) {
+        return maxFrameDelay;
+    }
+    float scaled = static_cast<float>(delta) / speedMultiplier;
+    if (std::isnan(scaled)) {
+        scaled = 0.0F;
+    }
+    scaled = std::clamp(scaled, -kLongestWaitMsFloat, kLongestWaitMsFloat);
+    return std::llroundf(scaled) - carry;
+}
+
+LogFilePlayerPrivate::LogFilePlayerPrivate(std::unique_ptr<LogFileInterface> file,
+                                           const std::vector<MV_LogDataSourceType>& dataSourceTypes,
+                                           const FrameCallback& callback, bool loop, int32_t maxFrameDelayMs)
+    : logFile(requireLogFile(std::move(file))),
+      dataSources(selectDataSources(*logFile, dataSourceTypes)),
+      frames(logFile->getEntryIndex(filterForDataSources(dataSources))),
+      frameCallback(callback),
+      loopPlayback(loop),
+      maxFrameDelay(maxFrameDelayMs) {
+    updateBookmarkList();
+}
+
+bool LogFilePlayerPrivate::isPlaying() {
+    std::lock_guard lock(mutex);
+    return playing;
+}
+
+void LogFilePlayerPrivate::play() {
+    {
+        std::lock_guard lock(mutex);
+        if (playing) {
+            return;
+        }
+        playing = true;
+    }
+    // A worker that reached the end of the frames by itself is still joinable.
+    if (playbackThread.joinable()) {
+        playbackThread.join();
+    }
+    try {
+        playbackThread = std::thread(&LogFilePlayerPrivate::runPlayback, this);
+    } catch (...) {
+        std::lock_guard lock(mutex);
+        playing = false;
+        throw;
+    }
+}
+
+void LogFilePlayerPrivate::stop() {
+    std::unique_lock lock(mutex);
+    if (!playing) {
+        // Reaps a worker that ended by itself; it no longer takes the lock.
+        if (playbackThread.joinable()) {
+            playbackThread.join();
+        }
+        return;
+    }
+    playing = false;
+    lock.unlock();
+    condition.notify_one();
+    playbackThread.join();
+}
+
+void LogFilePlayerPrivate::seek(int32_t frame, const FrameCallback& callback) {
+    const bool wasPlaying = isPlaying();
+    if (wasPlaying) {
+        stop();
+    }
+    currentFrame = frame == std::numeric_limits<int32_t>::min() ? frame : frame - 1;
+    // Past the end without looping nothing is read, and the entry already held
+    // is delivered again under the requested number.
+    readNextFrame();
+    // A later play() then waits the true gap from this frame to the next.
+    if (currentEntry) {
+        lastTimestamp = currentEntry->timestamp;
+    }
+    deliverSought(frame, callback);
+    if (wasPlaying) {
+        play();
+    }
+}
+
+void LogFilePlayerPrivate::deliverSought(int32_t frame, const FrameCallback& callback) {
+    const FrameCallback& target = callback ? callback : frameCallback;
+    // Before anything was read there is no entry to show; an empty one stands
+    // in for it.
+    DataEntry entry = currentEntry ? takeCurrentEntry() : DataEntry{};
+    // An empty target throws std::bad_function_call, as documented.
+    target(frame, std::move(entry));
+}
+
+int32_t LogFilePlayerPrivate::getTotalPlayTime() {
+    if (frames.empty()) {
+        return 0;
+    }
+    const bool wasPlaying = isPlaying();
+    if (wasPlaying) {
+        stop();
+    }
+    const int32_t savedFrame = currentFrame;
+    const int64_t first = timestampOfFrame(0);
+    const int64_t last = timestampOfFrame(frameCount() - 1);
+    currentFrame = savedFrame;
+    if (wasPlaying) {
+        play();
+    }
+    // Modular arithmetic: the span is truncated to 32 bits without overflow.
+    return static_cast<int32_t>(static_cast<uint64_t>(last) - static_cast<uint64_t>(first));
+}
+
+int64_t LogFilePlayerPrivate::timestampOfFrame(int32_t frame) {
+    currentFrame = frame - 1;
+    readNextFrame();
+    return currentEntry->timestamp;
+}
+
+bool LogFilePlayerPrivate::readNextFrame() {
+    if (currentFrame < std::numeric_limits<int32_t>::max()) {
+        ++currentFrame;
+    }
+    if (currentFrame >= frameCount()) {
+        if (!loopPlayback.load() || frames.empty()) {
+            return false;
+        }
+        currentFrame = 0;
+        lastTimestamp = 0;
+    }
+    if (currentFrame < 0) {
+        return false;
+    }
+    readCurrentFrame();
+    return true;
+}
+
+void LogFilePlayerPrivate::readCurrentFrame() {
+    std::optional<DataEntry> entry = logFile->readEntry(frames[static_cast<std::size_t>(currentFrame)]);
+    currentEntry = std::make_unique<DataEntry>(entry ? std::move(*entry) : placeholderForCurrentFrame());
+}
+
+// The frame list comes from the file's own index, so every id should be
+// readable. If one is not (the file changed underneath, or a read failed),
+// playback goes on with an empty entry that keeps the frame's id and adds no
+// wait of its own.
+DataEntry LogFilePlayerPrivate::placeholderForCurrentFrame() const {
+    DataEntry placeholder;
+    placeholder.entryId = frames[static_cast<std::size_t>(currentFrame)];
+    placeholder.dataSourceId = -1;
+    placeholder.type = 0;
+    placeholder.timestamp = lastTimestamp;
+    return placeholder;
+}
+
+DataEntry LogFilePlayerPrivate::takeCurrentEntry() {
+    DataEntry entry;
+    entry.entryId = currentEntry->entryId;
+    entry.dataSourceId = currentEntry->dataSourceId;
+    entry.type = currentEntry->type;
+    entry.timestamp = currentEntry->timestamp;
+    entry.data = std::move(currentEntry->data);
+    currentEntry->data.clear();
+    return entry;
+}
+
+void LogFilePlayerPrivate::runPlayback() {
+    // Lateness of the previous cycle (reading, oversleeping, the callback's own
+    // time), taken off the next wait so that the run keeps the recorded pace.
+    int64_t carry = 0;
+    while (true) {
+        const Clock::time_point cycleStart = Clock::now();
+        if (!readNextFrame()) {
+            finishPlayback();
+            return;
+        }
+        const int64_t wait = computeFrameWait(timestampGap(currentEntry->timestamp, lastTimestamp),
+                                              maxFrameDelay, playbackSpeedMultiplier.load(), carry);
+        lastTimestamp = currentEntry->timestamp;
+        const int64_t readTime = millisecondsSince(cycleStart);
+        const Clock::time_point waitStart = Clock::now();
+        int64_t overshoot = 0;
+        Clock::time_point callbackStart;
+        {
+            std::unique_lock lock(mutex);
+            waitForFrameDue(lock, wait);
+            overshoot = millisecondsSince(waitStart) - wait + readTime;
+            callbackStart = Clock::now();
+            if (!playing) {
+                // Stopped while waiting: the frame read is not delivered.
+                return;
+            }
+        }
+        // Called without the lock, so that the callback may call the setters and
+        // stop() is never held up by it. An empty callback throws here.
+        frameCallback(currentFrame, takeCurrentEntry());
+        carry = overshoot + millisecondsSince(callbackStart);
+    }
+}
+
+void LogFilePlayerPrivate::finishPlayback() {
+    std::lock_guard lock(mutex);
+    playing = false;
+}
+
+void LogFilePlayerPrivate::waitForFrameDue(std::unique_lock<std::mutex>& lock, int64_t waitMs) {
+    const Clock::time_point deadline =
+        Clock::now() + std::chrono::milliseconds(std::clamp(waitMs, -kLongestWaitMs, kLongestWaitMs));
+    // Woken early only by stop() (or spuriously): re-test `playing` each time.
+    while (playing) {
+        condition.wait_until(lock, deadline);
+        if (deadline <= Clock::now()) {
+            break;
+        }
+    }
+}
+
+void LogFilePlayerPrivate::updateBookmarkList() {
+    std::vector<Bookmark> fileBookmarks = logFile->getBookmarks();
+    bookmarks.clear();
+    bookmarks.reserve(fileBookmarks.size());
+    // Kept in the file's order; the payload is deliberately left behind.
+    for (Bookmark& fileBookmark : fileBookmarks) {
+        PlayerBookmark& bookmark = bookmarks.emplace_back(fileBookmark.entryId, std::move(fileBookmark.title),
+                                                          std::move(fileBookmark.comments));
+        bookmark.frame = frameOfEntry(frames, fileBookmark.entryId);
+    }
+}
+
+}  // namespace Marivane::Logging::Playback
