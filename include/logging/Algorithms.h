@@ -38,8 +38,10 @@ namespace Algorithms {
 // at `outputFilePath`, the range is reversed, or a bound is not an entry of a
 // non-empty file (-1 for both bounds means a source without entries). An empty
 // `outputFilePath` becomes "<source stem>_exported<ext>" beside the source,
-// made unique. Errors while copying propagate; the partial output then stays
-// on disk.
+// made unique. The result is also empty when the output cannot be created
+// (the source's "currentTimeZone" is not text, or the path cannot be opened
+// as a database): that error is swallowed. Errors while copying propagate;
+// the partial output then stays on disk.
 //
 // Reads `logFile` only through LogFileInterface; the result is open and owned
 // by the caller.
@@ -49,7 +51,8 @@ MV_LOGGING_EXPORT std::unique_ptr<LogFileInterface> slice(const LogFileInterface
                                                           const std::string& applicationVersion,
                                                           signed char compressionLevel);
 
-// slice over the whole file.
+// slice over the whole file (first to last entry id). A file without entries
+// gives a file with everything but entries and bookmarks.
 MV_LOGGING_EXPORT std::unique_ptr<LogFileInterface> clone(const LogFileInterface& logFile,
                                                           const std::string& outputFilePath,
                                                           const std::string& applicationName,

@@ -21,9 +21,9 @@ namespace {
 
 // Keys the new file writes itself when it is created; copying the source's
 // values would be refused anyway and would misdescribe the new file.
-constexpr std::array<std::string_view, 6> kFixedMetadataKeys = {
-    "createdDateTime", "applicationName", "applicationVersion",
-    "currentTimeZone", "logVersion",      "compressionLevel"};
+constexpr std::array<std::string_view, 6> kFixedMetadataKeys = {"createdDateTime",    "applicationName",
+                                                                "applicationVersion", "currentTimeZone",
+                                                                "logVersion",         "compressionLevel"};
 
 constexpr const char* kExportedSuffix = "_exported";
 
@@ -43,7 +43,9 @@ bool somethingExistsAt(const std::string& path) {
     return std::filesystem::status(path, error).type() != std::filesystem::file_type::not_found;
 }
 
-bool isEntryOf(const LogFileInterface& logFile, int entryId) { return logFile.readEntry(entryId).has_value(); }
+bool isEntryOf(const LogFileInterface& logFile, int entryId) {
+    return logFile.readEntry(entryId).has_value();
+}
 
 // Both bounds -1 stand for a source without entries and need no checks; any
 // other pair must name two existing entries of a non-empty file.
@@ -60,7 +62,8 @@ bool rangeIsAcceptable(const LogFileInterface& logFile, int startEntryId, int en
 }
 
 std::string derivedOutputPath(const LogFileInterface& logFile) {
-    return Filesystem::makeUniqueFilePath(Filesystem::appendTextToFilename(logFile.getFilePath(), kExportedSuffix))
+    return Filesystem::makeUniqueFilePath(
+               Filesystem::appendTextToFilename(logFile.getFilePath(), kExportedSuffix))
         .string();
 }
 
@@ -144,7 +147,8 @@ void copyEntries(const LogFileInterface& logFile, LogFileInterface& output, Entr
     if (range.empty()) {
         return;
     }
-    const std::vector<DataEntry> entries = logFile.readEntries(range.front(), range.back(), EntryIndexFilter{}, -1);
+    const std::vector<DataEntry> entries =
+        logFile.readEntries(range.front(), range.back(), EntryIndexFilter{}, -1);
     for (const DataEntry& entry : entries) {
         output.logData(entry);
     }
@@ -208,10 +212,10 @@ std::unique_ptr<LogFileInterface> slice(const LogFileInterface& logFile, int sta
 }
 
 std::unique_ptr<LogFileInterface> clone(const LogFileInterface& logFile, const std::string& outputFilePath,
-                                        const std::string& applicationName, const std::string& applicationVersion,
-                                        signed char compressionLevel) {
-    return slice(logFile, logFile.getFirstEntryId(), logFile.getLastEntryId(), outputFilePath, applicationName,
-                 applicationVersion, compressionLevel);
+                                        const std::string& applicationName,
+                                        const std::string& applicationVersion, signed char compressionLevel) {
+    return slice(logFile, logFile.getFirstEntryId(), logFile.getLastEntryId(), outputFilePath,
+                 applicationName, applicationVersion, compressionLevel);
 }
 
 }  // namespace Marivane::Logging::Algorithms
