@@ -22,7 +22,8 @@ public:
 };
 
 // Returns a self-contained compressed frame of `data`. The frame records the
-// uncompressed size, so expanding it allocates its output once. Level -1 is the
+// uncompressed size, so expanding it allocates its output once, and a checksum
+// of the content, so that damage is reported rather than expanded. Level -1 is the
 // codec's default level; any other value is passed to the codec as it is.
 // Thread-safe: each thread reuses its own codec context.
 MV_CORE_EXPORT ByteBuffer compress(const ByteBuffer& data, int level);

@@ -90,6 +90,9 @@ ByteBuffer compress(const ByteBuffer& data, int level) {
     ZSTD_CCtx_reset(context, ZSTD_reset_session_and_parameters);
     ZSTD_CCtx_setParameter(context, ZSTD_c_compressionLevel, codecLevel);
     ZSTD_CCtx_setParameter(context, ZSTD_c_contentSizeFlag, 1);
+    // Without a checksum a damaged byte in a stored (raw) block expands
+    // silently into wrong data; four bytes per frame buy detection.
+    ZSTD_CCtx_setParameter(context, ZSTD_c_checksumFlag, 1);
 
     ByteBuffer output(ZSTD_compressBound(data.size()));
     const std::size_t written = ZSTD_compress2(context, output.data(), output.size(), data.data(), data.size());

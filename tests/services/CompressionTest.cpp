@@ -1,0 +1,292 @@
+#include <core/Compression.h>
+
+#include <gtest/gtest.h>
+#include <zstd.h>
+#include <zstd_errors.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+using Marivane::Compression::ByteBuffer;
+using Marivane::Compression::compress;
+using Marivane::Compression::CompressionError;
+using Marivane::Compression::uncompress;
+
+namespace {
+
+constexpr std::size_t kMiB = 1024 * 1024;
+
+// Sensor-like bytes: random, but only 16 distinct values, so the codec has
+// something to gain and frames differ clearly from their input.
+ByteBuffer compressibleBytes(std::size_t size, unsigned seed) {
+    std::mt19937 generator(seed);
+    ByteBuffer bytes(size);
+    for (std::byte& b : bytes) {
+        b = static_cast<std::byte>(generator() & 0x0F);
+    }
+    return bytes;
+}
+
+// Random bytes the codec cannot shrink: it stores them in raw blocks, where a
+// flipped byte is not caught by the block structure itself.
+ByteBuffer incompressibleBytes(std::size_t size, unsigned seed) {
+    std::mt19937 generator(seed);
+    ByteBuffer bytes(size);
+    for (std::byte& b : bytes) {
+        b = static_cast<std::byte>(generator() & 0xFF);
+    }
+    return bytes;
+}
+
+// A frame made with the codec's streaming interface and no pledged size, so
+// its header does not record the content size.
+ByteBuffer streamedFrameWithoutSize(const ByteBuffer& data, int level) {
+    std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> context(ZSTD_createCCtx(), &ZSTD_freeCCtx);
+    EXPECT_FALSE(ZSTD_isError(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_compressionLevel, level)));
+    ByteBuffer output;
+    const std::size_t chunk = ZSTD_CStreamOutSize();
+    // Runs one directive until the codec has taken all input (and, for the
+    // end directive, written the whole epilogue).
+    auto run = [&](const std::byte* bytes, std::size_t size, ZSTD_EndDirective mode) {
+        ZSTD_inBuffer input{bytes, size, 0};
+        for (;;) {
+            const std::size_t used = output.size();
+            output.resize(used + chunk);
+            ZSTD_outBuffer out{output.data() + used, chunk, 0};
+            const std::size_t remaining = ZSTD_compressStream2(context.get(), &out, &input, mode);
+            output.resize(used + out.pos);
+            if (ZSTD_isError(remaining)) {
+                ADD_FAILURE() << ZSTD_getErrorName(remaining);
+                return;
+            }
+            if (mode == ZSTD_e_end ? remaining == 0 : input.pos == input.size) {
+                return;
+            }
+        }
+    };
+    // Feeding pieces before ending the frame, as a recorder writing as it goes
+    // would, keeps the codec from learning the total size; so does an empty
+    // first piece.
+    const std::size_t piece = 64 * 1024;
+    std::size_t offset = 0;
+    do {
+        const std::size_t take = std::min(piece, data.size() - offset);
+        run(data.data() + offset, take, ZSTD_e_continue);
+        offset += take;
+    } while (offset < data.size());
+    run(nullptr, 0, ZSTD_e_end);
+    return output;
+}
+
+ByteBuffer concat(ByteBuffer a, const ByteBuffer& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+std::string uncompressFailure(const ByteBuffer& data) {
+    try {
+        const ByteBuffer result = uncompress(data);
+        ADD_FAILURE() << "uncompress returned " << result.size() << " bytes instead of throwing";
+    } catch (const CompressionError& error) {
+        return error.what();
+    }
+    return {};
+}
+
+std::string zstdMessage(ZSTD_ErrorCode code) {
+    return std::string("Cannot uncompress data: ") + ZSTD_getErrorString(code);
+}
+
+// Size of a frame header, from its descriptor byte (the codec's format
+// description): magic, descriptor, window byte, dictionary id, content size.
+std::size_t frameHeaderSize(const ByteBuffer& frame) {
+    const auto descriptor = std::to_integer<unsigned>(frame.at(4));
+    const unsigned sizeFlag = descriptor >> 6;
+    const bool singleSegment = (descriptor >> 5) & 1U;
+    constexpr std::size_t dictionaryIdBytes[] = {0, 1, 2, 4};
+    constexpr std::size_t contentSizeBytes[] = {0, 2, 4, 8};
+    std::size_t size = 4 + 1 + (singleSegment ? 0 : 1) + dictionaryIdBytes[descriptor & 3U];
+    size += sizeFlag == 0 ? (singleSegment ? 1 : 0) : contentSizeBytes[sizeFlag];
+    return size;
+}
+
+struct RoundTripCase {
+    int level;
+    std::size_t size;
+};
+
+class CompressionRoundTrip : public ::testing::TestWithParam<RoundTripCase> {};
+
+}  // namespace
+
+TEST(CompressionErrorTest, IsARuntimeErrorCarryingItsMessage) {
+    static_assert(std::is_base_of_v<std::runtime_error, CompressionError>);
+    const CompressionError error("broken frame");
+    const std::runtime_error& base = error;
+    EXPECT_STREQ(base.what(), "broken frame");
+}
+
+TEST_P(CompressionRoundTrip, ExpandsToTheOriginalAndRecordsTheContentSize) {
+    const RoundTripCase param = GetParam();
+    const ByteBuffer data = compressibleBytes(param.size, static_cast<unsigned>(param.size) + 7);
+    const ByteBuffer frame = compress(data, param.level);
+
+    ASSERT_FALSE(frame.empty());
+    EXPECT_EQ(ZSTD_getFrameContentSize(frame.data(), frame.size()), static_cast<unsigned long long>(param.size));
+    EXPECT_EQ(ZSTD_findFrameCompressedSize(frame.data(), frame.size()), frame.size());
+    if (param.size >= kMiB) {
+        // Four bits of entropy per byte: any real coding gains a third.
+        EXPECT_LT(frame.size(), param.size / 3 * 2);
+    }
+    EXPECT_EQ(uncompress(frame), data);
+}
+
+INSTANTIATE_TEST_SUITE_P(LevelsAndSizes, CompressionRoundTrip,
+                         ::testing::Values(RoundTripCase{-1, 0}, RoundTripCase{-1, 1}, RoundTripCase{-1, kMiB},
+                                           RoundTripCase{-1, 16 * kMiB}, RoundTripCase{1, 0}, RoundTripCase{1, 1},
+                                           RoundTripCase{1, kMiB}, RoundTripCase{1, 16 * kMiB},
+                                           RoundTripCase{9, 0}, RoundTripCase{9, 1}, RoundTripCase{9, kMiB},
+                                           RoundTripCase{9, 16 * kMiB}),
+                         [](const ::testing::TestParamInfo<RoundTripCase>& info) {
+                             const std::string level =
+                                 info.param.level < 0 ? "Default" : "Level" + std::to_string(info.param.level);
+                             return level + "_" + std::to_string(info.param.size) + "Bytes";
+                         });
+
+TEST(CompressionTest, DefaultLevelIsTheCodecDefault) {
+    const ByteBuffer data = compressibleBytes(256 * 1024, 3);
+    EXPECT_EQ(compress(data, -1), compress(data, ZSTD_CLEVEL_DEFAULT));
+    EXPECT_NE(compress(data, -1), compress(data, 1));
+}
+
+TEST(CompressionTest, IncompressibleDataStillRoundTrips) {
+    const ByteBuffer data = incompressibleBytes(300 * 1024, 11);
+    const ByteBuffer frame = compress(data, 9);
+    EXPECT_EQ(ZSTD_getFrameContentSize(frame.data(), frame.size()), data.size());
+    EXPECT_EQ(uncompress(frame), data);
+}
+
+TEST(CompressionTest, ExpandsAStreamedFrameWithoutContentSize) {
+    const ByteBuffer data = compressibleBytes(kMiB + 3, 5);
+    const ByteBuffer frame = streamedFrameWithoutSize(data, 3);
+    ASSERT_EQ(ZSTD_getFrameContentSize(frame.data(), frame.size()), ZSTD_CONTENTSIZE_UNKNOWN);
+    EXPECT_EQ(uncompress(frame), data);
+}
+
+TEST(CompressionTest, ExpandsAnEmptyStreamedFrameWithoutContentSize) {
+    const ByteBuffer frame = streamedFrameWithoutSize({}, 3);
+    ASSERT_FALSE(frame.empty());
+    ASSERT_EQ(ZSTD_getFrameContentSize(frame.data(), frame.size()), ZSTD_CONTENTSIZE_UNKNOWN);
+    EXPECT_TRUE(uncompress(frame).empty());
+}
+
+TEST(CompressionTest, ExpandsConcatenatedFrames) {
+    const ByteBuffer first = compressibleBytes(200 * 1024, 1);
+    const ByteBuffer second = compressibleBytes(17, 2);
+    const ByteBuffer third = compressibleBytes(300 * 1024, 3);
+    const ByteBuffer frames =
+        concat(concat(compress(first, 1), streamedFrameWithoutSize(second, 5)), compress(third, 9));
+    EXPECT_EQ(uncompress(frames), concat(concat(first, second), third));
+}
+
+TEST(CompressionTest, ExpandsConcatenatedEmptyFrames) {
+    const ByteBuffer one = compressibleBytes(1, 4);
+    const ByteBuffer frames = concat(concat(compress({}, 1), compress(one, 1)), compress({}, 9));
+    EXPECT_EQ(uncompress(frames), one);
+}
+
+TEST(CompressionTest, EmptyInputIsRefused) {
+    EXPECT_EQ(uncompressFailure({}), "Cannot uncompress data: the data is empty");
+}
+
+TEST(CompressionTest, BytesThatAreNoFrameAreRefused) {
+    ByteBuffer notAFrame = compressibleBytes(4096, 9);
+    EXPECT_EQ(uncompressFailure(notAFrame),
+              "Cannot uncompress data: the data is not a valid compressed frame or is truncated");
+    const ByteBuffer threeBytes{std::byte{'a'}, std::byte{'b'}, std::byte{'c'}};
+    EXPECT_EQ(uncompressFailure(threeBytes),
+              "Cannot uncompress data: the data is not a valid compressed frame or is truncated");
+}
+
+TEST(CompressionTest, DamagedMagicNumberIsRefused) {
+    ByteBuffer frame = compress(compressibleBytes(1000, 1), 3);
+    frame[0] ^= std::byte{0xFF};
+    EXPECT_EQ(uncompressFailure(frame),
+              "Cannot uncompress data: the data is not a valid compressed frame or is truncated");
+}
+
+TEST(CompressionTest, CorruptBlockIsRefused) {
+    ByteBuffer frame = compress(compressibleBytes(64 * 1024, 1), 3);
+    const std::size_t headerSize = frameHeaderSize(frame);
+    ASSERT_LT(headerSize, frame.size());
+    // Block type bits 1-2 set to 3: the reserved type, which no writer emits.
+    frame[headerSize] |= std::byte{0x06};
+    EXPECT_EQ(uncompressFailure(frame), zstdMessage(ZSTD_error_corruption_detected));
+}
+
+TEST(CompressionTest, FlippedPayloadByteIsDetectedNotReturned) {
+    const ByteBuffer data = incompressibleBytes(4096, 21);
+    ByteBuffer frame = compress(data, 3);
+    // The middle of a raw block: only a content checksum can notice this.
+    frame[frame.size() / 2] ^= std::byte{0x01};
+    EXPECT_EQ(uncompressFailure(frame), zstdMessage(ZSTD_error_checksum_wrong));
+}
+
+TEST(CompressionTest, FlippedByteInAFrameWithoutSizeIsDetected) {
+    const ByteBuffer data = incompressibleBytes(4096, 22);
+    ByteBuffer frame = compress(data, 3);
+    // Two copies make the input take the streaming path.
+    ByteBuffer frames = concat(frame, frame);
+    frames[frame.size() + frame.size() / 2] ^= std::byte{0x01};
+    EXPECT_EQ(uncompressFailure(frames), zstdMessage(ZSTD_error_checksum_wrong));
+}
+
+TEST(CompressionTest, TruncatedFrameIsRefused) {
+    const ByteBuffer frame = compress(compressibleBytes(kMiB, 8), 3);
+    const ByteBuffer cut(frame.begin(), frame.end() - 10);
+    EXPECT_EQ(uncompressFailure(cut), "Cannot uncompress data: the data is truncated");
+    const ByteBuffer headerOnly(frame.begin(), frame.begin() + 2);
+    EXPECT_EQ(uncompressFailure(headerOnly),
+              "Cannot uncompress data: the data is not a valid compressed frame or is truncated");
+}
+
+TEST(CompressionTest, TruncatedStreamedFrameIsRefused) {
+    const ByteBuffer frame = streamedFrameWithoutSize(compressibleBytes(kMiB, 8), 3);
+    const ByteBuffer cut(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(frame.size() / 2));
+    EXPECT_EQ(uncompressFailure(cut), "Cannot uncompress data: the data is truncated");
+}
+
+TEST(CompressionTest, TrailingGarbageAfterAFrameIsRefused) {
+    const ByteBuffer frame = compress(compressibleBytes(1000, 1), 3);
+    const ByteBuffer garbage{std::byte{0x01}, std::byte{0x02}, std::byte{0x03}, std::byte{0x04},
+                             std::byte{0x05}, std::byte{0x06}, std::byte{0x07}, std::byte{0x08}};
+    EXPECT_EQ(uncompressFailure(concat(frame, garbage)), zstdMessage(ZSTD_error_prefix_unknown));
+}
+
+TEST(CompressionTest, ThreadsCompressAndExpandIndependently) {
+    std::vector<std::thread> threads;
+    std::vector<int> ok(4, 0);
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t, &ok] {
+            for (int round = 0; round < 20; ++round) {
+                const ByteBuffer data = compressibleBytes(10000 + static_cast<std::size_t>(round) * 101,
+                                                          static_cast<unsigned>(t * 100 + round));
+                if (uncompress(compress(data, (round % 9) + 1)) == data) {
+                    ++ok[static_cast<std::size_t>(t)];
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(ok, std::vector<int>(4, 20));
+}
