@@ -14,19 +14,24 @@ using Marivane::Logging::CApi::storeError;
 
 namespace {
 
-std::filesystem::file_type fileTypeAt(const char* path) {
-    std::error_code error;
-    return std::filesystem::symlink_status(path, error).type();
-}
-
 // A status that cannot be read (type none, e.g. no permission) is neither
 // taken nor missing: the database layer then reports what is wrong.
+//
+// Creating looks at the path itself, so that even a dangling link counts as
+// taken; otherwise the database would create its target behind the caller's
+// back.
 bool somethingExistsAt(const char* path) {
-    const auto type = fileTypeAt(path);
+    std::error_code error;
+    const auto type = std::filesystem::symlink_status(path, error).type();
     return type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::none;
 }
 
-bool nothingExistsAt(const char* path) { return fileTypeAt(path) == std::filesystem::file_type::not_found; }
+// Opening follows links: a link whose target is missing names no log file,
+// and opening it must not create the target as a new, empty one.
+bool nothingExistsAt(const char* path) {
+    std::error_code error;
+    return std::filesystem::status(path, error).type() == std::filesystem::file_type::not_found;
+}
 
 // Runs `makeFile` and turns any exception into an error object.
 template <typename MakeFile>

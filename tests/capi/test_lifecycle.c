@@ -382,6 +382,20 @@ TEST(destroy_accepts_null_for_every_handle_type)
     MV_LogConfig_Destroy(config);
 }
 
+TEST(open_dangling_symbolic_link_does_not_create_its_target)
+{
+    const char* path = test_path("link.mvlog");
+    const char* target = test_path("missing-target.mvlog");
+    MV_LogError_p error = NULL;
+    MV_LogFile_p file;
+    REQUIRE(symlink(target, path) == 0);
+    file = MV_LogFile_Open(path, &error);
+    CHECK(file == NULL);
+    CHECK_ERROR(error, DOES_NOT_EXIST);
+    CHECK(!path_exists(target));
+    MV_LogFile_Destroy(file);
+}
+
 TEST(open_follows_a_symbolic_link_to_a_log_file)
 {
     const char* target = test_path("real.mvlog");
