@@ -519,3 +519,35 @@ TEST(clone_of_a_file_without_entries)
     MV_LogConfig_Destroy(config);
     MV_LogFile_Destroy(source);
 }
+
+TEST(derived_files_report_an_error_while_copying_with_its_message)
+{
+    const char* sourcePath = test_path("bare.mvlog");
+    const char* outputPath = test_path("partial.mvlog");
+    const char* quietPath = test_path("partial-quiet.mvlog");
+    MV_LogConfig_p config = deriving_config(-1);
+    MV_LogMetadata_p numericName = MV_LogMetadata_CreateInt64("applicationName", 5);
+    MV_LogFile_p source;
+    MV_LogError_p error = NULL;
+
+    /* A file without metadata, then given an application name that is not
+     * text: reading it as the previous producer fails halfway through. */
+    write_file(sourcePath, "", 0);
+    source = open_log(sourcePath);
+    REQUIRE(MV_LogFile_AddMetadata(source, numericName, NULL));
+
+    CHECK(MV_LogAlgorithms_Clone(source, outputPath, config, &error) == NULL);
+    CHECK_ERROR(error, "std::get: wrong index for variant");
+    /* What was written before the failure stays. */
+    CHECK(path_exists(outputPath));
+    CHECK(MV_LogAlgorithms_Clone(source, quietPath, config, NULL) == NULL);
+    CHECK(path_exists(quietPath));
+    /* Slice passes the same error on; both bounds -1 stand for a source
+     * without entries. */
+    CHECK(MV_LogAlgorithms_Slice(source, -1, -1, test_path("partial-slice.mvlog"), config, &error) == NULL);
+    CHECK_ERROR(error, "std::get: wrong index for variant");
+
+    MV_LogMetadata_Destroy(numericName);
+    MV_LogConfig_Destroy(config);
+    MV_LogFile_Destroy(source);
+}
