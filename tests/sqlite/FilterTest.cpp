@@ -321,6 +321,14 @@ TEST(ReadEntries, LimitKeepsTheLowestMatches) {
     EXPECT_EQ(idsOf(f.file.readEntries(-1, -1, filter, -1)), matches);
 }
 
+TEST(ReadEntries, OtherNegativeLimitsMeanNoLimitToTheDatabase) {
+    TempDir dir;
+    FilteredFile f(dir.file("read.mvlog"), 0, 20, 5);
+    EXPECT_EQ(idsOf(f.file.readEntries(-1, -1, EntryIndexFilter{}, -2)), range(1, 20));
+    EXPECT_EQ(idsOf(f.file.readEntries(4, 9, makeFilter({}, {f.ids[0]}, {}), -100)),
+              f.idsWhere([&](auto& e) { return e.id >= 4 && e.id <= 9 && e.source == f.ids[0]; }));
+}
+
 TEST(ReadEntries, FilterAndBoundsTogether) {
     TempDir dir;
     FilteredFile f(dir.file("read.mvlog"), 0, 60, 5);
