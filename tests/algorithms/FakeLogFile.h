@@ -33,13 +33,22 @@ public:
     std::vector<Logging::Bookmark> bookmarks;
 
     mutable std::vector<ReadEntriesCall> readEntriesCalls;
+    // Calls of reading operations, readEntries included.
+    mutable int readCalls = 0;
     int writeAttempts = 0;
 
-    std::filesystem::path getFilePath() const override { return path; }
-    std::vector<Logging::DataSource> getDataSources() const override { return dataSources; }
+    std::filesystem::path getFilePath() const override {
+        ++readCalls;
+        return path;
+    }
+    std::vector<Logging::DataSource> getDataSources() const override {
+        ++readCalls;
+        return dataSources;
+    }
 
     std::optional<Logging::PropertyValue> getDataSourceProperty(int32_t dataSourceId,
                                                                 std::string key) const override {
+        ++readCalls;
         for (const auto& property : properties) {
             if (property.dataSourceId == dataSourceId && property.propertyName == key) {
                 return property.value;
@@ -49,10 +58,12 @@ public:
     }
 
     std::vector<Logging::DataSourceProperty> getAllDataSourceProperties() const override {
+        ++readCalls;
         return properties;
     }
 
     std::vector<int32_t> getEntryIndex(const Logging::EntryIndexFilter& filter) const override {
+        ++readCalls;
         std::vector<int32_t> ids;
         for (const auto& entry : entries) {
             if (admits(filter, entry)) {
@@ -62,11 +73,21 @@ public:
         return ids;
     }
 
-    int32_t getFirstEntryId() const override { return entries.empty() ? -1 : entries.front().entryId; }
-    int32_t getLastEntryId() const override { return entries.empty() ? -1 : entries.back().entryId; }
-    int32_t getEntryCount() const override { return static_cast<int32_t>(entries.size()); }
+    int32_t getFirstEntryId() const override {
+        ++readCalls;
+        return entries.empty() ? -1 : entries.front().entryId;
+    }
+    int32_t getLastEntryId() const override {
+        ++readCalls;
+        return entries.empty() ? -1 : entries.back().entryId;
+    }
+    int32_t getEntryCount() const override {
+        ++readCalls;
+        return static_cast<int32_t>(entries.size());
+    }
 
     std::optional<Logging::DataEntry> readEntry(int32_t entryId) const override {
+        ++readCalls;
         for (const auto& entry : entries) {
             if (entry.entryId == entryId) {
                 return entry;
@@ -76,6 +97,7 @@ public:
     }
 
     std::optional<Logging::PropertyValue> getMetadataValue(std::string key) const override {
+        ++readCalls;
         for (const auto& entry : metadata) {
             if (entry.key == key) {
                 return entry.value;
@@ -84,9 +106,13 @@ public:
         return std::nullopt;
     }
 
-    std::vector<LogMetadataEntry> getAllMetadata() const override { return metadata; }
+    std::vector<LogMetadataEntry> getAllMetadata() const override {
+        ++readCalls;
+        return metadata;
+    }
 
     std::optional<Logging::ByteBuffer> getResource(std::string name) const override {
+        ++readCalls;
         for (const auto& resource : resources) {
             if (resource.name == name) {
                 return resource.data;
@@ -95,9 +121,18 @@ public:
         return std::nullopt;
     }
 
-    std::vector<LogResourceEntry> getAllResources() const override { return resources; }
-    std::optional<Logging::ByteBuffer> getThumbnail() const override { return getResource("thumbnail"); }
-    std::vector<Logging::Bookmark> getBookmarks() const override { return bookmarks; }
+    std::vector<LogResourceEntry> getAllResources() const override {
+        ++readCalls;
+        return resources;
+    }
+    std::optional<Logging::ByteBuffer> getThumbnail() const override {
+        ++readCalls;
+        return getResource("thumbnail");
+    }
+    std::vector<Logging::Bookmark> getBookmarks() const override {
+        ++readCalls;
+        return bookmarks;
+    }
 
     bool addDataSource(Logging::DataSource&) override { return refuseWrite(); }
     bool addDataSource(const Logging::DataSource&) override { return refuseWrite(); }
@@ -109,11 +144,15 @@ public:
     bool addBookmark(const Logging::Bookmark&) override { return refuseWrite(); }
     bool updateBookmark(const Logging::Bookmark&) override { return refuseWrite(); }
     bool removeBookmark(const Logging::Bookmark&) override { return refuseWrite(); }
-    std::string getLastError() const override { return "No error"; }
+    std::string getLastError() const override {
+        ++readCalls;
+        return "No error";
+    }
 
     std::vector<Logging::DataEntry> readEntries(int32_t minimumEntryId, int32_t maximumEntryId,
                                                 const Logging::EntryIndexFilter& filter,
                                                 int32_t limit) const override {
+        ++readCalls;
         readEntriesCalls.push_back({minimumEntryId, maximumEntryId, isEmpty(filter), limit});
         const int32_t minimum = minimumEntryId == -1 ? getFirstEntryId() : minimumEntryId;
         const int32_t maximum = maximumEntryId == -1 ? getLastEntryId() : maximumEntryId;

@@ -148,3 +148,27 @@ TEST(SliceOfInterface, ANonTextTimeZoneReturnsEmptyWithoutAFile) {
 
     EXPECT_EQ(directoryEntryCount(dir.path()), 0u);
 }
+
+TEST(SliceOfInterface, AnExistingOutputIsRefusedBeforeTheSourceIsRead) {
+    TempDir dir;
+    FakeLogFile fake;
+    fillWorkedExample(fake);
+    std::filesystem::create_directory(dir.file("taken"));
+
+    EXPECT_FALSE(Algorithms::slice(fake, 6, 9, dir.file("taken"), "cutter", "2.0", 0));
+    EXPECT_FALSE(Algorithms::clone(fake, dir.file("taken"), "cutter", "2.0", 0));
+
+    // clone itself asks for the bounds; nothing else may be read.
+    EXPECT_EQ(fake.readCalls, 2);
+    EXPECT_EQ(directoryEntryCount(dir.file("taken")), 0u);
+}
+
+TEST(SliceOfInterface, AReversedRangeIsRefusedBeforeTheSourceIsRead) {
+    TempDir dir;
+    FakeLogFile fake;
+    fillWorkedExample(fake);
+
+    EXPECT_FALSE(Algorithms::slice(fake, 9, 6, dir.file("out.mvlog"), "cutter", "2.0", 0));
+
+    EXPECT_EQ(fake.readCalls, 0);
+}
