@@ -9,10 +9,10 @@
 #include <array>
 #include <cctype>
 #include <filesystem>
+#include <memory>
 #include <span>
 #include <string_view>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 namespace Marivane::Logging::Algorithms {
