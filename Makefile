@@ -7,7 +7,10 @@ TSAN_DIR ?= build-tsan
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test sanitize asan tsan demo install clean
+FUZZ_DIR ?= build-fuzz
+FUZZ_SECONDS ?= 600
+
+.PHONY: all deps build test sanitize asan tsan fuzz demo install clean
 
 all: build
 
@@ -35,6 +38,15 @@ tsan: deps
 	cmake --build $(TSAN_DIR) -j $(JOBS) --target playback_tests
 	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L playback_tests
 
+# libFuzzer targets under ASan+UBSan, each run for FUZZ_SECONDS (CI: 60).
+fuzz:
+	@./scripts/install-deps.sh clang libclang-rt-14-dev
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DMARIVANE_SANITIZE="address;undefined" -DMARIVANE_BUILD_FUZZERS=ON \
+		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_TOOLS=OFF
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_open_file fuzz_uncompress fuzz_operations make_corpus
+	./fuzz/run-fuzzers.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+
 demo: build
 	./$(BUILD_DIR)/tools/mvlog demo
 
@@ -42,4 +54,4 @@ install: build
 	cmake --install $(BUILD_DIR) --prefix $(or $(PREFIX),/usr/local)
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(TSAN_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(TSAN_DIR) $(FUZZ_DIR)
