@@ -175,8 +175,8 @@ TEST(DataSourceTypeTest, IsFourBytesAndEveryInt32SurvivesTheFile) {
     static_assert(sizeof(MV_LogDataSourceType) == 4);
     Marivane::Testing::TempDir dir;
     const std::string path = dir.file("types.mvlog");
-    const std::vector<int32_t> values{std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max(), -1,
-                                      12345};
+    const std::vector<int32_t> values{std::numeric_limits<int32_t>::min(),
+                                      std::numeric_limits<int32_t>::max(), -1, 12345};
     {
         SqliteLogFile file(path, "UTC", "types", "1", 0, 1);
         for (int32_t value : values) {

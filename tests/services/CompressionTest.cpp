@@ -140,7 +140,8 @@ TEST_P(CompressionRoundTrip, ExpandsToTheOriginalAndRecordsTheContentSize) {
     const ByteBuffer frame = compress(data, param.level);
 
     ASSERT_FALSE(frame.empty());
-    EXPECT_EQ(ZSTD_getFrameContentSize(frame.data(), frame.size()), static_cast<unsigned long long>(param.size));
+    EXPECT_EQ(ZSTD_getFrameContentSize(frame.data(), frame.size()),
+              static_cast<unsigned long long>(param.size));
     EXPECT_EQ(ZSTD_findFrameCompressedSize(frame.data(), frame.size()), frame.size());
     if (param.size >= kMiB) {
         // Four bits of entropy per byte: any real coding gains a third.
@@ -150,14 +151,16 @@ TEST_P(CompressionRoundTrip, ExpandsToTheOriginalAndRecordsTheContentSize) {
 }
 
 INSTANTIATE_TEST_SUITE_P(LevelsAndSizes, CompressionRoundTrip,
-                         ::testing::Values(RoundTripCase{-1, 0}, RoundTripCase{-1, 1}, RoundTripCase{-1, kMiB},
-                                           RoundTripCase{-1, 16 * kMiB}, RoundTripCase{1, 0}, RoundTripCase{1, 1},
-                                           RoundTripCase{1, kMiB}, RoundTripCase{1, 16 * kMiB},
-                                           RoundTripCase{9, 0}, RoundTripCase{9, 1}, RoundTripCase{9, kMiB},
+                         ::testing::Values(RoundTripCase{-1, 0}, RoundTripCase{-1, 1},
+                                           RoundTripCase{-1, kMiB}, RoundTripCase{-1, 16 * kMiB},
+                                           RoundTripCase{1, 0}, RoundTripCase{1, 1}, RoundTripCase{1, kMiB},
+                                           RoundTripCase{1, 16 * kMiB}, RoundTripCase{9, 0},
+                                           RoundTripCase{9, 1}, RoundTripCase{9, kMiB},
                                            RoundTripCase{9, 16 * kMiB}),
                          [](const ::testing::TestParamInfo<RoundTripCase>& info) {
-                             const std::string level =
-                                 info.param.level < 0 ? "Default" : "Level" + std::to_string(info.param.level);
+                             const std::string level = info.param.level < 0
+                                                           ? "Default"
+                                                           : "Level" + std::to_string(info.param.level);
                              return level + "_" + std::to_string(info.param.size) + "Bytes";
                          });
 

@@ -15,7 +15,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void touch(const fs::path& path) { std::ofstream(path) << "x"; }
+void touch(const fs::path& path) {
+    std::ofstream(path) << "x";
+}
 
 }  // namespace
 

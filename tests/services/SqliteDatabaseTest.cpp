@@ -105,7 +105,8 @@ TEST(SqliteDatabaseTest, OpenInMissingDirectoryCarriesSqliteMessage) {
     } catch (const FileIsNotDatabase& error) {
         FAIL() << "wrong type: " << error.what();
     } catch (const DatabaseAccessError& error) {
-        EXPECT_EQ(std::string(error.what()), "Cannot open database '" + path + "': unable to open database file");
+        EXPECT_EQ(std::string(error.what()),
+                  "Cannot open database '" + path + "': unable to open database file");
     }
 }
 
@@ -380,6 +381,11 @@ TEST(SqliteQueryTest, ResetRewindsAndKeepsBindings) {
     SqliteQuery read(table.db, "SELECT group_concat(v, ',') FROM t;");
     ASSERT_EQ(read.executeStep(), StepRow);
     EXPECT_EQ(getValueFromColumn<std::string>(read, 0), "4,4,8");
+    // After a rewind there is no current row until the next step.
+    read.resetQuery();
+    EXPECT_FALSE(read.getValueFromColumn(0));
+    ASSERT_EQ(read.executeStep(), StepRow);
+    EXPECT_EQ(getValueFromColumn<std::string>(read, 0), "4,4,8");
 }
 
 TEST(ColumnAccessTest, TypedReadOnlyForTheExactAlternative) {
@@ -477,7 +483,8 @@ TEST(RequireTypeTest, Int32AcceptsBothIntegerWidthsAndNarrows) {
     EXPECT_EQ(requireType<int32_t>(PropertyValue{int32_t{-12}}), -12);
     EXPECT_EQ(requireType<int32_t>(PropertyValue{int64_t{4}}), 4);
     EXPECT_EQ(requireType<int32_t>(PropertyValue{int64_t{-1}}), -1);
-    EXPECT_EQ(requireType<int32_t>(PropertyValue{int64_t{5000000000}}), static_cast<int32_t>(5000000000 - 4294967296));
+    EXPECT_EQ(requireType<int32_t>(PropertyValue{int64_t{5000000000}}),
+              static_cast<int32_t>(5000000000 - 4294967296));
     EXPECT_FALSE(requireType<int32_t>(PropertyValue{4.0}));
     EXPECT_FALSE(requireType<int32_t>(PropertyValue{std::string("4")}));
     EXPECT_FALSE(requireType<int32_t>(std::nullopt));

@@ -201,8 +201,9 @@ TEST(Bookmarks, NullCommentsReadAsEmptyText) {
     { SqliteLogFile file = fileWithEntries(path, 0, 1); }
     {
         RawDatabase raw(path);
-        raw.exec("INSERT INTO bookmarks (entryId, title, comments, payload) VALUES (1, 'from elsewhere', NULL, "
-                 "NULL);");
+        raw.exec(
+            "INSERT INTO bookmarks (entryId, title, comments, payload) VALUES (1, 'from elsewhere', NULL, "
+            "NULL);");
     }
     SqliteLogFile file{fs::path(path)};
     const std::vector<Bookmark> bookmarks = file.getBookmarks();

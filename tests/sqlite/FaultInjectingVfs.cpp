@@ -20,10 +20,16 @@ struct ShimFile {
     bool mainDatabase;
 };
 
-sqlite3_file* real(sqlite3_file* file) { return reinterpret_cast<ShimFile*>(file)->real; }
-bool isMainDatabase(sqlite3_file* file) { return reinterpret_cast<ShimFile*>(file)->mainDatabase; }
+sqlite3_file* real(sqlite3_file* file) {
+    return reinterpret_cast<ShimFile*>(file)->real;
+}
+bool isMainDatabase(sqlite3_file* file) {
+    return reinterpret_cast<ShimFile*>(file)->mainDatabase;
+}
 
-int shimClose(sqlite3_file* file) { return real(file)->pMethods->xClose(real(file)); }
+int shimClose(sqlite3_file* file) {
+    return real(file)->pMethods->xClose(real(file));
+}
 
 int shimRead(sqlite3_file* file, void* buffer, int amount, sqlite3_int64 offset) {
     if (const int fault = readFault.load(); fault != 0 && isMainDatabase(file)) {
@@ -42,29 +48,54 @@ int shimWrite(sqlite3_file* file, const void* buffer, int amount, sqlite3_int64 
 int shimTruncate(sqlite3_file* file, sqlite3_int64 size) {
     return real(file)->pMethods->xTruncate(real(file), size);
 }
-int shimSync(sqlite3_file* file, int flags) { return real(file)->pMethods->xSync(real(file), flags); }
+int shimSync(sqlite3_file* file, int flags) {
+    return real(file)->pMethods->xSync(real(file), flags);
+}
 int shimFileSize(sqlite3_file* file, sqlite3_int64* size) {
     return real(file)->pMethods->xFileSize(real(file), size);
 }
-int shimLock(sqlite3_file* file, int level) { return real(file)->pMethods->xLock(real(file), level); }
-int shimUnlock(sqlite3_file* file, int level) { return real(file)->pMethods->xUnlock(real(file), level); }
+int shimLock(sqlite3_file* file, int level) {
+    return real(file)->pMethods->xLock(real(file), level);
+}
+int shimUnlock(sqlite3_file* file, int level) {
+    return real(file)->pMethods->xUnlock(real(file), level);
+}
 int shimCheckReservedLock(sqlite3_file* file, int* out) {
     return real(file)->pMethods->xCheckReservedLock(real(file), out);
 }
 int shimFileControl(sqlite3_file* file, int op, void* arg) {
     return real(file)->pMethods->xFileControl(real(file), op, arg);
 }
-int shimSectorSize(sqlite3_file* file) { return real(file)->pMethods->xSectorSize(real(file)); }
+int shimSectorSize(sqlite3_file* file) {
+    return real(file)->pMethods->xSectorSize(real(file));
+}
 int shimDeviceCharacteristics(sqlite3_file* file) {
     return real(file)->pMethods->xDeviceCharacteristics(real(file));
 }
 
 // Version 1: no shared memory and no memory mapping, so every page goes
 // through xRead and xWrite.
-const sqlite3_io_methods shimMethods = {
-    1,        shimClose,        shimRead,         shimWrite, shimTruncate, shimSync, shimFileSize, shimLock,
-    shimUnlock, shimCheckReservedLock, shimFileControl, shimSectorSize, shimDeviceCharacteristics,
-    nullptr,  nullptr,          nullptr,          nullptr,   nullptr,      nullptr};
+const sqlite3_io_methods shimMethods{
+    .iVersion = 1,
+    .xClose = shimClose,
+    .xRead = shimRead,
+    .xWrite = shimWrite,
+    .xTruncate = shimTruncate,
+    .xSync = shimSync,
+    .xFileSize = shimFileSize,
+    .xLock = shimLock,
+    .xUnlock = shimUnlock,
+    .xCheckReservedLock = shimCheckReservedLock,
+    .xFileControl = shimFileControl,
+    .xSectorSize = shimSectorSize,
+    .xDeviceCharacteristics = shimDeviceCharacteristics,
+    .xShmMap = nullptr,
+    .xShmLock = nullptr,
+    .xShmBarrier = nullptr,
+    .xShmUnmap = nullptr,
+    .xFetch = nullptr,
+    .xUnfetch = nullptr,
+};
 
 int shimOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int* outFlags) {
     auto* shim = reinterpret_cast<ShimFile*>(file);
@@ -75,24 +106,42 @@ int shimOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags,
     return code;
 }
 
-int shimDelete(sqlite3_vfs*, const char* name, int syncDir) { return realVfs->xDelete(realVfs, name, syncDir); }
+int shimDelete(sqlite3_vfs*, const char* name, int syncDir) {
+    return realVfs->xDelete(realVfs, name, syncDir);
+}
 int shimAccess(sqlite3_vfs*, const char* name, int flags, int* out) {
     return realVfs->xAccess(realVfs, name, flags, out);
 }
 int shimFullPathname(sqlite3_vfs*, const char* name, int size, char* out) {
     return realVfs->xFullPathname(realVfs, name, size, out);
 }
-void* shimDlOpen(sqlite3_vfs*, const char* name) { return realVfs->xDlOpen(realVfs, name); }
-void shimDlError(sqlite3_vfs*, int size, char* out) { realVfs->xDlError(realVfs, size, out); }
+void* shimDlOpen(sqlite3_vfs*, const char* name) {
+    return realVfs->xDlOpen(realVfs, name);
+}
+void shimDlError(sqlite3_vfs*, int size, char* out) {
+    realVfs->xDlError(realVfs, size, out);
+}
 void (*shimDlSym(sqlite3_vfs*, void* handle, const char* symbol))(void) {
     return realVfs->xDlSym(realVfs, handle, symbol);
 }
-void shimDlClose(sqlite3_vfs*, void* handle) { realVfs->xDlClose(realVfs, handle); }
-int shimRandomness(sqlite3_vfs*, int size, char* out) { return realVfs->xRandomness(realVfs, size, out); }
-int shimSleep(sqlite3_vfs*, int microseconds) { return realVfs->xSleep(realVfs, microseconds); }
-int shimCurrentTime(sqlite3_vfs*, double* out) { return realVfs->xCurrentTime(realVfs, out); }
-int shimGetLastError(sqlite3_vfs*, int size, char* out) { return realVfs->xGetLastError(realVfs, size, out); }
-int shimCurrentTimeInt64(sqlite3_vfs*, sqlite3_int64* out) { return realVfs->xCurrentTimeInt64(realVfs, out); }
+void shimDlClose(sqlite3_vfs*, void* handle) {
+    realVfs->xDlClose(realVfs, handle);
+}
+int shimRandomness(sqlite3_vfs*, int size, char* out) {
+    return realVfs->xRandomness(realVfs, size, out);
+}
+int shimSleep(sqlite3_vfs*, int microseconds) {
+    return realVfs->xSleep(realVfs, microseconds);
+}
+int shimCurrentTime(sqlite3_vfs*, double* out) {
+    return realVfs->xCurrentTime(realVfs, out);
+}
+int shimGetLastError(sqlite3_vfs*, int size, char* out) {
+    return realVfs->xGetLastError(realVfs, size, out);
+}
+int shimCurrentTimeInt64(sqlite3_vfs*, sqlite3_int64* out) {
+    return realVfs->xCurrentTimeInt64(realVfs, out);
+}
 
 sqlite3_vfs shimVfs{};
 
@@ -141,8 +190,12 @@ FaultInjectingVfs::~FaultInjectingVfs() {
     realVfs = nullptr;
 }
 
-void FaultInjectingVfs::failWrites(int code) { writeFault = code; }
+void FaultInjectingVfs::failWrites(int code) {
+    writeFault = code;
+}
 
-void FaultInjectingVfs::failReads(int code) { readFault = code; }
+void FaultInjectingVfs::failReads(int code) {
+    readFault = code;
+}
 
 }  // namespace Marivane::Testing

@@ -51,7 +51,8 @@ public:
     FilteredFile(const std::string& path, int8_t level, int count, int typeCycle)
         : file(createLogFile(path, level)) {
         const std::vector<std::pair<std::string, MV_LogDataSourceType>> sources{
-            {"front", MV_LogDataSourceType_Camera}, {"roof", MV_LogDataSourceType_Lidar},
+            {"front", MV_LogDataSourceType_Camera},
+            {"roof", MV_LogDataSourceType_Lidar},
             {"rear", MV_LogDataSourceType_Camera}};
         for (const auto& [name, type] : sources) {
             DataSource source{-1, type, name};
@@ -61,7 +62,11 @@ public:
         }
         for (int i = 1; i <= count; ++i) {
             const std::size_t which = static_cast<std::size_t>(i % 3);
-            LoggedEntry entry{i,           ids[which], types[which], i % typeCycle, 1000 + int64_t{i} * 33,
+            LoggedEntry entry{i,
+                              ids[which],
+                              types[which],
+                              i % typeCycle,
+                              1000 + int64_t{i} * 33,
                               patternBytes(static_cast<std::size_t>(i) * 50, static_cast<unsigned>(i))};
             EXPECT_TRUE(file.logData(makeEntry(entry.source, entry.type, entry.timestamp, entry.data)));
             logged.push_back(std::move(entry));
@@ -113,12 +118,15 @@ TEST(EntryIndexFilterClause, EveryCombinationOfTheTable) {
     EXPECT_EQ(makeFilter({4}, {}, {}).toWhereClause(), "WHERE data.type IN (:type0)");
     EXPECT_EQ(makeFilter({4, 5}, {}, {}).toWhereClause(), "WHERE data.type IN (:type0, :type1)");
     EXPECT_EQ(makeFilter({}, {1}, {}).toWhereClause(), "WHERE  data.dataSourceId IN (:source0)");
-    EXPECT_EQ(makeFilter({}, {1, 2}, {camera}).toWhereClause(),
-              "WHERE  data.dataSourceId IN (:source0, :source1) AND dataSources.dataSourceType IN (:sourceType0)");
-    EXPECT_EQ(makeFilter({4}, {1}, {camera, MV_LogDataSourceType_Lidar}).toWhereClause(),
-              "WHERE data.type IN (:type0) AND data.dataSourceId IN (:source0) AND dataSources.dataSourceType IN "
-              "(:sourceType0, :sourceType1)");
-    EXPECT_EQ(makeFilter({}, {}, {camera}).toWhereClause(), "WHERE  dataSources.dataSourceType IN (:sourceType0)");
+    EXPECT_EQ(
+        makeFilter({}, {1, 2}, {camera}).toWhereClause(),
+        "WHERE  data.dataSourceId IN (:source0, :source1) AND dataSources.dataSourceType IN (:sourceType0)");
+    EXPECT_EQ(
+        makeFilter({4}, {1}, {camera, MV_LogDataSourceType_Lidar}).toWhereClause(),
+        "WHERE data.type IN (:type0) AND data.dataSourceId IN (:source0) AND dataSources.dataSourceType IN "
+        "(:sourceType0, :sourceType1)");
+    EXPECT_EQ(makeFilter({}, {}, {camera}).toWhereClause(),
+              "WHERE  dataSources.dataSourceType IN (:sourceType0)");
     EXPECT_EQ(makeFilter({4}, {}, {camera}).toWhereClause(),
               "WHERE data.type IN (:type0) AND dataSources.dataSourceType IN (:sourceType0)");
     EXPECT_EQ(makeFilter({4, 5, 6}, {1}, {}).toWhereClause(),
@@ -130,9 +138,10 @@ TEST(EntryIndexFilterClause, NumbersRunPastNineWithoutPadding) {
     for (int8_t id = 1; id <= 11; ++id) {
         filter.dataSources.push_back(id);
     }
-    EXPECT_EQ(filter.toWhereClause(),
-              "WHERE  data.dataSourceId IN (:source0, :source1, :source2, :source3, :source4, :source5, :source6, "
-              ":source7, :source8, :source9, :source10)");
+    EXPECT_EQ(
+        filter.toWhereClause(),
+        "WHERE  data.dataSourceId IN (:source0, :source1, :source2, :source3, :source4, :source5, :source6, "
+        ":source7, :source8, :source9, :source10)");
 }
 
 TEST(EntryIndexFilterClause, DuplicatesAreKeptAndTheTextDependsOnlyOnLengths) {
@@ -151,9 +160,9 @@ TEST(EntryIndexFilterBind, BindsEveryParameterAsAnInteger) {
     Marivane::Database::SqliteDatabase db(dir.file("bind.sqlite"), 6);
     Marivane::Database::SqliteQuery query(
         db, "SELECT :type0, :type1, :source0, :source1, :sourceType0, :sourceType1, typeof(:source0);");
-    const EntryIndexFilter filter =
-        makeFilter({5, 5}, {-3, 127},
-                   {static_cast<MV_LogDataSourceType>(std::numeric_limits<int32_t>::min()), MV_LogDataSourceType_Radar});
+    const EntryIndexFilter filter = makeFilter(
+        {5, 5}, {-3, 127},
+        {static_cast<MV_LogDataSourceType>(std::numeric_limits<int32_t>::min()), MV_LogDataSourceType_Radar});
     filter.bindParameters(query);
     ASSERT_EQ(query.executeStep(), Marivane::Database::StepRow);
     using Marivane::Database::getValueFromColumn;
@@ -192,7 +201,8 @@ TEST(GetEntryIndex, ByEntryType) {
     EXPECT_EQ(f.file.getEntryIndex(makeFilter({3, 1}, {}, {})),
               f.idsWhere([](auto& e) { return e.type == 1 || e.type == 3; }));
     // A type listed twice still yields each entry once.
-    EXPECT_EQ(f.file.getEntryIndex(makeFilter({2, 2}, {}, {})), f.idsWhere([](auto& e) { return e.type == 2; }));
+    EXPECT_EQ(f.file.getEntryIndex(makeFilter({2, 2}, {}, {})),
+              f.idsWhere([](auto& e) { return e.type == 2; }));
     EXPECT_TRUE(f.file.getEntryIndex(makeFilter({99}, {}, {})).empty());
 }
 
@@ -336,8 +346,8 @@ TEST(ReadEntries, FilterAndBoundsTogether) {
     const std::vector<DataEntry> entries =
         f.file.readEntries(10, 40, makeFilter({1, 2}, {roof}, {MV_LogDataSourceType_Lidar}), -1);
     EXPECT_EQ(idsOf(entries), f.idsWhere([roof](auto& e) {
-                  return e.id >= 10 && e.id <= 40 && (e.type == 1 || e.type == 2) && e.source == roof;
-              }));
+        return e.id >= 10 && e.id <= 40 && (e.type == 1 || e.type == 2) && e.source == roof;
+    }));
     EXPECT_FALSE(entries.empty());
     EXPECT_EQ(idsOf(f.file.readEntries(-1, -1, makeFilter({}, {}, {MV_LogDataSourceType_Camera}), -1)),
               f.idsWhere([](auto& e) { return e.sourceType == MV_LogDataSourceType_Camera; }));

@@ -25,7 +25,8 @@ namespace {
 
 using Rows = std::vector<std::vector<std::string>>;
 
-const char* const kKnownFailure = "Attempted to log data against a data source that did not exist in the file.";
+const char* const kKnownFailure =
+    "Attempted to log data against a data source that did not exist in the file.";
 
 // Leaves a recognisable text behind as the file's last error.
 void provokeKnownFailure(SqliteLogFile& file) {

@@ -142,7 +142,10 @@ TEST(CreateLogFile, ReopenedFileKnowsItsVersionAndLevel) {
     TempDir dir;
     const std::string path = dir.file("new.mvlog");
     const ByteBuffer payload = patternBytes(10000, 1);
-    { SqliteLogFile file = createLogFile(path, 7); addSourceAndEntry(file, payload); }
+    {
+        SqliteLogFile file = createLogFile(path, 7);
+        addSourceAndEntry(file, payload);
+    }
     SqliteLogFile reopened{fs::path(path)};
     EXPECT_TRUE(reopened.isResourceCompressionSupported());
     EXPECT_TRUE(reopened.isBookmarkPayloadsSupported());
@@ -151,7 +154,8 @@ TEST(CreateLogFile, ReopenedFileKnowsItsVersionAndLevel) {
     // Level 7 from the metadata: new entries are compressed exactly so.
     ASSERT_TRUE(reopened.logData(makeEntry(1, 2, 2000, payload)));
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
-    EXPECT_EQ(raw.blob("SELECT payload FROM data WHERE entryId = 2;"), Marivane::Compression::compress(payload, 7));
+    EXPECT_EQ(raw.blob("SELECT payload FROM data WHERE entryId = 2;"),
+              Marivane::Compression::compress(payload, 7));
 }
 
 TEST(OpenLogFile, ConnectionSettingsOfANewAndAnExistingFile) {
@@ -170,7 +174,8 @@ TEST(OpenLogFile, ForeignKeysAreEnforcedThroughTheStore) {
     TempDir dir;
     SqliteLogFile file = createLogFile(dir.file("fk.mvlog"));
     EXPECT_FALSE(file.logData(makeEntry(1, 0, 0, bytesOf("x"))));
-    EXPECT_EQ(file.getLastError(), "Attempted to log data against a data source that did not exist in the file.");
+    EXPECT_EQ(file.getLastError(),
+              "Attempted to log data against a data source that did not exist in the file.");
 }
 
 // ---- files that are not log files -------------------------------------------
@@ -324,8 +329,9 @@ TEST(OpenLogFile, DirectoryIsAnAccessErrorNotANonDatabase) {
 TEST(OpenLogFile, MissingDirectoryIsAnAccessError) {
     TempDir dir;
     const std::string path = dir.file("no/such/dir.mvlog");
-    EXPECT_EQ(messageOf<Marivane::Database::DatabaseAccessError>([&] { SqliteLogFile file = createLogFile(path); }),
-              "Cannot open database '" + path + "': unable to open database file");
+    EXPECT_EQ(
+        messageOf<Marivane::Database::DatabaseAccessError>([&] { SqliteLogFile file = createLogFile(path); }),
+        "Cannot open database '" + path + "': unable to open database file");
 }
 
 // ---- bookmarks repair ---------------------------------------------------------
@@ -344,7 +350,8 @@ TEST(OpenLogFile, DanglingBookmarkRebuildsTheTableEmpty) {
         raw.exec(
             "PRAGMA foreign_keys = off;"
             "DROP TABLE bookmarks;"
-            "CREATE TABLE bookmarks(entryId INT NOT NULL REFERENCES data(entryId), title TEXT NOT NULL, comments "
+            "CREATE TABLE bookmarks(entryId INT NOT NULL REFERENCES data(entryId), title TEXT NOT NULL, "
+            "comments "
             "TEXT);"
             "CREATE INDEX bookmarkIndex ON bookmarks(entryId);"
             "INSERT INTO bookmarks VALUES (1, 'good', 'c'), (99, 'dangling', 'c');");
@@ -356,9 +363,10 @@ TEST(OpenLogFile, DanglingBookmarkRebuildsTheTableEmpty) {
 
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
     EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM bookmarks;"), 0);
-    EXPECT_EQ(raw.text("SELECT sql FROM sqlite_master WHERE name = 'bookmarks';"),
-              "CREATE TABLE bookmarks(entryId INT NOT NULL REFERENCES data(entryId), title TEXT NOT NULL, comments "
-              "TEXT, payload BLOB)");
+    EXPECT_EQ(
+        raw.text("SELECT sql FROM sqlite_master WHERE name = 'bookmarks';"),
+        "CREATE TABLE bookmarks(entryId INT NOT NULL REFERENCES data(entryId), title TEXT NOT NULL, comments "
+        "TEXT, payload BLOB)");
     EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM sqlite_master WHERE name = 'bookmarkIndex';"), 0);
     EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM sqlite_master;"), 8);
     // The rest of the file is untouched.
@@ -451,7 +459,8 @@ TEST(OpenLogFile, ChangedCompressionLevelIsTheOneUsed) {
         RawDatabase raw(path, SQLITE_OPEN_READONLY);
         const ByteBuffer stored = raw.blob("SELECT payload FROM data WHERE entryId = 2;");
         EXPECT_EQ(stored, Marivane::Compression::compress(payload, 5));
-        EXPECT_EQ(raw.integer("SELECT length FROM data WHERE entryId = 2;"), static_cast<int64_t>(stored.size()));
+        EXPECT_EQ(raw.integer("SELECT length FROM data WHERE entryId = 2;"),
+                  static_cast<int64_t>(stored.size()));
     }
     ASSERT_TRUE(file.readEntry(2));
     EXPECT_EQ(file.readEntry(2)->data, payload);
@@ -461,7 +470,10 @@ TEST(OpenLogFile, CompressionLevelIsNarrowedToEightBits) {
     TempDir dir;
     const std::string path = dir.file("wide.mvlog");
     const ByteBuffer payload = patternBytes(20000, 7);
-    { SqliteLogFile file = createLogFile(path, 0); addSourceAndEntry(file, payload); }
+    {
+        SqliteLogFile file = createLogFile(path, 0);
+        addSourceAndEntry(file, payload);
+    }
     {
         RawDatabase raw(path);
         raw.exec("UPDATE metadata SET value = 257 WHERE key = 'compressionLevel';");
@@ -469,14 +481,18 @@ TEST(OpenLogFile, CompressionLevelIsNarrowedToEightBits) {
     SqliteLogFile file{fs::path(path)};
     ASSERT_TRUE(file.logData(makeEntry(1, 2, 3000, payload)));
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
-    EXPECT_EQ(raw.blob("SELECT payload FROM data WHERE entryId = 2;"), Marivane::Compression::compress(payload, 1));
+    EXPECT_EQ(raw.blob("SELECT payload FROM data WHERE entryId = 2;"),
+              Marivane::Compression::compress(payload, 1));
 }
 
 TEST(OpenLogFile, NonIntegerCompressionLevelCountsAsMissing) {
     TempDir dir;
     const std::string path = dir.file("textlevel.mvlog");
     const ByteBuffer payload = patternBytes(2000, 8);
-    { SqliteLogFile file = createLogFile(path, 0); addSourceAndEntry(file, payload); }
+    {
+        SqliteLogFile file = createLogFile(path, 0);
+        addSourceAndEntry(file, payload);
+    }
     {
         RawDatabase raw(path);
         raw.exec("UPDATE metadata SET value = 'high' WHERE key = 'compressionLevel';");
@@ -608,5 +624,6 @@ TEST(SqliteLogFileLife, CreateOnAnExistingLogFileKeepsItsMetadata) {
         EXPECT_EQ(second.readEntry(1)->data, payload);
     }
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
-    EXPECT_EQ(raw.blob("SELECT payload FROM data WHERE entryId = 1;"), Marivane::Compression::compress(payload, 9));
+    EXPECT_EQ(raw.blob("SELECT payload FROM data WHERE entryId = 1;"),
+              Marivane::Compression::compress(payload, 9));
 }

@@ -81,20 +81,35 @@ TEST(StorageFailure, EveryWriteReportsAFullDisk) {
         populate(file, source);
 
         const std::vector<std::pair<std::string, std::function<bool()>>> writes{
-            {"addDataSource", [&] {
+            {"addDataSource",
+             [&] {
                  DataSource another{-1, MV_LogDataSourceType_Radar, "radar"};
                  return file.addDataSource(another);
              }},
             {"addDataSource const",
-             [&] { return file.addDataSource(static_cast<const DataSource&>(DataSource{50, {}, "fixed"})); }},
-            {"addDataSourceProperty", [&] { return file.addDataSourceProperty({source, "k", int32_t{1}}); }},
+             [&] {
+                 return file.addDataSource(static_cast<const DataSource&>(DataSource{50, {}, "fixed"}));
+             }},
+            {"addDataSourceProperty",
+             [&] {
+                 return file.addDataSourceProperty({source, "k", int32_t{1}});
+             }},
             {"logData", [&] { return file.logData(makeEntry(source, 1, 1, bytesOf("x"))); }},
             {"addMetadata", [&] { return file.addMetadata("new key", std::string("v")); }},
             {"addResource", [&] { return file.addResource("new resource", bytesOf("r")); }},
             {"setThumbnail", [&] { return file.setThumbnail(bytesOf("replacement")); }},
-            {"addBookmark", [&] { return file.addBookmark(Bookmark{1, "second", "", {}}); }},
-            {"updateBookmark", [&] { return file.updateBookmark(Bookmark{1, "changed", "", {}}); }},
-            {"removeBookmark", [&] { return file.removeBookmark(Bookmark{1, "", "", {}}); }},
+            {"addBookmark",
+             [&] {
+                 return file.addBookmark(Bookmark{1, "second", "", {}});
+             }},
+            {"updateBookmark",
+             [&] {
+                 return file.updateBookmark(Bookmark{1, "changed", "", {}});
+             }},
+            {"removeBookmark",
+             [&] {
+                 return file.removeBookmark(Bookmark{1, "", "", {}});
+             }},
         };
         for (const auto& [name, write] : writes) {
             // A different text before each write shows that this write set it.
@@ -178,9 +193,10 @@ TEST(StorageFailure, PageLimitOnTheConnectionReportsAFullDisk) {
         file.database.executeSimpleQuery("PRAGMA max_page_count = " + std::to_string(count) + ";");
     }
     const ByteBuffer big = patternBytes(64 * 1024, 3);
-    Marivane::Database::SqliteQuery insert(file.database,
-                                           "INSERT INTO data (timestamp, type, dataSourceId, length, payload) "
-                                           "VALUES (0, 0, 1, 0, :payload);");
+    Marivane::Database::SqliteQuery insert(
+        file.database,
+        "INSERT INTO data (timestamp, type, dataSourceId, length, payload) "
+        "VALUES (0, 0, 1, 0, :payload);");
     insert.bindParameter(":payload", big, Marivane::Database::BindMode::NoCopy);
     EXPECT_FALSE(file.executeWrite(insert, "foreign key text"));
     EXPECT_EQ(file.database.getLastErrorCode(), SQLITE_FULL);

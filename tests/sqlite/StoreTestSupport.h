@@ -139,7 +139,8 @@ inline Logging::SqliteLogFile createLogFile(const std::string& path, int8_t leve
     return Logging::SqliteLogFile(path, "Europe/Berlin", "store-tests", "1.2.3", level, 1700000000123);
 }
 
-inline Logging::DataEntry makeEntry(int8_t source, int32_t type, int64_t timestamp, Logging::ByteBuffer data) {
+inline Logging::DataEntry makeEntry(int8_t source, int32_t type, int64_t timestamp,
+                                    Logging::ByteBuffer data) {
     Logging::DataEntry entry;
     entry.dataSourceId = source;
     entry.type = type;
@@ -160,21 +161,25 @@ struct SchemaObject {
 inline std::vector<SchemaObject> expectedSchema() {
     return {
         {"table", "dataSources", "dataSources",
-         "CREATE TABLE dataSources(dataSourceId INTEGER PRIMARY KEY,dataSourceType INT NOT NULL,dataSourceName "
+         "CREATE TABLE dataSources(dataSourceId INTEGER PRIMARY KEY,dataSourceType INT NOT "
+         "NULL,dataSourceName "
          "TEXT NOT NULL)"},
         {"table", "dataSourceProperties", "dataSourceProperties",
-         "CREATE TABLE dataSourceProperties(dataSourceId INT NOT NULL REFERENCES dataSources(dataSourceId),key "
+         "CREATE TABLE dataSourceProperties(dataSourceId INT NOT NULL REFERENCES "
+         "dataSources(dataSourceId),key "
          "TEXT NOT NULL,value NOT NULL)"},
         {"index", "dataSourcePropertiesIndex", "dataSourceProperties",
          "CREATE INDEX dataSourcePropertiesIndex ON dataSourceProperties(dataSourceId)"},
         {"table", "data", "data",
-         "CREATE TABLE data(entryId INTEGER PRIMARY KEY,timestamp INT NOT NULL,type INT NOT NULL,dataSourceId INT "
+         "CREATE TABLE data(entryId INTEGER PRIMARY KEY,timestamp INT NOT NULL,type INT NOT "
+         "NULL,dataSourceId INT "
          "NOT NULL REFERENCES dataSources(dataSourceId),length INT NOT NULL,payload BLOB NOT NULL)"},
         {"index", "dataDataSourceIndex", "data", "CREATE INDEX dataDataSourceIndex ON data(dataSourceId)"},
         {"table", "metadata", "metadata", "CREATE TABLE metadata(key TEXT NOT NULL, value NOT NULL)"},
         {"table", "resources", "resources", "CREATE TABLE resources(name TEXT NOT NULL, payload NOT NULL)"},
         {"table", "bookmarks", "bookmarks",
-         "CREATE TABLE bookmarks(entryId INT NOT NULL REFERENCES data(entryId), title TEXT NOT NULL, comments "
+         "CREATE TABLE bookmarks(entryId INT NOT NULL REFERENCES data(entryId), title TEXT NOT NULL, "
+         "comments "
          "TEXT, payload BLOB)"},
         {"index", "bookmarkIndex", "bookmarks", "CREATE INDEX bookmarkIndex ON bookmarks(entryId)"},
     };

@@ -115,8 +115,9 @@ TEST(AddDataSource, ConstFormKeepsTheCallersId) {
     expectSameSources(file.getDataSources(), {negative, fixed});
 
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
-    EXPECT_EQ(raw.rows("SELECT dataSourceId, dataSourceType, dataSourceName FROM dataSources ORDER BY rowid;"),
-              (Rows{{"-5", "2", "lidar"}, {"42", "3", "radar"}}));
+    EXPECT_EQ(
+        raw.rows("SELECT dataSourceId, dataSourceType, dataSourceName FROM dataSources ORDER BY rowid;"),
+        (Rows{{"-5", "2", "lidar"}, {"42", "3", "radar"}}));
     // The file chooses the next id after the highest one.
     EXPECT_EQ(addSource(file, "next"), 43);
 }
@@ -136,7 +137,8 @@ TEST(AddDataSource, EntriesOfANegativeSourceIdKeepTheSign) {
     TempDir dir;
     const std::string path = dir.file("negative.mvlog");
     SqliteLogFile file = createLogFile(path);
-    ASSERT_TRUE(file.addDataSource(static_cast<const DataSource&>(DataSource{-5, MV_LogDataSourceType_Text, "t"})));
+    ASSERT_TRUE(
+        file.addDataSource(static_cast<const DataSource&>(DataSource{-5, MV_LogDataSourceType_Text, "t"})));
     ASSERT_TRUE(file.logData(makeEntry(-5, 1, 1, bytesOf("neg"))));
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
     EXPECT_EQ(raw.integer("SELECT dataSourceId FROM data;"), -5);
@@ -231,16 +233,19 @@ TEST_P(PayloadRoundTrip, ReadEntryReturnsWhatWasLogged) {
     expectSameEntry(*read, expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    LevelsAndSizes, PayloadRoundTrip,
-    ::testing::Values(PayloadCase{0, 0}, PayloadCase{0, 1}, PayloadCase{0, kMiB}, PayloadCase{0, 16 * kMiB},
-                      PayloadCase{-1, 0}, PayloadCase{-1, 1}, PayloadCase{-1, kMiB}, PayloadCase{-1, 16 * kMiB},
-                      PayloadCase{1, 0}, PayloadCase{1, 1}, PayloadCase{1, kMiB}, PayloadCase{1, 16 * kMiB},
-                      PayloadCase{9, 0}, PayloadCase{9, 1}, PayloadCase{9, kMiB}, PayloadCase{9, 16 * kMiB}),
-    [](const ::testing::TestParamInfo<PayloadCase>& info) {
-        const std::string level = info.param.level < 0 ? "Default" : "Level" + std::to_string(info.param.level);
-        return level + "_" + std::to_string(info.param.size) + "Bytes";
-    });
+INSTANTIATE_TEST_SUITE_P(LevelsAndSizes, PayloadRoundTrip,
+                         ::testing::Values(PayloadCase{0, 0}, PayloadCase{0, 1}, PayloadCase{0, kMiB},
+                                           PayloadCase{0, 16 * kMiB}, PayloadCase{-1, 0}, PayloadCase{-1, 1},
+                                           PayloadCase{-1, kMiB}, PayloadCase{-1, 16 * kMiB},
+                                           PayloadCase{1, 0}, PayloadCase{1, 1}, PayloadCase{1, kMiB},
+                                           PayloadCase{1, 16 * kMiB}, PayloadCase{9, 0}, PayloadCase{9, 1},
+                                           PayloadCase{9, kMiB}, PayloadCase{9, 16 * kMiB}),
+                         [](const ::testing::TestParamInfo<PayloadCase>& info) {
+                             const std::string level = info.param.level < 0
+                                                           ? "Default"
+                                                           : "Level" + std::to_string(info.param.level);
+                             return level + "_" + std::to_string(info.param.size) + "Bytes";
+                         });
 
 // ---- reading entries -------------------------------------------------------------
 
@@ -307,11 +312,12 @@ TEST(Properties, ValuesComeBackInTheirAlternativesWithIntegersWidened) {
     EXPECT_EQ(file.getDataSourceProperty(source, "model"), PropertyValue{std::string("XC-7")});
 
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
-    EXPECT_EQ(raw.rows("SELECT dataSourceId, key, typeof(value), value FROM dataSourceProperties ORDER BY rowid;"),
-              (Rows{{"1", "width", "integer", "7"},
-                    {"1", "serial", "integer", "1099511627776"},
-                    {"1", "fov", "real", "92.5"},
-                    {"1", "model", "text", "XC-7"}}));
+    EXPECT_EQ(
+        raw.rows("SELECT dataSourceId, key, typeof(value), value FROM dataSourceProperties ORDER BY rowid;"),
+        (Rows{{"1", "width", "integer", "7"},
+              {"1", "serial", "integer", "1099511627776"},
+              {"1", "fov", "real", "92.5"},
+              {"1", "model", "text", "XC-7"}}));
 }
 
 TEST(Properties, MissingDataSourceIsRefused) {
@@ -355,10 +361,9 @@ TEST(Properties, AllPropertiesInRowOrderAcrossSources) {
     for (const DataSourceProperty& property : written) {
         ASSERT_TRUE(file.addDataSourceProperty(property));
     }
-    expectSameProperties(file.getAllDataSourceProperties(), {{b, "x", int64_t{-3}},
-                                                            {a, "y", std::string("why")},
-                                                            {b, "z", 0.25},
-                                                            {a, "x", int64_t{9}}});
+    expectSameProperties(
+        file.getAllDataSourceProperties(),
+        {{b, "x", int64_t{-3}}, {a, "y", std::string("why")}, {b, "z", 0.25}, {a, "x", int64_t{9}}});
 }
 
 TEST(EmptyLists, NoPropertiesAndNoSources) {
@@ -382,8 +387,9 @@ TEST(IndependentReader, SeesExactlyWhatTheWriterWrote) {
     ASSERT_TRUE(writer.addDataSourceProperty({camera, "fps", int32_t{30}}));
     ASSERT_TRUE(writer.addDataSourceProperty({radar, "band", std::string("77GHz")}));
     for (int i = 0; i < 20; ++i) {
-        ASSERT_TRUE(writer.logData(makeEntry(i % 2 ? radar : camera, i % 3, 1000 + i * 10,
-                                             patternBytes(static_cast<std::size_t>(i) * 37, static_cast<unsigned>(i)))));
+        ASSERT_TRUE(writer.logData(
+            makeEntry(i % 2 ? radar : camera, i % 3, 1000 + i * 10,
+                      patternBytes(static_cast<std::size_t>(i) * 37, static_cast<unsigned>(i)))));
     }
     ASSERT_TRUE(writer.addResource("calibration", patternBytes(999, 5)));
     ASSERT_TRUE(writer.addBookmark(Bookmark{4, "look", "here", bytesOf("p")}));
