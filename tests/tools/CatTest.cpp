@@ -1,0 +1,137 @@
+#include "ToolTestSupport.h"
+
+#include <TempDir.h>
+
+#include <gtest/gtest.h>
+
+namespace MvlogTest {
+namespace {
+
+using Marivane::Logging::DataEntry;
+using Marivane::Logging::DataSource;
+using Marivane::Logging::SqliteLogFile;
+using Marivane::Testing::TempDir;
+
+class CatTest : public ::testing::Test {
+protected:
+    void SetUp() override { writeKnownFile(path); }
+
+    // The entry ids named at the start of each text line ("#12  ...").
+    static std::vector<int> idsOf(const RunResult& result) {
+        std::vector<int> ids;
+        for (const std::string& line : result.outLines()) {
+            ids.push_back(std::stoi(line.substr(1)));
+        }
+        return ids;
+    }
+
+    TempDir directory;
+    std::string path = directory.file("known.mvlog");
+};
+
+TEST_F(CatTest, TextLineShowsIdTimeSourceTypeSizeAndFirstBytes) {
+    const RunResult result = runMvlog({"cat", path, "--from", "2", "--to", "3"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    // Entry 2: payload 18 bytes counting up from 14 (0x0e); only 16 shown.
+    EXPECT_EQ(result.out,
+              "#2  2023-11-14T22:13:20.100Z  source 2 \"beta\"  type 10  18 B  "
+              "0e 0f 10 11 12 13 14 15 16 17 18 19 1a 1b 1c 1d ...\n"
+              "#3  2023-11-14T22:13:20.200Z  source 3 \"gamma\"  type 11  19 B  "
+              "15 16 17 18 19 1a 1b 1c 1d 1e 1f 20 21 22 23 24 ...\n");
+}
+
+TEST_F(CatTest, WithoutBoundsPrintsEveryEntryInIdOrder) {
+    const RunResult result = runMvlog({"cat", path});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    std::vector<int> expected(kKnownEntries);
+    for (int i = 0; i < kKnownEntries; ++i) {
+        expected[static_cast<std::size_t>(i)] = i + 1;
+    }
+    EXPECT_EQ(idsOf(result), expected);
+}
+
+TEST_F(CatTest, FiltersCombineAndLimitCuts) {
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--source", "1", "--limit", "4"})),
+              (std::vector<int>{1, 4, 7, 10}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--type", "10", "--from", "90"})),
+              (std::vector<int>{90, 92, 94, 96, 98, 100}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--source-type", "navigation", "--type", "11", "--to", "20"})),
+              (std::vector<int>{5, 11, 17}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--source-type", "1234", "--source-type", "Camera", "--to", "7"})),
+              (std::vector<int>{1, 3, 4, 6, 7}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--source", "2", "--source", "3", "--from", "95"})),
+              (std::vector<int>{95, 96, 98, 99, 101}));
+    EXPECT_TRUE(runMvlog({"cat", path, "--limit", "0"}).out.empty());
+}
+
+TEST_F(CatTest, JsonLinesCarryTheWholePayload) {
+    const RunResult result = runMvlog({"cat", path, "--from", "40", "--to", "41", "--format", "json"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const std::vector<std::string> lines = result.outLines();
+    ASSERT_EQ(lines.size(), 2u);
+    for (int k = 0; k < 2; ++k) {
+        const nlohmann::json entry = nlohmann::json::parse(lines[static_cast<std::size_t>(k)]);
+        const int id = 40 + k;
+        EXPECT_EQ(entry["entryId"], id);
+        EXPECT_EQ(entry["timestamp"], kKnownStart + (id - 1) * kKnownPeriodMs);
+        EXPECT_EQ(entry["dataSourceId"], knownSource(id));
+        EXPECT_EQ(entry["type"], knownType(id));
+        EXPECT_EQ(entry["size"], 16 + id);
+        EXPECT_EQ(decodeBase64(entry["data"]), knownPayload(id));
+    }
+    EXPECT_EQ(nlohmann::json::parse(lines[0])["dataSourceName"], "alpha");
+    EXPECT_EQ(nlohmann::json::parse(lines[0])["time"], "2023-11-14T22:13:23.900Z");
+}
+
+TEST_F(CatTest, HexFormatDumpsEveryByte) {
+    const RunResult result = runMvlog({"cat", path, "--from", "1", "--to", "1", "--format", "hex"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    // Entry 1: 17 bytes counting up from 7.
+    EXPECT_EQ(result.out,
+              "#1  2023-11-14T22:13:20.000Z  source 1 \"alpha\"  type 11  17 B\n"
+              "  00000000  07 08 09 0a 0b 0c 0d 0e 0f 10 11 12 13 14 15 16  |................|\n"
+              "  00000010  17                                               |.|\n");
+}
+
+TEST_F(CatTest, DamagedEntryIsNamedAndTheOthersStillPrinted) {
+    overwriteStoredPayload(path, 50, bytesOf("definitely not compressed"));
+    const RunResult result = runMvlog({"cat", path});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.outLines().size(), static_cast<std::size_t>(kKnownEntries - 1));
+    EXPECT_NE(result.err.find("mvlog: entry 50: payload cannot be expanded: "), std::string::npos)
+        << result.err;
+    EXPECT_NE(result.err.find("mvlog: 1 of 101 entries could not be read\n"), std::string::npos)
+        << result.err;
+}
+
+// More payload than one read chunk holds: every entry still arrives, once,
+// in order.
+TEST(CatLargeFile, ReadsAFileLargerThanOneChunk) {
+    TempDir directory;
+    const std::string path = directory.file("large.mvlog");
+    constexpr int kEntries = 160;
+    constexpr std::size_t kPayload = 100 * 1024;
+    {
+        SqliteLogFile file(path, "UTC", "tooltest", "1", 1, kKnownStart);
+        DataSource source{-1, MV_LogDataSourceType_Lidar, "lidar"};
+        ASSERT_TRUE(file.addDataSource(source));
+        for (int id = 1; id <= kEntries; ++id) {
+            DataEntry entry;
+            entry.dataSourceId = source.id;
+            entry.timestamp = kKnownStart + id;
+            entry.data.assign(kPayload, static_cast<std::byte>(id));
+            ASSERT_TRUE(file.logData(entry));
+        }
+    }
+    const RunResult result = runMvlog({"cat", path});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const std::vector<std::string> lines = result.outLines();
+    ASSERT_EQ(lines.size(), static_cast<std::size_t>(kEntries));
+    for (int id = 1; id <= kEntries; ++id) {
+        EXPECT_EQ(lines[static_cast<std::size_t>(id - 1)].rfind("#" + std::to_string(id) + "  ", 0), 0u);
+    }
+    EXPECT_NE(lines.back().find("102400 B  a0 a0 a0"), std::string::npos) << lines.back();
+}
+
+}  // namespace
+}  // namespace MvlogTest

@@ -1,0 +1,138 @@
+#include "ToolTestSupport.h"
+
+#include <TempDir.h>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <thread>
+
+namespace MvlogTest {
+namespace {
+
+using Marivane::Logging::DataEntry;
+using Marivane::Logging::DataSource;
+using Marivane::Logging::SqliteLogFile;
+using Marivane::Testing::TempDir;
+
+class PlayTest : public ::testing::Test {
+protected:
+    void SetUp() override { writeKnownFile(path); }
+
+    static std::vector<std::string> frameLines(const RunResult& result) {
+        std::vector<std::string> frames;
+        for (const std::string& line : result.outLines()) {
+            if (line.rfind("frame ", 0) == 0) {
+                frames.push_back(line);
+            }
+        }
+        return frames;
+    }
+
+    TempDir directory;
+    std::string path = directory.file("known.mvlog");
+};
+
+// 10 s of recording at 50x is 0.2 s; process start and a loaded machine
+// (or a sanitizer build) only add, so the upper bound is generous.
+TEST_F(PlayTest, FiftyTimesSpeedFinishesInTheExpectedTime) {
+    const RunResult result = runMvlog({"play", path, "--speed", "50"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_GE(result.seconds, 0.18);
+    EXPECT_LE(result.seconds, 5.0);
+    const std::vector<std::string> frames = frameLines(result);
+    ASSERT_EQ(frames.size(), static_cast<std::size_t>(kKnownEntries));
+    EXPECT_EQ(
+        frames.front().rfind("frame 0/100  entry 1  2023-11-14T22:13:20.000Z  alpha (1)  type 11  17 B  ", 0),
+        0u)
+        << frames.front();
+    EXPECT_EQ(frames.back().rfind(
+                  "frame 100/100  entry 101  2023-11-14T22:13:30.000Z  beta (2)  type 11  117 B", 0),
+              0u)
+        << frames.back();
+    const std::vector<std::string> lines = result.outLines();
+    EXPECT_EQ(lines.front(), "Playing " + path + " at 50x; Ctrl-C stops");
+    EXPECT_EQ(lines.back().rfind("Played 101 of 101 frames (10.000 s of recording) in ", 0), 0u)
+        << lines.back();
+    EXPECT_NE(lines.back().find(" at 50x; pacing error mean "), std::string::npos);
+}
+
+TEST_F(PlayTest, SourceTypeSelectsTheFrames) {
+    const RunResult result = runMvlog({"play", path, "--speed", "100", "--source-type", "Navigation"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const std::vector<std::string> frames = frameLines(result);
+    ASSERT_EQ(frames.size(), 34u);
+    for (const std::string& frame : frames) {
+        EXPECT_NE(frame.find("  beta (2)  "), std::string::npos) << frame;
+    }
+    EXPECT_EQ(frames.back().rfind("frame 33/33  entry 101  ", 0), 0u) << frames.back();
+}
+
+TEST_F(PlayTest, FromFrameStartsThere) {
+    const RunResult result = runMvlog({"play", path, "--speed", "100", "--from", "95"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const std::vector<std::string> frames = frameLines(result);
+    ASSERT_EQ(frames.size(), 6u);
+    EXPECT_EQ(frames.front().rfind("frame 95/100  entry 96  ", 0), 0u) << frames.front();
+    EXPECT_EQ(result.outLines().back().rfind("Played 6 of 101 frames (500 ms of recording)", 0), 0u);
+}
+
+TEST_F(PlayTest, FrameOutsideTheFileIsAFailure) {
+    const RunResult result = runMvlog({"play", path, "--from", "101"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "mvlog: frame 101 does not exist (the replay has frames 0 to 100)\n");
+}
+
+// Gaps of 10 s wait only the maximum delay, whatever the speed.
+TEST(PlayMaxDelay, LongGapsWaitOnlyTheMaximumDelay) {
+    TempDir directory;
+    const std::string path = directory.file("sparse.mvlog");
+    {
+        SqliteLogFile file(path, "UTC", "tooltest", "1", 0, kKnownStart);
+        DataSource source{-1, MV_LogDataSourceType_Text, "notes"};
+        ASSERT_TRUE(file.addDataSource(source));
+        for (int i = 0; i < 4; ++i) {
+            DataEntry entry;
+            entry.dataSourceId = source.id;
+            entry.timestamp = kKnownStart + i * 10'000;
+            entry.data = bytesOf("note");
+            ASSERT_TRUE(file.logData(entry));
+        }
+    }
+    const RunResult result = runMvlog({"play", path, "--max-delay", "100"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_GE(result.seconds, 0.28);
+    EXPECT_LE(result.seconds, 5.0);
+    EXPECT_EQ(result.outLines().back().rfind("Played 4 of 4 frames (30.000 s of recording) in ", 0), 0u);
+}
+
+TEST(PlayEmpty, FileWithoutEntriesHasNothingToPlay) {
+    TempDir directory;
+    const std::string path = directory.file("empty.mvlog");
+    { SqliteLogFile file(path, "UTC", "tooltest", "1", 0, kKnownStart); }
+    const RunResult result = runMvlog({"play", path});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.outLines().back(), "Nothing to play: the file has no entries.");
+}
+
+TEST_F(PlayTest, InterruptStopsALoopingReplayCleanly) {
+    ChildProcess child(MVLOG_BINARY, {"play", path, "--loop", "--speed", "20"});
+    // Long enough to wrap at least once (10 s at 20x is 0.5 s, plus the
+    // maximum delay at the wrap).
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    child.sendSignal(SIGINT);
+    const RunResult result = child.wait(std::chrono::seconds(30));
+    EXPECT_EQ(result.terminatingSignal, 0);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    const std::string last = result.outLines().back();
+    EXPECT_NE(last.find("(interrupted)"), std::string::npos) << last;
+    EXPECT_GT(frameLines(result).size(), static_cast<std::size_t>(kKnownEntries));
+}
+
+TEST_F(PlayTest, SpeedMustBePositive) {
+    EXPECT_EQ(runMvlog({"play", path, "--speed", "0"}).exitCode, 2);
+    EXPECT_EQ(runMvlog({"play", path, "--source-type", "Submarine"}).exitCode, 2);
+}
+
+}  // namespace
+}  // namespace MvlogTest

@@ -1,0 +1,114 @@
+#include "Commands.h"
+#include "Format.h"
+#include "LogFileAccess.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace Mvlog {
+
+using Marivane::Logging::Bookmark;
+using Marivane::Logging::LogFileInterface;
+
+namespace {
+
+std::string bookmarkLine(const Bookmark& bookmark) {
+    std::string line = fmt::format("entry {}: \"{}\"", bookmark.entryId, bookmark.title);
+    if (!bookmark.comments.empty()) {
+        line += fmt::format(" - {}", bookmark.comments);
+    }
+    if (!bookmark.payload.empty()) {
+        line += fmt::format(" [payload {}]", humanSize(bookmark.payload.size()));
+    }
+    return line;
+}
+
+std::vector<Bookmark> bookmarksOn(const LogFileInterface& file, int32_t entryId) {
+    std::vector<Bookmark> found;
+    for (Bookmark& bookmark : file.getBookmarks()) {
+        if (bookmark.entryId == entryId) {
+            found.push_back(std::move(bookmark));
+        }
+    }
+    return found;
+}
+
+void requireWritten(bool written, const LogFileInterface& file, const char* what) {
+    if (!written) {
+        throw ToolError(fmt::format("cannot {} the bookmark: {}", what, file.getLastError()));
+    }
+}
+
+int listBookmarks(const LogFileInterface& file) {
+    const std::vector<Bookmark> bookmarks = file.getBookmarks();
+    if (bookmarks.empty()) {
+        fmt::print("No bookmarks.\n");
+    }
+    for (const Bookmark& bookmark : bookmarks) {
+        fmt::print("{}\n", bookmarkLine(bookmark));
+    }
+    return 0;
+}
+
+// The store checks the entry through a foreign key but then reports only an
+// unspecific error; checking first gives a message that says what is wrong.
+int addBookmark(LogFileInterface& file, const BookmarksOptions& options) {
+    if (!hasEntry(file, options.entryId)) {
+        throw ToolError(fmt::format("{}: no entry with id {}", options.file, options.entryId));
+    }
+    Bookmark bookmark;
+    bookmark.entryId = options.entryId;
+    bookmark.title = options.title;
+    bookmark.comments = options.comments.value_or(std::string());
+    requireWritten(file.addBookmark(bookmark), file, "add");
+    fmt::print("Added {}\n", bookmarkLine(bookmark));
+    return 0;
+}
+
+// Updating addresses every bookmark of the entry and rewrites the payload
+// too, so the existing payload and (unless given) comments are carried over.
+int updateBookmark(LogFileInterface& file, const BookmarksOptions& options) {
+    const std::vector<Bookmark> existing = bookmarksOn(file, options.entryId);
+    if (existing.empty()) {
+        throw ToolError(fmt::format("{}: no bookmark on entry {}", options.file, options.entryId));
+    }
+    Bookmark bookmark = existing.front();
+    bookmark.title = options.title;
+    if (options.comments) {
+        bookmark.comments = *options.comments;
+    }
+    requireWritten(file.updateBookmark(bookmark), file, "update");
+    fmt::print("Updated {}\n", bookmarkLine(bookmark));
+    return 0;
+}
+
+int removeBookmark(LogFileInterface& file, const BookmarksOptions& options) {
+    const std::vector<Bookmark> existing = bookmarksOn(file, options.entryId);
+    if (existing.empty()) {
+        throw ToolError(fmt::format("{}: no bookmark on entry {}", options.file, options.entryId));
+    }
+    requireWritten(file.removeBookmark(existing.front()), file, "remove");
+    fmt::print("Removed {} bookmark{} on entry {}\n", existing.size(), existing.size() == 1 ? "" : "s",
+               options.entryId);
+    return 0;
+}
+
+}  // namespace
+
+int runBookmarks(const BookmarksOptions& options) {
+    const auto file = openExistingLogFile(options.file);
+    switch (options.action) {
+        case BookmarkAction::List:
+            return listBookmarks(*file);
+        case BookmarkAction::Add:
+            return addBookmark(*file, options);
+        case BookmarkAction::Update:
+            return updateBookmark(*file, options);
+        case BookmarkAction::Remove:
+            return removeBookmark(*file, options);
+    }
+    return 1;
+}
+
+}  // namespace Mvlog

@@ -1,0 +1,148 @@
+#include "Commands.h"
+#include "EntryScanner.h"
+#include "Format.h"
+#include "LogFileAccess.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <cctype>
+#include <cstdio>
+#include <map>
+
+namespace Mvlog {
+
+using Marivane::Logging::ByteBuffer;
+using Marivane::Logging::DataEntry;
+using Marivane::Logging::DataSource;
+using Marivane::Logging::EntryIndexFilter;
+
+namespace {
+
+constexpr std::size_t kTextPreviewBytes = 16;
+constexpr std::size_t kHexDumpWidth = 16;
+
+using SourceNames = std::map<int8_t, std::string>;
+
+SourceNames sourceNamesOf(const Marivane::Logging::LogFileInterface& file) {
+    SourceNames names;
+    for (const DataSource& source : file.getDataSources()) {
+        names[source.id] = source.name;
+    }
+    return names;
+}
+
+std::string sourceName(const SourceNames& names, int8_t id) {
+    const auto found = names.find(id);
+    return found == names.end() ? std::string() : found->second;
+}
+
+EntrySelection selectionOf(const CatOptions& options) {
+    EntrySelection selection;
+    selection.from = options.from;
+    selection.to = options.to;
+    selection.limit = options.limit;
+    selection.filter.dataTypes = options.types;
+    for (int source : options.sources) {
+        selection.filter.dataSources.push_back(static_cast<int8_t>(source));
+    }
+    selection.filter.dataSourceTypes = options.sourceTypes;
+    return selection;
+}
+
+std::string base64(const ByteBuffer& bytes) {
+    constexpr const char* kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    text.reserve((bytes.size() + 2) / 3 * 4);
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+        const std::size_t available = std::min<std::size_t>(3, bytes.size() - i);
+        uint32_t group = 0;
+        for (std::size_t k = 0; k < 3; ++k) {
+            group = (group << 8) | (k < available ? std::to_integer<uint32_t>(bytes[i + k]) : 0u);
+        }
+        for (std::size_t k = 0; k < 4; ++k) {
+            text += k <= available ? kAlphabet[(group >> (18 - 6 * k)) & 0x3f] : '=';
+        }
+    }
+    return text;
+}
+
+std::string entryHeadline(const DataEntry& entry, const SourceNames& names) {
+    return fmt::format("#{}  {}  source {} \"{}\"  type {}  {} B", entry.entryId,
+                       isoTimestamp(entry.timestamp), entry.dataSourceId,
+                       sourceName(names, entry.dataSourceId), entry.type, entry.data.size());
+}
+
+void printText(const DataEntry& entry, const SourceNames& names) {
+    fmt::print("{}  {}\n", entryHeadline(entry, names), hexPrefix(entry.data, kTextPreviewBytes));
+}
+
+void printJson(const DataEntry& entry, const SourceNames& names) {
+    const nlohmann::ordered_json line = {{"entryId", entry.entryId},
+                                         {"timestamp", entry.timestamp},
+                                         {"time", isoTimestamp(entry.timestamp)},
+                                         {"dataSourceId", entry.dataSourceId},
+                                         {"dataSourceName", sourceName(names, entry.dataSourceId)},
+                                         {"type", entry.type},
+                                         {"size", entry.data.size()},
+                                         {"data", base64(entry.data)}};
+    fmt::print("{}\n", line.dump());
+}
+
+char printableOrDot(std::byte value) {
+    const unsigned char character = std::to_integer<unsigned char>(value);
+    return std::isprint(character) ? static_cast<char>(character) : '.';
+}
+
+void printHexDump(const DataEntry& entry, const SourceNames& names) {
+    fmt::print("{}\n", entryHeadline(entry, names));
+    for (std::size_t offset = 0; offset < entry.data.size(); offset += kHexDumpWidth) {
+        std::string hex;
+        std::string characters;
+        for (std::size_t i = offset; i < offset + kHexDumpWidth; ++i) {
+            if (i < entry.data.size()) {
+                hex += fmt::format("{:02x} ", std::to_integer<unsigned>(entry.data[i]));
+                characters += printableOrDot(entry.data[i]);
+            } else {
+                hex += "   ";
+            }
+        }
+        fmt::print("  {:08x}  {} |{}|\n", offset, hex, characters);
+    }
+}
+
+void printEntry(CatFormat format, const DataEntry& entry, const SourceNames& names) {
+    switch (format) {
+        case CatFormat::Text:
+            printText(entry, names);
+            break;
+        case CatFormat::Json:
+            printJson(entry, names);
+            break;
+        case CatFormat::Hex:
+            printHexDump(entry, names);
+            break;
+    }
+}
+
+}  // namespace
+
+int runCat(const CatOptions& options) {
+    const auto file = openExistingLogFile(options.file);
+    const SourceNames names = sourceNamesOf(*file);
+    EntryScanner scanner(*file, selectionOf(options));
+    std::size_t damaged = 0;
+    scanner.run([&](DataEntry&& entry) { printEntry(options.format, entry, names); },
+                [&](const DamagedEntry& entry) {
+                    ++damaged;
+                    std::fflush(stdout);
+                    fmt::print(stderr, "mvlog: entry {}: {}\n", entry.entryId, entry.reason);
+                });
+    if (damaged != 0) {
+        throw ToolError(fmt::format("{} of {} entries could not be read", damaged, scanner.selectedCount()));
+    }
+    return 0;
+}
+
+}  // namespace Mvlog

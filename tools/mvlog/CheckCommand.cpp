@@ -1,0 +1,243 @@
+#include "Commands.h"
+#include "EntryScanner.h"
+#include "LogFileAccess.h"
+
+#include <logging/Logging.h>
+
+#include <fmt/format.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <variant>
+
+namespace Mvlog {
+
+using Marivane::Logging::Bookmark;
+using Marivane::Logging::DataEntry;
+using Marivane::Logging::LogFileInterface;
+using Marivane::Logging::PropertyValue;
+using Marivane::Logging::SqliteLogFile;
+
+namespace {
+
+// Prints each problem as soon as it is found, so that a check that later
+// fails hard still shows what it saw.
+class ProblemReport {
+public:
+    void add(const std::string& problem) {
+        fmt::print("problem: {}\n", problem);
+        std::fflush(stdout);
+        ++count_;
+    }
+    std::size_t count() const { return count_; }
+
+private:
+    std::size_t count_ = 0;
+};
+
+struct DatabaseCloser {
+    void operator()(sqlite3* database) const { sqlite3_close(database); }
+};
+struct StatementFinalizer {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using DatabaseHandle = std::unique_ptr<sqlite3, DatabaseCloser>;
+using StatementHandle = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
+
+// A second, read-only connection used for nothing but the two pragmas: the
+// class interface does not run SQL, and these must see the file as it is
+// before the store opens (and possibly repairs) it.
+DatabaseHandle openReadOnly(const std::string& path, ProblemReport& problems) {
+    sqlite3* raw = nullptr;
+    const int result = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+    DatabaseHandle database(raw);
+    if (result != SQLITE_OK) {
+        problems.add(fmt::format("cannot open as an SQLite database: {}",
+                                 raw ? sqlite3_errmsg(raw) : sqlite3_errstr(result)));
+        return nullptr;
+    }
+    return database;
+}
+
+std::string columnText(sqlite3_stmt* statement, int column) {
+    const unsigned char* text = sqlite3_column_text(statement, column);
+    return text ? reinterpret_cast<const char*>(text) : "NULL";
+}
+
+template <typename RowHandler>
+void runPragma(sqlite3* database, const char* pragma, ProblemReport& problems, RowHandler onRow) {
+    sqlite3_stmt* raw = nullptr;
+    if (sqlite3_prepare_v2(database, pragma, -1, &raw, nullptr) != SQLITE_OK) {
+        problems.add(fmt::format("{} cannot run: {}", pragma, sqlite3_errmsg(database)));
+        return;
+    }
+    StatementHandle statement(raw);
+    int result = SQLITE_ROW;
+    while ((result = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        onRow(statement.get());
+    }
+    if (result != SQLITE_DONE) {
+        problems.add(fmt::format("{} stopped: {}", pragma, sqlite3_errmsg(database)));
+    }
+}
+
+void checkDatabase(const std::string& path, ProblemReport& problems) {
+    const DatabaseHandle database = openReadOnly(path, problems);
+    if (!database) {
+        return;
+    }
+    runPragma(database.get(), "PRAGMA integrity_check;", problems, [&](sqlite3_stmt* row) {
+        const std::string message = columnText(row, 0);
+        if (message != "ok") {
+            problems.add("integrity_check: " + message);
+        }
+    });
+    runPragma(database.get(), "PRAGMA foreign_key_check;", problems, [&](sqlite3_stmt* row) {
+        problems.add(fmt::format("foreign_key_check: row {} of table {} refers to a missing row of table {}",
+                                 columnText(row, 1), columnText(row, 0), columnText(row, 2)));
+    });
+}
+
+enum class ExpectedType { Integer, Text };
+
+struct FixedKey {
+    const char* key;
+    ExpectedType type;
+};
+
+constexpr std::array<FixedKey, 6> kFixedKeys = {{{"createdDateTime", ExpectedType::Integer},
+                                                 {"applicationName", ExpectedType::Text},
+                                                 {"applicationVersion", ExpectedType::Text},
+                                                 {"currentTimeZone", ExpectedType::Text},
+                                                 {"logVersion", ExpectedType::Integer},
+                                                 {"compressionLevel", ExpectedType::Integer}}};
+
+bool hasType(const PropertyValue& value, ExpectedType type) {
+    if (type == ExpectedType::Text) {
+        return std::holds_alternative<std::string>(value);
+    }
+    return std::holds_alternative<int64_t>(value) || std::holds_alternative<int32_t>(value);
+}
+
+void checkMetadata(const LogFileInterface& file, ProblemReport& problems) {
+    for (const FixedKey& fixed : kFixedKeys) {
+        const std::optional<PropertyValue> value = file.getMetadataValue(fixed.key);
+        if (!value) {
+            problems.add(fmt::format("metadata key \"{}\" is missing", fixed.key));
+        } else if (!hasType(*value, fixed.type)) {
+            problems.add(fmt::format("metadata key \"{}\" should hold {}", fixed.key,
+                                     fixed.type == ExpectedType::Text ? "text" : "an integer"));
+        }
+    }
+    if (const auto level = integerMetadata(file, "compressionLevel"); level && (*level < -1 || *level > 9)) {
+        problems.add(fmt::format("compression level {} is outside -1 to 9", *level));
+    }
+    if (const auto version = integerMetadata(file, "logVersion"); version && (*version < 1 || *version > 4)) {
+        problems.add(fmt::format("format version {} is not one this library knows", *version));
+    }
+}
+
+// Returns the number of entries that could be read in full.
+std::size_t checkEntries(const LogFileInterface& file, ProblemReport& problems) {
+    const int32_t counted = file.getEntryCount();
+    if (counted < 0) {
+        problems.add(fmt::format("cannot count the entries: {}", file.getLastError()));
+    }
+    std::size_t readable = 0;
+    try {
+        EntryScanner scanner(file, EntrySelection{});
+        if (counted >= 0 && scanner.selectedCount() != static_cast<std::size_t>(counted)) {
+            problems.add(fmt::format("the entry index lists {} entries but the file counts {}",
+                                     scanner.selectedCount(), counted));
+        }
+        scanner.run([&](DataEntry&&) { ++readable; },
+                    [&](const DamagedEntry& damaged) {
+                        problems.add(fmt::format("entry {}: {}", damaged.entryId, damaged.reason));
+                    });
+    } catch (const std::exception& error) {
+        problems.add(fmt::format("cannot read the entry index: {}", error.what()));
+    }
+    return readable;
+}
+
+std::size_t checkBookmarks(const LogFileInterface& file, ProblemReport& problems) {
+    try {
+        const std::vector<Bookmark> bookmarks = file.getBookmarks();
+        const std::vector<int32_t> ids = file.getEntryIndex(Marivane::Logging::EntryIndexFilter{});
+        for (const Bookmark& bookmark : bookmarks) {
+            if (!std::binary_search(ids.begin(), ids.end(), bookmark.entryId)) {
+                problems.add(fmt::format("bookmark \"{}\" points at entry {}, which does not exist",
+                                         bookmark.title, bookmark.entryId));
+            }
+        }
+        return bookmarks.size();
+    } catch (const std::exception& error) {
+        problems.add(fmt::format("bookmarks cannot be read: {}", error.what()));
+        return 0;
+    }
+}
+
+std::size_t checkResources(const LogFileInterface& file, ProblemReport& problems) {
+    std::size_t count = 0;
+    try {
+        count = file.getAllResources().size();
+    } catch (const std::exception& error) {
+        problems.add(fmt::format("resources cannot be read: {}", error.what()));
+    }
+    try {
+        file.getThumbnail();
+    } catch (const std::exception& error) {
+        problems.add(fmt::format("the thumbnail cannot be read: {}", error.what()));
+    }
+    return count;
+}
+
+std::unique_ptr<SqliteLogFile> openForCheck(const std::string& path, ProblemReport& problems) {
+    try {
+        return std::make_unique<SqliteLogFile>(path);
+    } catch (const std::exception& error) {
+        problems.add(fmt::format("cannot open as a log file: {}", error.what()));
+        return nullptr;
+    }
+}
+
+int finishReport(const std::string& path, const ProblemReport& problems) {
+    if (problems.count() != 0) {
+        fmt::print("{} problem{} found in {}\n", problems.count(), problems.count() == 1 ? "" : "s", path);
+        return 1;
+    }
+    fmt::print("OK\n");
+    return 0;
+}
+
+}  // namespace
+
+int runCheck(const CheckOptions& options) {
+    requireExistingFile(options.file);
+    ProblemReport problems;
+    if (fileSizeOnDisk(options.file) == 0) {
+        problems.add("the file is empty (0 bytes)");
+        return finishReport(options.file, problems);
+    }
+    checkDatabase(options.file, problems);
+    const auto file = openForCheck(options.file, problems);
+    if (!file) {
+        return finishReport(options.file, problems);
+    }
+    try {
+        checkMetadata(*file, problems);
+        const std::size_t entries = checkEntries(*file, problems);
+        const std::size_t bookmarks = checkBookmarks(*file, problems);
+        const std::size_t resources = checkResources(*file, problems);
+        fmt::print("Checked {} entries, {} data sources, {} resources, {} bookmarks\n", entries,
+                   file->getDataSources().size(), resources, bookmarks);
+    } catch (const std::exception& error) {
+        problems.add(fmt::format("the check could not go on: {}", error.what()));
+    }
+    return finishReport(options.file, problems);
+}
+
+}  // namespace Mvlog

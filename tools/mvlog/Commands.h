@@ -1,0 +1,91 @@
+#pragma once
+
+#include <logging/Logging.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+// One function per subcommand. Each returns the process exit code and reports
+// failures by throwing ToolError (exit 1) or UsageError (exit 2); main turns
+// both into a message on stderr.
+namespace Mvlog {
+
+struct InfoOptions {
+    std::string file;
+    bool json = false;
+};
+int runInfo(const InfoOptions& options);
+
+enum class CatFormat { Text, Json, Hex };
+
+struct CatOptions {
+    std::string file;
+    int32_t from = -1;
+    int32_t to = -1;
+    std::vector<int32_t> types;
+    std::vector<int> sources;
+    std::vector<MV_LogDataSourceType> sourceTypes;
+    int64_t limit = -1;
+    CatFormat format = CatFormat::Text;
+};
+int runCat(const CatOptions& options);
+
+struct ExportOptions {
+    std::string file;
+    std::optional<int32_t> entry;
+    std::optional<std::string> resource;
+    bool thumbnail = false;
+    std::string output;
+};
+int runExport(const ExportOptions& options);
+
+struct SliceOptions {
+    std::string file;
+    int32_t from = -1;
+    int32_t to = -1;
+    std::string output;
+    std::optional<int> level;
+};
+int runSlice(const SliceOptions& options);
+
+struct CloneOptions {
+    std::string file;
+    std::string output;
+    std::optional<int> level;
+};
+int runClone(const CloneOptions& options);
+
+struct PlayOptions {
+    std::string file;
+    double speed = 1.0;
+    bool loop = false;
+    std::vector<MV_LogDataSourceType> sourceTypes;
+    int32_t maxDelayMs = 1000;
+    int32_t fromFrame = 0;
+};
+int runPlay(const PlayOptions& options);
+
+enum class BookmarkAction { List, Add, Update, Remove };
+
+struct BookmarksOptions {
+    std::string file;
+    BookmarkAction action = BookmarkAction::List;
+    int32_t entryId = 0;
+    std::string title;
+    std::optional<std::string> comments;
+};
+int runBookmarks(const BookmarksOptions& options);
+
+struct CheckOptions {
+    std::string file;
+};
+int runCheck(const CheckOptions& options);
+
+struct DemoOptions {
+    std::optional<std::string> directory;
+};
+int runDemo(const DemoOptions& options);
+
+}  // namespace Mvlog

@@ -1,0 +1,20 @@
+#include "Commands.h"
+#include "FileSummary.h"
+#include "LogFileAccess.h"
+
+#include <fmt/format.h>
+
+namespace Mvlog {
+
+int runInfo(const InfoOptions& options) {
+    const auto file = openExistingLogFile(options.file);
+    const FileSummary summary = summarizeLogFile(*file);
+    if (options.json) {
+        fmt::print("{}\n", summaryJson(summary).dump(2));
+    } else {
+        fmt::print("{}", summaryText(summary));
+    }
+    return 0;
+}
+
+}  // namespace Mvlog

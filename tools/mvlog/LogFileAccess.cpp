@@ -1,0 +1,87 @@
+#include "LogFileAccess.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <system_error>
+
+namespace Mvlog {
+
+using Marivane::Logging::EntryIndexFilter;
+using Marivane::Logging::LogFileInterface;
+using Marivane::Logging::PropertyValue;
+using Marivane::Logging::SqliteLogFile;
+
+void requireExistingFile(const std::filesystem::path& path) {
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(path, error);
+    if (status.type() == std::filesystem::file_type::not_found) {
+        throw ToolError(fmt::format("{}: no such file", path.string()));
+    }
+    if (error) {
+        throw ToolError(fmt::format("{}: {}", path.string(), error.message()));
+    }
+    if (status.type() == std::filesystem::file_type::directory) {
+        throw ToolError(fmt::format("{}: is a directory, not a log file", path.string()));
+    }
+}
+
+std::unique_ptr<SqliteLogFile> openExistingLogFile(const std::filesystem::path& path) {
+    requireExistingFile(path);
+    if (std::filesystem::is_regular_file(path) && fileSizeOnDisk(path) == 0) {
+        throw ToolError(fmt::format("{}: the file is empty (0 bytes), not a log file", path.string()));
+    }
+    try {
+        return std::make_unique<SqliteLogFile>(path);
+    } catch (const std::exception& error) {
+        throw ToolError(fmt::format("cannot open {}: {}", path.string(), error.what()));
+    }
+}
+
+uint64_t fileSizeOnDisk(const std::filesystem::path& path) {
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(path, error);
+    return error ? 0 : static_cast<uint64_t>(size);
+}
+
+bool somethingExistsAt(const std::filesystem::path& path) {
+    std::error_code error;
+    return std::filesystem::symlink_status(path, error).type() != std::filesystem::file_type::not_found;
+}
+
+std::optional<int64_t> integerMetadata(const LogFileInterface& file, const std::string& key) {
+    const std::optional<PropertyValue> value = file.getMetadataValue(key);
+    if (!value) {
+        return std::nullopt;
+    }
+    if (const auto* wide = std::get_if<int64_t>(&*value)) {
+        return *wide;
+    }
+    if (const auto* narrow = std::get_if<int32_t>(&*value)) {
+        return *narrow;
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> textMetadata(const LogFileInterface& file, const std::string& key) {
+    const std::optional<PropertyValue> value = file.getMetadataValue(key);
+    if (!value) {
+        return std::nullopt;
+    }
+    if (const auto* text = std::get_if<std::string>(&*value)) {
+        return *text;
+    }
+    return std::nullopt;
+}
+
+int8_t storedCompressionLevel(const LogFileInterface& file) {
+    const int64_t level = integerMetadata(file, "compressionLevel").value_or(0);
+    return static_cast<int8_t>(std::clamp<int64_t>(level, -1, 9));
+}
+
+bool hasEntry(const LogFileInterface& file, int32_t entryId) {
+    const std::vector<int32_t> ids = file.getEntryIndex(EntryIndexFilter{});
+    return std::binary_search(ids.begin(), ids.end(), entryId);
+}
+
+}  // namespace Mvlog

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <logging/Logging.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace Mvlog {
+
+// A failure the user should read: main prints the message and exits with 1.
+class ToolError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// A command line that parses but makes no sense: main exits with 2.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The name and version mvlog writes into the files it derives or records.
+inline constexpr const char* kToolName = "mvlog";
+inline constexpr const char* kToolVersion = MVLOG_VERSION;
+
+// Opens a log file that must already exist. The store would quietly create
+// an empty log file at a missing path (or inside an empty file), which is
+// never what a reading command means, so both are refused here. Whatever the
+// library throws becomes a ToolError carrying its message.
+std::unique_ptr<Marivane::Logging::SqliteLogFile> openExistingLogFile(const std::filesystem::path& path);
+
+// Throws ToolError unless something readable exists at `path`.
+void requireExistingFile(const std::filesystem::path& path);
+
+uint64_t fileSizeOnDisk(const std::filesystem::path& path);
+
+// Does anything at all (even a dangling link) sit at `path`?
+bool somethingExistsAt(const std::filesystem::path& path);
+
+// The integer a metadata key holds, or nothing when it is absent or not an
+// integer.
+std::optional<int64_t> integerMetadata(const Marivane::Logging::LogFileInterface& file,
+                                       const std::string& key);
+std::optional<std::string> textMetadata(const Marivane::Logging::LogFileInterface& file,
+                                        const std::string& key);
+
+// The compression level the file was recorded with (0 when unknown, which is
+// how the store treats a file without the key).
+int8_t storedCompressionLevel(const Marivane::Logging::LogFileInterface& file);
+
+// Whether the file has an entry with this id (from the index, so a damaged
+// payload does not matter).
+bool hasEntry(const Marivane::Logging::LogFileInterface& file, int32_t entryId);
+
+}  // namespace Mvlog

@@ -1,0 +1,34 @@
+#include "Commands.h"
+#include "LogFileAccess.h"
+#include "Replay.h"
+#include "Terminal.h"
+
+#include <fmt/format.h>
+
+#include <cstdio>
+
+namespace Mvlog {
+
+int runPlay(const PlayOptions& options) {
+    auto file = openExistingLogFile(options.file);
+    ReplaySettings settings;
+    settings.speed = options.speed;
+    settings.loop = options.loop;
+    settings.sourceTypes = options.sourceTypes;
+    settings.maxDelayMs = options.maxDelayMs;
+    settings.fromFrame = options.fromFrame;
+    settings.style = isTerminal(stdout) ? StatusStyle::Live : StatusStyle::EveryFrame;
+
+    fmt::print("Playing {} at {}x{}; Ctrl-C stops\n", options.file, options.speed,
+               options.loop ? ", looping" : "");
+    std::fflush(stdout);
+    const ReplayReport report = replayLogFile(std::move(file), settings, stdout);
+    if (report.frameCount == 0) {
+        fmt::print("Nothing to play: the file has no entries.\n");
+        return 0;
+    }
+    fmt::print("{}\n", replayReportText(report, options.speed));
+    return 0;
+}
+
+}  // namespace Mvlog

@@ -1,0 +1,338 @@
+#include "Replay.h"
+
+#include "Format.h"
+#include "LogFileAccess.h"
+#include "Terminal.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <csignal>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace Mvlog {
+
+using Marivane::Logging::DataEntry;
+using Marivane::Logging::DataSource;
+using Marivane::Logging::LogFileInterface;
+using Marivane::Logging::Playback::LogFilePlayer;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// Set by the signal handler; the replay loop polls it. A lock-free atomic is
+// safe to store from a handler.
+std::atomic<bool> interruptRequested{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+constexpr auto kPollPeriod = std::chrono::milliseconds(50);
+constexpr auto kLiveRedrawPeriod = std::chrono::milliseconds(100);
+constexpr auto kPeriodicLinePeriod = std::chrono::milliseconds(500);
+constexpr auto kRateWindow = std::chrono::seconds(1);
+
+extern "C" void requestInterrupt(int) {
+    interruptRequested.store(true);
+}
+
+// Routes SIGINT and SIGTERM to the flag while a replay runs, so that the
+// player is stopped and joined instead of the process dying mid-frame.
+class InterruptGuard {
+public:
+    InterruptGuard() {
+        interruptRequested.store(false);
+        struct sigaction action {};
+        action.sa_handler = requestInterrupt;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGINT, &action, &previousInterrupt_);
+        sigaction(SIGTERM, &action, &previousTerminate_);
+    }
+    ~InterruptGuard() {
+        sigaction(SIGINT, &previousInterrupt_, nullptr);
+        sigaction(SIGTERM, &previousTerminate_, nullptr);
+    }
+    InterruptGuard(const InterruptGuard&) = delete;
+    InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+private:
+    struct sigaction previousInterrupt_ {};
+    struct sigaction previousTerminate_ {};
+};
+
+// What the callback keeps of a frame: the payload itself is dropped at once.
+struct DeliveredFrame {
+    int32_t frame = 0;
+    int32_t entryId = 0;
+    int64_t timestamp = 0;
+    int8_t dataSourceId = -1;
+    int32_t type = 0;
+    std::size_t size = 0;
+    Clock::time_point deliveredAt;
+};
+
+// Handed from the callback (worker thread, or the caller's thread during
+// seek) to the loop that prints.
+class DeliveryQueue {
+public:
+    DeliveryQueue(int32_t lastFrame, bool loop) : lastFrame_(lastFrame), loop_(loop) {}
+
+    void push(int32_t frame, const DataEntry& entry) {
+        DeliveredFrame delivered{frame,      entry.entryId,     entry.timestamp, entry.dataSourceId,
+                                 entry.type, entry.data.size(), Clock::now()};
+        {
+            std::lock_guard lock(mutex_);
+            pending_.push_back(delivered);
+            if (frame == lastFrame_ && !loop_) {
+                finished_ = true;
+            }
+        }
+        wake_.notify_one();
+    }
+
+    // Waits a little for news; returns what arrived and whether the last
+    // frame was among it.
+    std::vector<DeliveredFrame> take(bool& finished) {
+        std::unique_lock lock(mutex_);
+        wake_.wait_for(lock, kPollPeriod, [this] { return !pending_.empty() || finished_; });
+        std::vector<DeliveredFrame> taken;
+        taken.swap(pending_);
+        finished = finished_;
+        return taken;
+    }
+
+private:
+    const int32_t lastFrame_;
+    const bool loop_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::vector<DeliveredFrame> pending_;
+    bool finished_ = false;
+};
+
+// The ideal schedule: each frame due the recorded gap divided by the speed
+// after the previous one, or exactly the maximum delay once the gap reaches
+// it (also after a wrap, where the gap counts from 0), cumulative from the
+// first delivery. The player rounds each wait to whole milliseconds and
+// compensates only whole milliseconds of lateness, so its drift shows here.
+class PacingTracker {
+public:
+    PacingTracker(double speed, int32_t maxDelayMs) : speed_(speed), maxDelayMs_(maxDelayMs) {}
+
+    void observe(const DeliveredFrame& frame) {
+        if (!started_) {
+            started_ = true;
+            scheduled_ = frame.deliveredAt;
+        } else {
+            if (frame.frame <= previousFrame_) {
+                previousTimestamp_ = 0;
+            }
+            scheduled_ += std::chrono::duration_cast<Clock::duration>(waitBefore(frame.timestamp));
+            const double errorMs =
+                std::abs(std::chrono::duration<double, std::milli>(frame.deliveredAt - scheduled_).count());
+            totalMs_ += errorMs;
+            error_.maxMs = std::max(error_.maxMs, errorMs);
+            ++error_.samples;
+        }
+        previousFrame_ = frame.frame;
+        previousTimestamp_ = frame.timestamp;
+    }
+
+    PacingError error() const {
+        PacingError result = error_;
+        result.meanMs = error_.samples == 0 ? 0.0 : totalMs_ / static_cast<double>(error_.samples);
+        return result;
+    }
+
+private:
+    std::chrono::duration<double, std::milli> waitBefore(int64_t timestamp) const {
+        const int64_t gap = timestamp - previousTimestamp_;
+        if (gap >= maxDelayMs_) {
+            return std::chrono::duration<double, std::milli>(maxDelayMs_);
+        }
+        return std::chrono::duration<double, std::milli>(static_cast<double>(gap) / speed_);
+    }
+
+    double speed_;
+    int32_t maxDelayMs_;
+    bool started_ = false;
+    Clock::time_point scheduled_;
+    int32_t previousFrame_ = 0;
+    int64_t previousTimestamp_ = 0;
+    double totalMs_ = 0.0;
+    PacingError error_;
+};
+
+// Frames per second and achieved speed over the last second of deliveries.
+class RateWindow {
+public:
+    void observe(const DeliveredFrame& frame) {
+        samples_.push_back({frame.deliveredAt, frame.timestamp});
+        while (samples_.size() > 2 && frame.deliveredAt - samples_.front().first > kRateWindow) {
+            samples_.pop_front();
+        }
+    }
+
+    std::string text() const {
+        if (samples_.size() < 2) {
+            return "-- fps";
+        }
+        const double seconds =
+            std::chrono::duration<double>(samples_.back().first - samples_.front().first).count();
+        if (seconds <= 0.0) {
+            return "-- fps";
+        }
+        const double fps = static_cast<double>(samples_.size() - 1) / seconds;
+        const double recorded =
+            static_cast<double>(samples_.back().second - samples_.front().second) / 1000.0;
+        return fmt::format("{:.1f} fps, {:.2f}x", fps, recorded / seconds);
+    }
+
+private:
+    std::deque<std::pair<Clock::time_point, int64_t>> samples_;
+};
+
+class StatusPrinter {
+public:
+    StatusPrinter(std::FILE* stream, StatusStyle style, std::map<int8_t, std::string> sourceNames,
+                  std::size_t frameCount)
+        : line_(stream, style == StatusStyle::Live),
+          style_(style),
+          sourceNames_(std::move(sourceNames)),
+          lastFrame_(frameCount == 0 ? 0 : frameCount - 1) {}
+
+    void observe(const DeliveredFrame& frame) {
+        rate_.observe(frame);
+        latest_ = frame;
+        hasLatest_ = true;
+        if (style_ == StatusStyle::EveryFrame) {
+            line_.update(describe(frame));
+            hasLatest_ = false;
+        }
+    }
+
+    // Live and periodic styles draw the latest frame at their own pace;
+    // `force` draws whatever is pending (at the end).
+    void refresh(bool force) {
+        if (!hasLatest_) {
+            return;
+        }
+        const auto period = style_ == StatusStyle::Live ? kLiveRedrawPeriod : kPeriodicLinePeriod;
+        const auto now = Clock::now();
+        if (force || now - lastDrawn_ >= period) {
+            line_.update(describe(latest_));
+            lastDrawn_ = now;
+            hasLatest_ = false;
+        }
+    }
+
+    void finish() { line_.finish(); }
+
+private:
+    std::string describe(const DeliveredFrame& frame) const {
+        const auto name = sourceNames_.find(frame.dataSourceId);
+        return fmt::format("frame {}/{}  entry {}  {}  {} ({})  type {}  {}  {}", frame.frame, lastFrame_,
+                           frame.entryId, isoTimestamp(frame.timestamp),
+                           name == sourceNames_.end() ? "?" : name->second, frame.dataSourceId, frame.type,
+                           humanSize(frame.size), rate_.text());
+    }
+
+    StatusLine line_;
+    StatusStyle style_;
+    std::map<int8_t, std::string> sourceNames_;
+    std::size_t lastFrame_;
+    RateWindow rate_;
+    DeliveredFrame latest_;
+    bool hasLatest_ = false;
+    Clock::time_point lastDrawn_;
+};
+
+std::map<int8_t, std::string> sourceNamesOf(const LogFileInterface& file) {
+    std::map<int8_t, std::string> names;
+    for (const DataSource& source : file.getDataSources()) {
+        names[source.id] = source.name;
+    }
+    return names;
+}
+
+void requireFrame(int32_t frame, std::size_t frameCount) {
+    if (frame < 0 || static_cast<std::size_t>(frame) >= frameCount) {
+        throw ToolError(fmt::format("frame {} does not exist (the replay has frames 0 to {})", frame,
+                                    static_cast<int64_t>(frameCount) - 1));
+    }
+}
+
+}  // namespace
+
+ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplaySettings& settings,
+                           std::FILE* stream) {
+    std::map<int8_t, std::string> names = sourceNamesOf(*file);
+    ReplayReport report;
+
+    // The queue must outlive the player, whose worker calls into it.
+    std::unique_ptr<DeliveryQueue> queue;
+    LogFilePlayer player(
+        std::move(file), settings.sourceTypes,
+        [&queue](int32_t frame, DataEntry entry) { queue->push(frame, entry); }, settings.loop,
+        settings.maxDelayMs);
+    report.frameCount = player.getFrameCount();
+    if (report.frameCount == 0) {
+        return report;
+    }
+    requireFrame(settings.fromFrame, report.frameCount);
+    queue = std::make_unique<DeliveryQueue>(static_cast<int32_t>(report.frameCount - 1), settings.loop);
+    report.recordedSpanMs = player.getTotalPlayTime();
+    player.setPlaybackSpeedMultiplier(static_cast<float>(settings.speed));
+
+    StatusPrinter printer(stream, settings.style, std::move(names), report.frameCount);
+    PacingTracker pacing(settings.speed, settings.maxDelayMs);
+    InterruptGuard interrupts;
+    const auto start = Clock::now();
+    // seek delivers the first frame here and now; play() goes on after it.
+    player.seek(settings.fromFrame, {});
+    player.play();
+    std::optional<int64_t> firstTimestamp;
+    auto observe = [&](const DeliveredFrame& frame) {
+        pacing.observe(frame);
+        printer.observe(frame);
+        ++report.framesDelivered;
+        firstTimestamp = firstTimestamp.value_or(frame.timestamp);
+        report.playedSpanMs = frame.timestamp - *firstTimestamp;
+    };
+    bool finished = false;
+    while (!finished && !interruptRequested.load()) {
+        for (const DeliveredFrame& frame : queue->take(finished)) {
+            observe(frame);
+        }
+        printer.refresh(finished);
+    }
+    player.stop();
+    report.wallSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+    report.interrupted = !finished;
+    // Anything delivered between the last look and stop() still counts.
+    bool ignored = false;
+    for (const DeliveredFrame& frame : queue->take(ignored)) {
+        observe(frame);
+    }
+    printer.refresh(true);
+    printer.finish();
+    report.pacing = pacing.error();
+    return report;
+}
+
+std::string replayReportText(const ReplayReport& report, double speed) {
+    return fmt::format(
+        "Played {} of {} frames ({} of recording) in {} at {}x; pacing error mean {:.2f} ms, max "
+        "{:.2f} ms{}",
+        report.framesDelivered, report.frameCount, humanDuration(report.playedSpanMs),
+        humanDuration(std::llround(report.wallSeconds * 1000.0)), speed, report.pacing.meanMs,
+        report.pacing.maxMs, report.interrupted ? " (interrupted)" : "");
+}
+
+}  // namespace Mvlog

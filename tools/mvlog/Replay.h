@@ -1,0 +1,59 @@
+#pragma once
+
+#include <logging/Logging.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Mvlog {
+
+// How the status of a running replay is shown.
+enum class StatusStyle {
+    Live,        // one line redrawn in place (a terminal)
+    EveryFrame,  // a line per delivered frame (pipes, logs, tests)
+    Periodic,    // a line now and then (long replays into a log)
+};
+
+struct ReplaySettings {
+    double speed = 1.0;
+    bool loop = false;
+    std::vector<MV_LogDataSourceType> sourceTypes;
+    int32_t maxDelayMs = 1000;
+    int32_t fromFrame = 0;
+    StatusStyle style = StatusStyle::EveryFrame;
+};
+
+// Difference between when the recorded timing says a frame is due and when
+// the callback actually received it.
+struct PacingError {
+    double meanMs = 0.0;
+    double maxMs = 0.0;
+    int64_t samples = 0;
+};
+
+struct ReplayReport {
+    std::size_t frameCount = 0;
+    int64_t framesDelivered = 0;
+    bool interrupted = false;
+    double wallSeconds = 0.0;
+    // Timestamp span of the whole frame list, and of what was delivered.
+    int64_t recordedSpanMs = 0;
+    int64_t playedSpanMs = 0;
+    PacingError pacing;
+};
+
+// Replays `file` through the player until the last frame is delivered
+// (without looping) or SIGINT/SIGTERM arrives, printing status to `stream`.
+// Throws ToolError for a frame number outside the file.
+ReplayReport replayLogFile(std::unique_ptr<Marivane::Logging::LogFileInterface> file,
+                           const ReplaySettings& settings, std::FILE* stream);
+
+// "Played 366 of 366 frames (6.000 s of recording) in 1.512 s at 4x; pacing
+// error mean 0.41 ms, max 2.10 ms".
+std::string replayReportText(const ReplayReport& report, double speed);
+
+}  // namespace Mvlog

@@ -1,0 +1,314 @@
+#include "SyntheticSurvey.h"
+
+#include "LogFileAccess.h"
+
+#include <logging/Logging.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <numbers>
+#include <string>
+
+namespace Mvlog {
+
+using Marivane::Logging::Bookmark;
+using Marivane::Logging::ByteBuffer;
+using Marivane::Logging::DataEntry;
+using Marivane::Logging::DataSource;
+using Marivane::Logging::DataSourceProperty;
+using Marivane::Logging::PropertyValue;
+using Marivane::Logging::SqliteLogFile;
+
+namespace {
+
+constexpr int kImageSide = 256;  // 256 x 256 greyscale = 64 KiB per frame
+constexpr int kThumbnailSide = 64;
+constexpr int64_t kTickMs = 20;  // the navigation period; the other rates divide into it
+constexpr int64_t kCameraPeriodMs = 100;
+constexpr int64_t kEnvironmentPeriodMs = 1000;
+constexpr int64_t kMiddleStartMs = 6000;
+constexpr int64_t kMiddleEndMs = 12000;
+constexpr int64_t kTurnAtMs = 8000;
+
+// Entry types of the survey.
+constexpr int32_t kImageFrame = 1;
+constexpr int32_t kNavigationFix = 2;
+constexpr int32_t kNavigationStatus = 3;
+constexpr int32_t kEnvironmentReading = 4;
+
+// Deterministic noise, so that two demo runs write the same payloads.
+class NoiseSource {
+public:
+    explicit NoiseSource(uint64_t seed) : state_(seed) {}
+    uint64_t next() {
+        state_ ^= state_ >> 12;
+        state_ ^= state_ << 25;
+        state_ ^= state_ >> 27;
+        return state_ * 0x2545F4914F6CDD1DULL;
+    }
+    // Uniform in [-amplitude, amplitude].
+    int symmetric(int amplitude) {
+        return static_cast<int>(next() % static_cast<uint64_t>(2 * amplitude + 1)) - amplitude;
+    }
+
+private:
+    uint64_t state_;
+};
+
+ByteBuffer bytesOf(const std::string& text) {
+    ByteBuffer bytes(text.size());
+    std::memcpy(bytes.data(), text.data(), text.size());
+    return bytes;
+}
+
+template <typename T>
+void appendRaw(ByteBuffer& bytes, T value) {
+    const std::size_t offset = bytes.size();
+    bytes.resize(offset + sizeof value);
+    std::memcpy(bytes.data() + offset, &value, sizeof value);
+}
+
+// A banded gradient (sky over sea, as a cheap sensor quantises it) with a
+// bright target circling through it and sparse sensor noise: compressible
+// like a real image, but never twice the same.
+ByteBuffer cameraFrame(int64_t timeMs, NoiseSource& noise) {
+    const double phase = static_cast<double>(timeMs) / 1000.0 * 0.6;
+    const double targetX = kImageSide / 2.0 + 80.0 * std::cos(phase);
+    const double targetY = kImageSide / 2.0 + 60.0 * std::sin(phase);
+    ByteBuffer frame(static_cast<std::size_t>(kImageSide * kImageSide));
+    for (int y = 0; y < kImageSide; ++y) {
+        for (int x = 0; x < kImageSide; ++x) {
+            int value = (40 + x * 120 / (kImageSide - 1) + y * 60 / (kImageSide - 1)) & ~7;
+            const double dx = x - targetX;
+            const double dy = y - targetY;
+            if (dx * dx + dy * dy < 24.0 * 24.0) {
+                value = 245;
+            }
+            if (noise.next() % 8 == 0) {
+                value = std::clamp(value + noise.symmetric(3), 0, 255);
+            }
+            frame[static_cast<std::size_t>(y * kImageSide + x)] = static_cast<std::byte>(value);
+        }
+    }
+    return frame;
+}
+
+// A binary PGM of the frame scaled down by averaging blocks.
+ByteBuffer thumbnailOf(const ByteBuffer& frame) {
+    constexpr int kBlock = kImageSide / kThumbnailSide;
+    ByteBuffer image = bytesOf(fmt::format("P5\n{} {}\n255\n", kThumbnailSide, kThumbnailSide));
+    for (int y = 0; y < kThumbnailSide; ++y) {
+        for (int x = 0; x < kThumbnailSide; ++x) {
+            int sum = 0;
+            for (int by = 0; by < kBlock; ++by) {
+                for (int bx = 0; bx < kBlock; ++bx) {
+                    sum += std::to_integer<int>(
+                        frame[static_cast<std::size_t>((y * kBlock + by) * kImageSide + x * kBlock + bx)]);
+                }
+            }
+            image.push_back(static_cast<std::byte>(sum / (kBlock * kBlock)));
+        }
+    }
+    return image;
+}
+
+// Position, height, heading, speed, satellites and flags: 48 bytes, host
+// byte order, as a receiver driver would hand them over.
+ByteBuffer navigationFix(int64_t timeMs, NoiseSource& noise) {
+    const double seconds = static_cast<double>(timeMs) / 1000.0;
+    const double heading = timeMs < kTurnAtMs ? 45.0 : 315.0;
+    const double speed = 4.2 + noise.symmetric(100) / 1000.0;
+    const double radians = heading * std::numbers::pi / 180.0;
+    ByteBuffer fix;
+    appendRaw(fix, 59.9 + seconds * speed * std::cos(radians) / 111'000.0);
+    appendRaw(fix, 10.7 + seconds * speed * std::sin(radians) / 55'000.0);
+    appendRaw(fix, 12.0 + noise.symmetric(50) / 100.0);
+    appendRaw(fix, heading + noise.symmetric(20) / 10.0);
+    appendRaw(fix, speed);
+    appendRaw(fix, uint32_t{14});
+    appendRaw(fix, uint32_t{0x3});
+    return fix;
+}
+
+ByteBuffer navigationStatus(int64_t timeMs, NoiseSource& noise) {
+    return bytesOf(fmt::format("$STATUS,t={},fix=RTK,sats={},hdop={:.1f}", timeMs, 12 + noise.symmetric(2),
+                               0.8 + noise.symmetric(3) / 10.0));
+}
+
+ByteBuffer environmentReading(int64_t timeMs, NoiseSource& noise) {
+    return bytesOf(fmt::format(
+        R"({{"t":{},"temperature_c":{:.2f},"humidity_pct":{:.1f},"pressure_hpa":{:.1f},"wind_mps":{:.1f}}})",
+        timeMs, 11.5 + noise.symmetric(30) / 100.0, 78.0 + noise.symmetric(20) / 10.0,
+        1013.2 + noise.symmetric(5) / 10.0, 6.0 + noise.symmetric(15) / 10.0));
+}
+
+// The zone the recording machine runs in, as text: TZ if set, else the
+// system's configured name, else UTC.
+std::string localTimeZoneName() {
+    if (const char* zone = std::getenv("TZ"); zone != nullptr && *zone != '\0') {
+        return zone;
+    }
+    std::ifstream configured("/etc/timezone");
+    std::string name;
+    if (std::getline(configured, name) && !name.empty()) {
+        return name;
+    }
+    return "UTC";
+}
+
+class SurveyWriter {
+public:
+    SurveyWriter(const std::filesystem::path& path, int64_t startTimestamp)
+        : file_(path.string(), localTimeZoneName(), "mvlog-demo", kToolVersion, -1,
+                std::chrono::duration_cast<std::chrono::milliseconds>(
+                    std::chrono::system_clock::now().time_since_epoch())
+                    .count()),
+          start_(startTimestamp) {}
+
+    SqliteLogFile& file() { return file_; }
+
+    int8_t addSource(MV_LogDataSourceType type, const std::string& name,
+                     const std::vector<std::pair<std::string, PropertyValue>>& properties) {
+        DataSource source{-1, type, name};
+        require(file_.addDataSource(source), "add a data source");
+        for (const auto& [key, value] : properties) {
+            require(file_.addDataSourceProperty({source.id, key, value}), "add a data-source property");
+        }
+        return source.id;
+    }
+
+    // A new file numbers its entries 1, 2, ..., so the count is the id of
+    // the entry logged last.
+    void log(int8_t source, int32_t type, int64_t timeMs, ByteBuffer payload) {
+        payloadBytes_ += payload.size();
+        DataEntry entry;
+        entry.dataSourceId = source;
+        entry.type = type;
+        entry.timestamp = start_ + timeMs;
+        entry.data = std::move(payload);
+        require(file_.logData(entry), "log an entry");
+        ++entries_;
+    }
+
+    void require(bool succeeded, const char* what) {
+        if (!succeeded) {
+            throw ToolError(fmt::format("demo: cannot {}: {}", what, file_.getLastError()));
+        }
+    }
+
+    int64_t entries() const { return entries_; }
+    uint64_t payloadBytes() const { return payloadBytes_; }
+
+private:
+    SqliteLogFile file_;
+    int64_t start_;
+    int64_t entries_ = 0;
+    uint64_t payloadBytes_ = 0;
+};
+
+struct SurveySources {
+    int8_t camera;
+    int8_t navigation;
+    int8_t environment;
+};
+
+SurveySources addSurveySources(SurveyWriter& writer) {
+    SurveySources sources{};
+    sources.camera = writer.addSource(MV_LogDataSourceType_Camera, "camera-front",
+                                      {{"width", int32_t{kImageSide}},
+                                       {"height", int32_t{kImageSide}},
+                                       {"pixelFormat", std::string("GRAY8")},
+                                       {"frameRateHz", 10.0},
+                                       {"exposureUs", int64_t{2500}}});
+    sources.navigation = writer.addSource(MV_LogDataSourceType_Navigation, "gnss",
+                                          {{"receiver", std::string("synthetic dual-antenna")},
+                                           {"datum", std::string("WGS84")},
+                                           {"rateHz", 50.0}});
+    sources.environment =
+        writer.addSource(MV_LogDataSourceType_Environment, "weather-mast",
+                         {{"sensor", std::string("synthetic BME")}, {"heightM", 12.5}, {"rateHz", 1.0}});
+    return sources;
+}
+
+void addSurveyMetadata(SurveyWriter& writer, int64_t durationMs) {
+    SqliteLogFile& file = writer.file();
+    file.addMetadata("vessel", std::string("RV Demo"));
+    file.addMetadata("survey", std::string("Synthetic harbour survey"));
+    file.addMetadata("operator", std::string("mvlog demo"));
+    file.addMetadata("syntheticDurationMs", durationMs);
+    writer.require(file.addResource("calibration.json",
+                                    bytesOf(R"({"camera-front":{"fx":412.5,"fy":412.5,"cx":128,"cy":128}})")),
+                   "add a resource");
+}
+
+}  // namespace
+
+SurveyRecording recordSyntheticSurvey(const std::filesystem::path& path, int64_t startTimestamp,
+                                      int64_t durationMs) {
+    if (somethingExistsAt(path)) {
+        throw ToolError(fmt::format("demo: {} already exists", path.string()));
+    }
+    SurveyWriter writer(path, startTimestamp);
+    const SurveySources sources = addSurveySources(writer);
+    addSurveyMetadata(writer, durationMs);
+
+    SurveyRecording recording;
+    recording.startTimestamp = startTimestamp;
+    NoiseSource noise(0x9E3779B97F4A7C15ULL);
+    ByteBuffer firstFrame;
+    int32_t turnId = -1;
+    int64_t frameNumber = 0;
+    const auto wallStart = std::chrono::steady_clock::now();
+    for (int64_t t = 0; t < durationMs; t += kTickMs) {
+        const int32_t tickFirstId = static_cast<int32_t>(writer.entries() + 1);
+        writer.log(sources.navigation, kNavigationFix, t, navigationFix(t, noise));
+        if (t % kEnvironmentPeriodMs == 0) {
+            writer.log(sources.navigation, kNavigationStatus, t, navigationStatus(t, noise));
+        }
+        if (t % kCameraPeriodMs == 0) {
+            ByteBuffer frame = cameraFrame(t, noise);
+            if (firstFrame.empty()) {
+                firstFrame = frame;
+            }
+            // Exposure ends a few milliseconds after the trigger, never twice
+            // the same, as with real cameras.
+            writer.log(sources.camera, kImageFrame, t + 2 + (frameNumber++ * 7) % 5, std::move(frame));
+        }
+        if (t % kEnvironmentPeriodMs == 0) {
+            writer.log(sources.environment, kEnvironmentReading, t + 9, environmentReading(t, noise));
+        }
+        if (t >= kMiddleStartMs && recording.middleFirstId == -1) {
+            recording.middleFirstId = tickFirstId;
+        }
+        if (t < kMiddleEndMs) {
+            recording.middleLastId = static_cast<int32_t>(writer.entries());
+        }
+        if (t == kTurnAtMs) {
+            turnId = tickFirstId;
+        }
+    }
+    recording.wallSeconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
+    recording.entries = writer.entries();
+    recording.payloadBytes = writer.payloadBytes();
+
+    SqliteLogFile& file = writer.file();
+    writer.require(file.setThumbnail(thumbnailOf(firstFrame)), "set the thumbnail");
+    writer.require(file.addBookmark({1, "Start of survey", "All sensors running", {}}), "add a bookmark");
+    if (turnId != -1) {
+        writer.require(file.addBookmark({turnId, "Turn to port", "Heading 045 to 315",
+                                         bytesOf(R"({"headingFrom":45,"headingTo":315})")}),
+                       "add a bookmark");
+    }
+    writer.require(file.addBookmark({static_cast<int32_t>(recording.entries), "End of survey", "", {}}),
+                   "add a bookmark");
+    return recording;
+}
+
+}  // namespace Mvlog

@@ -1,0 +1,83 @@
+#include "Terminal.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <chrono>
+#include <utility>
+
+#include <unistd.h>
+
+namespace Mvlog {
+
+namespace {
+
+// Return to column 0 and clear to the end of the line.
+constexpr const char* kRedrawLine = "\r\x1b[K";
+
+constexpr auto kSpinnerPeriod = std::chrono::milliseconds(100);
+
+}  // namespace
+
+bool isTerminal(std::FILE* stream) {
+    return ::isatty(::fileno(stream)) == 1;
+}
+
+StatusLine::StatusLine(std::FILE* stream, bool live) : stream_(stream), live_(live) {}
+
+StatusLine::~StatusLine() {
+    finish();
+}
+
+void StatusLine::update(const std::string& text) {
+    if (live_) {
+        fmt::print(stream_, "{}{}", kRedrawLine, text);
+        pending_ = true;
+    } else {
+        fmt::print(stream_, "{}\n", text);
+    }
+    std::fflush(stream_);
+}
+
+void StatusLine::finish() {
+    if (pending_) {
+        fmt::print(stream_, "\n");
+        std::fflush(stream_);
+        pending_ = false;
+    }
+}
+
+ElapsedTimeIndicator::ElapsedTimeIndicator(std::string label) : label_(std::move(label)) {
+    if (isTerminal(stderr)) {
+        thread_ = std::thread([this] { run(); });
+    }
+}
+
+ElapsedTimeIndicator::~ElapsedTimeIndicator() {
+    if (!thread_.joinable()) {
+        return;
+    }
+    {
+        std::lock_guard lock(mutex_);
+        done_ = true;
+    }
+    wake_.notify_one();
+    thread_.join();
+    fmt::print(stderr, "{}", kRedrawLine);
+    std::fflush(stderr);
+}
+
+void ElapsedTimeIndicator::run() {
+    constexpr std::array<char, 4> kFrames = {'|', '/', '-', '\\'};
+    const auto start = std::chrono::steady_clock::now();
+    std::unique_lock lock(mutex_);
+    for (std::size_t tick = 0; !done_; ++tick) {
+        const double elapsed =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        fmt::print(stderr, "{}{} {} {:.1f} s", kRedrawLine, kFrames[tick % kFrames.size()], label_, elapsed);
+        std::fflush(stderr);
+        wake_.wait_for(lock, kSpinnerPeriod, [this] { return done_; });
+    }
+}
+
+}  // namespace Mvlog

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace Mvlog {
+
+bool isTerminal(std::FILE* stream);
+
+// One line of status text. On a terminal it is redrawn in place; elsewhere
+// every update is a line of its own, so logs and pipes keep the history.
+class StatusLine {
+public:
+    StatusLine(std::FILE* stream, bool live);
+    ~StatusLine();
+    StatusLine(const StatusLine&) = delete;
+    StatusLine& operator=(const StatusLine&) = delete;
+
+    bool isLive() const { return live_; }
+    void update(const std::string& text);
+    // Ends an in-place line so that what follows starts on a fresh one.
+    void finish();
+
+private:
+    std::FILE* stream_;
+    bool live_;
+    bool pending_ = false;
+};
+
+// While it lives, and only when stderr is a terminal, shows a spinner with the
+// elapsed time for an operation that reports no progress of its own.
+class ElapsedTimeIndicator {
+public:
+    explicit ElapsedTimeIndicator(std::string label);
+    ~ElapsedTimeIndicator();
+    ElapsedTimeIndicator(const ElapsedTimeIndicator&) = delete;
+    ElapsedTimeIndicator& operator=(const ElapsedTimeIndicator&) = delete;
+
+private:
+    void run();
+
+    std::string label_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool done_ = false;
+    std::thread thread_;
+};
+
+}  // namespace Mvlog

@@ -1,0 +1,248 @@
+// mvlog: inspect, extract, derive, check and replay log files from the
+// command line, through the library's public class interface.
+
+#include "Commands.h"
+#include "Format.h"
+#include "LogFileAccess.h"
+
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <map>
+#include <string>
+
+namespace {
+
+using namespace Mvlog;
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+// Accepts the data-source type names mvlog prints, or any 32-bit number.
+const CLI::Validator kDataSourceTypeValidator(
+    [](std::string& text) -> std::string {
+        return parseDataSourceType(text)
+                   ? std::string()
+                   : "not a data-source type name (Camera, Navigation, ...) or a number";
+    },
+    "TYPE");
+
+std::vector<MV_LogDataSourceType> dataSourceTypes(const std::vector<std::string>& names) {
+    std::vector<MV_LogDataSourceType> types;
+    for (const std::string& name : names) {
+        types.push_back(*parseDataSourceType(name));
+    }
+    return types;
+}
+
+// Repeatable, one value per occurrence: `--type 1 --type 2`, so that a
+// positional argument after the option is never swallowed.
+template <typename T>
+CLI::Option* addRepeatable(CLI::App& command, const std::string& name, std::vector<T>& values,
+                           const std::string& description) {
+    return command.add_option(name, values, description)->allow_extra_args(false);
+}
+
+// Each subcommand registers its options and returns what runs it once parsing
+// succeeded.
+using Runner = std::function<int()>;
+
+struct Subcommands {
+    std::map<CLI::App*, Runner> runners;
+
+    void add(CLI::App* command, Runner runner) { runners.emplace(command, std::move(runner)); }
+};
+
+void addInfo(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<InfoOptions>();
+    CLI::App* info =
+        app.add_subcommand("info", "Describe a log file: metadata, data sources, counts, resources");
+    info->add_option("FILE", options->file, "Log file")->required();
+    info->add_flag("--json", options->json, "Print one JSON document instead of text");
+    subcommands.add(info, [options] { return runInfo(*options); });
+}
+
+void addCat(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<CatOptions>();
+    auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
+    auto format = std::make_shared<std::string>("text");
+    CLI::App* cat = app.add_subcommand("cat", "Print entries in id order");
+    cat->add_option("FILE", options->file, "Log file")->required();
+    cat->add_option("--from", options->from, "First entry id (default: the file's first)");
+    cat->add_option("--to", options->to, "Last entry id (default: the file's last)");
+    addRepeatable(*cat, "--type", options->types, "Only entries of this entry type (repeatable)");
+    addRepeatable(*cat, "--source", options->sources, "Only entries of this data-source id (repeatable)")
+        ->check(CLI::Range(-128, 127));
+    addRepeatable(*cat, "--source-type", *sourceTypeNames,
+                  "Only entries of data sources of this type (repeatable)")
+        ->check(kDataSourceTypeValidator);
+    cat->add_option("--limit", options->limit, "At most this many entries")->check(CLI::NonNegativeNumber);
+    cat->add_option("--format", *format, "text (default), json (one object per line) or hex (full dump)")
+        ->check(CLI::IsMember({"text", "json", "hex"}));
+    subcommands.add(cat, [options, sourceTypeNames, format] {
+        options->sourceTypes = dataSourceTypes(*sourceTypeNames);
+        options->format = *format == "json"  ? CatFormat::Json
+                          : *format == "hex" ? CatFormat::Hex
+                                             : CatFormat::Text;
+        return runCat(*options);
+    });
+}
+
+void addExport(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<ExportOptions>();
+    CLI::App* exporter =
+        app.add_subcommand("export", "Write the raw bytes of an entry, resource or thumbnail");
+    exporter->add_option("FILE", options->file, "Log file")->required();
+    CLI::Option_group* what = exporter->add_option_group("what", "Exactly one of these");
+    what->add_option("--entry", options->entry, "Payload of the entry with this id");
+    what->add_option("--resource", options->resource, "Resource with this name");
+    what->add_flag("--thumbnail", options->thumbnail, "The file's thumbnail");
+    what->require_option(1);
+    exporter->add_option("-o,--output", options->output, "Output file ('-' for standard output)")->required();
+    subcommands.add(exporter, [options] { return runExport(*options); });
+}
+
+void addSlice(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<SliceOptions>();
+    CLI::App* slice =
+        app.add_subcommand("slice", "Write entries FROM..TO with everything they need to a new file");
+    slice->add_option("FILE", options->file, "Log file")->required();
+    slice->add_option("--from", options->from, "First entry id (must exist)")->required();
+    slice->add_option("--to", options->to, "Last entry id (must exist)")->required();
+    slice->add_option("-o,--output", options->output,
+                      "Output file (must not exist; default: <name>_exported<ext> beside the source)");
+    slice->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
+        ->check(CLI::Range(-1, 9));
+    subcommands.add(slice, [options] { return runSlice(*options); });
+}
+
+void addClone(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<CloneOptions>();
+    CLI::App* clone =
+        app.add_subcommand("clone", "Copy a whole log file, optionally at another compression level");
+    clone->add_option("FILE", options->file, "Log file")->required();
+    clone->add_option("-o,--output", options->output,
+                      "Output file (must not exist; default: <name>_exported<ext> beside the source)");
+    clone->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
+        ->check(CLI::Range(-1, 9));
+    subcommands.add(clone, [options] { return runClone(*options); });
+}
+
+void addPlay(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<PlayOptions>();
+    auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
+    CLI::App* play = app.add_subcommand("play", "Replay entries at their recorded pace");
+    play->add_option("FILE", options->file, "Log file")->required();
+    play->add_option("--speed", options->speed, "Speed multiplier (default 1)")->check(CLI::PositiveNumber);
+    play->add_flag("--loop", options->loop, "Start again after the last frame (Ctrl-C stops)");
+    addRepeatable(*play, "--source-type", *sourceTypeNames,
+                  "Play only data sources of this type (repeatable; default: all)")
+        ->check(kDataSourceTypeValidator);
+    play->add_option("--max-delay", options->maxDelayMs,
+                     "Longest wait between two frames in ms (default 1000)")
+        ->check(CLI::Range(1, 3'600'000));
+    play->add_option("--from", options->fromFrame, "Frame to start at, counting from 0")
+        ->check(CLI::NonNegativeNumber);
+    subcommands.add(play, [options, sourceTypeNames] {
+        options->sourceTypes = dataSourceTypes(*sourceTypeNames);
+        return runPlay(*options);
+    });
+}
+
+void addBookmarks(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<BookmarksOptions>();
+    CLI::App* bookmarks = app.add_subcommand("bookmarks", "List, add, update or remove bookmarks");
+    bookmarks->add_option("FILE", options->file, "Log file")->required();
+    bookmarks->require_subcommand(0, 1);
+
+    bookmarks->add_subcommand("list", "List the bookmarks (the default)");
+
+    CLI::App* add = bookmarks->add_subcommand("add", "Bookmark an entry");
+    add->add_option("ID", options->entryId, "Entry id")->required();
+    add->add_option("TITLE", options->title, "Title")->required();
+    add->add_option("--comments", options->comments, "Comments");
+
+    CLI::App* update =
+        bookmarks->add_subcommand("update", "Change the title (and comments) of an entry's bookmarks");
+    update->add_option("ID", options->entryId, "Entry id")->required();
+    update->add_option("TITLE", options->title, "New title")->required();
+    update->add_option("--comments", options->comments, "New comments (default: keep them)");
+
+    CLI::App* remove = bookmarks->add_subcommand("remove", "Remove the bookmarks of an entry");
+    remove->add_option("ID", options->entryId, "Entry id")->required();
+
+    subcommands.add(bookmarks, [options, add, update, remove] {
+        options->action = add->parsed()      ? BookmarkAction::Add
+                          : update->parsed() ? BookmarkAction::Update
+                          : remove->parsed() ? BookmarkAction::Remove
+                                             : BookmarkAction::List;
+        return runBookmarks(*options);
+    });
+}
+
+void addCheck(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<CheckOptions>();
+    CLI::App* check =
+        app.add_subcommand("check", "Verify the database, every payload, resource and bookmark");
+    check->add_option("FILE", options->file, "Log file")->required();
+    subcommands.add(check, [options] { return runCheck(*options); });
+}
+
+void addDemo(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<DemoOptions>();
+    CLI::App* demo = app.add_subcommand("demo", "Record a synthetic survey, describe, slice and replay it");
+    demo->add_option("DIR", options->directory, "Directory for the files (default: a new temporary one)");
+    subcommands.add(demo, [options] { return runDemo(*options); });
+}
+
+int runParsed(const Subcommands& subcommands) {
+    for (const auto& [command, runner] : subcommands.runners) {
+        if (command->parsed()) {
+            return runner();
+        }
+    }
+    return kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Inspect, extract, derive, check and replay marivane log files", "mvlog");
+    app.set_version_flag("--version",
+                         fmt::format("mvlog {} (libmarivane-logging {})", kToolVersion, kToolVersion));
+    app.require_subcommand(1);
+    Subcommands subcommands;
+    addInfo(app, subcommands);
+    addCat(app, subcommands);
+    addExport(app, subcommands);
+    addSlice(app, subcommands);
+    addClone(app, subcommands);
+    addPlay(app, subcommands);
+    addBookmarks(app, subcommands);
+    addCheck(app, subcommands);
+    addDemo(app, subcommands);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        // Help and version are "errors" with exit code 0; everything else is
+        // a usage error.
+        const int code = app.exit(error);
+        return code == 0 ? 0 : kExitUsage;
+    }
+
+    try {
+        return runParsed(subcommands);
+    } catch (const UsageError& error) {
+        std::fflush(stdout);
+        fmt::print(stderr, "mvlog: {}\n", error.what());
+        return kExitUsage;
+    } catch (const std::exception& error) {
+        std::fflush(stdout);
+        fmt::print(stderr, "mvlog: {}\n", error.what());
+        return kExitFailure;
+    }
+}
