@@ -53,7 +53,8 @@ class LogFilePlayerPrivate;
 class MV_LOGGING_EXPORT LogFilePlayer {
 public:
     // Throws what the file throws, and std::invalid_argument for a null file.
-    LogFilePlayer(std::unique_ptr<LogFileInterface> logFile, const std::vector<MV_LogDataSourceType>& dataSourceTypes,
+    LogFilePlayer(std::unique_ptr<LogFileInterface> logFile,
+                  const std::vector<MV_LogDataSourceType>& dataSourceTypes,
                   const FrameCallback& frameCallback, bool loop, int32_t maxFrameDelayMs);
     // Stops playback (joining the worker) and closes the file.
     ~LogFilePlayer();

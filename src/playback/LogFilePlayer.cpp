@@ -14,7 +14,9 @@ LogFilePlayer::LogFilePlayer(std::unique_ptr<LogFileInterface> logFile,
 
 // No guard for a moved-from player (null d): destroying one is outside the
 // contract. stop() failing here ends the process.
-LogFilePlayer::~LogFilePlayer() { stop(); }
+LogFilePlayer::~LogFilePlayer() {
+    stop();
+}
 
 LogFilePlayer::LogFilePlayer(LogFilePlayer&& other) noexcept = default;
 
@@ -22,25 +24,45 @@ LogFilePlayer::LogFilePlayer(LogFilePlayer&& other) noexcept = default;
 // target first (a still joinable worker ends the process).
 LogFilePlayer& LogFilePlayer::operator=(LogFilePlayer&& other) noexcept = default;
 
-void LogFilePlayer::play() { d->play(); }
+void LogFilePlayer::play() {
+    d->play();
+}
 
-void LogFilePlayer::stop() { d->stop(); }
+void LogFilePlayer::stop() {
+    d->stop();
+}
 
-void LogFilePlayer::seek(int32_t frame, FrameCallback callback) { d->seek(frame, callback); }
+void LogFilePlayer::seek(int32_t frame, FrameCallback callback) {
+    d->seek(frame, callback);
+}
 
-int32_t LogFilePlayer::getTotalPlayTime() { return d->getTotalPlayTime(); }
+int32_t LogFilePlayer::getTotalPlayTime() {
+    return d->getTotalPlayTime();
+}
 
-std::size_t LogFilePlayer::getFrameCount() const { return d->frames.size(); }
+std::size_t LogFilePlayer::getFrameCount() const {
+    return d->frames.size();
+}
 
-const std::vector<DataSource>& LogFilePlayer::getDataSources() const { return d->dataSources; }
+const std::vector<DataSource>& LogFilePlayer::getDataSources() const {
+    return d->dataSources;
+}
 
-const std::vector<PlayerBookmark>& LogFilePlayer::getBookmarks() const { return d->bookmarks; }
+const std::vector<PlayerBookmark>& LogFilePlayer::getBookmarks() const {
+    return d->bookmarks;
+}
 
-LogFileInterface* LogFilePlayer::getUnderlyingLogFile() const { return d->logFile.get(); }
+LogFileInterface* LogFilePlayer::getUnderlyingLogFile() const {
+    return d->logFile.get();
+}
 
-void LogFilePlayer::setLoopPlayback(bool loop) { d->loopPlayback.store(loop); }
+void LogFilePlayer::setLoopPlayback(bool loop) {
+    d->loopPlayback.store(loop);
+}
 
-void LogFilePlayer::setPlaybackSpeedMultiplier(float multiplier) { d->playbackSpeedMultiplier.store(multiplier); }
+void LogFilePlayer::setPlaybackSpeedMultiplier(float multiplier) {
+    d->playbackSpeedMultiplier.store(multiplier);
+}
 
 // The edits return nothing: the file's result is not reported, and the list is
 // rebuilt whatever it was. An exception from the edit leaves the list as it was.

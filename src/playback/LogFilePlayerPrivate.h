@@ -40,8 +40,8 @@ public:
     using Clock = std::chrono::steady_clock;
 
     LogFilePlayerPrivate(std::unique_ptr<LogFileInterface> file,
-                         const std::vector<MV_LogDataSourceType>& dataSourceTypes, const FrameCallback& callback,
-                         bool loop, int32_t maxFrameDelayMs);
+                         const std::vector<MV_LogDataSourceType>& dataSourceTypes,
+                         const FrameCallback& callback, bool loop, int32_t maxFrameDelayMs);
     // Does not stop the worker: the owner stops it first. Destroying a player
     // whose worker thread is still joinable ends the process.
     ~LogFilePlayerPrivate() = default;

@@ -43,7 +43,9 @@ TEST(FrameWait, GapIsConvertedToFloatBeforeDividing) {
     EXPECT_EQ(computeFrameWait(16777217, INT32_MAX, 1.0F, 0), 16777216);
 }
 
-TEST(FrameWait, NegativeGapGivesNegativeWait) { EXPECT_EQ(computeFrameWait(-300, 100, 1.0F, 0), -300); }
+TEST(FrameWait, NegativeGapGivesNegativeWait) {
+    EXPECT_EQ(computeFrameWait(-300, 100, 1.0F, 0), -300);
+}
 
 TEST(FrameWait, DegenerateSpeedsStayInRange) {
     EXPECT_EQ(computeFrameWait(100, 1000, 0.0F, 0), kLongestWaitMs);

@@ -38,8 +38,8 @@ using SteadyClock = std::chrono::steady_clock;
 // Payload bytes that identify an entry by its timestamp, so that a delivered
 // entry can be checked byte for byte.
 inline ByteBuffer payloadFor(int64_t timestamp) {
-    return {std::byte{0xA5}, static_cast<std::byte>(timestamp & 0xFF), static_cast<std::byte>((timestamp >> 8) & 0xFF),
-            std::byte{0x5A}};
+    return {std::byte{0xA5}, static_cast<std::byte>(timestamp & 0xFF),
+            static_cast<std::byte>((timestamp >> 8) & 0xFF), std::byte{0x5A}};
 }
 
 inline int64_t millisecondsBetween(SteadyClock::time_point from, SteadyClock::time_point to) {
@@ -119,7 +119,8 @@ public:
     void record(int32_t frame, DataEntry entry) {
         {
             std::lock_guard lock(mutex_);
-            deliveries_.push_back(Delivery{frame, std::move(entry), SteadyClock::now(), std::this_thread::get_id()});
+            deliveries_.push_back(
+                Delivery{frame, std::move(entry), SteadyClock::now(), std::this_thread::get_id()});
         }
         changed_.notify_all();
         if (afterDelivery) {
@@ -181,10 +182,13 @@ public:
 
     std::filesystem::path getFilePath() const override { return "fake.mvlog"; }
     std::vector<DataSource> getDataSources() const override { return sources; }
-    std::optional<Marivane::Logging::PropertyValue> getDataSourceProperty(int32_t, std::string) const override {
+    std::optional<Marivane::Logging::PropertyValue> getDataSourceProperty(int32_t,
+                                                                          std::string) const override {
         return std::nullopt;
     }
-    std::vector<Marivane::Logging::DataSourceProperty> getAllDataSourceProperties() const override { return {}; }
+    std::vector<Marivane::Logging::DataSourceProperty> getAllDataSourceProperties() const override {
+        return {};
+    }
     std::vector<int32_t> getEntryIndex(const Marivane::Logging::EntryIndexFilter& filter) const override {
         filtersSeen.push_back(filter);
         return index;

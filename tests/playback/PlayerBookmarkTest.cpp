@@ -22,7 +22,8 @@ struct ExpectedBookmark {
     int32_t frame;
 };
 
-void expectBookmarks(const std::vector<PlayerBookmark>& actual, const std::vector<ExpectedBookmark>& expected) {
+void expectBookmarks(const std::vector<PlayerBookmark>& actual,
+                     const std::vector<ExpectedBookmark>& expected) {
     ASSERT_EQ(actual.size(), expected.size());
     for (std::size_t i = 0; i < expected.size(); ++i) {
         SCOPED_TRACE("bookmark " + std::to_string(i));
@@ -104,7 +105,8 @@ TEST(PlayerBookmarks, TwoBookmarksOnOneEntryBothAppearInFileOrder) {
 TEST(PlayerBookmarks, OrderIsTheFilesNotTheFrames) {
     auto file = std::make_unique<FakeLogFile>();
     file->index = {2, 5, 9, 12};
-    file->bookmarks = {Bookmark{12, "late", "", {}}, Bookmark{2, "early", "", {}}, Bookmark{6, "middle", "", {}}};
+    file->bookmarks = {Bookmark{12, "late", "", {}}, Bookmark{2, "early", "", {}},
+                       Bookmark{6, "middle", "", {}}};
     LogFilePlayer player(std::move(file), {}, FrameCallback(), false, 1000);
     expectBookmarks(player.getBookmarks(), {{12, "late", "", 3}, {2, "early", "", 0}, {6, "middle", "", 2}});
 }

@@ -71,7 +71,8 @@ TEST(PlayerConstruction, FramesAreTheEntriesOfTheKeptSources) {
 TEST(PlayerConstruction, FilterHoldsOnlyTheKeptSourceIdsInOrder) {
     auto file = std::make_unique<FakeLogFile>();
     FakeLogFile* fake = file.get();
-    fake->sources = {DataSource{9, MV_LogDataSourceType_Radar, "r"}, DataSource{4, MV_LogDataSourceType_Text, "t"},
+    fake->sources = {DataSource{9, MV_LogDataSourceType_Radar, "r"},
+                     DataSource{4, MV_LogDataSourceType_Text, "t"},
                      DataSource{2, MV_LogDataSourceType_Radar, "r2"}};
     LogFilePlayer player(std::move(file), {MV_LogDataSourceType_Radar}, FrameCallback(), false, 1000);
     ASSERT_EQ(fake->filtersSeen.size(), 1u);

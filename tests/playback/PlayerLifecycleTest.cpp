@@ -57,8 +57,8 @@ TEST(PlayerLifecycle, MoveAssignmentTakesOverAndDestroysTheFormerFile) {
         LogFilePlayer target(std::move(formerFile), {}, FrameCallback(), false, 1000);
         auto movedFile = makeSlowFake(&movedDestroyed);
         LogFileInterface* moved = movedFile.get();
-        UndestroyedPlayer source(std::move(movedFile), std::vector<MV_LogDataSourceType>{}, FrameCallback(), false,
-                                 1000);
+        UndestroyedPlayer source(std::move(movedFile), std::vector<MV_LogDataSourceType>{}, FrameCallback(),
+                                 false, 1000);
         target = source.release();
         EXPECT_TRUE(formerDestroyed.load());
         EXPECT_FALSE(movedDestroyed.load());
@@ -70,8 +70,8 @@ TEST(PlayerLifecycle, MoveAssignmentTakesOverAndDestroysTheFormerFile) {
 TEST(PlayerLifecycle, DestructorStopsAPlayingPlayerPromptly) {
     std::atomic<bool> destroyed{false};
     FrameRecorder recorder;
-    auto player = std::make_unique<LogFilePlayer>(makeSlowFake(&destroyed), std::vector<MV_LogDataSourceType>{},
-                                                  recorder.callback(), false, 60000);
+    auto player = std::make_unique<LogFilePlayer>(
+        makeSlowFake(&destroyed), std::vector<MV_LogDataSourceType>{}, recorder.callback(), false, 60000);
     player->play();
     std::this_thread::sleep_for(50ms);
     const auto start = SteadyClock::now();
@@ -114,9 +114,10 @@ TEST(PlayerLifecycle, GettersReturnReferencesThatLiveWithThePlayer) {
 
 // Runs in the death test's child process.
 void assignOverAPlayingPlayer() {
-    LogFilePlayer target(makeSlowFake(nullptr), {}, [](int32_t, DataEntry) {}, false, 60000);
-    UndestroyedPlayer source(makeSlowFake(nullptr), std::vector<MV_LogDataSourceType>{}, FrameCallback(), false,
-                             1000);
+    LogFilePlayer target(
+        makeSlowFake(nullptr), {}, [](int32_t, DataEntry) {}, false, 60000);
+    UndestroyedPlayer source(makeSlowFake(nullptr), std::vector<MV_LogDataSourceType>{}, FrameCallback(),
+                             false, 1000);
     target.play();
     target = source.release();
 }

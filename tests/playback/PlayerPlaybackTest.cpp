@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -37,8 +38,8 @@ std::vector<int64_t> intervalsOf(const std::vector<FrameRecorder::Delivery>& del
 TEST(PlayerPlayback, FirstPlayDeliversFromFrameOneAndFinishes) {
     TempDir dir;
     FrameRecorder recorder;
-    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 20, 40}), {MV_LogDataSourceType_Camera},
-                         recorder.callback(), false, 1000);
+    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 20, 40}),
+                         {MV_LogDataSourceType_Camera}, recorder.callback(), false, 1000);
     player.play();
     ASSERT_TRUE(recorder.waitForCount(2));
     std::this_thread::sleep_for(200ms);
@@ -112,24 +113,26 @@ TEST(PlayerPlayback, FirstFrameOfARecordingWaitsTheMaximumFrameDelay) {
 TEST(PlayerPlayback, GapsAreDividedByTheSpeedMultiplier) {
     TempDir dir;
     FrameRecorder recorder;
-    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), evenlySpaced(0, 100, 7)),
+    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), evenlySpaced(0, 100, 11)),
                          {MV_LogDataSourceType_Camera}, recorder.callback(), false, 1000);
     player.setPlaybackSpeedMultiplier(2.0F);
     const auto start = SteadyClock::now();
     player.play();
-    ASSERT_TRUE(recorder.waitForCount(6));
+    ASSERT_TRUE(recorder.waitForCount(10));
     const auto deliveries = recorder.deliveries();
+    // The first wait has no lateness to make up for: exactly 50 ms.
     const int64_t first = millisecondsBetween(start, deliveries[0].at);
     EXPECT_GE(first, 30);
     EXPECT_LE(first, 150);
-    for (int64_t interval : intervalsOf(deliveries)) {
-        EXPECT_GE(interval, 30);
-        EXPECT_LE(interval, 150);
-    }
-    // Six gaps of 50 ms: well below the 600 ms they take at speed 1.
+    std::vector<int64_t> intervals = intervalsOf(deliveries);
+    std::sort(intervals.begin(), intervals.end());
+    const int64_t median = intervals[intervals.size() / 2];
+    EXPECT_GE(median, 30);
+    EXPECT_LE(median, 150);
+    // Ten gaps of 50 ms: well below the 1000 ms they take at speed 1.
     const int64_t total = millisecondsBetween(start, deliveries.back().at);
-    EXPECT_GE(total, 250);
-    EXPECT_LE(total, 500);
+    EXPECT_GE(total, 400);
+    EXPECT_LE(total, 850);
 }
 
 TEST(PlayerPlayback, GapAtTheMaximumWaitsTheMaximumWhateverTheSpeed) {
@@ -146,7 +149,7 @@ TEST(PlayerPlayback, GapAtTheMaximumWaitsTheMaximumWhateverTheSpeed) {
         for (int64_t interval : intervalsOf(recorder.deliveries())) {
             // 25 ms at speed 8, 800 ms at speed 0.25 if the speed applied.
             EXPECT_GE(interval, 180);
-            EXPECT_LE(interval, 600);
+            EXPECT_LE(interval, 750);
         }
     }
 }
@@ -192,7 +195,8 @@ TEST(PlayerPlayback, LoopingWrapsToFrameZeroAfterTheMaximumFrameDelay) {
     player.stop();
     const auto deliveries = recorder.deliveries();
     const std::vector<int32_t> frames = recorder.frames();
-    EXPECT_EQ(std::vector<int32_t>(frames.begin(), frames.begin() + 5), (std::vector<int32_t>{1, 2, 0, 1, 2}));
+    EXPECT_EQ(std::vector<int32_t>(frames.begin(), frames.begin() + 5),
+              (std::vector<int32_t>{1, 2, 0, 1, 2}));
     EXPECT_EQ(deliveries[2].entry.entryId, 1);
     EXPECT_EQ(deliveries[2].entry.data, payloadFor(kRecordingStart));
     const std::vector<int64_t> intervals = intervalsOf(deliveries);
@@ -238,7 +242,7 @@ TEST(PlayerPlayback, SpeedChangedWhilePlayingAppliesToLaterFrames) {
     // on every gap is 50 ms instead of 400 ms.
     const std::vector<int64_t> intervals = intervalsOf(deliveries);
     for (std::size_t i = 2; i < intervals.size(); ++i) {
-        EXPECT_LE(intervals[i], 250) << "interval before frame " << deliveries[i + 1].frame;
+        EXPECT_LE(intervals[i], 300) << "interval before frame " << deliveries[i + 1].frame;
     }
     EXPECT_LE(millisecondsBetween(deliveries[2].at, deliveries.back().at), 1500);
 }
@@ -255,12 +259,16 @@ TEST(PlayerPlayback, SpeedChangedFromTheCallbackAppliesToTheNextFrame) {
     LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 100, 1100, 2100}),
                          {MV_LogDataSourceType_Camera}, recorder.callback(), false, 10000);
     playerPointer = &player;
+    const auto start = SteadyClock::now();
     player.play();
     ASSERT_TRUE(recorder.waitForCount(3));
-    for (int64_t interval : intervalsOf(recorder.deliveries())) {
-        EXPECT_GE(interval, 60);
+    const auto deliveries = recorder.deliveries();
+    EXPECT_GE(millisecondsBetween(start, deliveries[0].at), 80);
+    // 1000 ms gaps at speed 1, 100 ms at speed 10.
+    for (int64_t interval : intervalsOf(deliveries)) {
         EXPECT_LE(interval, 400);
     }
+    EXPECT_GE(millisecondsBetween(start, deliveries.back().at), 250);
 }
 
 TEST(PlayerPlayback, SlowCallbackIsMadeUpByShorterWaits) {
@@ -288,7 +296,7 @@ TEST(PlayerPlayback, SlowCallbackIsMadeUpByShorterWaits) {
     EXPECT_GE(total, 850);
     EXPECT_LE(total, 1300);
     // The frames right after the slow one come at once.
-    EXPECT_LT(millisecondsBetween(deliveries[2].at, deliveries[3].at), 40);
+    EXPECT_LT(millisecondsBetween(deliveries[2].at, deliveries[3].at), 100);
 }
 
 TEST(PlayerPlayback, CallbacksAlwaysSlowerThanTheGapsPlayEveryFrameInOrder) {

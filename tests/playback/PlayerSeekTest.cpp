@@ -64,8 +64,8 @@ TEST(PlayerSeek, GivenCallbackIsPreferredToTheConstructorCallback) {
     TempDir dir;
     FrameRecorder constructorRecorder;
     FrameRecorder seekRecorder;
-    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 10, 20}), {MV_LogDataSourceType_Camera},
-                         constructorRecorder.callback(), false, 1000);
+    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 10, 20}),
+                         {MV_LogDataSourceType_Camera}, constructorRecorder.callback(), false, 1000);
     player.seek(2, seekRecorder.callback());
     EXPECT_EQ(constructorRecorder.count(), 0u);
     ASSERT_EQ(seekRecorder.count(), 1u);
@@ -75,16 +75,16 @@ TEST(PlayerSeek, GivenCallbackIsPreferredToTheConstructorCallback) {
 
 TEST(PlayerSeek, WithoutAnyCallbackThrowsBadFunctionCall) {
     TempDir dir;
-    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 10, 20}), {MV_LogDataSourceType_Camera},
-                         FrameCallback(), false, 1000);
+    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 10, 20}),
+                         {MV_LogDataSourceType_Camera}, FrameCallback(), false, 1000);
     EXPECT_THROW(player.seek(1, FrameCallback()), std::bad_function_call);
 }
 
 TEST(PlayerSeek, PastTheEndWithoutLoopingRedeliversTheCurrentEntryWithoutItsData) {
     TempDir dir;
     FrameRecorder recorder;
-    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 10, 20}), {MV_LogDataSourceType_Camera},
-                         recorder.callback(), false, 1000);
+    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 10, 20}),
+                         {MV_LogDataSourceType_Camera}, recorder.callback(), false, 1000);
     player.seek(1, FrameCallback());
     player.seek(100, FrameCallback());
     const auto deliveries = recorder.deliveries();
@@ -100,8 +100,8 @@ TEST(PlayerSeek, PastTheEndWithoutLoopingRedeliversTheCurrentEntryWithoutItsData
 TEST(PlayerSeek, PastTheEndWithLoopingWrapsToFrameZero) {
     TempDir dir;
     FrameRecorder recorder;
-    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {5, 10, 20}), {MV_LogDataSourceType_Camera},
-                         recorder.callback(), true, 1000);
+    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {5, 10, 20}),
+                         {MV_LogDataSourceType_Camera}, recorder.callback(), true, 1000);
     player.seek(100, FrameCallback());
     ASSERT_EQ(recorder.count(), 1u);
     EXPECT_EQ(recorder.deliveries()[0].frame, 100);
@@ -112,8 +112,8 @@ TEST(PlayerSeek, PastTheEndWithLoopingWrapsToFrameZero) {
 TEST(PlayerSeek, PastTheEndBeforeAnythingWasReadDeliversAnEmptyEntry) {
     TempDir dir;
     FrameRecorder recorder;
-    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {5, 10, 20}), {MV_LogDataSourceType_Camera},
-                         recorder.callback(), false, 1000);
+    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {5, 10, 20}),
+                         {MV_LogDataSourceType_Camera}, recorder.callback(), false, 1000);
     player.seek(3, FrameCallback());
     ASSERT_EQ(recorder.count(), 1u);
     const DataEntry entry = recorder.deliveries()[0].entry;
@@ -127,8 +127,8 @@ TEST(PlayerSeek, PastTheEndBeforeAnythingWasReadDeliversAnEmptyEntry) {
 TEST(PlayerSeek, NegativeFrameReadsNothing) {
     TempDir dir;
     FrameRecorder recorder;
-    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {5, 10, 20}), {MV_LogDataSourceType_Camera},
-                         recorder.callback(), true, 1000);
+    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {5, 10, 20}),
+                         {MV_LogDataSourceType_Camera}, recorder.callback(), true, 1000);
     player.seek(2, FrameCallback());
     player.seek(-7, FrameCallback());
     player.seek(INT32_MIN, FrameCallback());
@@ -217,8 +217,8 @@ TEST(PlayerTotalPlayTime, IsTruncatedTo32Bits) {
 TEST(PlayerTotalPlayTime, LeavesAStoppedPlayerStoppedAtItsPosition) {
     TempDir dir;
     FrameRecorder recorder;
-    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 10, 20, 30}), {MV_LogDataSourceType_Camera},
-                         recorder.callback(), false, 1000);
+    LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {0, 10, 20, 30}),
+                         {MV_LogDataSourceType_Camera}, recorder.callback(), false, 1000);
     EXPECT_EQ(player.getTotalPlayTime(), 30);
     std::this_thread::sleep_for(200ms);
     EXPECT_EQ(recorder.count(), 0u);
