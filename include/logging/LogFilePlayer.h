@@ -31,9 +31,9 @@ class LogFilePlayerPrivate;
 // (less the previous cycle's lateness, so a long run keeps the recorded pace),
 // or for exactly maxFrameDelayMs when the gap reaches it, and calls the
 // callback on the worker thread. The first play() after construction starts
-// at frame 1 and waits maxFrameDelayMs before it unless timestamps are small;
-// seek(0, ...) or looping reaches frame 0. After a wrap the first frame again
-// waits maxFrameDelayMs.
+// at frame 1, measuring its gap from timestamp 0 (so a real recording waits
+// maxFrameDelayMs first); seek(0, ...) or looping reaches frame 0. A wrap
+// measures from timestamp 0 again.
 //
 // A frame whose entry the file cannot read (it should not happen: the frames
 // come from the file's own index) is delivered as a placeholder: entryId is

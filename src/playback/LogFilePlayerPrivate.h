@@ -34,7 +34,9 @@ int64_t computeFrameWait(int64_t delta, int32_t maxFrameDelay, float speedMultip
 // worker owns currentFrame, currentEntry, lastTimestamp and the reads from the
 // file while `playing` is true; the caller-side operations that touch them
 // (seek, getTotalPlayTime) stop the worker first. The bookmark list belongs to
-// the caller's thread; the worker never touches it.
+// the caller's thread; the worker never touches it. The worker runs on this
+// object itself, never through the public player, so its address must stay
+// fixed while it plays: the object is neither copied nor moved.
 class LogFilePlayerPrivate {
 public:
     using Clock = std::chrono::steady_clock;

@@ -197,11 +197,15 @@ TEST(PlayerTotalPlayTime, IsTheSpanOfThePlayedFrames) {
     EXPECT_EQ(player.getTotalPlayTime(), 800);
 }
 
-TEST(PlayerTotalPlayTime, OneFrameGivesZero) {
+TEST(PlayerTotalPlayTime, OneFrameGivesZeroAndLeavesAStoppedPlayerStopped) {
     TempDir dir;
+    FrameRecorder recorder;
+    // Looping, so that a player left playing would deliver frame 0 every 50 ms.
     LogFilePlayer player(makeSingleSourceFile(dir.file("a.mvlog"), {kRecordingStart}),
-                         {MV_LogDataSourceType_Camera}, FrameCallback(), false, 1000);
+                         {MV_LogDataSourceType_Camera}, recorder.callback(), true, 50);
     EXPECT_EQ(player.getTotalPlayTime(), 0);
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(recorder.count(), 0u);
 }
 
 TEST(PlayerTotalPlayTime, IsTruncatedTo32Bits) {
