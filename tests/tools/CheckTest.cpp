@@ -91,6 +91,49 @@ TEST(CheckTest, FileTruncatedMidPageIsReportedWithoutACrash) {
     EXPECT_NE(result.outLines().back().find(" found in " + path), std::string::npos) << result.out;
 }
 
+// Garbage over two pages in the middle of the entries: the index read stops
+// there, and the entries it hides are looked up by id and named.
+TEST(CheckTest, DamagedPagesInTheMiddleAreReportedWithTheEntriesTheyHide) {
+    TempDir directory;
+    const std::string path = directory.file("damaged.mvlog");
+    {
+        SqliteLogFile file(path, "UTC", "tooltest", "1", 0, kKnownStart);
+        DataSource source{-1, MV_LogDataSourceType_Radar, "radar"};
+        ASSERT_TRUE(file.addDataSource(source));
+        for (int id = 1; id <= 400; ++id) {
+            DataEntry entry;
+            entry.dataSourceId = source.id;
+            entry.timestamp = kKnownStart + id;
+            entry.data.assign(3000, static_cast<std::byte>(id));
+            ASSERT_TRUE(file.logData(entry));
+        }
+    }
+    {
+        constexpr std::size_t kPage = 4096;
+        std::fstream stream(path, std::ios::in | std::ios::out | std::ios::binary);
+        stream.seekp(static_cast<std::streamoff>(200 * kPage));
+        const std::string garbage(2 * kPage, '\xa5');
+        stream.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
+    }
+    const RunResult result = runMvlog({"check", path});
+    EXPECT_EQ(result.terminatingSignal, 0);
+    EXPECT_EQ(result.exitCode, 1) << result.out << result.err;
+    bool integrityProblem = false;
+    bool entryProblem = false;
+    for (const std::string& problem : problemLines(result)) {
+        integrityProblem = integrityProblem || problem.rfind("problem: integrity_check: ", 0) == 0;
+        entryProblem = entryProblem || problem.rfind("problem: entr", 0) == 0;
+    }
+    EXPECT_TRUE(integrityProblem) << result.out;
+    EXPECT_TRUE(entryProblem) << result.out;
+    const std::vector<std::string> lines = result.outLines();
+    ASSERT_GE(lines.size(), 2u);
+    const std::string checked = lines[lines.size() - 2];
+    ASSERT_EQ(checked.rfind("Checked ", 0), 0u) << result.out;
+    EXPECT_LT(std::stoi(checked.substr(8)), 400) << checked;
+    EXPECT_GT(std::stoi(checked.substr(8)), 300) << checked;
+}
+
 TEST(CheckTest, ForeignFileIsReportedWithTheLibraryMessage) {
     TempDir directory;
     const std::string path = directory.file("notes.txt");

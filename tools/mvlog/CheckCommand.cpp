@@ -11,6 +11,8 @@
 #include <array>
 #include <cstdio>
 #include <memory>
+#include <optional>
+#include <sstream>
 #include <variant>
 
 namespace Mvlog {
@@ -90,9 +92,12 @@ void checkDatabase(const std::string& path, ProblemReport& problems) {
         return;
     }
     runPragma(database.get(), "PRAGMA integrity_check;", problems, [&](sqlite3_stmt* row) {
-        const std::string message = columnText(row, 0);
-        if (message != "ok") {
-            problems.add("integrity_check: " + message);
+        // One row may carry several findings, one per line, under a header.
+        std::istringstream lines(columnText(row, 0));
+        for (std::string line; std::getline(lines, line);) {
+            if (line != "ok" && line.rfind("*** in database", 0) != 0) {
+                problems.add("integrity_check: " + line);
+            }
         }
     });
     runPragma(database.get(), "PRAGMA foreign_key_check;", problems, [&](sqlite3_stmt* row) {
@@ -140,6 +145,52 @@ void checkMetadata(const LogFileInterface& file, ProblemReport& problems) {
     }
 }
 
+// "entry 7" or "entries 7 to 12".
+std::string idRangeText(int32_t first, int32_t last) {
+    return first == last ? fmt::format("entry {}", first) : fmt::format("entries {} to {}", first, last);
+}
+
+// The index read stops silently at a page it cannot read, so entries after
+// the damage are missing from it. They are looked up by id instead, up to the
+// file's highest id: readable ones still count, the others are named.
+std::size_t probeBeyondIndex(const LogFileInterface& file, int32_t lastListedId, ProblemReport& problems) {
+    constexpr int64_t kMaximumProbes = 10'000'000;
+    const int32_t lastId = file.getLastEntryId();
+    if (lastId <= lastListedId) {
+        return 0;
+    }
+    if (static_cast<int64_t>(lastId) - lastListedId > kMaximumProbes) {
+        problems.add(
+            fmt::format("entries after id {} are missing from the index; too many to look up", lastListedId));
+        return 0;
+    }
+    std::size_t readable = 0;
+    std::optional<int32_t> unreadableFrom;
+    auto closeUnreadable = [&](int32_t before) {
+        if (unreadableFrom) {
+            problems.add(fmt::format("{}: cannot be read (a damaged page hides them from the index)",
+                                     idRangeText(*unreadableFrom, before)));
+            unreadableFrom.reset();
+        }
+    };
+    for (int32_t id = lastListedId + 1; id <= lastId; ++id) {
+        try {
+            if (file.readEntry(id)) {
+                closeUnreadable(id - 1);
+                ++readable;
+                continue;
+            }
+        } catch (const std::exception& error) {
+            closeUnreadable(id - 1);
+            problems.add(fmt::format("entry {}: payload cannot be expanded: {}", id, error.what()));
+            continue;
+        }
+        unreadableFrom = unreadableFrom.value_or(id);
+    }
+    closeUnreadable(lastId);
+    return readable;
+}
+
 // Returns the number of entries that could be read in full.
 std::size_t checkEntries(const LogFileInterface& file, ProblemReport& problems) {
     const int32_t counted = file.getEntryCount();
@@ -149,18 +200,30 @@ std::size_t checkEntries(const LogFileInterface& file, ProblemReport& problems) 
     std::size_t readable = 0;
     try {
         EntryScanner scanner(file, EntrySelection{});
-        if (counted >= 0 && scanner.selectedCount() != static_cast<std::size_t>(counted)) {
-            problems.add(fmt::format("the entry index lists {} entries but the file counts {}",
-                                     scanner.selectedCount(), counted));
-        }
         scanner.run([&](DataEntry&&) { ++readable; },
                     [&](const DamagedEntry& damaged) {
                         problems.add(fmt::format("entry {}: {}", damaged.entryId, damaged.reason));
                     });
+        if (counted >= 0 && scanner.selectedCount() != static_cast<std::size_t>(counted)) {
+            problems.add(fmt::format("the entry index lists {} entries but the file counts {}",
+                                     scanner.selectedCount(), counted));
+            const std::vector<int32_t>& ids = scanner.selectedIds();
+            readable += probeBeyondIndex(file, ids.empty() ? 0 : ids.back(), problems);
+        }
     } catch (const std::exception& error) {
         problems.add(fmt::format("cannot read the entry index: {}", error.what()));
     }
     return readable;
+}
+
+// For ids the (possibly cut) index does not list: a row that exists, even
+// with a damaged payload, counts as stored.
+bool entryIsStored(const LogFileInterface& file, int32_t entryId) {
+    try {
+        return file.readEntry(entryId).has_value();
+    } catch (const std::exception&) {
+        return true;
+    }
 }
 
 std::size_t checkBookmarks(const LogFileInterface& file, ProblemReport& problems) {
@@ -168,7 +231,8 @@ std::size_t checkBookmarks(const LogFileInterface& file, ProblemReport& problems
         const std::vector<Bookmark> bookmarks = file.getBookmarks();
         const std::vector<int32_t> ids = file.getEntryIndex(Marivane::Logging::EntryIndexFilter{});
         for (const Bookmark& bookmark : bookmarks) {
-            if (!std::binary_search(ids.begin(), ids.end(), bookmark.entryId)) {
+            if (!std::binary_search(ids.begin(), ids.end(), bookmark.entryId) &&
+                !entryIsStored(file, bookmark.entryId)) {
                 problems.add(fmt::format("bookmark \"{}\" points at entry {}, which does not exist",
                                          bookmark.title, bookmark.entryId));
             }

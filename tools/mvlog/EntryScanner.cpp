@@ -100,7 +100,9 @@ void EntryScanner::readSingle(int32_t entryId, const EntryHandler& onEntry, cons
         return;
     }
     if (!entry) {
-        onDamaged({entryId, fmt::format("cannot be read (last error: {})", file_.getLastError())});
+        // The store records no error for a failing single read; an id from
+        // the index that yields no row sits on a page that cannot be read.
+        onDamaged({entryId, "listed in the index but its row cannot be read"});
         return;
     }
     bytesSeen_ += entry->data.size();

@@ -42,6 +42,7 @@ public:
 
     // Number of entries the selection names (from the index, before reading).
     std::size_t selectedCount() const { return ids_.size(); }
+    const std::vector<int32_t>& selectedIds() const { return ids_; }
 
     void run(const EntryHandler& onEntry, const DamageHandler& onDamaged);
 
