@@ -1,0 +1,126 @@
+#include "BenchSupport.h"
+
+#include "Benchmarks.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+namespace Marivane::Bench {
+
+namespace {
+
+std::filesystem::path& workDirStorage() {
+    static std::filesystem::path path;
+    return path;
+}
+
+}  // namespace
+
+const std::filesystem::path& workDir() {
+    std::filesystem::path& path = workDirStorage();
+    if (path.empty()) {
+        std::string pattern = (std::filesystem::temp_directory_path() / "marivane-bench-XXXXXX").string();
+        std::vector<char> buffer(pattern.begin(), pattern.end());
+        buffer.push_back('\0');
+        if (::mkdtemp(buffer.data()) == nullptr) {
+            throw std::system_error(errno, std::generic_category(), "cannot create the benchmark directory");
+        }
+        path = buffer.data();
+    }
+    return path;
+}
+
+void removeWorkDir() {
+    std::filesystem::path& path = workDirStorage();
+    if (!path.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+        path.clear();
+    }
+}
+
+std::string freshPath(const std::string& stem) {
+    static std::atomic<unsigned> counter{0};
+    return (workDir() / (stem + "-" + std::to_string(counter++) + ".mvlog")).string();
+}
+
+void removeLogFile(const std::string& path) {
+    std::error_code ignored;
+    for (const char* suffix : {"", "-journal", "-wal", "-shm"}) {
+        std::filesystem::remove(path + suffix, ignored);
+    }
+}
+
+const ByteBuffer& payload(std::size_t size) {
+    static std::map<std::size_t, std::unique_ptr<ByteBuffer>> cache;
+    std::unique_ptr<ByteBuffer>& slot = cache[size];
+    if (!slot) {
+        slot = std::make_unique<ByteBuffer>(size);
+        std::mt19937 random(static_cast<std::mt19937::result_type>(size));
+        std::uniform_int_distribution<int> step(-24, 24);
+        int sample = 0;
+        for (std::size_t i = 0; i + 1 < size; i += 2) {
+            sample = std::clamp(sample + step(random), -32768, 32767);
+            const auto bits = static_cast<uint16_t>(sample);
+            (*slot)[i] = static_cast<std::byte>(bits & 0xff);
+            (*slot)[i + 1] = static_cast<std::byte>(bits >> 8);
+        }
+    }
+    return *slot;
+}
+
+std::string sizeLabel(std::size_t size) {
+    if (size >= 1024 && size % 1024 == 0) {
+        return std::to_string(size / 1024) + "KiB";
+    }
+    return std::to_string(size) + "B";
+}
+
+std::string levelLabel(int level) {
+    // Appending rather than prefixing a literal: GCC 12 warns falsely (restrict) on the latter here.
+    std::string label = "L";
+    label += std::to_string(level);
+    return label;
+}
+
+std::size_t entriesPerTransaction(std::size_t size) {
+    return std::clamp<std::size_t>((4u << 20) / size, 64, 4096);
+}
+
+std::size_t readFileEntries(std::size_t size) { return std::clamp<std::size_t>((64u << 20) / size, 256, 16384); }
+
+void setThroughput(benchmark::State& state, std::size_t entriesPerIteration, std::size_t payloadSize) {
+    const auto entries = static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(entriesPerIteration);
+    state.SetItemsProcessed(entries);
+    state.SetBytesProcessed(entries * static_cast<int64_t>(payloadSize));
+}
+
+std::string writeName(const std::string& mode, const std::string& writer, int level, std::size_t size) {
+    return "write/" + mode + "/" + writer + "/" + levelLabel(level) + "/" + sizeLabel(size);
+}
+
+std::string readName(const std::string& kind, const std::string& reader, int level, std::size_t size) {
+    return "read/" + kind + "/" + reader + "/" + levelLabel(level) + "/" + sizeLabel(size);
+}
+
+std::string indexName(const std::string& reader) { return "index/" + reader + "/1M"; }
+
+std::string deriveName(const std::string& operation, const std::string& writer) {
+    return "derive/" + operation + "/" + writer + "/1GiB";
+}
+
+std::string playerName() { return "player/pacing/100Hz"; }
+
+std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size) {
+    return "pagesize/" + mode + "/" + sizeLabel(static_cast<std::size_t>(pageSize)) + "/" + sizeLabel(size);
+}
+
+}  // namespace Marivane::Bench

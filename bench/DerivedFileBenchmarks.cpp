@@ -1,0 +1,92 @@
+// Slice and clone of a 1 GiB file (4096 entries of 256 KiB, uncompressed),
+// against a raw copy that reads and inserts with reused statements in one
+// transaction. Each iteration writes a new output and removes it, untimed.
+
+#include "BenchSupport.h"
+#include "Benchmarks.h"
+#include "RawLogFile.h"
+
+#include <logging/Logging.h>
+
+#include <benchmark/benchmark.h>
+
+#include <string>
+
+namespace Marivane::Bench {
+
+namespace {
+
+using Logging::SqliteLogFile;
+
+constexpr std::size_t kSourceEntries = 4096;
+constexpr std::size_t kSourcePayloadSize = 256 * 1024;
+// The slice takes the middle half of the file.
+constexpr int32_t kSliceFirst = kSourceEntries / 4 + 1;
+constexpr int32_t kSliceLast = 3 * kSourceEntries / 4;
+
+const std::string& sourceFile() {
+    static std::string path;
+    if (path.empty()) {
+        const std::string candidate = freshPath("source-1GiB");
+        Raw::buildLogFile(candidate, 0, kSourcePayloadSize, kSourceEntries);
+        path = candidate;
+    }
+    return path;
+}
+
+std::size_t entriesOf(bool slice) {
+    return slice ? static_cast<std::size_t>(kSliceLast - kSliceFirst + 1) : kSourceEntries;
+}
+
+void rawCopy(benchmark::State& state, bool slice) {
+    const std::string& source = sourceFile();
+    for (auto _ : state) {
+        const std::string output = freshPath("raw-copy");
+        if (slice) {
+            Raw::copyLogFile(source, output, kSliceFirst, kSliceLast);
+        } else {
+            Raw::copyLogFile(source, output, 1, static_cast<int32_t>(kSourceEntries));
+        }
+        state.PauseTiming();
+        removeLogFile(output);
+        state.ResumeTiming();
+    }
+    setThroughput(state, entriesOf(slice), kSourcePayloadSize);
+}
+
+void libraryCopy(benchmark::State& state, bool slice) {
+    const SqliteLogFile source{std::filesystem::path(sourceFile())};
+    for (auto _ : state) {
+        const std::string output = freshPath(slice ? "slice" : "clone");
+        std::unique_ptr<Logging::LogFileInterface> copy =
+            slice ? Logging::Algorithms::slice(source, kSliceFirst, kSliceLast, output, "marivane_bench", "1", 0)
+                  : Logging::Algorithms::clone(source, output, "marivane_bench", "1", 0);
+        if (!copy || copy->getEntryCount() != static_cast<int32_t>(entriesOf(slice))) {
+            state.SkipWithError("the library refused or came short");
+            break;
+        }
+        copy.reset();
+        state.PauseTiming();
+        removeLogFile(output);
+        state.ResumeTiming();
+    }
+    setThroughput(state, entriesOf(slice), kSourcePayloadSize);
+}
+
+void registerCopy(const std::string& name, void (*function)(benchmark::State&, bool), bool slice) {
+    benchmark::RegisterBenchmark(name.c_str(), function, slice)
+        ->Iterations(2)
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
+}
+
+}  // namespace
+
+void registerDerivedFileBenchmarks() {
+    registerCopy(deriveName("clone", "raw"), rawCopy, false);
+    registerCopy(deriveName("clone", "library"), libraryCopy, false);
+    registerCopy(deriveName("slice", "raw"), rawCopy, true);
+    registerCopy(deriveName("slice", "library"), libraryCopy, true);
+}
+
+}  // namespace Marivane::Bench

@@ -1,0 +1,185 @@
+// Entry reads: single entries by id and a scan of the whole file, by the
+// library and by the raw baseline, on the very same file; and the entry index
+// of a file of a million entries.
+
+#include "BenchSupport.h"
+#include "Benchmarks.h"
+#include "RawLogFile.h"
+
+#include <logging/Logging.h>
+
+#include <benchmark/benchmark.h>
+
+#include <map>
+#include <string>
+#include <utility>
+
+namespace Marivane::Bench {
+
+namespace {
+
+using Logging::SqliteLogFile;
+
+constexpr std::size_t kIndexFileEntries = 1'000'000;
+constexpr std::size_t kIndexPayloadSize = 64;
+
+// Built on first use and kept for the rest of the run: building a file costs
+// more than reading it.
+const std::string& readFile(int level, std::size_t size) {
+    static std::map<std::pair<int, std::size_t>, std::string> files;
+    std::string& path = files[{level, size}];
+    if (path.empty()) {
+        const std::string candidate = freshPath("read-" + levelLabel(level) + "-" + sizeLabel(size));
+        Raw::buildLogFile(candidate, level, size, readFileEntries(size));
+        path = candidate;
+    }
+    return path;
+}
+
+const std::string& indexFile() {
+    static std::string path;
+    if (path.empty()) {
+        const std::string candidate = freshPath("index-1M");
+        Raw::buildLogFile(candidate, 0, kIndexPayloadSize, kIndexFileEntries);
+        path = candidate;
+    }
+    return path;
+}
+
+// Visits every entry once, in an order that defeats read-ahead the way a
+// user jumping around a recording does (the stride is odd, so it is coprime
+// with the power-of-two file sizes).
+int32_t scatteredId(int64_t step, std::size_t entries) {
+    return static_cast<int32_t>((static_cast<uint64_t>(step) * 7919u) % entries) + 1;
+}
+
+void rawReadById(benchmark::State& state, int level, std::size_t size) {
+    const std::string& path = readFile(level, size);
+    const std::size_t entries = readFileEntries(size);
+    Raw::Connection connection = Raw::openLogFile(path);
+    Raw::EntryReader reader(connection, level);
+    int64_t step = 0;
+    for (auto _ : state) {
+        std::optional<Logging::DataEntry> entry = reader.read(scatteredId(step++, entries));
+        if (!entry || entry->data.size() != size) {
+            state.SkipWithError("raw read failed");
+            break;
+        }
+        benchmark::DoNotOptimize(entry);
+    }
+    setThroughput(state, 1, size);
+}
+
+void libraryReadEntry(benchmark::State& state, int level, std::size_t size) {
+    const std::string& path = readFile(level, size);
+    const std::size_t entries = readFileEntries(size);
+    SqliteLogFile file{std::filesystem::path(path)};
+    int64_t step = 0;
+    for (auto _ : state) {
+        std::optional<Logging::DataEntry> entry = file.readEntry(scatteredId(step++, entries));
+        if (!entry || entry->data.size() != size) {
+            state.SkipWithError("readEntry failed");
+            break;
+        }
+        benchmark::DoNotOptimize(entry);
+    }
+    setThroughput(state, 1, size);
+}
+
+void rawScan(benchmark::State& state, int level, std::size_t size) {
+    const std::string& path = readFile(level, size);
+    const std::size_t entries = readFileEntries(size);
+    Raw::Connection connection = Raw::openLogFile(path);
+    Raw::EntryReader reader(connection, level);
+    for (auto _ : state) {
+        std::vector<Logging::DataEntry> all = reader.readAll();
+        if (all.size() != entries) {
+            state.SkipWithError("raw scan came short");
+            break;
+        }
+        benchmark::DoNotOptimize(all);
+    }
+    setThroughput(state, entries, size);
+}
+
+void libraryReadEntries(benchmark::State& state, int level, std::size_t size) {
+    const std::string& path = readFile(level, size);
+    const std::size_t entries = readFileEntries(size);
+    SqliteLogFile file{std::filesystem::path(path)};
+    const Logging::EntryIndexFilter everything;
+    for (auto _ : state) {
+        std::vector<Logging::DataEntry> all = file.readEntries(-1, -1, everything, -1);
+        if (all.size() != entries) {
+            state.SkipWithError("readEntries came short");
+            break;
+        }
+        benchmark::DoNotOptimize(all);
+    }
+    setThroughput(state, entries, size);
+}
+
+void rawIndex(benchmark::State& state) {
+    Raw::Connection connection = Raw::openLogFile(indexFile());
+    Raw::EntryReader reader(connection, 0);
+    for (auto _ : state) {
+        std::vector<int32_t> ids = reader.readIds();
+        if (ids.size() != kIndexFileEntries) {
+            state.SkipWithError("raw id list came short");
+            break;
+        }
+        benchmark::DoNotOptimize(ids);
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kIndexFileEntries));
+}
+
+void libraryIndex(benchmark::State& state) {
+    SqliteLogFile file{std::filesystem::path(indexFile())};
+    const Logging::EntryIndexFilter everything;
+    for (auto _ : state) {
+        std::vector<int32_t> ids = file.getEntryIndex(everything);
+        if (ids.size() != kIndexFileEntries) {
+            state.SkipWithError("getEntryIndex came short");
+            break;
+        }
+        benchmark::DoNotOptimize(ids);
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kIndexFileEntries));
+}
+
+void registerRead(const std::string& name, void (*function)(benchmark::State&, int, std::size_t), int level,
+                  std::size_t size) {
+    benchmark::RegisterBenchmark(name.c_str(), function, level, size)
+        ->MinTime(kMinTime)
+        ->Repetitions(kRepetitions)
+        ->ReportAggregatesOnly()
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond);
+}
+
+}  // namespace
+
+void registerReadBenchmarks() {
+    for (int level : kCompressionLevels) {
+        for (std::size_t size : kPayloadSizes) {
+            registerRead(readName("byId", "raw", level, size), rawReadById, level, size);
+            registerRead(readName("byId", "library", level, size), libraryReadEntry, level, size);
+            registerRead(readName("scan", "raw", level, size), rawScan, level, size);
+            registerRead(readName("scan", "library", level, size), libraryReadEntries, level, size);
+        }
+    }
+}
+
+void registerIndexBenchmarks() {
+    using Function = void (*)(benchmark::State&);
+    for (auto [reader, function] : {std::pair<const char*, Function>{"raw", rawIndex},
+                                    std::pair<const char*, Function>{"library", libraryIndex}}) {
+        benchmark::RegisterBenchmark(indexName(reader).c_str(), function)
+            ->MinTime(kMinTime)
+            ->Repetitions(kRepetitions)
+            ->ReportAggregatesOnly()
+            ->UseRealTime()
+            ->Unit(benchmark::kMillisecond);
+    }
+}
+
+}  // namespace Marivane::Bench

@@ -1,0 +1,288 @@
+#include "Summary.h"
+
+#include "BenchSupport.h"
+#include "Benchmarks.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <iterator>
+#include <optional>
+
+namespace Marivane::Bench {
+
+namespace {
+
+std::optional<Figure> find(const std::map<std::string, Figure>& figures, const std::string& name) {
+    const auto it = figures.find(name);
+    if (it == figures.end() || !it->second.error.empty()) {
+        return std::nullopt;
+    }
+    return it->second;
+}
+
+std::string format(const char* pattern, double value) {
+    char text[64];
+    std::snprintf(text, sizeof text, pattern, value);
+    return text;
+}
+
+std::string rate(double perSecond) {
+    if (perSecond >= 1e6) {
+        return format("%.2fM/s", perSecond / 1e6);
+    }
+    if (perSecond >= 1e3) {
+        return format("%.1fk/s", perSecond / 1e3);
+    }
+    return format("%.1f/s", perSecond);
+}
+
+std::string mebibytes(double bytesPerSecond) { return format("%.1f MiB/s", bytesPerSecond / (1024.0 * 1024.0)); }
+
+class Table {
+public:
+    explicit Table(std::ostream& out) : out_(out) {}
+
+    void section(const std::string& title) {
+        out_ << "\n" << title << "\n";
+        line("figure", "library", "baseline", "lib MiB/s", "ratio", "target", "status");
+    }
+
+    // A throughput pair: entries per second of both, their ratio, and the
+    // verdict when there is a target.
+    void pair(const std::map<std::string, Figure>& figures, const std::string& label, const std::string& library,
+              const std::string& baseline, std::optional<double> target) {
+        const std::optional<Figure> lib = find(figures, library);
+        const std::optional<Figure> base = find(figures, baseline);
+        const std::string targetText = target ? format(">=%.2fx", *target) : "-";
+        if (!lib || !base || base->itemsPerSecond <= 0) {
+            line(label, lib ? rate(lib->itemsPerSecond) : "n/a", base ? rate(base->itemsPerSecond) : "n/a", "",
+                 "n/a", targetText, target ? verdict(std::nullopt) : "");
+            return;
+        }
+        const double ratio = lib->itemsPerSecond / base->itemsPerSecond;
+        line(label, rate(lib->itemsPerSecond), rate(base->itemsPerSecond),
+             lib->bytesPerSecond > 0 ? mebibytes(lib->bytesPerSecond) : "-", format("%.2fx", ratio), targetText,
+             target ? verdict(ratio >= *target) : "");
+    }
+
+    // A measured value against an upper bound.
+    void bound(const std::string& label, std::optional<double> value, const std::string& unit,
+               std::optional<double> limit) {
+        const std::string valueText = value ? format("%.3f", *value) + " " + unit : "n/a";
+        const std::string limitText = limit ? format("<%g", *limit) + " " + unit : "-";
+        std::optional<bool> met;
+        if (value && limit) {
+            met = *value < *limit;
+        }
+        line(label, valueText, "", "", "", limitText, limit ? verdict(met) : "");
+    }
+
+    void totals() {
+        out_ << "\nTargets: " << met_ << " MET, " << notMet_ << " NOT MET";
+        if (unknown_ > 0) {
+            out_ << ", " << unknown_ << " not measured";
+        }
+        out_ << "\n";
+    }
+
+private:
+    std::string verdict(std::optional<bool> met) {
+        if (!met) {
+            ++unknown_;
+            return "n/a";
+        }
+        ++(*met ? met_ : notMet_);
+        return *met ? "MET" : "NOT MET";
+    }
+
+    void line(const std::string& label, const std::string& library, const std::string& baseline,
+              const std::string& libraryBytes, const std::string& ratio, const std::string& target,
+              const std::string& status) {
+        char text[256];
+        std::snprintf(text, sizeof text, "  %-40s %13s %13s %15s %7s %8s  %s", label.c_str(), library.c_str(),
+                      baseline.c_str(), libraryBytes.c_str(), ratio.c_str(), target.c_str(), status.c_str());
+        out_ << text << "\n";
+    }
+
+    std::ostream& out_;
+    int met_ = 0;
+    int notMet_ = 0;
+    int unknown_ = 0;
+};
+
+// Built by appending: GCC 12 warns falsely (restrict) on a literal prefixed to
+// a temporary string in these loops.
+std::string label(const std::string& what, int level, std::size_t size) {
+    std::string text = what;
+    text += ' ';
+    text += levelLabel(level);
+    text += ' ';
+    text += sizeLabel(size);
+    return text;
+}
+
+std::optional<double> counter(const std::map<std::string, Figure>& figures, const std::string& name,
+                              const std::string& key) {
+    const std::optional<Figure> figure = find(figures, name);
+    if (!figure) {
+        return std::nullopt;
+    }
+    const auto it = figure->counters.find(key);
+    return it == figure->counters.end() ? std::nullopt : std::optional<double>(it->second);
+}
+
+void printPageSizeTable(const std::map<std::string, Figure>& figures, std::ostream& out) {
+    out << "\nPage-size sweep (raw baseline, level 0, entries/s; * marks the best of a row)\n";
+    char text[256];
+    std::snprintf(text, sizeof text, "  %-24s", "mode / payload");
+    out << text;
+    for (int pageSize : kPageSizes) {
+        std::snprintf(text, sizeof text, " %12s", sizeLabel(static_cast<std::size_t>(pageSize)).c_str());
+        out << text;
+    }
+    out << "\n";
+
+    // Each page size's throughput relative to the best of its row, combined
+    // over the rows by geometric mean: every row weighs the same, whatever its
+    // absolute speed.
+    std::map<int, double> logRelativeSum;
+    int rows = 0;
+    for (const char* mode : {"transaction", "autocommit"}) {
+        for (std::size_t size : kPayloadSizes) {
+            std::map<int, double> row;
+            double best = 0;
+            for (int pageSize : kPageSizes) {
+                if (const std::optional<Figure> figure = find(figures, pageSizeName(mode, pageSize, size))) {
+                    row[pageSize] = figure->itemsPerSecond;
+                    best = std::max(best, figure->itemsPerSecond);
+                }
+            }
+            std::snprintf(text, sizeof text, "  %-24s", (std::string(mode) + " / " + sizeLabel(size)).c_str());
+            out << text;
+            for (int pageSize : kPageSizes) {
+                const auto it = row.find(pageSize);
+                const std::string cell =
+                    it == row.end() ? "n/a" : rate(it->second) + (it->second == best ? "*" : " ");
+                std::snprintf(text, sizeof text, " %12s", cell.c_str());
+                out << text;
+            }
+            out << "\n";
+            if (row.size() == std::size(kPageSizes) && best > 0) {
+                ++rows;
+                for (const auto& [pageSize, value] : row) {
+                    logRelativeSum[pageSize] += std::log(value / best);
+                }
+            }
+        }
+    }
+    if (rows == 0) {
+        out << "  (not measured)\n";
+        return;
+    }
+    std::snprintf(text, sizeof text, "  %-24s", "relative (geo. mean)");
+    out << text;
+    int bestPageSize = 0;
+    double bestScore = 0;
+    for (int pageSize : kPageSizes) {
+        const double score = std::exp(logRelativeSum[pageSize] / rows);
+        if (score > bestScore) {
+            bestScore = score;
+            bestPageSize = pageSize;
+        }
+        std::snprintf(text, sizeof text, " %12s", format("%.3f", score).c_str());
+        out << text;
+    }
+    out << "\n  Best overall: " << sizeLabel(static_cast<std::size_t>(bestPageSize)) << " pages ("
+        << format("%.1f%%", 100.0 * bestScore) << " of the best per row, on geometric mean over " << rows
+        << " rows)\n";
+}
+
+}  // namespace
+
+void CollectingReporter::ReportRuns(const std::vector<Run>& runs) {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+        const std::string& name = run.run_name.function_name;
+        const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+        if (run.run_type == Run::RT_Aggregate && !median) {
+            continue;
+        }
+        if (!median && fromMedian_[name]) {
+            continue;
+        }
+        Figure figure;
+        if (run.error_occurred) {
+            figure.error = run.error_message.empty() ? "error" : run.error_message;
+        }
+        for (const auto& [key, value] : run.counters) {
+            figure.counters[key] = value.value;
+        }
+        figure.itemsPerSecond = figure.counters["items_per_second"];
+        figure.bytesPerSecond = figure.counters["bytes_per_second"];
+        figures_[name] = std::move(figure);
+        fromMedian_[name] = median;
+    }
+}
+
+void printSummary(const std::map<std::string, Figure>& figures, std::ostream& out) {
+    out << "\n==== Summary: library against the raw SQLite/zstd baseline, same run ====\n"
+        << "(entries per second; ratio = library / baseline; medians of " << kRepetitions
+        << " repetitions where repeated)\n";
+    Table table(out);
+
+    table.section("Writes, one entry per call (baseline: reused statement, autocommit)");
+    for (int level : kCompressionLevels) {
+        for (std::size_t size : kPayloadSizes) {
+            const std::string baseline = writeName("autocommit", "raw", level, size);
+            table.pair(figures, label("logData", level, size), writeName("autocommit", "logData", level, size), baseline,
+                       level == 0 ? 0.95 : 0.9);
+            table.pair(figures, label("MV_LogFile_LogData", level, size), writeName("autocommit", "capi", level, size),
+                       baseline, std::nullopt);
+        }
+    }
+
+    table.section("Writes in one transaction (baseline: reused statement, one transaction)");
+    for (int level : kCompressionLevels) {
+        for (std::size_t size : kPayloadSizes) {
+            table.pair(figures, label("logData in a batch", level, size),
+                       writeName("transaction", "batch", level, size), writeName("transaction", "raw", level, size),
+                       level == 0 ? std::optional<double>(0.9) : std::nullopt);
+        }
+    }
+
+    table.section("Reads (baseline: reused statement; level -1 includes decompression)");
+    for (int level : kCompressionLevels) {
+        for (std::size_t size : kPayloadSizes) {
+            table.pair(figures, label("readEntry", level, size), readName("byId", "library", level, size),
+                       readName("byId", "raw", level, size), 0.9);
+        }
+    }
+    for (int level : kCompressionLevels) {
+        for (std::size_t size : kPayloadSizes) {
+            table.pair(figures, label("readEntries (whole file)", level, size), readName("scan", "library", level, size),
+                       readName("scan", "raw", level, size), 0.9);
+        }
+    }
+
+    table.section("Entry index of a 1M-entry file (ids per second)");
+    table.pair(figures, "getEntryIndex", indexName("library"), indexName("raw"), std::nullopt);
+
+    table.section("Derived files from a 1 GiB file (baseline: raw copy in one transaction)");
+    table.pair(figures, "Algorithms::clone (1 GiB)", deriveName("clone", "library"), deriveName("clone", "raw"),
+               std::nullopt);
+    table.pair(figures, "Algorithms::slice (middle 512 MiB)", deriveName("slice", "library"),
+               deriveName("slice", "raw"), std::nullopt);
+
+    out << "\nPlayer at 100 Hz (maxFrameDelay 1000 ms)\n";
+    table.bound("median pacing error", counter(figures, playerName(), "median_error_ms"), "ms", 1.0);
+    table.bound("p99 pacing error", counter(figures, playerName(), "p99_error_ms"), "ms", 5.0);
+    table.bound("max pacing error", counter(figures, playerName(), "max_error_ms"), "ms", std::nullopt);
+    table.bound("process CPU per second of playback", counter(figures, playerName(), "cpu_ms_per_s"), "ms",
+                std::nullopt);
+
+    table.totals();
+    printPageSizeTable(figures, out);
+}
+
+}  // namespace Marivane::Bench

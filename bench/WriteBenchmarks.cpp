@@ -1,0 +1,196 @@
+// Entry writes: one entry per statement in autocommit mode, and many entries
+// per transaction, through the library's class and C interfaces and through
+// the raw baseline. Every run of a benchmark function writes a new file and
+// removes it afterwards, so all writers start from the same empty file.
+
+#include "BenchSupport.h"
+#include "Benchmarks.h"
+#include "RawLogFile.h"
+
+#include <logging/Logging.h>
+
+#include <benchmark/benchmark.h>
+
+#include <string>
+
+namespace Marivane::Bench {
+
+namespace {
+
+using Logging::DataEntry;
+using Logging::DataSource;
+using Logging::SqliteLogFile;
+
+int64_t timestampOf(int64_t index) { return kFirstTimestamp + index * kEntryPeriodMs; }
+
+SqliteLogFile createLibraryFile(const std::string& path, int level) {
+    SqliteLogFile file(path, "UTC", "marivane_bench", "1", static_cast<int8_t>(level), kFirstTimestamp);
+    DataSource source;
+    source.name = "bench";
+    if (!file.addDataSource(source) || source.id != kDataSourceId) {
+        throw std::runtime_error("cannot add the data source: " + file.getLastError());
+    }
+    return file;
+}
+
+DataEntry makeEntry(std::size_t size) {
+    DataEntry entry;
+    entry.dataSourceId = kDataSourceId;
+    entry.type = kEntryType;
+    entry.data = payload(size);
+    return entry;
+}
+
+}  // namespace
+
+void rawAutocommitWrites(benchmark::State& state, int level, std::size_t size, int pageSize) {
+    const std::string path = freshPath("raw-autocommit");
+    {
+        Raw::Connection connection = Raw::createLogFile(path, level, pageSize);
+        Raw::EntryWriter writer(connection, level);
+        const ByteBuffer& data = payload(size);
+        int64_t index = 0;
+        for (auto _ : state) {
+            if (!writer.write(timestampOf(index++), kEntryType, kDataSourceId, data)) {
+                state.SkipWithError("raw insert failed");
+                break;
+            }
+        }
+    }
+    setThroughput(state, 1, size);
+    removeLogFile(path);
+}
+
+void rawTransactionWrites(benchmark::State& state, int level, std::size_t size, int pageSize) {
+    const std::string path = freshPath("raw-transaction");
+    const std::size_t perTransaction = entriesPerTransaction(size);
+    {
+        Raw::Connection connection = Raw::createLogFile(path, level, pageSize);
+        Raw::EntryWriter writer(connection, level);
+        const ByteBuffer& data = payload(size);
+        int64_t index = 0;
+        for (auto _ : state) {
+            connection.exec("BEGIN;");
+            for (std::size_t i = 0; i < perTransaction; ++i) {
+                if (!writer.write(timestampOf(index++), kEntryType, kDataSourceId, data)) {
+                    state.SkipWithError("raw insert failed");
+                    break;
+                }
+            }
+            connection.exec("COMMIT;");
+        }
+    }
+    setThroughput(state, perTransaction, size);
+    removeLogFile(path);
+}
+
+namespace {
+
+void rawAutocommit(benchmark::State& state, int level, std::size_t size) {
+    rawAutocommitWrites(state, level, size, 0);
+}
+
+void rawTransaction(benchmark::State& state, int level, std::size_t size) {
+    rawTransactionWrites(state, level, size, 0);
+}
+
+void libraryLogData(benchmark::State& state, int level, std::size_t size) {
+    const std::string path = freshPath("logdata");
+    {
+        SqliteLogFile file = createLibraryFile(path, level);
+        DataEntry entry = makeEntry(size);
+        int64_t index = 0;
+        for (auto _ : state) {
+            entry.timestamp = timestampOf(index++);
+            if (!file.logData(entry)) {
+                state.SkipWithError(file.getLastError().c_str());
+                break;
+            }
+        }
+    }
+    setThroughput(state, 1, size);
+    removeLogFile(path);
+}
+
+void libraryBatch(benchmark::State& state, int level, std::size_t size) {
+    const std::string path = freshPath("batch");
+    const std::size_t perTransaction = entriesPerTransaction(size);
+    {
+        SqliteLogFile file = createLibraryFile(path, level);
+        DataEntry entry = makeEntry(size);
+        int64_t index = 0;
+        for (auto _ : state) {
+            SqliteLogFile::WriteBatch batch = file.beginBatch();
+            for (std::size_t i = 0; i < perTransaction; ++i) {
+                entry.timestamp = timestampOf(index++);
+                if (!file.logData(entry)) {
+                    state.SkipWithError(file.getLastError().c_str());
+                    break;
+                }
+            }
+            if (!batch.commit()) {
+                state.SkipWithError(file.getLastError().c_str());
+                break;
+            }
+        }
+    }
+    setThroughput(state, perTransaction, size);
+    removeLogFile(path);
+}
+
+void cInterfaceLogData(benchmark::State& state, int level, std::size_t size) {
+    const std::string path = freshPath("capi");
+    MV_LogConfig_p config = MV_LogConfig_Create("marivane_bench", "1", "UTC");
+    MV_LogConfig_SetCompressionLevel(config, static_cast<int8_t>(level), nullptr);
+    MV_LogFile_p file = MV_LogFile_Create(path.c_str(), config, nullptr);
+    MV_LogConfig_Destroy(config);
+    MV_LogDataSource_p source = MV_LogDataSource_Create(MV_LogDataSourceType_Generic, "bench");
+    if (file == nullptr || !MV_LogFile_AddDataSource(file, source, nullptr)) {
+        state.SkipWithError("cannot create the file through the C interface");
+    }
+    int8_t sourceId = -1;
+    MV_LogDataSource_GetId(source, &sourceId);
+    MV_LogDataSource_Destroy(source);
+    const ByteBuffer& data = payload(size);
+    MV_LogDataEntry_p entry = MV_LogDataEntry_Create(&sourceId, kEntryType,
+                                                     reinterpret_cast<const uint8_t*>(data.data()),
+                                                     static_cast<int64_t>(data.size()));
+    int64_t index = 0;
+    for (auto _ : state) {
+        MV_LogDataEntry_SetTimestamp(entry, timestampOf(index++));
+        if (!MV_LogFile_LogData(file, entry, nullptr)) {
+            state.SkipWithError("MV_LogFile_LogData failed");
+            break;
+        }
+    }
+    MV_LogDataEntry_Destroy(entry);
+    MV_LogFile_Destroy(file);
+    setThroughput(state, 1, size);
+    removeLogFile(path);
+}
+
+void registerWrite(const std::string& name, void (*function)(benchmark::State&, int, std::size_t), int level,
+                   std::size_t size) {
+    benchmark::RegisterBenchmark(name.c_str(), function, level, size)
+        ->MinTime(kMinTime)
+        ->Repetitions(kRepetitions)
+        ->ReportAggregatesOnly()
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond);
+}
+
+}  // namespace
+
+void registerWriteBenchmarks() {
+    for (int level : kCompressionLevels) {
+        for (std::size_t size : kPayloadSizes) {
+            registerWrite(writeName("autocommit", "raw", level, size), rawAutocommit, level, size);
+            registerWrite(writeName("autocommit", "logData", level, size), libraryLogData, level, size);
+            registerWrite(writeName("autocommit", "capi", level, size), cInterfaceLogData, level, size);
+            registerWrite(writeName("transaction", "raw", level, size), rawTransaction, level, size);
+            registerWrite(writeName("transaction", "batch", level, size), libraryBatch, level, size);
+        }
+    }
+}
+
+}  // namespace Marivane::Bench

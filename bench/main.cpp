@@ -1,0 +1,44 @@
+// One run measures the library and, beside it, the raw SQLite/zstd baseline,
+// then prints each library figure with its ratio to the baseline of the same
+// run. Google Benchmark's flags apply (e.g. --benchmark_filter=write/ to run a
+// part); the summary then shows n/a for what was left out.
+
+#include "BenchSupport.h"
+#include "Benchmarks.h"
+#include "Summary.h"
+
+#include <benchmark/benchmark.h>
+
+#include <unistd.h>
+
+#include <exception>
+#include <iostream>
+
+int main(int argc, char** argv) {
+    using namespace Marivane::Bench;
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    registerWriteBenchmarks();
+    registerReadBenchmarks();
+    registerIndexBenchmarks();
+    registerDerivedFileBenchmarks();
+    registerPlayerBenchmark();
+    registerPageSizeSweep();
+
+    int status = 0;
+    try {
+        std::cout << "Files go to " << workDir().string() << " (removed at the end)\n";
+        CollectingReporter reporter(::isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Color
+                                                            : benchmark::ConsoleReporter::OO_None);
+        benchmark::RunSpecifiedBenchmarks(&reporter);
+        printSummary(reporter.figures(), std::cout);
+    } catch (const std::exception& error) {
+        std::cerr << "marivane_bench: " << error.what() << "\n";
+        status = 1;
+    }
+    removeWorkDir();
+    benchmark::Shutdown();
+    return status;
+}
