@@ -95,7 +95,9 @@ std::size_t entriesPerTransaction(std::size_t size) {
     return std::clamp<std::size_t>((4u << 20) / size, 64, 4096);
 }
 
-std::size_t readFileEntries(std::size_t size) { return std::clamp<std::size_t>((64u << 20) / size, 256, 16384); }
+std::size_t readFileEntries(std::size_t size) {
+    return std::clamp<std::size_t>((64u << 20) / size, 256, 16384);
+}
 
 void setThroughput(benchmark::State& state, std::size_t entriesPerIteration, std::size_t payloadSize) {
     const auto entries = static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(entriesPerIteration);
@@ -111,13 +113,42 @@ std::string readName(const std::string& kind, const std::string& reader, int lev
     return "read/" + kind + "/" + reader + "/" + levelLabel(level) + "/" + sizeLabel(size);
 }
 
-std::string indexName(const std::string& reader) { return "index/" + reader + "/1M"; }
+std::string indexName(const std::string& reader) {
+    return "index/" + reader + "/1M";
+}
 
 std::string deriveName(const std::string& operation, const std::string& writer) {
     return "derive/" + operation + "/" + writer + "/1GiB";
 }
 
-std::string playerName() { return "player/pacing/100Hz"; }
+std::string roundName(const std::string& name, int round) {
+    std::string text = name;
+    text += "/round:";
+    text += std::to_string(round);
+    return text;
+}
+
+std::string withoutRound(const std::string& name) {
+    const std::size_t at = name.rfind("/round:");
+    return at == std::string::npos ? name : name.substr(0, at);
+}
+
+void registerRounds(const std::vector<Member>& group, int rounds,
+                    const std::function<void(benchmark::internal::Benchmark*)>& configure) {
+    for (int round = 1; round <= rounds; ++round) {
+        for (const Member& member : group) {
+            configure(benchmark::RegisterBenchmark(roundName(member.name, round).c_str(), member.function));
+        }
+    }
+}
+
+void throughputSettings(benchmark::internal::Benchmark* benchmark) {
+    benchmark->MinTime(kMinTime)->UseRealTime()->Unit(benchmark::kMicrosecond);
+}
+
+std::string playerName() {
+    return "player/pacing/100Hz";
+}
 
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size) {
     return "pagesize/" + mode + "/" + sizeLabel(static_cast<std::size_t>(pageSize)) + "/" + sizeLabel(size);

@@ -3,7 +3,9 @@
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
+#include <functional>
 #include <string>
+#include <vector>
 
 // Every benchmark is registered by name so that the summary can pair a library
 // figure with its baseline; the names are built here and nowhere else.
@@ -11,9 +13,30 @@ namespace Marivane::Bench {
 
 // Minimum measuring time of a throughput benchmark, in seconds. Short on
 // purpose: the whole run must stay within minutes on two shared cores, and
-// each figure is the median of a few repetitions instead.
+// each figure is the median of a few rounds instead.
 inline constexpr double kMinTime = 0.2;
-inline constexpr int kRepetitions = 3;
+inline constexpr int kRounds = 3;
+
+// One benchmark of a group that is measured round by round.
+struct Member {
+    std::string name;
+    std::function<void(benchmark::State&)> function;
+};
+
+// The name of one round's run; the summary strips the suffix again and takes
+// the median over the rounds.
+std::string roundName(const std::string& name, int round);
+// The name without its round suffix, or the name itself when it has none.
+std::string withoutRound(const std::string& name);
+
+// Registers `rounds` runs of every member: the whole group once, then again.
+// A library figure and its baseline thus alternate a few seconds apart, so a
+// change in the machine's load (other builds on the two shared cores) hits
+// both sides of a ratio alike instead of all the rounds of one side.
+void registerRounds(const std::vector<Member>& group, int rounds,
+                    const std::function<void(benchmark::internal::Benchmark*)>& configure);
+// The settings of the throughput benchmarks: kMinTime, wall-clock time.
+void throughputSettings(benchmark::internal::Benchmark* benchmark);
 
 // mode: "autocommit" or "transaction"; writer: "raw", "logData", "capi", "batch".
 std::string writeName(const std::string& mode, const std::string& writer, int level, std::size_t size);
@@ -27,9 +50,8 @@ std::string playerName();
 // mode: "autocommit" or "transaction".
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size);
 
-// Registration in run order. Library figures are registered right beside
-// their baselines, so that a change in the machine's load during the run
-// touches both sides of a ratio alike.
+// Registration in run order; each library figure is in a group with its
+// baseline (see registerRounds).
 void registerWriteBenchmarks();
 void registerReadBenchmarks();
 void registerIndexBenchmarks();

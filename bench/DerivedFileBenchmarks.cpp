@@ -23,6 +23,8 @@ constexpr std::size_t kSourcePayloadSize = 256 * 1024;
 // The slice takes the middle half of the file.
 constexpr int32_t kSliceFirst = kSourceEntries / 4 + 1;
 constexpr int32_t kSliceLast = 3 * kSourceEntries / 4;
+// Each round copies a gigabyte; two keep the section near half a minute.
+constexpr int kDerivedRounds = 2;
 
 const std::string& sourceFile() {
     static std::string path;
@@ -59,7 +61,8 @@ void libraryCopy(benchmark::State& state, bool slice) {
     for (auto _ : state) {
         const std::string output = freshPath(slice ? "slice" : "clone");
         std::unique_ptr<Logging::LogFileInterface> copy =
-            slice ? Logging::Algorithms::slice(source, kSliceFirst, kSliceLast, output, "marivane_bench", "1", 0)
+            slice ? Logging::Algorithms::slice(source, kSliceFirst, kSliceLast, output, "marivane_bench", "1",
+                                               0)
                   : Logging::Algorithms::clone(source, output, "marivane_bench", "1", 0);
         if (!copy || copy->getEntryCount() != static_cast<int32_t>(entriesOf(slice))) {
             state.SkipWithError("the library refused or came short");
@@ -73,20 +76,20 @@ void libraryCopy(benchmark::State& state, bool slice) {
     setThroughput(state, entriesOf(slice), kSourcePayloadSize);
 }
 
-void registerCopy(const std::string& name, void (*function)(benchmark::State&, bool), bool slice) {
-    benchmark::RegisterBenchmark(name.c_str(), function, slice)
-        ->Iterations(2)
-        ->UseRealTime()
-        ->Unit(benchmark::kMillisecond);
-}
-
 }  // namespace
 
 void registerDerivedFileBenchmarks() {
-    registerCopy(deriveName("clone", "raw"), rawCopy, false);
-    registerCopy(deriveName("clone", "library"), libraryCopy, false);
-    registerCopy(deriveName("slice", "raw"), rawCopy, true);
-    registerCopy(deriveName("slice", "library"), libraryCopy, true);
+    auto settings = [](benchmark::internal::Benchmark* benchmark) {
+        benchmark->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+    };
+    for (bool slice : {false, true}) {
+        const std::string operation = slice ? "slice" : "clone";
+        registerRounds({Member{deriveName(operation, "raw"),
+                               [slice](benchmark::State& state) { rawCopy(state, slice); }},
+                        Member{deriveName(operation, "library"),
+                               [slice](benchmark::State& state) { libraryCopy(state, slice); }}},
+                       kDerivedRounds, settings);
+    }
 }
 
 }  // namespace Marivane::Bench

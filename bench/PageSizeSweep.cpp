@@ -7,22 +7,21 @@
 
 #include <benchmark/benchmark.h>
 
+#include <string>
+#include <vector>
+
 namespace Marivane::Bench {
 
 void registerPageSizeSweep() {
     for (std::size_t size : kPayloadSizes) {
-        for (int pageSize : kPageSizes) {
-            for (const char* mode : {"transaction", "autocommit"}) {
-                const bool transaction = std::string(mode) == "transaction";
-                benchmark::RegisterBenchmark(pageSizeName(mode, pageSize, size).c_str(),
-                                             transaction ? rawTransactionWrites : rawAutocommitWrites, 0, size,
-                                             pageSize)
-                    ->MinTime(kMinTime)
-                    ->Repetitions(kRepetitions)
-                    ->ReportAggregatesOnly()
-                    ->UseRealTime()
-                    ->Unit(benchmark::kMicrosecond);
+        for (const std::string mode : {"transaction", "autocommit"}) {
+            std::vector<Member> group;
+            for (int pageSize : kPageSizes) {
+                auto function = mode == "transaction" ? rawTransactionWrites : rawAutocommitWrites;
+                group.push_back({pageSizeName(mode, pageSize, size),
+                                 [=](benchmark::State& state) { function(state, 0, size, pageSize); }});
             }
+            registerRounds(group, kRounds, throughputSettings);
         }
     }
 }

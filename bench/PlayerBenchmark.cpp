@@ -55,6 +55,7 @@ void playerPacing(benchmark::State& state) {
     Raw::buildLogFile(path, 0, 64, kFrames);
 
     std::vector<double> errors;
+    double drift = 0;
     double cpuPerSecond = 0;
     for (auto _ : state) {
         // Written by the worker only; the count publishes each slot.
@@ -89,8 +90,9 @@ void playerPacing(benchmark::State& state) {
         {
             std::unique_lock<std::mutex> lock(mutex);
             player.play();
-            const bool done = finished.wait_for(lock, std::chrono::seconds(30),
-                                                [&] { return count.load(std::memory_order_acquire) == deliveries.size(); });
+            const bool done = finished.wait_for(lock, std::chrono::seconds(30), [&] {
+                return count.load(std::memory_order_acquire) == deliveries.size();
+            });
             if (!done) {
                 state.SkipWithError("the player stalled");
                 break;
@@ -103,7 +105,11 @@ void playerPacing(benchmark::State& state) {
         for (std::size_t i = 1; i < deliveries.size(); ++i) {
             const Delivery& delivery = deliveries[i];
             const auto scheduled = first.at + std::chrono::milliseconds(delivery.timestamp - first.timestamp);
-            errors.push_back(std::abs(std::chrono::duration<double, std::milli>(delivery.at - scheduled).count()));
+            const double error = std::chrono::duration<double, std::milli>(delivery.at - scheduled).count();
+            errors.push_back(std::abs(error));
+            // Signed, at the last frame: lateness that the player never makes
+            // up accumulates here.
+            drift = error;
         }
         const double playedSeconds = std::chrono::duration<double>(deliveries.back().at - first.at).count();
         cpuPerSecond = (cpuAtLast - cpuAtFirst) / playedSeconds;
@@ -113,6 +119,7 @@ void playerPacing(benchmark::State& state) {
         state.counters["median_error_ms"] = percentile(errors, 0.5);
         state.counters["p99_error_ms"] = percentile(errors, 0.99);
         state.counters["max_error_ms"] = percentile(errors, 1.0);
+        state.counters["drift_ms"] = drift;
         state.counters["cpu_ms_per_s"] = cpuPerSecond * 1000.0;
         state.counters["frames"] = static_cast<double>(errors.size());
     }

@@ -2,6 +2,8 @@
 
 #include "BenchSupport.h"
 
+#include <logging/SqliteLogFile.h>
+
 #include <sqlite3.h>
 #include <zstd.h>
 
@@ -46,7 +48,8 @@ void applyConnectionSettings(Connection& connection) {
 }  // namespace
 
 Connection::Connection(const std::string& path) {
-    if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) != SQLITE_OK) {
+    if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
+        SQLITE_OK) {
         const std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
         sqlite3_close(db_);
         throw std::runtime_error("cannot open " + path + ": " + message);
@@ -55,7 +58,9 @@ Connection::Connection(const std::string& path) {
     exec("PRAGMA foreign_keys = on;");
 }
 
-Connection::~Connection() { sqlite3_close(db_); }
+Connection::~Connection() {
+    sqlite3_close(db_);
+}
 
 Connection::Connection(Connection&& other) noexcept : db_(std::exchange(other.db_, nullptr)) {}
 
@@ -74,13 +79,35 @@ Statement::Statement(const Connection& connection, const char* sql) {
     }
 }
 
-Statement::~Statement() { sqlite3_finalize(statement_); }
+Statement::~Statement() {
+    sqlite3_finalize(statement_);
+}
+
+int libraryPageSize() {
+    static const int pageSize = [] {
+        const std::string path = freshPath("page-size-probe");
+        { Logging::SqliteLogFile file(path, "UTC", "marivane_bench", "1", 0, kFirstTimestamp); }
+        int found = 0;
+        {
+            Connection connection(path);
+            Statement query(connection, "PRAGMA page_size;");
+            if (sqlite3_step(query.get()) == SQLITE_ROW) {
+                found = sqlite3_column_int(query.get(), 0);
+            }
+        }
+        removeLogFile(path);
+        if (found <= 0) {
+            throw std::runtime_error("cannot read the page size of a library-made file");
+        }
+        return found;
+    }();
+    return pageSize;
+}
 
 Connection createSchema(const std::string& path, int pageSize) {
     Connection connection(path);
-    if (pageSize != 0) {
-        connection.exec("PRAGMA page_size = " + std::to_string(pageSize) + ";");
-    }
+    connection.exec("PRAGMA page_size = " + std::to_string(pageSize != 0 ? pageSize : libraryPageSize()) +
+                    ";");
     for (const char* statement : kSchema) {
         connection.exec(statement);
     }
@@ -99,9 +126,8 @@ Connection createLogFile(const std::string& path, int level, int pageSize) {
     connection.exec("INSERT INTO metadata (key, value) VALUES ('logVersion', 4);");
     connection.exec("INSERT INTO metadata (key, value) VALUES ('compressionLevel', " + std::to_string(level) +
                     ");");
-    connection.exec(
-        "INSERT INTO dataSources (dataSourceId, dataSourceType, dataSourceName) VALUES (" +
-        std::to_string(kDataSourceId) + ", 0, 'bench');");
+    connection.exec("INSERT INTO dataSources (dataSourceId, dataSourceType, dataSourceName) VALUES (" +
+                    std::to_string(kDataSourceId) + ", 0, 'bench');");
     connection.exec("COMMIT;");
     return connection;
 }
@@ -112,8 +138,12 @@ Connection openLogFile(const std::string& path) {
     return connection;
 }
 
-void ZstdCompressorDeleter::operator()(ZSTD_CCtx_s* context) const noexcept { ZSTD_freeCCtx(context); }
-void ZstdDecompressorDeleter::operator()(ZSTD_DCtx_s* context) const noexcept { ZSTD_freeDCtx(context); }
+void ZstdCompressorDeleter::operator()(ZSTD_CCtx_s* context) const noexcept {
+    ZSTD_freeCCtx(context);
+}
+void ZstdDecompressorDeleter::operator()(ZSTD_DCtx_s* context) const noexcept {
+    ZSTD_freeDCtx(context);
+}
 
 EntryWriter::EntryWriter(const Connection& connection, int level)
     : insert_(connection, kInsertEntry), level_(level) {
@@ -172,8 +202,8 @@ ByteBuffer EntryReader::expand(const void* blob, int size) {
         throw std::runtime_error("zstd: a stored payload has no content size");
     }
     ByteBuffer data(static_cast<std::size_t>(contentSize));
-    const std::size_t written =
-        ZSTD_decompressDCtx(decompressor_.get(), data.data(), data.size(), blob, static_cast<std::size_t>(size));
+    const std::size_t written = ZSTD_decompressDCtx(decompressor_.get(), data.data(), data.size(), blob,
+                                                    static_cast<std::size_t>(size));
     if (ZSTD_isError(written) || written != data.size()) {
         throw std::runtime_error("zstd: cannot expand a stored payload");
     }
@@ -255,13 +285,15 @@ void copyLogFile(const std::string& source, const std::string& output, int32_t f
             sqlite3_step(insertMetadata.get());
         }
         Statement sources(in, "SELECT dataSourceId, dataSourceType, dataSourceName FROM dataSources;");
-        Statement insertSource(out,
-                               "INSERT INTO dataSources (dataSourceId, dataSourceType, dataSourceName) VALUES "
-                               "(:dataSourceId, :dataSourceType, :dataSourceName);");
+        Statement insertSource(
+            out,
+            "INSERT INTO dataSources (dataSourceId, dataSourceType, dataSourceName) VALUES "
+            "(:dataSourceId, :dataSourceType, :dataSourceName);");
         while (sqlite3_step(sources.get()) == SQLITE_ROW) {
             sqlite3_reset(insertSource.get());
             for (int column = 0; column < 3; ++column) {
-                sqlite3_bind_value(insertSource.get(), column + 1, sqlite3_column_value(sources.get(), column));
+                sqlite3_bind_value(insertSource.get(), column + 1,
+                                   sqlite3_column_value(sources.get(), column));
             }
             if (sqlite3_step(insertSource.get()) != SQLITE_DONE) {
                 fail(out.get(), "cannot copy a data source");

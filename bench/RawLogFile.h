@@ -58,9 +58,14 @@ private:
     sqlite3_stmt* statement_ = nullptr;
 };
 
+// The page size of the files the library creates, found once by making one:
+// the baseline lays its files out the same way, so that a ratio compares code
+// rather than page sizes (the page-size sweep covers those).
+int libraryPageSize();
+
 // A new file with the library's nine schema statements and connection
-// settings, nothing in it. A non-zero pageSize is set before the tables are
-// made, which is the only moment it takes effect.
+// settings, nothing in it. The page size (libraryPageSize() for 0) is set
+// before the tables are made, the only moment it takes effect.
 Connection createSchema(const std::string& path, int pageSize = 0);
 // createSchema plus what a library-created file holds before its first entry:
 // the six fixed metadata keys and one data source (id kDataSourceId).

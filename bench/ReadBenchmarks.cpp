@@ -129,7 +129,8 @@ void rawIndex(benchmark::State& state) {
         }
         benchmark::DoNotOptimize(ids);
     }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kIndexFileEntries));
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) *
+                            static_cast<int64_t>(kIndexFileEntries));
 }
 
 void libraryIndex(benchmark::State& state) {
@@ -143,17 +144,8 @@ void libraryIndex(benchmark::State& state) {
         }
         benchmark::DoNotOptimize(ids);
     }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kIndexFileEntries));
-}
-
-void registerRead(const std::string& name, void (*function)(benchmark::State&, int, std::size_t), int level,
-                  std::size_t size) {
-    benchmark::RegisterBenchmark(name.c_str(), function, level, size)
-        ->MinTime(kMinTime)
-        ->Repetitions(kRepetitions)
-        ->ReportAggregatesOnly()
-        ->UseRealTime()
-        ->Unit(benchmark::kMicrosecond);
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) *
+                            static_cast<int64_t>(kIndexFileEntries));
 }
 
 }  // namespace
@@ -161,25 +153,24 @@ void registerRead(const std::string& name, void (*function)(benchmark::State&, i
 void registerReadBenchmarks() {
     for (int level : kCompressionLevels) {
         for (std::size_t size : kPayloadSizes) {
-            registerRead(readName("byId", "raw", level, size), rawReadById, level, size);
-            registerRead(readName("byId", "library", level, size), libraryReadEntry, level, size);
-            registerRead(readName("scan", "raw", level, size), rawScan, level, size);
-            registerRead(readName("scan", "library", level, size), libraryReadEntries, level, size);
+            auto member = [level, size](const std::string& kind, const std::string& reader,
+                                        void (*function)(benchmark::State&, int, std::size_t)) {
+                return Member{readName(kind, reader, level, size),
+                              [=](benchmark::State& state) { function(state, level, size); }};
+            };
+            registerRounds({member("byId", "raw", rawReadById), member("byId", "library", libraryReadEntry)},
+                           kRounds, throughputSettings);
+            registerRounds({member("scan", "raw", rawScan), member("scan", "library", libraryReadEntries)},
+                           kRounds, throughputSettings);
         }
     }
 }
 
 void registerIndexBenchmarks() {
-    using Function = void (*)(benchmark::State&);
-    for (auto [reader, function] : {std::pair<const char*, Function>{"raw", rawIndex},
-                                    std::pair<const char*, Function>{"library", libraryIndex}}) {
-        benchmark::RegisterBenchmark(indexName(reader).c_str(), function)
-            ->MinTime(kMinTime)
-            ->Repetitions(kRepetitions)
-            ->ReportAggregatesOnly()
-            ->UseRealTime()
-            ->Unit(benchmark::kMillisecond);
-    }
+    registerRounds({Member{indexName("raw"), rawIndex}, Member{indexName("library"), libraryIndex}}, kRounds,
+                   [](benchmark::internal::Benchmark* benchmark) {
+                       benchmark->MinTime(kMinTime)->UseRealTime()->Unit(benchmark::kMillisecond);
+                   });
 }
 
 }  // namespace Marivane::Bench

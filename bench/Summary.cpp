@@ -2,6 +2,7 @@
 
 #include "BenchSupport.h"
 #include "Benchmarks.h"
+#include "RawLogFile.h"
 
 #include <algorithm>
 #include <cmath>
@@ -13,12 +14,72 @@ namespace Marivane::Bench {
 
 namespace {
 
-std::optional<Figure> find(const std::map<std::string, Figure>& figures, const std::string& name) {
+using Figures = std::map<std::string, std::vector<Figure>>;
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2.0;
+}
+
+// The rounds of a benchmark, when every one of them ran without error.
+const std::vector<Figure>* rounds(const Figures& figures, const std::string& name) {
     const auto it = figures.find(name);
-    if (it == figures.end() || !it->second.error.empty()) {
+    if (it == figures.end() || it->second.empty()) {
+        return nullptr;
+    }
+    for (const Figure& figure : it->second) {
+        if (!figure.error.empty()) {
+            return nullptr;
+        }
+    }
+    return &it->second;
+}
+
+// The median of every quantity over the rounds.
+std::optional<Figure> find(const Figures& figures, const std::string& name) {
+    const std::vector<Figure>* runs = rounds(figures, name);
+    if (!runs) {
         return std::nullopt;
     }
-    return it->second;
+    auto medianOf = [runs](auto field) {
+        std::vector<double> values;
+        for (const Figure& figure : *runs) {
+            values.push_back(field(figure));
+        }
+        return median(values);
+    };
+    Figure result;
+    result.itemsPerSecond = medianOf([](const Figure& figure) { return figure.itemsPerSecond; });
+    result.bytesPerSecond = medianOf([](const Figure& figure) { return figure.bytesPerSecond; });
+    for (const auto& [key, value] : runs->front().counters) {
+        result.counters[key] = medianOf([&key](const Figure& figure) {
+            const auto it = figure.counters.find(key);
+            return it == figure.counters.end() ? 0.0 : it->second;
+        });
+    }
+    return result;
+}
+
+// The median of the ratios of runs made in the same round: each ratio pairs
+// two runs a few seconds apart, so a slow stretch of the machine cancels out.
+std::optional<double> pairedRatio(const Figures& figures, const std::string& library,
+                                  const std::string& baseline) {
+    const std::vector<Figure>* lib = rounds(figures, library);
+    const std::vector<Figure>* base = rounds(figures, baseline);
+    if (!lib || !base) {
+        return std::nullopt;
+    }
+    std::vector<double> ratios;
+    for (std::size_t round = 0; round < std::min(lib->size(), base->size()); ++round) {
+        if ((*base)[round].itemsPerSecond > 0) {
+            ratios.push_back((*lib)[round].itemsPerSecond / (*base)[round].itemsPerSecond);
+        }
+    }
+    if (ratios.empty()) {
+        return std::nullopt;
+    }
+    return median(ratios);
 }
 
 std::string format(const char* pattern, double value) {
@@ -37,7 +98,9 @@ std::string rate(double perSecond) {
     return format("%.1f/s", perSecond);
 }
 
-std::string mebibytes(double bytesPerSecond) { return format("%.1f MiB/s", bytesPerSecond / (1024.0 * 1024.0)); }
+std::string mebibytes(double bytesPerSecond) {
+    return format("%.1f MiB/s", bytesPerSecond / (1024.0 * 1024.0));
+}
 
 class Table {
 public:
@@ -50,20 +113,20 @@ public:
 
     // A throughput pair: entries per second of both, their ratio, and the
     // verdict when there is a target.
-    void pair(const std::map<std::string, Figure>& figures, const std::string& label, const std::string& library,
+    void pair(const Figures& figures, const std::string& label, const std::string& library,
               const std::string& baseline, std::optional<double> target) {
         const std::optional<Figure> lib = find(figures, library);
         const std::optional<Figure> base = find(figures, baseline);
+        const std::optional<double> ratio = pairedRatio(figures, library, baseline);
         const std::string targetText = target ? format(">=%.2fx", *target) : "-";
-        if (!lib || !base || base->itemsPerSecond <= 0) {
-            line(label, lib ? rate(lib->itemsPerSecond) : "n/a", base ? rate(base->itemsPerSecond) : "n/a", "",
-                 "n/a", targetText, target ? verdict(std::nullopt) : "");
+        if (!lib || !base || !ratio) {
+            line(label, lib ? rate(lib->itemsPerSecond) : "n/a", base ? rate(base->itemsPerSecond) : "n/a",
+                 "", "n/a", targetText, target ? verdict(std::nullopt) : "");
             return;
         }
-        const double ratio = lib->itemsPerSecond / base->itemsPerSecond;
         line(label, rate(lib->itemsPerSecond), rate(base->itemsPerSecond),
-             lib->bytesPerSecond > 0 ? mebibytes(lib->bytesPerSecond) : "-", format("%.2fx", ratio), targetText,
-             target ? verdict(ratio >= *target) : "");
+             lib->bytesPerSecond > 0 ? mebibytes(lib->bytesPerSecond) : "-", format("%.2fx", *ratio),
+             targetText, target ? verdict(*ratio >= *target) : "");
     }
 
     // A measured value against an upper bound.
@@ -122,8 +185,7 @@ std::string label(const std::string& what, int level, std::size_t size) {
     return text;
 }
 
-std::optional<double> counter(const std::map<std::string, Figure>& figures, const std::string& name,
-                              const std::string& key) {
+std::optional<double> counter(const Figures& figures, const std::string& name, const std::string& key) {
     const std::optional<Figure> figure = find(figures, name);
     if (!figure) {
         return std::nullopt;
@@ -132,7 +194,7 @@ std::optional<double> counter(const std::map<std::string, Figure>& figures, cons
     return it == figure->counters.end() ? std::nullopt : std::optional<double>(it->second);
 }
 
-void printPageSizeTable(const std::map<std::string, Figure>& figures, std::ostream& out) {
+void printPageSizeTable(const Figures& figures, std::ostream& out) {
     out << "\nPage-size sweep (raw baseline, level 0, entries/s; * marks the best of a row)\n";
     char text[256];
     std::snprintf(text, sizeof text, "  %-24s", "mode / payload");
@@ -158,7 +220,8 @@ void printPageSizeTable(const std::map<std::string, Figure>& figures, std::ostre
                     best = std::max(best, figure->itemsPerSecond);
                 }
             }
-            std::snprintf(text, sizeof text, "  %-24s", (std::string(mode) + " / " + sizeLabel(size)).c_str());
+            std::snprintf(text, sizeof text, "  %-24s",
+                          (std::string(mode) + " / " + sizeLabel(size)).c_str());
             out << text;
             for (int pageSize : kPageSizes) {
                 const auto it = row.find(pageSize);
@@ -203,12 +266,7 @@ void printPageSizeTable(const std::map<std::string, Figure>& figures, std::ostre
 void CollectingReporter::ReportRuns(const std::vector<Run>& runs) {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-        const std::string& name = run.run_name.function_name;
-        const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-        if (run.run_type == Run::RT_Aggregate && !median) {
-            continue;
-        }
-        if (!median && fromMedian_[name]) {
+        if (run.run_type != Run::RT_Iteration) {
             continue;
         }
         Figure figure;
@@ -220,25 +278,26 @@ void CollectingReporter::ReportRuns(const std::vector<Run>& runs) {
         }
         figure.itemsPerSecond = figure.counters["items_per_second"];
         figure.bytesPerSecond = figure.counters["bytes_per_second"];
-        figures_[name] = std::move(figure);
-        fromMedian_[name] = median;
+        figures_[withoutRound(run.run_name.function_name)].push_back(std::move(figure));
     }
 }
 
-void printSummary(const std::map<std::string, Figure>& figures, std::ostream& out) {
+void printSummary(const Figures& figures, std::ostream& out) {
     out << "\n==== Summary: library against the raw SQLite/zstd baseline, same run ====\n"
-        << "(entries per second; ratio = library / baseline; medians of " << kRepetitions
-        << " repetitions where repeated)\n";
+        << "Entries per second, median over the rounds (" << kRounds
+        << " for most figures); ratio = median over the rounds of library / baseline\n"
+        << "measured in the same round. Baseline files use the library's page size ("
+        << sizeLabel(static_cast<std::size_t>(Raw::libraryPageSize())) << ").\n";
     Table table(out);
 
     table.section("Writes, one entry per call (baseline: reused statement, autocommit)");
     for (int level : kCompressionLevels) {
         for (std::size_t size : kPayloadSizes) {
             const std::string baseline = writeName("autocommit", "raw", level, size);
-            table.pair(figures, label("logData", level, size), writeName("autocommit", "logData", level, size), baseline,
-                       level == 0 ? 0.95 : 0.9);
-            table.pair(figures, label("MV_LogFile_LogData", level, size), writeName("autocommit", "capi", level, size),
-                       baseline, std::nullopt);
+            table.pair(figures, label("logData", level, size),
+                       writeName("autocommit", "logData", level, size), baseline, level == 0 ? 0.95 : 0.9);
+            table.pair(figures, label("MV_LogFile_LogData", level, size),
+                       writeName("autocommit", "capi", level, size), baseline, std::nullopt);
         }
     }
 
@@ -246,7 +305,8 @@ void printSummary(const std::map<std::string, Figure>& figures, std::ostream& ou
     for (int level : kCompressionLevels) {
         for (std::size_t size : kPayloadSizes) {
             table.pair(figures, label("logData in a batch", level, size),
-                       writeName("transaction", "batch", level, size), writeName("transaction", "raw", level, size),
+                       writeName("transaction", "batch", level, size),
+                       writeName("transaction", "raw", level, size),
                        level == 0 ? std::optional<double>(0.9) : std::nullopt);
         }
     }
@@ -260,8 +320,8 @@ void printSummary(const std::map<std::string, Figure>& figures, std::ostream& ou
     }
     for (int level : kCompressionLevels) {
         for (std::size_t size : kPayloadSizes) {
-            table.pair(figures, label("readEntries (whole file)", level, size), readName("scan", "library", level, size),
-                       readName("scan", "raw", level, size), 0.9);
+            table.pair(figures, label("readEntries (whole file)", level, size),
+                       readName("scan", "library", level, size), readName("scan", "raw", level, size), 0.9);
         }
     }
 
@@ -269,8 +329,8 @@ void printSummary(const std::map<std::string, Figure>& figures, std::ostream& ou
     table.pair(figures, "getEntryIndex", indexName("library"), indexName("raw"), std::nullopt);
 
     table.section("Derived files from a 1 GiB file (baseline: raw copy in one transaction)");
-    table.pair(figures, "Algorithms::clone (1 GiB)", deriveName("clone", "library"), deriveName("clone", "raw"),
-               std::nullopt);
+    table.pair(figures, "Algorithms::clone (1 GiB)", deriveName("clone", "library"),
+               deriveName("clone", "raw"), std::nullopt);
     table.pair(figures, "Algorithms::slice (middle 512 MiB)", deriveName("slice", "library"),
                deriveName("slice", "raw"), std::nullopt);
 
@@ -278,6 +338,8 @@ void printSummary(const std::map<std::string, Figure>& figures, std::ostream& ou
     table.bound("median pacing error", counter(figures, playerName(), "median_error_ms"), "ms", 1.0);
     table.bound("p99 pacing error", counter(figures, playerName(), "p99_error_ms"), "ms", 5.0);
     table.bound("max pacing error", counter(figures, playerName(), "max_error_ms"), "ms", std::nullopt);
+    table.bound("signed error of the last frame (drift)", counter(figures, playerName(), "drift_ms"), "ms",
+                std::nullopt);
     table.bound("process CPU per second of playback", counter(figures, playerName(), "cpu_ms_per_s"), "ms",
                 std::nullopt);
 

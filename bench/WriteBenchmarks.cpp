@@ -21,7 +21,9 @@ using Logging::DataEntry;
 using Logging::DataSource;
 using Logging::SqliteLogFile;
 
-int64_t timestampOf(int64_t index) { return kFirstTimestamp + index * kEntryPeriodMs; }
+int64_t timestampOf(int64_t index) {
+    return kFirstTimestamp + index * kEntryPeriodMs;
+}
 
 SqliteLogFile createLibraryFile(const std::string& path, int level) {
     SqliteLogFile file(path, "UTC", "marivane_bench", "1", static_cast<int8_t>(level), kFirstTimestamp);
@@ -152,9 +154,9 @@ void cInterfaceLogData(benchmark::State& state, int level, std::size_t size) {
     MV_LogDataSource_GetId(source, &sourceId);
     MV_LogDataSource_Destroy(source);
     const ByteBuffer& data = payload(size);
-    MV_LogDataEntry_p entry = MV_LogDataEntry_Create(&sourceId, kEntryType,
-                                                     reinterpret_cast<const uint8_t*>(data.data()),
-                                                     static_cast<int64_t>(data.size()));
+    MV_LogDataEntry_p entry =
+        MV_LogDataEntry_Create(&sourceId, kEntryType, reinterpret_cast<const uint8_t*>(data.data()),
+                               static_cast<int64_t>(data.size()));
     int64_t index = 0;
     for (auto _ : state) {
         MV_LogDataEntry_SetTimestamp(entry, timestampOf(index++));
@@ -169,26 +171,23 @@ void cInterfaceLogData(benchmark::State& state, int level, std::size_t size) {
     removeLogFile(path);
 }
 
-void registerWrite(const std::string& name, void (*function)(benchmark::State&, int, std::size_t), int level,
-                   std::size_t size) {
-    benchmark::RegisterBenchmark(name.c_str(), function, level, size)
-        ->MinTime(kMinTime)
-        ->Repetitions(kRepetitions)
-        ->ReportAggregatesOnly()
-        ->UseRealTime()
-        ->Unit(benchmark::kMicrosecond);
-}
-
 }  // namespace
 
 void registerWriteBenchmarks() {
     for (int level : kCompressionLevels) {
         for (std::size_t size : kPayloadSizes) {
-            registerWrite(writeName("autocommit", "raw", level, size), rawAutocommit, level, size);
-            registerWrite(writeName("autocommit", "logData", level, size), libraryLogData, level, size);
-            registerWrite(writeName("autocommit", "capi", level, size), cInterfaceLogData, level, size);
-            registerWrite(writeName("transaction", "raw", level, size), rawTransaction, level, size);
-            registerWrite(writeName("transaction", "batch", level, size), libraryBatch, level, size);
+            auto member = [level, size](const std::string& mode, const std::string& writer,
+                                        void (*function)(benchmark::State&, int, std::size_t)) {
+                return Member{writeName(mode, writer, level, size),
+                              [=](benchmark::State& state) { function(state, level, size); }};
+            };
+            registerRounds(
+                {member("autocommit", "raw", rawAutocommit), member("autocommit", "logData", libraryLogData),
+                 member("autocommit", "capi", cInterfaceLogData)},
+                kRounds, throughputSettings);
+            registerRounds(
+                {member("transaction", "raw", rawTransaction), member("transaction", "batch", libraryBatch)},
+                kRounds, throughputSettings);
         }
     }
 }

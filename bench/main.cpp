@@ -5,6 +5,7 @@
 
 #include "BenchSupport.h"
 #include "Benchmarks.h"
+#include "RawLogFile.h"
 #include "Summary.h"
 
 #include <benchmark/benchmark.h>
@@ -29,7 +30,8 @@ int main(int argc, char** argv) {
 
     int status = 0;
     try {
-        std::cout << "Files go to " << workDir().string() << " (removed at the end)\n";
+        std::cout << "Files go to " << workDir().string() << " (removed at the end); the library makes "
+                  << Raw::libraryPageSize() << "-byte pages, and so does the baseline\n";
         CollectingReporter reporter(::isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_Color
                                                             : benchmark::ConsoleReporter::OO_None);
         benchmark::RunSpecifiedBenchmarks(&reporter);
