@@ -4,9 +4,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <string_view>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace Marivane::Database {
 
@@ -22,10 +25,15 @@ inline constexpr OpenMode OpenCreate = 0x4;
 // neither copyable nor movable, so statements (SqliteQuery) can keep a
 // reference to it. Every statement must be destroyed before the connection.
 //
+// Prepared statements are kept per connection, keyed by their SQL text: a
+// SqliteQuery takes a free one (or prepares it) and gives it back, reset and
+// with its bindings cleared, when destroyed. All of them are finalized before
+// the connection closes.
+//
 // Threads: the connection runs in SQLite's serialized mode, so two threads may
-// use it at once (each with its own statements); the error code kept here is
-// an atomic. Under such use getLastErrorCode answers for whichever thread
-// stepped last.
+// use it at once (each with its own statements); the statement cache is
+// guarded by a mutex and the error code kept here is an atomic. Under such use
+// getLastErrorCode answers for whichever thread stepped last.
 class MV_DATABASE_EXPORT SqliteDatabase {
 public:
     // Opens (and with OpenCreate, creates) the file. Throws FileIsNotDatabase
@@ -53,13 +61,30 @@ public:
     // Row id of the most recent successful INSERT on this connection.
     int64_t getLastInsertedRowId() const;
 
+    // True while an explicit transaction (BEGIN ... COMMIT) is open. SQLite may
+    // end one by itself after some failures (a full disk, an I/O error).
+    bool isInTransaction() const;
+
+    // Prepared statements kept for reuse (free ones only); for diagnostics.
+    std::size_t cachedStatementCount() const;
+
 private:
     friend class SqliteQuery;
+    class StatementCache;
+    // The free statements of one SQL text.
+    struct StatementSlot;
 
-    sqlite3* connection() const { return connection_; }
-    void recordStepResult(int extendedCode) const;
+    MV_DATABASE_HIDDEN sqlite3* connection() const { return connection_; }
+    MV_DATABASE_HIDDEN void recordStepResult(int extendedCode) const;
+    // A statement for `sql` that no one else uses, cached or newly prepared,
+    // and the slot to give it back to (null when the cache is full). Throws
+    // like SqliteQuery's constructor.
+    MV_DATABASE_HIDDEN sqlite3_stmt* acquireStatement(std::string_view sql, StatementSlot*& slot) const;
+    // Takes back a statement from acquireStatement; never throws.
+    MV_DATABASE_HIDDEN void releaseStatement(sqlite3_stmt* statement, StatementSlot* slot) const noexcept;
 
     sqlite3* connection_ = nullptr;
+    std::unique_ptr<StatementCache> statements_;
     mutable std::atomic<int32_t> lastErrorCode_{0};
 };
 

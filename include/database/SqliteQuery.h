@@ -3,17 +3,17 @@
 #include <database/BindMode.h>
 #include <database/ColumnValue.h>
 #include <database/DatabaseExport.h>
+#include <database/SqliteDatabase.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct sqlite3_stmt;
 
 namespace Marivane::Database {
-
-class SqliteDatabase;
 
 // Results of SqliteQuery::executeStep.
 inline constexpr int32_t StepRow = 0;     // a result row is available
@@ -22,8 +22,10 @@ inline constexpr int32_t StepFailed = -1; // failed: see SqliteDatabase::getLast
 
 // One prepared statement on a connection.
 //
-// Ownership: the statement is finalized by the destructor; the connection must
-// outlive it. Not copyable or movable.
+// Ownership: the statement belongs to the query for the query's lifetime; the
+// destructor gives it back to the connection's cache (reset, bindings
+// cleared), so preparing the same text again is cheap. The connection must
+// outlive the query. Not copyable or movable.
 //
 // Threads: one thread at a time per statement. Different statements on the
 // same connection may be used from different threads at once.
@@ -32,7 +34,7 @@ public:
     // Prepares `sql` on `database`. Throws FileIsNotDatabase when the file is
     // not a database and DatabaseAccessError (with SQLite's message) for any
     // other failure to prepare.
-    SqliteQuery(const SqliteDatabase& database, const std::string& sql);
+    SqliteQuery(const SqliteDatabase& database, std::string_view sql);
     ~SqliteQuery();
 
     SqliteQuery(const SqliteQuery&) = delete;
@@ -41,6 +43,11 @@ public:
     // Advances by one row or runs the write: StepRow, StepDone or StepFailed.
     // The outcome is also recorded as the connection's last error code.
     int32_t executeStep();
+
+    // The extended result code of this statement's last step: 0 when it
+    // succeeded. Unlike the connection's code, no other thread's work on the
+    // same connection can change it.
+    int32_t getLastResultCode() const { return lastResultCode_; }
 
     // Rewinds the statement so that it can be bound and stepped again; the
     // bindings are kept.
@@ -62,11 +69,13 @@ public:
     ColumnValue getValueFromColumn(int column) const;
 
 private:
-    int parameterIndex(const std::string& name) const;
+    MV_DATABASE_HIDDEN int parameterIndex(const std::string& name) const;
 
     const SqliteDatabase& database_;
+    SqliteDatabase::StatementSlot* slot_ = nullptr;
     sqlite3_stmt* statement_ = nullptr;
     bool hasRow_ = false;
+    int32_t lastResultCode_ = 0;
 };
 
 }  // namespace Marivane::Database

@@ -88,6 +88,18 @@ MV_LOGGING_EXPORT MV_LogFile_p MV_LogFile_Open(const char* path, MV_LogError_p* 
 /* Closes the file and frees the handle. */
 MV_LOGGING_EXPORT void MV_LogFile_Destroy(MV_LogFile_p file);
 
+/* ---- Write batches -------------------------------------------------------- */
+
+/* Groups the following writes into one transaction until MV_LogFile_CommitBatch
+ * (MV_LogFile_Destroy commits an open batch too). A batch is about speed, not
+ * atomicity: committing always keeps what was written, a failing write fails
+ * only itself, and reads see the batch's writes at once. Fails ("A write batch
+ * is already open on this log file.") while a batch is open. */
+MV_LOGGING_EXPORT bool MV_LogFile_BeginBatch(MV_LogFile_p file, MV_LogError_p* error);
+/* Ends the open batch. Fails with "No write batch is open on this log file."
+ * when there is none, and with the file's last error when the commit fails. */
+MV_LOGGING_EXPORT bool MV_LogFile_CommitBatch(MV_LogFile_p file, MV_LogError_p* error);
+
 /* ---- Operations on an open file ----------------------------------------- */
 
 /* On success the data-source handle receives the id the file assigned. */

@@ -43,6 +43,43 @@ public:
     SqliteLogFile(const SqliteLogFile&) = delete;
     SqliteLogFile& operator=(const SqliteLogFile&) = delete;
 
+    // Groups writes into one SQLite transaction until commit() or destruction.
+    // A batch is about speed, not atomicity: ending it always keeps what was
+    // written; a failing write fails only itself (unless SQLite has to roll
+    // back the whole transaction after a full disk or an I/O error, in which
+    // case the batch's earlier writes are lost and the next write starts a new
+    // transaction). The file reads its own writes at once. Destroying the file
+    // commits an open batch; a guard that outlives its file then does nothing.
+    class MV_LOGGING_EXPORT WriteBatch {
+    public:
+        WriteBatch(WriteBatch&& other) noexcept;
+        WriteBatch& operator=(WriteBatch&& other) noexcept;
+        WriteBatch(const WriteBatch&) = delete;
+        WriteBatch& operator=(const WriteBatch&) = delete;
+        // Commits if still open; errors are ignored here (call commit() to see
+        // them).
+        ~WriteBatch();
+
+        // Ends the batch. False when it was already ended, or when the commit
+        // failed (the file's last error then says why).
+        bool commit();
+        bool isOpen() const;
+
+    private:
+        friend class SqliteLogFile;
+        // The file this batch belongs to, shared with the file, which clears
+        // it when the batch ends or the file is destroyed.
+        explicit WriteBatch(std::shared_ptr<SqliteLogFilePrivate*> file) : file_(std::move(file)) {}
+        void commitIgnoringErrors() noexcept;
+        std::shared_ptr<SqliteLogFilePrivate*> file_;
+    };
+
+    // Opens a write batch. Throws std::logic_error ("A write batch is already
+    // open on this log file.") when one is open, and the database layer's
+    // DatabaseAccessError when SQLite cannot begin a transaction.
+    [[nodiscard]] WriteBatch beginBatch();
+    bool isBatchOpen() const;
+
     // Resource payloads may be compressed (format version above 2).
     bool isResourceCompressionSupported() const;
     // Bookmarks carry payloads (format version above 3).

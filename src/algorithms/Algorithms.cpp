@@ -70,10 +70,10 @@ std::string derivedOutputPath(const LogFileInterface& logFile) {
 // Any failure here (a time zone that is not text, a path that cannot be
 // opened as a database) means there is no output to hand back, so it is
 // reported as a refusal rather than as an error.
-std::unique_ptr<LogFileInterface> createOutputFile(const LogFileInterface& logFile, const std::string& path,
-                                                   const std::string& applicationName,
-                                                   const std::string& applicationVersion,
-                                                   signed char compressionLevel) {
+std::unique_ptr<SqliteLogFile> createOutputFile(const LogFileInterface& logFile, const std::string& path,
+                                                const std::string& applicationName,
+                                                const std::string& applicationVersion,
+                                                signed char compressionLevel) {
     try {
         const std::string timeZone = getMetadataValue<std::string>(logFile, "currentTimeZone", std::string());
         const int64_t now = Chrono::msSinceUnixEpoch();
@@ -141,17 +141,34 @@ EntryRange findEntryRange(const std::vector<int32_t>& allIds, int startEntryId, 
     return EntryRange(first, pastLast);
 }
 
+// Entries are written in batches of bounded size: far faster than one
+// transaction per entry, and a failure part-way keeps every batch before it.
+constexpr std::size_t kBatchEntries = 4096;
+constexpr std::size_t kBatchBytes = 64 * 1024 * 1024;
+
 // One read for the whole range: the new file numbers entries in write order,
-// so they must arrive ascending, and batching would only add round trips.
-void copyEntries(const LogFileInterface& logFile, LogFileInterface& output, EntryRange range) {
+// so they must arrive ascending, and splitting the read would only add round
+// trips.
+void copyEntries(const LogFileInterface& logFile, SqliteLogFile& output, EntryRange range) {
     if (range.empty()) {
         return;
     }
     const std::vector<DataEntry> entries =
         logFile.readEntries(range.front(), range.back(), EntryIndexFilter{}, -1);
+    SqliteLogFile::WriteBatch batch = output.beginBatch();
+    std::size_t entriesInBatch = 0;
+    std::size_t bytesInBatch = 0;
     for (const DataEntry& entry : entries) {
         output.logData(entry);
+        bytesInBatch += entry.data.size();
+        if (++entriesInBatch == kBatchEntries || bytesInBatch >= kBatchBytes) {
+            batch.commit();
+            batch = output.beginBatch();
+            entriesInBatch = 0;
+            bytesInBatch = 0;
+        }
     }
+    batch.commit();
 }
 
 // The new file numbers the copied entries 1, 2, ... in range order, so an id
@@ -189,25 +206,32 @@ std::unique_ptr<LogFileInterface> slice(const LogFileInterface& logFile, int sta
     if (outputFilePath.empty()) {
         outputFilePath = derivedOutputPath(logFile);
     }
-    std::unique_ptr<LogFileInterface> output =
+    std::unique_ptr<SqliteLogFile> output =
         createOutputFile(logFile, outputFilePath, applicationName, applicationVersion, compressionLevel);
     if (!output) {
         return nullptr;
     }
 
     // From here on the file exists; failures propagate and leave it on disk
-    // for the caller to inspect or remove.
-    recordPreviousProducer(logFile, *output, "applicationName", applicationName);
-    recordPreviousProducer(logFile, *output, "applicationVersion", applicationVersion);
-    copyMetadata(logFile, *output);
-    copyResources(logFile, *output);
-    copyDataSources(logFile, *output);
-    copyDataSourceProperties(logFile, *output);
+    // for the caller to inspect or remove. Each step writes inside a batch,
+    // whose guard commits what was written even when a step throws.
+    {
+        SqliteLogFile::WriteBatch batch = output->beginBatch();
+        recordPreviousProducer(logFile, *output, "applicationName", applicationName);
+        recordPreviousProducer(logFile, *output, "applicationVersion", applicationVersion);
+        copyMetadata(logFile, *output);
+        copyResources(logFile, *output);
+        copyDataSources(logFile, *output);
+        copyDataSourceProperties(logFile, *output);
+    }
 
     const std::vector<int32_t> allIds = logFile.getEntryIndex(EntryIndexFilter{});
     const EntryRange range = findEntryRange(allIds, startEntryId, endEntryId);
     copyEntries(logFile, *output, range);
-    copyBookmarks(logFile, *output, range);
+    {
+        SqliteLogFile::WriteBatch batch = output->beginBatch();
+        copyBookmarks(logFile, *output, range);
+    }
     return output;
 }
 

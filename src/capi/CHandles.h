@@ -14,9 +14,11 @@
 #include <logging/LogFileInterface.h>
 #include <logging/LogMetadataEntry.h>
 #include <logging/LogResourceEntry.h>
+#include <logging/SqliteLogFile.h>
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 struct MV_LogError {
@@ -35,6 +37,9 @@ struct MV_LogFile {
     // False for files that were opened (or sliced) rather than created: such
     // handles refuse data sources, properties and entries.
     bool canAddData = false;
+    // The open write batch, if any. Declared after `file` so that destroying
+    // the handle commits it before the file closes.
+    std::optional<Marivane::Logging::SqliteLogFile::WriteBatch> batch = std::nullopt;
 };
 
 struct MV_LogBookmark {

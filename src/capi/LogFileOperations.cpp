@@ -1,6 +1,7 @@
 #include "CConversions.h"
 #include "CHandles.h"
 
+#include <exception>
 #include <optional>
 #include <utility>
 
@@ -177,4 +178,29 @@ bool MV_LogFile_GetAllMetadata(MV_LogFile_p file, MV_LogMetadataCallback callbac
 
 bool MV_LogFile_GetAllResources(MV_LogFile_p file, MV_LogResourceCallback callback, void* userData) {
     return deliverAll<MV_LogResource>(file->file->getAllResources(), callback, userData);
+}
+
+bool MV_LogFile_BeginBatch(MV_LogFile_p file, MV_LogError_p* error) {
+    auto* sqliteFile = dynamic_cast<SqliteLogFile*>(file->file.get());
+    if (sqliteFile == nullptr) {
+        storeError(error, "Write batches are not supported by this log file.");
+        return false;
+    }
+    try {
+        file->batch.emplace(sqliteFile->beginBatch());
+        return true;
+    } catch (const std::exception& exception) {
+        storeError(error, exception.what());
+        return false;
+    }
+}
+
+bool MV_LogFile_CommitBatch(MV_LogFile_p file, MV_LogError_p* error) {
+    if (!file->batch) {
+        storeError(error, "No write batch is open on this log file.");
+        return false;
+    }
+    const bool committed = file->batch->commit();
+    file->batch.reset();
+    return populateErrorOnFailure(committed, file, error);
 }

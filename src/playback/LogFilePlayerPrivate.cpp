@@ -31,6 +31,14 @@ int64_t timestampGap(int64_t later, int64_t earlier) {
     return gap;
 }
 
+// The worker's entry point. A callable of internal linkage keeps the thread
+// state's vtable and type information out of the library's exported symbols
+// (a member-function pointer would export them as weak symbols).
+struct PlaybackWorker {
+    LogFilePlayerPrivate* player;
+    void operator()() const { player->runPlayback(); }
+};
+
 std::vector<DataSource> selectDataSources(const LogFileInterface& file,
                                           const std::vector<MV_LogDataSourceType>& types) {
     std::vector<DataSource> sources = file.getDataSources();
@@ -116,7 +124,7 @@ void LogFilePlayerPrivate::play() {
         playbackThread.join();
     }
     try {
-        playbackThread = std::thread(&LogFilePlayerPrivate::runPlayback, this);
+        playbackThread = std::thread(PlaybackWorker{this});
     } catch (...) {
         std::lock_guard lock(mutex);
         playing = false;

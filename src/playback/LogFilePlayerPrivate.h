@@ -87,8 +87,10 @@ public:
     int64_t lastTimestamp = 0;
     bool playing = false;
 
-private:
+    // The worker thread's body; started by play() only.
     void runPlayback();
+
+private:
     void finishPlayback();
     // Waits until `waitMs` has passed or playback is stopped; `lock` holds
     // `mutex`.

@@ -9,6 +9,7 @@
 #include <database/ColumnAccess.h>
 #include <database/ReturnPropertyValueVisitor.h>
 
+#include <utility>
 #include <variant>
 
 namespace Marivane::Logging {
@@ -49,12 +50,14 @@ SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZon
                              const std::string& applicationName, const std::string& applicationVersion,
                              int8_t compressionLevel, int64_t createdDateTime)
     : SqliteLogFile(std::filesystem::path(path)) {
+    WriteBatch batch = beginBatch();
     addMetadata("createdDateTime", createdDateTime);
     addMetadata("applicationName", applicationName);
     addMetadata("applicationVersion", applicationVersion);
     addMetadata("currentTimeZone", timeZone);
     addMetadata("logVersion", int32_t{kCurrentLogVersion});
     addMetadata("compressionLevel", int32_t{compressionLevel});
+    batch.commit();
     d->compressionLevel = compressionLevel;
     d->logVersion = kCurrentLogVersion;
 }
@@ -62,6 +65,39 @@ SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZon
 SqliteLogFile::~SqliteLogFile() = default;
 SqliteLogFile::SqliteLogFile(SqliteLogFile&& other) noexcept = default;
 SqliteLogFile& SqliteLogFile::operator=(SqliteLogFile&& other) noexcept = default;
+
+SqliteLogFile::WriteBatch SqliteLogFile::beginBatch() {
+    return WriteBatch(d->beginBatch());
+}
+
+bool SqliteLogFile::isBatchOpen() const { return d->batchOpen; }
+
+SqliteLogFile::WriteBatch::WriteBatch(WriteBatch&& other) noexcept : file_(std::move(other.file_)) {}
+
+SqliteLogFile::WriteBatch& SqliteLogFile::WriteBatch::operator=(WriteBatch&& other) noexcept {
+    if (this != &other) {
+        commitIgnoringErrors();
+        file_ = std::move(other.file_);
+    }
+    return *this;
+}
+
+SqliteLogFile::WriteBatch::~WriteBatch() { commitIgnoringErrors(); }
+
+bool SqliteLogFile::WriteBatch::isOpen() const { return file_ && *file_; }
+
+bool SqliteLogFile::WriteBatch::commit() {
+    const std::shared_ptr<SqliteLogFilePrivate*> file = std::move(file_);
+    return file && *file && (*file)->endBatch();
+}
+
+void SqliteLogFile::WriteBatch::commitIgnoringErrors() noexcept {
+    try {
+        commit();
+    } catch (...) {
+        // A failed commit is recorded as the file's last error.
+    }
+}
 
 bool SqliteLogFile::isResourceCompressionSupported() const { return d->isResourceCompressionSupported(); }
 
@@ -282,10 +318,10 @@ bool SqliteLogFile::setThumbnail(const ByteBuffer& data) {
         SqliteQuery query(d->database, "SELECT COUNT(*) FROM resources WHERE name = 'thumbnail';");
         query.executeStep();
         count = getValueFromColumn<int>(query, 0);
-    }
-    if (!count) {
-        d->processErrorCode(d->database.getLastErrorCode());
-        return false;
+        if (!count) {
+            d->processErrorCode(query.getLastResultCode());
+            return false;
+        }
     }
     if (*count == 0) {
         return addResource(kThumbnailName, data);
@@ -362,7 +398,10 @@ std::vector<Bookmark> SqliteLogFile::getBookmarks() const {
     while (query.executeStep() == StepRow) {
         Bookmark bookmark;
         if (withPayload) {
-            bookmark.payload = d->expandPayload(getValueFromColumn<ByteBuffer>(query, 3).value_or(ByteBuffer()));
+            // NULL means no payload; only other writers store it.
+            if (std::optional<ByteBuffer> stored = getValueFromColumn<ByteBuffer>(query, 3)) {
+                bookmark.payload = d->expandPayload(std::move(*stored));
+            }
         }
         // The library always stores a text, but the column allows NULL.
         bookmark.comments = getValueFromColumn<std::string>(query, 2).value_or(std::string());

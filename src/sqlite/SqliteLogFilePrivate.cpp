@@ -5,10 +5,13 @@
 
 #include <core/Compression.h>
 #include <database/ColumnAccess.h>
+#include <database/DatabaseAccessError.h>
 #include <database/FileIsNotDatabase.h>
 
 #include <array>
 #include <fstream>
+#include <stdexcept>
+#include <utility>
 
 namespace Marivane::Logging {
 
@@ -23,6 +26,8 @@ constexpr int kForeignKeyViolation = 787;
 constexpr int kDiskFull = 13;
 constexpr int kIoErrorRead = 266;
 constexpr int kIoErrorBit = 512;
+
+constexpr const char* kPageSizePragma = "PRAGMA page_size = 16384;";
 
 constexpr std::array<const char*, 6> kLogTables = {"dataSources", "dataSourceProperties", "data",
                                                    "metadata",    "resources",            "bookmarks"};
@@ -59,6 +64,48 @@ SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path) tr
     throw NotALogFileError();
 }
 
+SqliteLogFilePrivate::~SqliteLogFilePrivate() {
+    try {
+        endBatch();
+    } catch (...) {
+        // Closing must not throw; the connection's close rolls back what the
+        // commit could not keep.
+    }
+}
+
+std::shared_ptr<SqliteLogFilePrivate*> SqliteLogFilePrivate::beginBatch() {
+    if (batchOpen) {
+        throw std::logic_error("A write batch is already open on this log file.");
+    }
+    if (!database.executeSimpleQuery("BEGIN;")) {
+        throw Database::DatabaseAccessError("Cannot begin a write batch: a transaction is already open");
+    }
+    batchOpen = true;
+    batchOwner = std::make_shared<SqliteLogFilePrivate*>(this);
+    return batchOwner;
+}
+
+bool SqliteLogFilePrivate::endBatch() {
+    if (!batchOpen) {
+        return false;
+    }
+    batchOpen = false;
+    *batchOwner = nullptr;
+    batchOwner.reset();
+    if (!database.isInTransaction()) {
+        // SQLite ended the transaction itself after a failure; nothing is left
+        // to commit.
+        return true;
+    }
+    if (database.executeSimpleQuery("COMMIT;")) {
+        return true;
+    }
+    processErrorCode(database.getLastErrorCode());
+    // Never leave the connection inside a transaction that cannot commit.
+    database.executeSimpleQuery("ROLLBACK;");
+    return false;
+}
+
 bool SqliteLogFilePrivate::checkForTables() {
     SqliteQuery count(database, "SELECT COUNT(*) FROM sqlite_master WHERE type='table';");
     count.executeStep();
@@ -81,6 +128,11 @@ bool SqliteLogFilePrivate::checkForTables() {
 }
 
 void SqliteLogFilePrivate::createTables() {
+    // Large pages suit large payloads (see bench/README.md); the size must be
+    // set before the first table exists. One transaction makes creation atomic
+    // and saves a synchronous commit per statement.
+    database.executeSimpleQuery(kPageSizePragma);
+    database.executeSimpleQuery("BEGIN;");
     database.executeSimpleQuery(
         "CREATE TABLE dataSources(dataSourceId INTEGER PRIMARY KEY,dataSourceType INT NOT NULL,"
         "dataSourceName TEXT NOT NULL);");
@@ -97,6 +149,7 @@ void SqliteLogFilePrivate::createTables() {
     database.executeSimpleQuery("CREATE TABLE resources(name TEXT NOT NULL, payload NOT NULL);");
     createBookmarksTable();
     database.executeSimpleQuery("CREATE INDEX bookmarkIndex ON bookmarks(entryId);");
+    database.executeSimpleQuery("COMMIT;");
 }
 
 void SqliteLogFilePrivate::createBookmarksTable() {
@@ -127,7 +180,10 @@ bool SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* foreignK
     if (query.executeStep() == Database::StepDone) {
         return true;
     }
-    const int code = database.getLastErrorCode();
+    // The statement's own code: the player's worker may step another statement
+    // on this connection meanwhile.
+    const int code = query.getLastResultCode();
+    resumeBatchAfterRollback();
     if (code == kForeignKeyViolation && foreignKeyMessage) {
         lastError = foreignKeyMessage;
     } else {
@@ -136,13 +192,19 @@ bool SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* foreignK
     return false;
 }
 
+void SqliteLogFilePrivate::resumeBatchAfterRollback() {
+    if (batchOpen && !database.isInTransaction()) {
+        database.executeSimpleQuery("BEGIN;");
+    }
+}
+
 int32_t SqliteLogFilePrivate::readSingleInteger(const std::string& sql) const {
     SqliteQuery query(database, sql);
     query.executeStep();
     if (const std::optional<int> value = Database::getValueFromColumn<int>(query, 0)) {
         return *value;
     }
-    processErrorCode(database.getLastErrorCode());
+    processErrorCode(query.getLastResultCode());
     return -1;
 }
 

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 namespace Marivane::Logging {
@@ -22,6 +23,10 @@ public:
     // NotALogFileError for files that are not log files, and lets every other
     // database error through.
     explicit SqliteLogFilePrivate(const std::filesystem::path& path);
+    // Commits an open write batch.
+    ~SqliteLogFilePrivate();
+    SqliteLogFilePrivate(const SqliteLogFilePrivate&) = delete;
+    SqliteLogFilePrivate& operator=(const SqliteLogFilePrivate&) = delete;
 
     Database::SqliteDatabase database;
     std::filesystem::path filePath;
@@ -31,6 +36,11 @@ public:
     int32_t logVersion = 0;
     // Reads that fail record a message too, so const operations write here.
     mutable std::string lastError = "No error";
+    // A write batch (one open transaction) is in progress.
+    bool batchOpen = false;
+    // Shared with the open batch's guard; cleared when the batch ends, so a
+    // guard never reaches a file that is gone or a later batch.
+    std::shared_ptr<SqliteLogFilePrivate*> batchOwner;
 
     // True when the database holds the six log tables, false when it holds no
     // table at all; throws NotALogFileError for anything in between.
@@ -43,6 +53,11 @@ public:
     // Replaces lastError with the message for a database error code.
     void processErrorCode(int code) const;
 
+    // Write batches: one transaction from begin to end. endBatch commits and
+    // answers whether that worked (lastError says why not).
+    std::shared_ptr<SqliteLogFilePrivate*> beginBatch();
+    bool endBatch();
+
     bool isResourceCompressionSupported() const { return logVersion > 2; }
     bool isBookmarkPayloadsSupported() const { return logVersion > 3; }
     bool compressesPayloads() const { return compressionLevel != 0; }
@@ -51,6 +66,9 @@ public:
     // database's error code, or `foreignKeyMessage` (when given) for a
     // foreign-key violation.
     bool executeWrite(Database::SqliteQuery& query, const char* foreignKeyMessage = nullptr);
+    // After SQLite rolled back a batch's transaction by itself, keeps the
+    // following writes batched.
+    void resumeBatchAfterRollback();
 
     // Reads column 0 of a one-row statement as a 32-bit integer; -1 with a
     // recorded message when it yields nothing.

@@ -36,10 +36,14 @@ ZSTD_DCtx* threadDecompressionContext() {
     return context.get();
 }
 
-// Above this size a frame's declared content size is not trusted for a
-// single up-front allocation: a damaged header could claim terabytes. Such
-// frames expand through the streaming path, which grows with the real data.
-constexpr unsigned long long kMaxTrustedContentSize = 1ULL << 30;
+// A zstd block holds at most 128 KiB of content and costs at least three bytes
+// of header, so no valid input expands beyond this. A larger declared size
+// comes from a damaged header and is refused before anything is allocated.
+constexpr unsigned long long kMaxBlockContent = 128 * 1024;
+
+unsigned long long largestPossibleContent(std::size_t compressedSize) {
+    return (compressedSize / 3 + 1) * kMaxBlockContent;
+}
 
 [[noreturn]] void throwUncompressError(const std::string& what) {
     throw CompressionError("Cannot uncompress data: " + what);
@@ -115,7 +119,10 @@ ByteBuffer uncompress(const ByteBuffer& data) {
     // concatenated frames and frames without a size expand as a stream.
     const std::size_t firstFrameSize = ZSTD_findFrameCompressedSize(data.data(), data.size());
     const bool singleFrame = !ZSTD_isError(firstFrameSize) && firstFrameSize == data.size();
-    if (!singleFrame || contentSize == ZSTD_CONTENTSIZE_UNKNOWN || contentSize > kMaxTrustedContentSize) {
+    if (contentSize != ZSTD_CONTENTSIZE_UNKNOWN && contentSize > largestPossibleContent(data.size())) {
+        throwUncompressError("the frame declares more data than it can hold");
+    }
+    if (!singleFrame || contentSize == ZSTD_CONTENTSIZE_UNKNOWN) {
         return uncompressStreaming(data);
     }
     return uncompressKnownSize(data, static_cast<std::size_t>(contentSize));

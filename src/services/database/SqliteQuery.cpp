@@ -2,8 +2,6 @@
 
 #include <database/SqliteDatabase.h>
 
-#include "SqliteErrors.h"
-
 #include <sqlite3.h>
 
 namespace Marivane::Database {
@@ -16,35 +14,20 @@ sqlite3_destructor_type destructorFor(BindMode mode) {
 
 }  // namespace
 
-SqliteQuery::SqliteQuery(const SqliteDatabase& database, const std::string& sql) : database_(database) {
-    sqlite3* connection = database_.connection();
-    const int code = sqlite3_prepare_v2(connection, sql.c_str(), static_cast<int>(sql.size() + 1), &statement_,
-                                        nullptr);
-    if (code != SQLITE_OK) {
-        database_.recordStepResult(code);
-        const std::string sqliteMessage = sqlite3_errmsg(connection);
-        sqlite3_finalize(statement_);
-        statement_ = nullptr;
-        throwDatabaseError(code, "Cannot prepare '" + sql + "'", sqliteMessage);
-    }
-}
+SqliteQuery::SqliteQuery(const SqliteDatabase& database, std::string_view sql)
+    : database_(database), statement_(database_.acquireStatement(sql, slot_)) {}
 
-SqliteQuery::~SqliteQuery() { sqlite3_finalize(statement_); }
+SqliteQuery::~SqliteQuery() { database_.releaseStatement(statement_, slot_); }
 
 int32_t SqliteQuery::executeStep() {
     const int code = sqlite3_step(statement_);
+    hasRow_ = code == SQLITE_ROW;
+    lastResultCode_ = code == SQLITE_ROW || code == SQLITE_DONE ? SQLITE_OK : code;
+    database_.recordStepResult(lastResultCode_);
     if (code == SQLITE_ROW) {
-        database_.recordStepResult(SQLITE_OK);
-        hasRow_ = true;
         return StepRow;
     }
-    hasRow_ = false;
-    if (code == SQLITE_DONE) {
-        database_.recordStepResult(SQLITE_OK);
-        return StepDone;
-    }
-    database_.recordStepResult(code);
-    return StepFailed;
+    return code == SQLITE_DONE ? StepDone : StepFailed;
 }
 
 void SqliteQuery::resetQuery() {
