@@ -104,6 +104,20 @@ TEST_F(CatTest, DamagedEntryIsNamedAndTheOthersStillPrinted) {
         << result.err;
 }
 
+TEST(CatDamage, EntriesHiddenByADamagedPageMakeItAFailure) {
+    TempDir directory;
+    const std::string path = directory.file("damaged.mvlog");
+    writeFileWithDamagedPages(path);
+    const RunResult result = runMvlog({"cat", path});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_LT(result.outLines().size(), 400u);
+    EXPECT_NE(
+        result.err.find(" entries of the file are missing from its index (behind a damaged page) and were "
+                        "not printed\n"),
+        std::string::npos)
+        << result.err;
+}
+
 // More payload than one read chunk holds: every entry still arrives, once,
 // in order.
 TEST(CatLargeFile, ReadsAFileLargerThanOneChunk) {

@@ -96,25 +96,7 @@ TEST(CheckTest, FileTruncatedMidPageIsReportedWithoutACrash) {
 TEST(CheckTest, DamagedPagesInTheMiddleAreReportedWithTheEntriesTheyHide) {
     TempDir directory;
     const std::string path = directory.file("damaged.mvlog");
-    {
-        SqliteLogFile file(path, "UTC", "tooltest", "1", 0, kKnownStart);
-        DataSource source{-1, MV_LogDataSourceType_Radar, "radar"};
-        ASSERT_TRUE(file.addDataSource(source));
-        for (int id = 1; id <= 400; ++id) {
-            DataEntry entry;
-            entry.dataSourceId = source.id;
-            entry.timestamp = kKnownStart + id;
-            entry.data.assign(3000, static_cast<std::byte>(id));
-            ASSERT_TRUE(file.logData(entry));
-        }
-    }
-    {
-        constexpr std::size_t kPage = 4096;
-        std::fstream stream(path, std::ios::in | std::ios::out | std::ios::binary);
-        stream.seekp(static_cast<std::streamoff>(200 * kPage));
-        const std::string garbage(2 * kPage, '\xa5');
-        stream.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
-    }
+    writeFileWithDamagedPages(path);
     const RunResult result = runMvlog({"check", path});
     EXPECT_EQ(result.terminatingSignal, 0);
     EXPECT_EQ(result.exitCode, 1) << result.out << result.err;

@@ -113,6 +113,24 @@ TEST_F(InfoTest, DamagedPayloadIsListedNotFatal) {
     EXPECT_EQ(info["entries"]["payloadBytes"], 6767 - (16 + 9));
 }
 
+TEST(InfoDamage, EntriesHiddenByADamagedPageAreCountedAsMissing) {
+    TempDir directory;
+    const std::string path = directory.file("damaged.mvlog");
+    writeFileWithDamagedPages(path);
+    const nlohmann::json info = infoJson(path);
+    EXPECT_EQ(info["entries"]["count"], 400);
+    const int64_t missing = info["entriesMissingFromIndex"];
+    EXPECT_GT(missing, 0);
+    EXPECT_LT(missing, 400);
+    EXPECT_EQ(info["dataSources"][0]["entryCount"].get<int64_t>() + missing +
+                  static_cast<int64_t>(info["damagedEntries"].size()),
+              400);
+    const RunResult text = runMvlog({"info", path});
+    EXPECT_NE(text.out.find("  " + std::to_string(missing) + " entries are missing from the entry index"),
+              std::string::npos)
+        << text.out;
+}
+
 TEST(InfoErrors, MissingFileIsAnErrorAndIsNotCreated) {
     TempDir directory;
     const std::string missing = directory.file("missing.mvlog");

@@ -109,6 +109,11 @@ RunResult ChildProcess::wait(std::chrono::seconds timeout) {
     }
     result.out = readFileText(outPath_);
     result.err = readFileText(errPath_);
+    // A sanitizer build reports through stderr; an expected failure exit
+    // code must not hide such a report.
+    for (const char* report : {"Sanitizer", "runtime error:"}) {
+        EXPECT_EQ(result.err.find(report), std::string::npos) << result.err;
+    }
     return result;
 }
 
@@ -220,6 +225,26 @@ void writeKnownFile(const std::filesystem::path& path, int8_t compressionLevel) 
     ASSERT_TRUE(file.addResource("notes.txt", bytesOf("hello")));
     ASSERT_TRUE(file.setThumbnail(bytesOf("0123456789")));
     ASSERT_TRUE(file.addBookmark(Bookmark{5, "five", "first comment", {}}));
+}
+
+void writeFileWithDamagedPages(const std::filesystem::path& path) {
+    {
+        SqliteLogFile file(path.string(), "UTC", "tooltest", "1", 0, kKnownStart);
+        DataSource source{-1, MV_LogDataSourceType_Radar, "radar"};
+        ASSERT_TRUE(file.addDataSource(source));
+        for (int id = 1; id <= 400; ++id) {
+            DataEntry entry;
+            entry.dataSourceId = source.id;
+            entry.timestamp = kKnownStart + id;
+            entry.data.assign(3000, static_cast<std::byte>(id));
+            ASSERT_TRUE(file.logData(entry));
+        }
+    }
+    constexpr std::size_t kPage = 4096;
+    std::fstream stream(path, std::ios::in | std::ios::out | std::ios::binary);
+    stream.seekp(static_cast<std::streamoff>(200 * kPage));
+    const std::string garbage(2 * kPage, '\xa5');
+    stream.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
 }
 
 void executeSql(const std::filesystem::path& path, const std::string& sql) {

@@ -73,6 +73,11 @@ int32_t knownType(int entryId);
 // "notes.txt" ("hello"), a 10-byte thumbnail and a bookmark on entry 5.
 void writeKnownFile(const std::filesystem::path& path, int8_t compressionLevel = 3);
 
+// 400 uncompressed entries of 3000 bytes (about one page each) from one
+// "radar" source, then two pages of garbage over page 200: reading the index
+// ends there, hiding the entries after it.
+void writeFileWithDamagedPages(const std::filesystem::path& path);
+
 // Writes `payload` as the stored bytes of the entry, behind the library's
 // back, the way damage on disk would look.
 void overwriteStoredPayload(const std::filesystem::path& path, int32_t entryId, const ByteBuffer& payload);

@@ -142,6 +142,11 @@ int runCat(const CatOptions& options) {
     if (damaged != 0) {
         throw ToolError(fmt::format("{} of {} entries could not be read", damaged, scanner.selectedCount()));
     }
+    if (const int64_t missing = entriesMissingFromIndex(*file); missing != 0) {
+        throw ToolError(fmt::format(
+            "{} entries of the file are missing from its index (behind a damaged page) and were not printed",
+            missing));
+    }
     return 0;
 }
 

@@ -205,13 +205,20 @@ void appendBookmarks(std::string& text, const FileSummary& summary) {
 }
 
 void appendDamage(std::string& text, const FileSummary& summary) {
-    if (summary.damagedEntries.empty()) {
+    if (summary.damagedEntries.empty() && summary.entriesMissingFromIndex == 0) {
         return;
     }
-    text += fmt::format("\nDamaged entries ({}; run `mvlog check` for a full report)\n",
-                        summary.damagedEntries.size());
+    text +=
+        fmt::format("\nDamaged entries ({}; run `mvlog check` for a full report)\n",
+                    static_cast<int64_t>(summary.damagedEntries.size()) + summary.entriesMissingFromIndex);
     for (const DamagedEntry& damaged : summary.damagedEntries) {
         text += fmt::format("  entry {}: {}\n", damaged.entryId, damaged.reason);
+    }
+    if (summary.entriesMissingFromIndex != 0) {
+        text += fmt::format(
+            "  {} entries are missing from the entry index (behind a damaged page); the counts above "
+            "leave them out\n",
+            summary.entriesMissingFromIndex);
     }
 }
 
@@ -288,6 +295,7 @@ FileSummary summarizeLogFile(const LogFileInterface& file) {
     summary.lastEntryId = file.getLastEntryId();
     readSources(file, summary);
     scanEntries(file, summary);
+    summary.entriesMissingFromIndex = entriesMissingFromIndex(file);
     readResources(file, summary);
     readBookmarks(file, summary);
     return summary;
@@ -350,7 +358,8 @@ ordered_json summaryJson(const FileSummary& summary) {
             {"resourceError", optionalJson(summary.resourceError)},
             {"bookmarks", std::move(bookmarks)},
             {"bookmarkError", optionalJson(summary.bookmarkError)},
-            {"damagedEntries", std::move(damaged)}};
+            {"damagedEntries", std::move(damaged)},
+            {"entriesMissingFromIndex", summary.entriesMissingFromIndex}};
 }
 
 }  // namespace Mvlog

@@ -61,6 +61,7 @@ struct FileSummary {
     std::vector<Marivane::Logging::Bookmark> bookmarks;
     std::optional<std::string> bookmarkError;
     std::vector<DamagedEntry> damagedEntries;
+    int64_t entriesMissingFromIndex = 0;
 
     std::optional<int64_t> durationMs() const;
 };

@@ -79,6 +79,15 @@ int8_t storedCompressionLevel(const LogFileInterface& file) {
     return static_cast<int8_t>(std::clamp<int64_t>(level, -1, 9));
 }
 
+int64_t entriesMissingFromIndex(const LogFileInterface& file) {
+    const int32_t counted = file.getEntryCount();
+    if (counted < 0) {
+        return 0;
+    }
+    const auto listed = static_cast<int64_t>(file.getEntryIndex(EntryIndexFilter{}).size());
+    return std::max<int64_t>(0, counted - listed);
+}
+
 bool hasEntry(const LogFileInterface& file, int32_t entryId) {
     const std::vector<int32_t> ids = file.getEntryIndex(EntryIndexFilter{});
     return std::binary_search(ids.begin(), ids.end(), entryId);

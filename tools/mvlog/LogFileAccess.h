@@ -52,6 +52,11 @@ std::optional<std::string> textMetadata(const Marivane::Logging::LogFileInterfac
 // how the store treats a file without the key).
 int8_t storedCompressionLevel(const Marivane::Logging::LogFileInterface& file);
 
+// How many entries the file counts beyond those its index lists: reading
+// the index ends silently at a damaged page. 0 when they agree or the count
+// itself fails.
+int64_t entriesMissingFromIndex(const Marivane::Logging::LogFileInterface& file);
+
 // Whether the file has an entry with this id (from the index, so a damaged
 // payload does not matter).
 bool hasEntry(const Marivane::Logging::LogFileInterface& file, int32_t entryId);
