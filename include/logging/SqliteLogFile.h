@@ -45,11 +45,13 @@ public:
 
     // Groups writes into one SQLite transaction until commit() or destruction.
     // A batch is about speed, not atomicity: ending it always keeps what was
-    // written; a failing write fails only itself (unless SQLite has to roll
-    // back the whole transaction after a full disk or an I/O error, in which
-    // case the batch's earlier writes are lost and the next write starts a new
-    // transaction). The file reads its own writes at once. Destroying the file
-    // commits an open batch; a guard that outlives its file then does nothing.
+    // written, and a write refused by a constraint (an unknown data source, a
+    // duplicate id) fails only itself. A full disk or an I/O error is
+    // different: SQLite then abandons the whole transaction, so the batch's
+    // earlier writes are lost with the failing one; the batch goes on with a
+    // new transaction for the writes that follow, and commit() answers false.
+    // The file reads its own writes at once. Destroying the file commits an
+    // open batch; a guard that outlives its file then does nothing.
     class MV_LOGGING_EXPORT WriteBatch {
     public:
         WriteBatch(WriteBatch&& other) noexcept;
@@ -60,8 +62,9 @@ public:
         // them).
         ~WriteBatch();
 
-        // Ends the batch. False when it was already ended, or when the commit
-        // failed (the file's last error then says why).
+        // Ends the batch. False when it was already ended, when the commit
+        // failed, or when SQLite abandoned some of its writes (the file's last
+        // error then says why).
         bool commit();
         bool isOpen() const;
 

@@ -81,6 +81,7 @@ std::shared_ptr<SqliteLogFilePrivate*> SqliteLogFilePrivate::beginBatch() {
         throw Database::DatabaseAccessError("Cannot begin a write batch: a transaction is already open");
     }
     batchOpen = true;
+    batchLostWrites = false;
     batchOwner = std::make_shared<SqliteLogFilePrivate*>(this);
     return batchOwner;
 }
@@ -95,10 +96,10 @@ bool SqliteLogFilePrivate::endBatch() {
     if (!database.isInTransaction()) {
         // SQLite ended the transaction itself after a failure; nothing is left
         // to commit.
-        return true;
+        return !batchLostWrites;
     }
     if (database.executeSimpleQuery("COMMIT;")) {
-        return true;
+        return !batchLostWrites;
     }
     processErrorCode(database.getLastErrorCode());
     // Never leave the connection inside a transaction that cannot commit.
@@ -194,6 +195,7 @@ bool SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* foreignK
 
 void SqliteLogFilePrivate::resumeBatchAfterRollback() {
     if (batchOpen && !database.isInTransaction()) {
+        batchLostWrites = true;
         database.executeSimpleQuery("BEGIN;");
     }
 }

@@ -41,6 +41,9 @@ public:
     // Shared with the open batch's guard; cleared when the batch ends, so a
     // guard never reaches a file that is gone or a later batch.
     std::shared_ptr<SqliteLogFilePrivate*> batchOwner;
+    // SQLite abandoned the batch's transaction after a failure (it does so on
+    // a full disk or an I/O error), losing the writes made before it.
+    bool batchLostWrites = false;
 
     // True when the database holds the six log tables, false when it holds no
     // table at all; throws NotALogFileError for anything in between.

@@ -8,6 +8,7 @@
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <filesystem>
 #include <fstream>
@@ -541,3 +542,36 @@ INSTANTIATE_TEST_SUITE_P(Levels, SliceAcrossLevels,
                              };
                              return "From" + name(info.param.source) + "To" + name(info.param.output);
                          });
+
+TEST(SliceBatches, AFailurePartWayKeepsEveryEntryWrittenBeforeIt) {
+    Marivane::Testing::TempDir dir;
+    const std::string source = dir.file("source.mvlog");
+    const std::string output = dir.file("output.mvlog");
+    {
+        SqliteLogFile file(source, "UTC", "recorder", "1.0", 5, 0);
+        DataSource camera{-1, MV_LogDataSourceType_Camera, "camera"};
+        ASSERT_TRUE(file.addDataSource(camera));
+        for (int i = 0; i < 5000; ++i) {
+            DataEntry entry;
+            entry.dataSourceId = camera.id;
+            entry.timestamp = i;
+            entry.data = ByteBuffer(32, static_cast<std::byte>(i));
+            ASSERT_TRUE(file.logData(entry));
+        }
+        ASSERT_TRUE(file.addBookmark({10, "damaged", "", ByteBuffer(16, std::byte{1})}));
+    }
+    {
+        // Bookmarks are copied after the entries: a damaged bookmark payload
+        // makes the copy fail late.
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(source.c_str(), &db), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(db, "UPDATE bookmarks SET payload = x'00112233';", nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(db);
+    }
+    SqliteLogFile file{std::filesystem::path(source)};
+    EXPECT_THROW(Algorithms::slice(file, 1, 5000, output, "slicer", "2.0", 0), Marivane::Compression::CompressionError);
+    SqliteLogFile partial{std::filesystem::path(output)};
+    EXPECT_EQ(partial.getEntryCount(), 5000);
+    EXPECT_EQ(partial.readEntry(4321)->data, ByteBuffer(32, static_cast<std::byte>(4320)));
+    EXPECT_TRUE(partial.getBookmarks().empty());
+}

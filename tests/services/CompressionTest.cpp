@@ -293,3 +293,37 @@ TEST(CompressionTest, ThreadsCompressAndExpandIndependently) {
     }
     EXPECT_EQ(ok, std::vector<int>(4, 20));
 }
+
+namespace {
+
+// A frame of one RLE block of `blockSize` bytes whose header declares
+// `declaredSize` bytes of content.
+ByteBuffer rleFrameDeclaring(uint64_t declaredSize, uint32_t blockSize) {
+    std::vector<unsigned char> frame = {0x28, 0xB5, 0x2F, 0xFD, 0xE0};  // magic; 8-byte size, single segment
+    for (int i = 0; i < 8; ++i) {
+        frame.push_back(static_cast<unsigned char>(declaredSize >> (8 * i)));
+    }
+    const uint32_t blockHeader = 1u | (1u << 1) | (blockSize << 3);  // last block, RLE
+    frame.push_back(static_cast<unsigned char>(blockHeader));
+    frame.push_back(static_cast<unsigned char>(blockHeader >> 8));
+    frame.push_back(static_cast<unsigned char>(blockHeader >> 16));
+    frame.push_back(0x41);
+    ByteBuffer bytes;
+    for (unsigned char byte : frame) {
+        bytes.push_back(static_cast<std::byte>(byte));
+    }
+    return bytes;
+}
+
+}  // namespace
+
+TEST(CompressionTest, AHandMadeRleFrameExpands) {
+    EXPECT_EQ(uncompress(rleFrameDeclaring(10, 10)), ByteBuffer(10, std::byte{0x41}));
+}
+
+TEST(CompressionTest, AFrameDeclaringMoreThanItCanHoldIsRefusedBeforeAllocating) {
+    EXPECT_EQ(uncompressFailure(rleFrameDeclaring(uint64_t{1} << 40, 10)),
+              "Cannot uncompress data: the frame declares more data than it can hold");
+    EXPECT_EQ(uncompressFailure(rleFrameDeclaring(uint64_t{1} << 30, 10)),
+              "Cannot uncompress data: the frame declares more data than it can hold");
+}

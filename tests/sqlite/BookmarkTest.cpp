@@ -228,3 +228,17 @@ TEST(Bookmarks, NullCommentsBesideACompressedPayload) {
     ASSERT_EQ(bookmarks.size(), 1u);
     expectBookmark(bookmarks[0], Bookmark{1, "t", "", payload});
 }
+
+TEST(Bookmarks, NullPayloadInACompressingFileReadsAsNoPayload) {
+    TempDir dir;
+    const std::string path = dir.file("nullpayload.mvlog");
+    { SqliteLogFile file = fileWithEntries(path, 3, 1); }
+    {
+        RawDatabase raw(path);
+        raw.exec("INSERT INTO bookmarks (entryId, title, comments, payload) VALUES (1, 'other writer', 'c', NULL);");
+    }
+    SqliteLogFile file{fs::path(path)};
+    const std::vector<Bookmark> bookmarks = file.getBookmarks();
+    ASSERT_EQ(bookmarks.size(), 1u);
+    expectBookmark(bookmarks[0], Bookmark{1, "other writer", "c", {}});
+}
