@@ -143,7 +143,7 @@ void registerRounds(const std::vector<Member>& group, int rounds,
 }
 
 void throughputSettings(benchmark::internal::Benchmark* benchmark) {
-    benchmark->MinTime(kMinTime)->UseRealTime()->Unit(benchmark::kMicrosecond);
+    benchmark->MinTime(kMinTime)->Unit(benchmark::kMicrosecond);
 }
 
 std::string playerName() {

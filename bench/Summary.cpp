@@ -284,7 +284,7 @@ void CollectingReporter::ReportRuns(const std::vector<Run>& runs) {
 
 void printSummary(const Figures& figures, std::ostream& out) {
     out << "\n==== Summary: library against the raw SQLite/zstd baseline, same run ====\n"
-        << "Entries per second, median over the rounds (" << kRounds
+        << "Entries per second of the benchmark thread's CPU time, median over the rounds (" << kRounds
         << " for most figures); ratio = median over the rounds of library / baseline\n"
         << "measured in the same round. Baseline files use the library's page size ("
         << sizeLabel(static_cast<std::size_t>(Raw::libraryPageSize())) << ").\n";
