@@ -18,6 +18,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <optional>
 #include <cstdio>
 #include <random>
 #include <poll.h>
@@ -38,17 +39,25 @@ ByteBuffer payloadFor(int64_t index) {
     return bytes;
 }
 
+void acknowledge(int ackFd, int64_t index) {
+    if (write(ackFd, &index, sizeof index) != static_cast<ssize_t>(sizeof index)) {
+        _exit(4);
+    }
+}
+
 // Child: records entries as fast as it can and reports each acknowledged one
-// on the pipe. Never returns.
-[[noreturn]] void recordUntilKilled(const std::string& path, int ackFd) {
+// on the pipe: at once without batches, after its batch's commit with them.
+// Never returns.
+[[noreturn]] void recordUntilKilled(const std::string& path, int ackFd, int batchSize) {
     SqliteLogFile file(path, "UTC", "crash", "1", -1, 0);
     DataSource source{-1, MV_LogDataSourceType_Generic, "source"};
     file.addDataSource(source);
-    const int64_t ready = -1;
-    if (write(ackFd, &ready, sizeof ready) != static_cast<ssize_t>(sizeof ready)) {
-        _exit(4);
-    }
+    acknowledge(ackFd, -1);
+    std::optional<SqliteLogFile::WriteBatch> batch;
     for (int64_t index = 0;; ++index) {
+        if (batchSize > 0 && !batch) {
+            batch.emplace(file.beginBatch());
+        }
         DataEntry entry;
         entry.dataSourceId = source.id;
         entry.type = static_cast<int32_t>(index % 4);
@@ -57,8 +66,14 @@ ByteBuffer payloadFor(int64_t index) {
         if (!file.logData(entry)) {
             _exit(3);
         }
-        if (write(ackFd, &index, sizeof index) != static_cast<ssize_t>(sizeof index)) {
-            _exit(4);
+        if (batchSize == 0) {
+            acknowledge(ackFd, index);
+        } else if ((index + 1) % batchSize == 0) {
+            if (!batch->commit()) {
+                _exit(5);
+            }
+            batch.reset();
+            acknowledge(ackFd, index);
         }
     }
 }
@@ -125,13 +140,13 @@ RunResult inspect(const std::string& path, int64_t acknowledged) {
     return result;
 }
 
-RunResult recordAndKill(const std::string& path, std::mt19937& random) {
+RunResult recordAndKill(const std::string& path, std::mt19937& random, int batchSize) {
     int fds[2];
     EXPECT_EQ(pipe(fds), 0);
     const pid_t child = fork();
     if (child == 0) {
         close(fds[0]);
-        recordUntilKilled(path, fds[1]);
+        recordUntilKilled(path, fds[1], batchSize);
     }
     close(fds[1]);
     // The kill is meant for the recording, not the file's creation: wait until
@@ -166,11 +181,9 @@ RunResult recordAndKill(const std::string& path, std::mt19937& random) {
     return inspect(path, last + 1);
 }
 
-}  // namespace
-
-TEST(CrashSurvival, KilledRecordersLeaveFilesThatOpenOrAreRefusedClearly) {
+void killRecordersAndReport(int batchSize) {
     Marivane::Testing::TempDir dir;
-    std::mt19937 random(20261121);
+    std::mt19937 random(20261121 + static_cast<unsigned>(batchSize));
     int opened = 0;
     int intact = 0;
     int consistent = 0;
@@ -178,7 +191,8 @@ TEST(CrashSurvival, KilledRecordersLeaveFilesThatOpenOrAreRefusedClearly) {
     int64_t lost = 0;
     int64_t worstLoss = 0;
     for (int run = 0; run < kRuns; ++run) {
-        const RunResult result = recordAndKill(dir.file("run-" + std::to_string(run) + ".mvlog"), random);
+        const RunResult result =
+            recordAndKill(dir.file("run-" + std::to_string(run) + ".mvlog"), random, batchSize);
         opened += result.opened ? 1 : 0;
         intact += result.integrityOk ? 1 : 0;
         consistent += result.entriesConsistent ? 1 : 0;
@@ -191,9 +205,16 @@ TEST(CrashSurvival, KilledRecordersLeaveFilesThatOpenOrAreRefusedClearly) {
         }
     }
     std::printf(
-        "crash survival: %d runs, %d files opened, %d passed integrity_check, %d read back consistently; "
+        "crash survival (%s): %d runs, %d files opened, %d passed integrity_check, %d read back consistently; "
         "%lld entries acknowledged, %lld lost (at most %lld in one run)\n",
-        kRuns, opened, intact, consistent, static_cast<long long>(acknowledged), static_cast<long long>(lost),
+        batchSize == 0 ? "no batches" : ("batches of " + std::to_string(batchSize)).c_str(), kRuns, opened, intact,
+        consistent, static_cast<long long>(acknowledged), static_cast<long long>(lost),
         static_cast<long long>(worstLoss));
     EXPECT_GT(acknowledged, 0);
 }
+
+}  // namespace
+
+TEST(CrashSurvival, KilledRecordersLeaveFilesThatOpenOrAreRefusedClearly) { killRecordersAndReport(0); }
+
+TEST(CrashSurvival, KilledBatchedRecordersLeaveFilesThatOpenOrAreRefusedClearly) { killRecordersAndReport(100); }
