@@ -77,6 +77,25 @@ TEST_F(PlayTest, FromFrameStartsThere) {
     EXPECT_EQ(result.outLines().back().rfind("Played 6 of 101 frames (500 ms of recording)", 0), 0u);
 }
 
+// An exception on the player's worker thread would end the process; the
+// damaged entry is played as an empty frame and the run fails at the end.
+TEST_F(PlayTest, DamagedPayloadIsPlayedAsAnEmptyFrame) {
+    overwriteStoredPayload(path, 50, bytesOf("not a compressed frame"));
+    const RunResult result = runMvlog({"play", path, "--speed", "100"});
+    EXPECT_EQ(result.terminatingSignal, 0);
+    EXPECT_EQ(result.exitCode, 1);
+    const std::vector<std::string> frames = frameLines(result);
+    ASSERT_EQ(frames.size(), static_cast<std::size_t>(kKnownEntries));
+    EXPECT_EQ(frames[49], "frame 49/100  entry 50  damaged payload, delivered empty");
+    EXPECT_EQ(
+        frames[50].rfind("frame 50/100  entry 51  2023-11-14T22:13:25.000Z  gamma (3)  type 11  67 B  ", 0),
+        0u)
+        << frames[50];
+    EXPECT_EQ(result.err,
+              "mvlog: 1 entry has a damaged payload and was played as an empty frame; run `mvlog check` for "
+              "details\n");
+}
+
 TEST_F(PlayTest, FrameOutsideTheFileIsAFailure) {
     const RunResult result = runMvlog({"play", path, "--from", "101"});
     EXPECT_EQ(result.exitCode, 1);

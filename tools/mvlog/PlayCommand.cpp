@@ -28,6 +28,16 @@ int runPlay(const PlayOptions& options) {
         return 0;
     }
     fmt::print("{}\n", replayReportText(report, options.speed));
+    if (report.damagedEntries == 1) {
+        throw ToolError(
+            "1 entry has a damaged payload and was played as an empty frame; run `mvlog check` for details");
+    }
+    if (report.damagedEntries > 1) {
+        throw ToolError(
+            fmt::format("{} entries have damaged payloads and were played as empty frames; run `mvlog "
+                        "check` for details",
+                        report.damagedEntries));
+    }
     return 0;
 }
 

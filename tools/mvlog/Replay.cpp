@@ -1,5 +1,6 @@
 #include "Replay.h"
 
+#include "DamageTolerantLogFile.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "Terminal.h"
@@ -75,17 +76,20 @@ struct DeliveredFrame {
     int32_t type = 0;
     std::size_t size = 0;
     Clock::time_point deliveredAt;
+    bool damaged = false;
 };
 
 // Handed from the callback (worker thread, or the caller's thread during
 // seek) to the loop that prints.
 class DeliveryQueue {
 public:
-    DeliveryQueue(int32_t lastFrame, bool loop) : lastFrame_(lastFrame), loop_(loop) {}
+    DeliveryQueue(int32_t lastFrame, bool loop, std::shared_ptr<const DamageLog> damage)
+        : lastFrame_(lastFrame), loop_(loop), damage_(std::move(damage)) {}
 
     void push(int32_t frame, const DataEntry& entry) {
         DeliveredFrame delivered{frame,      entry.entryId,     entry.timestamp, entry.dataSourceId,
                                  entry.type, entry.data.size(), Clock::now()};
+        delivered.damaged = damage_->contains(entry.entryId);
         {
             std::lock_guard lock(mutex_);
             pending_.push_back(delivered);
@@ -110,6 +114,7 @@ public:
 private:
     const int32_t lastFrame_;
     const bool loop_;
+    const std::shared_ptr<const DamageLog> damage_;
     std::mutex mutex_;
     std::condition_variable wake_;
     std::vector<DeliveredFrame> pending_;
@@ -236,6 +241,10 @@ public:
 
 private:
     std::string describe(const DeliveredFrame& frame) const {
+        if (frame.damaged) {
+            return fmt::format("frame {}/{}  entry {}  damaged payload, delivered empty", frame.frame,
+                               lastFrame_, frame.entryId);
+        }
         const auto name = sourceNames_.find(frame.dataSourceId);
         return fmt::format("frame {}/{}  entry {}  {}  {} ({})  type {}  {}  {}", frame.frame, lastFrame_,
                            frame.entryId, isoTimestamp(frame.timestamp),
@@ -274,11 +283,12 @@ ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplayS
                            std::FILE* stream) {
     std::map<int8_t, std::string> names = sourceNamesOf(*file);
     ReplayReport report;
+    auto damage = std::make_shared<DamageLog>();
 
     // The queue must outlive the player, whose worker calls into it.
     std::unique_ptr<DeliveryQueue> queue;
     LogFilePlayer player(
-        std::move(file), settings.sourceTypes,
+        std::make_unique<DamageTolerantLogFile>(std::move(file), damage), settings.sourceTypes,
         [&queue](int32_t frame, DataEntry entry) { queue->push(frame, entry); }, settings.loop,
         settings.maxDelayMs);
     report.frameCount = player.getFrameCount();
@@ -286,7 +296,8 @@ ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplayS
         return report;
     }
     requireFrame(settings.fromFrame, report.frameCount);
-    queue = std::make_unique<DeliveryQueue>(static_cast<int32_t>(report.frameCount - 1), settings.loop);
+    queue =
+        std::make_unique<DeliveryQueue>(static_cast<int32_t>(report.frameCount - 1), settings.loop, damage);
     report.recordedSpanMs = player.getTotalPlayTime();
     player.setPlaybackSpeedMultiplier(static_cast<float>(settings.speed));
 
@@ -323,6 +334,7 @@ ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplayS
     printer.refresh(true);
     printer.finish();
     report.pacing = pacing.error();
+    report.damagedEntries = damage->size();
     return report;
 }
 

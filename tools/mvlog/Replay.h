@@ -43,6 +43,9 @@ struct ReplayReport {
     // Timestamp span of the whole frame list, and of what was delivered.
     int64_t recordedSpanMs = 0;
     int64_t playedSpanMs = 0;
+    // Entries whose payload could not be read; the player delivered them as
+    // empty frames.
+    std::size_t damagedEntries = 0;
     PacingError pacing;
 };
 
