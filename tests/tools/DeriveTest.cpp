@@ -85,6 +85,17 @@ TEST_F(DeriveTest, CloneAtAnotherLevelKeepsEveryEntry) {
     EXPECT_EQ(bytesOf(exported.out), knownPayload(77));
 }
 
+TEST_F(DeriveTest, CopyFailureNamesThePartialOutput) {
+    overwriteStoredPayload(path, 60, bytesOf("not a compressed frame"));
+    const RunResult result = runMvlog({"clone", path, "-o", output});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err.rfind("mvlog: cloning failed: ", 0), 0u) << result.err;
+    const std::string ending = " (the partial output " + output + " remains)\n";
+    ASSERT_GE(result.err.size(), ending.size());
+    EXPECT_EQ(result.err.substr(result.err.size() - ending.size()), ending) << result.err;
+    EXPECT_TRUE(std::filesystem::exists(output));
+}
+
 TEST_F(DeriveTest, LevelOutsideTheRangeIsAUsageError) {
     EXPECT_EQ(runMvlog({"clone", path, "-o", output, "--level", "10"}).exitCode, 2);
     EXPECT_EQ(runMvlog({"slice", path, "--from", "1", "--to", "2", "--level", "-2"}).exitCode, 2);

@@ -51,14 +51,20 @@ signed char chosenLevel(const LogFileInterface& file, const std::optional<int>& 
 
 // Errors while copying propagate from the library with the partial output
 // left on disk; the message says where, so it can be inspected or removed.
+// (Without -o the library picks the name and keeps it to itself.)
+std::string partialOutputNote(const std::string& output) {
+    return output.empty() ? "a partial output may remain beside the source"
+                          : fmt::format("the partial output {} remains", output);
+}
+
 template <typename Derive>
-std::unique_ptr<LogFileInterface> deriveReporting(const char* what, Derive derive) {
+std::unique_ptr<LogFileInterface> deriveReporting(const char* what, const std::string& output,
+                                                  Derive derive) {
     try {
         ElapsedTimeIndicator indicator(what);
         return derive();
     } catch (const std::exception& error) {
-        throw ToolError(
-            fmt::format("{} failed: {} (a partial output may remain on disk)", what, error.what()));
+        throw ToolError(fmt::format("{} failed: {} ({})", what, error.what(), partialOutputNote(output)));
     }
 }
 
@@ -77,7 +83,7 @@ int runSlice(const SliceOptions& options) {
     explainOutputRefusal(options.output);
     explainRangeRefusal(*file, options.from, options.to);
     const signed char level = chosenLevel(*file, options.level);
-    return reportDerivedFile(deriveReporting("slicing", [&] {
+    return reportDerivedFile(deriveReporting("slicing", options.output, [&] {
         return Marivane::Logging::Algorithms::slice(*file, options.from, options.to, options.output,
                                                     kToolName, kToolVersion, level);
     }));
@@ -87,7 +93,7 @@ int runClone(const CloneOptions& options) {
     const auto file = openExistingLogFile(options.file);
     explainOutputRefusal(options.output);
     const signed char level = chosenLevel(*file, options.level);
-    return reportDerivedFile(deriveReporting("cloning", [&] {
+    return reportDerivedFile(deriveReporting("cloning", options.output, [&] {
         return Marivane::Logging::Algorithms::clone(*file, options.output, kToolName, kToolVersion, level);
     }));
 }
