@@ -7,6 +7,7 @@
 //   soak DIR [SCALE]   SCALE divides every count (e.g. 20 for a sanitizer run)
 #include <logging/Logging.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -101,7 +102,7 @@ void readBackInChunks(const std::string& path, int64_t count, std::size_t size) 
     SqliteLogFile file{std::filesystem::path(path)};
     check(file.getEntryCount() == count, "entry count");
     // About 32 MiB of payload per read.
-    const int32_t kChunk = static_cast<int32_t>(std::max<std::size_t>(1, (32u << 20) / size));
+    const int32_t kChunk = static_cast<int32_t>(std::clamp<std::size_t>((32u << 20) / size, 1, 10000));
     int64_t seen = 0;
     for (int32_t first = 1; first <= count; first += kChunk) {
         for (const DataEntry& entry : file.readEntries(first, first + kChunk - 1, EntryIndexFilter{}, -1)) {
