@@ -133,12 +133,10 @@ std::string withoutRound(const std::string& name) {
     return at == std::string::npos ? name : name.substr(0, at);
 }
 
-void registerRounds(const std::vector<Member>& group, int rounds,
-                    const std::function<void(benchmark::internal::Benchmark*)>& configure) {
-    for (int round = 1; round <= rounds; ++round) {
-        for (const Member& member : group) {
-            configure(benchmark::RegisterBenchmark(roundName(member.name, round).c_str(), member.function));
-        }
+void registerRound(const std::vector<Member>& group, int round,
+                   const std::function<void(benchmark::internal::Benchmark*)>& configure) {
+    for (const Member& member : group) {
+        configure(benchmark::RegisterBenchmark(roundName(member.name, round).c_str(), member.function));
     }
 }
 

@@ -29,12 +29,14 @@ std::string roundName(const std::string& name, int round);
 // The name without its round suffix, or the name itself when it has none.
 std::string withoutRound(const std::string& name);
 
-// Registers `rounds` runs of every member: the whole group once, then again.
-// A library figure and its baseline thus alternate a few seconds apart, so a
-// change in the machine's load (other builds on the two shared cores) hits
-// both sides of a ratio alike instead of all the rounds of one side.
-void registerRounds(const std::vector<Member>& group, int rounds,
-                    const std::function<void(benchmark::internal::Benchmark*)>& configure);
+// Registers one round of a group: every member once, in order, so a library
+// figure runs right after its baseline. Rounds are registered one after the
+// other over the whole program (round 1 of everything, then round 2, ...), so
+// the rounds of one figure lie minutes apart and a burst of load from other
+// builds on the two shared cores spoils one round, which the median drops,
+// while the pair within a round shares whatever load there is.
+void registerRound(const std::vector<Member>& group, int round,
+                   const std::function<void(benchmark::internal::Benchmark*)>& configure);
 // The settings of the throughput benchmarks: kMinTime, and rates per second
 // of the benchmark thread's CPU time (user and system). Every measured
 // operation runs on that thread and writes only to the page cache, so the CPU
@@ -54,14 +56,17 @@ std::string playerName();
 // mode: "autocommit" or "transaction".
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size);
 
-// Registration in run order; each library figure is in a group with its
-// baseline (see registerRounds).
-void registerWriteBenchmarks();
-void registerReadBenchmarks();
-void registerIndexBenchmarks();
-void registerDerivedFileBenchmarks();
+// Registration of one round of each section, in run order; each library
+// figure is in a group with its baseline (see registerRound).
+void registerWriteBenchmarks(int round);
+void registerReadBenchmarks(int round);
+void registerIndexBenchmarks(int round);
+// Each round copies a gigabyte twice over; two rounds are enough.
+inline constexpr int kDerivedRounds = 2;
+void registerDerivedFileBenchmarks(int round);
+void registerPageSizeSweep(int round);
+// One run, no rounds: its figures are distributions over 300 frames already.
 void registerPlayerBenchmark();
-void registerPageSizeSweep();
 
 // The raw baseline's writers, one entry per statement or entriesPerTransaction
 // per transaction; pageSize 0 keeps SQLite's default.

@@ -10,6 +10,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <memory>
 #include <string>
 
 namespace Marivane::Bench {
@@ -23,8 +24,6 @@ constexpr std::size_t kSourcePayloadSize = 256 * 1024;
 // The slice takes the middle half of the file.
 constexpr int32_t kSliceFirst = kSourceEntries / 4 + 1;
 constexpr int32_t kSliceLast = 3 * kSourceEntries / 4;
-// Each round copies a gigabyte; two keep the section near half a minute.
-constexpr int kDerivedRounds = 2;
 
 const std::string& sourceFile() {
     static std::string path;
@@ -84,17 +83,17 @@ void libraryCopy(benchmark::State& state, bool slice) {
 
 }  // namespace
 
-void registerDerivedFileBenchmarks() {
+void registerDerivedFileBenchmarks(int round) {
     auto settings = [](benchmark::internal::Benchmark* benchmark) {
         benchmark->Iterations(1)->Unit(benchmark::kMillisecond);
     };
     for (bool slice : {false, true}) {
         const std::string operation = slice ? "slice" : "clone";
-        registerRounds({Member{deriveName(operation, "raw"),
-                               [slice](benchmark::State& state) { rawCopy(state, slice); }},
-                        Member{deriveName(operation, "library"),
-                               [slice](benchmark::State& state) { libraryCopy(state, slice); }}},
-                       kDerivedRounds, settings);
+        registerRound({Member{deriveName(operation, "raw"),
+                              [slice](benchmark::State& state) { rawCopy(state, slice); }},
+                       Member{deriveName(operation, "library"),
+                              [slice](benchmark::State& state) { libraryCopy(state, slice); }}},
+                      round, settings);
     }
 }
 

@@ -12,7 +12,7 @@
 
 namespace Marivane::Bench {
 
-void registerPageSizeSweep() {
+void registerPageSizeSweep(int round) {
     for (std::size_t size : kPayloadSizes) {
         for (const std::string mode : {"transaction", "autocommit"}) {
             std::vector<Member> group;
@@ -21,7 +21,7 @@ void registerPageSizeSweep() {
                 group.push_back({pageSizeName(mode, pageSize, size),
                                  [=](benchmark::State& state) { function(state, 0, size, pageSize); }});
             }
-            registerRounds(group, kRounds, throughputSettings);
+            registerRound(group, round, throughputSettings);
         }
     }
 }

@@ -18,7 +18,10 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <filesystem>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace Marivane::Bench {

@@ -10,9 +10,12 @@
 
 #include <benchmark/benchmark.h>
 
+#include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace Marivane::Bench {
 
@@ -150,7 +153,7 @@ void libraryIndex(benchmark::State& state) {
 
 }  // namespace
 
-void registerReadBenchmarks() {
+void registerReadBenchmarks(int round) {
     for (int level : kCompressionLevels) {
         for (std::size_t size : kPayloadSizes) {
             auto member = [level, size](const std::string& kind, const std::string& reader,
@@ -158,19 +161,19 @@ void registerReadBenchmarks() {
                 return Member{readName(kind, reader, level, size),
                               [=](benchmark::State& state) { function(state, level, size); }};
             };
-            registerRounds({member("byId", "raw", rawReadById), member("byId", "library", libraryReadEntry)},
-                           kRounds, throughputSettings);
-            registerRounds({member("scan", "raw", rawScan), member("scan", "library", libraryReadEntries)},
-                           kRounds, throughputSettings);
+            registerRound({member("byId", "raw", rawReadById), member("byId", "library", libraryReadEntry)},
+                          round, throughputSettings);
+            registerRound({member("scan", "raw", rawScan), member("scan", "library", libraryReadEntries)},
+                          round, throughputSettings);
         }
     }
 }
 
-void registerIndexBenchmarks() {
-    registerRounds({Member{indexName("raw"), rawIndex}, Member{indexName("library"), libraryIndex}}, kRounds,
-                   [](benchmark::internal::Benchmark* benchmark) {
-                       benchmark->MinTime(kMinTime)->Unit(benchmark::kMillisecond);
-                   });
+void registerIndexBenchmarks(int round) {
+    registerRound({Member{indexName("raw"), rawIndex}, Member{indexName("library"), libraryIndex}}, round,
+                  [](benchmark::internal::Benchmark* benchmark) {
+                      benchmark->MinTime(kMinTime)->Unit(benchmark::kMillisecond);
+                  });
 }
 
 }  // namespace Marivane::Bench

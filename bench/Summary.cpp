@@ -344,6 +344,13 @@ void printSummary(const Figures& figures, std::ostream& out) {
                 std::nullopt);
 
     table.totals();
+    for (const auto& [name, runs] : figures) {
+        for (const Figure& figure : runs) {
+            if (!figure.error.empty()) {
+                out << "  failed: " << name << ": " << figure.error << "\n";
+            }
+        }
+    }
     printPageSizeTable(figures, out);
 }
 

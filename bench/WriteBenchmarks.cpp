@@ -11,6 +11,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <stdexcept>
 #include <string>
 
 namespace Marivane::Bench {
@@ -173,7 +174,7 @@ void cInterfaceLogData(benchmark::State& state, int level, std::size_t size) {
 
 }  // namespace
 
-void registerWriteBenchmarks() {
+void registerWriteBenchmarks(int round) {
     for (int level : kCompressionLevels) {
         for (std::size_t size : kPayloadSizes) {
             auto member = [level, size](const std::string& mode, const std::string& writer,
@@ -181,13 +182,13 @@ void registerWriteBenchmarks() {
                 return Member{writeName(mode, writer, level, size),
                               [=](benchmark::State& state) { function(state, level, size); }};
             };
-            registerRounds(
+            registerRound(
                 {member("autocommit", "raw", rawAutocommit), member("autocommit", "logData", libraryLogData),
                  member("autocommit", "capi", cInterfaceLogData)},
-                kRounds, throughputSettings);
-            registerRounds(
+                round, throughputSettings);
+            registerRound(
                 {member("transaction", "raw", rawTransaction), member("transaction", "batch", libraryBatch)},
-                kRounds, throughputSettings);
+                round, throughputSettings);
         }
     }
 }

@@ -21,12 +21,18 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
     }
-    registerWriteBenchmarks();
-    registerReadBenchmarks();
-    registerIndexBenchmarks();
-    registerDerivedFileBenchmarks();
-    registerPlayerBenchmark();
-    registerPageSizeSweep();
+    for (int round = 1; round <= kRounds; ++round) {
+        registerWriteBenchmarks(round);
+        registerReadBenchmarks(round);
+        registerIndexBenchmarks(round);
+        if (round <= kDerivedRounds) {
+            registerDerivedFileBenchmarks(round);
+        }
+        registerPageSizeSweep(round);
+        if (round == 1) {
+            registerPlayerBenchmark();
+        }
+    }
 
     int status = 0;
     try {
