@@ -11,6 +11,11 @@ namespace {
 
 std::atomic<int> writeFault{0};
 std::atomic<int> readFault{0};
+// One failing write: the count of writes let through before it, and its code.
+std::atomic<int> writesBeforeSingleFault{-1};
+std::atomic<int> singleFaultCode{0};
+// Writes that would make a main database file longer fail with SQLITE_FULL.
+std::atomic<bool> growthFails{false};
 sqlite3_vfs* realVfs = nullptr;
 
 // The real file lives right behind this header in the same allocation.
@@ -38,9 +43,22 @@ int shimRead(sqlite3_file* file, void* buffer, int amount, sqlite3_int64 offset)
     return real(file)->pMethods->xRead(real(file), buffer, amount, offset);
 }
 
+bool growsFile(sqlite3_file* file, int amount, sqlite3_int64 offset) {
+    sqlite3_int64 size = 0;
+    return real(file)->pMethods->xFileSize(real(file), &size) == SQLITE_OK && offset + amount > size;
+}
+
 int shimWrite(sqlite3_file* file, const void* buffer, int amount, sqlite3_int64 offset) {
-    if (const int fault = writeFault.load(); fault != 0 && isMainDatabase(file)) {
-        return fault;
+    if (isMainDatabase(file)) {
+        if (const int fault = writeFault.load(); fault != 0) {
+            return fault;
+        }
+        if (writesBeforeSingleFault.load() >= 0 && writesBeforeSingleFault.fetch_sub(1) == 0) {
+            return singleFaultCode.load();
+        }
+        if (growthFails.load() && growsFile(file, amount, offset)) {
+            return SQLITE_FULL;
+        }
     }
     return real(file)->pMethods->xWrite(real(file), buffer, amount, offset);
 }
@@ -184,6 +202,8 @@ FaultInjectingVfs::FaultInjectingVfs() {
 FaultInjectingVfs::~FaultInjectingVfs() {
     writeFault = 0;
     readFault = 0;
+    writesBeforeSingleFault = -1;
+    growthFails = false;
     sqlite3_vfs_unregister(&shimVfs);
     // Unregistering the default leaves an arbitrary one in its place.
     sqlite3_vfs_register(realVfs, 1);
@@ -192,6 +212,15 @@ FaultInjectingVfs::~FaultInjectingVfs() {
 
 void FaultInjectingVfs::failWrites(int code) {
     writeFault = code;
+}
+
+void FaultInjectingVfs::failOneWrite(int writesLetThrough, int code) {
+    singleFaultCode = code;
+    writesBeforeSingleFault = writesLetThrough;
+}
+
+void FaultInjectingVfs::failGrowth(bool fail) {
+    growthFails = fail;
 }
 
 void FaultInjectingVfs::failReads(int code) {

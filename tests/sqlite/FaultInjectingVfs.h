@@ -18,6 +18,12 @@ public:
 
     // 0 lets the operation through; any other value is returned instead.
     void failWrites(int code);
+    // Lets `writesLetThrough` writes pass, fails the next one with `code`, and
+    // lets every later one pass again: a transient device error.
+    void failOneWrite(int writesLetThrough, int code);
+    // While set, writes that would make a main database file longer fail with
+    // SQLITE_FULL and writes inside it pass: a disk that has filled up.
+    void failGrowth(bool fail);
     void failReads(int code);
 };
 
