@@ -14,14 +14,7 @@ namespace Marivane::Database {
 // alternative. Nothing is converted.
 template <typename T>
 std::optional<T> getValueFromColumn(const SqliteQuery& query, int column) {
-    ColumnValue value = query.getValueFromColumn(column);
-    if (!value) {
-        return std::nullopt;
-    }
-    if (T* held = std::get_if<T>(&*value)) {
-        return std::move(*held);
-    }
-    return std::nullopt;
+    return Detail::takeAlternative<T>(query.getValueFromColumn(column));
 }
 
 // An integer column narrowed to 32 bits (low bits kept); absent for NULL or a

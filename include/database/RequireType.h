@@ -2,6 +2,8 @@
 
 #include <logging/PropertyValue.h>
 
+#include <database/ColumnValue.h>
+
 #include <cstdint>
 #include <optional>
 #include <utility>
@@ -12,13 +14,7 @@ namespace Marivane::Database {
 // The value when it holds T; absent otherwise (or when `value` is absent).
 template <typename T>
 std::optional<T> requireType(std::optional<Logging::PropertyValue> value) {
-    if (!value) {
-        return std::nullopt;
-    }
-    if (T* held = std::get_if<T>(&*value)) {
-        return std::move(*held);
-    }
-    return std::nullopt;
+    return Detail::takeAlternative<T>(std::move(value));
 }
 
 // Every integer read back from a file is 64-bit, so a 32-bit request accepts

@@ -5,6 +5,7 @@
 #include <logging/ByteBuffer.h>
 
 #include <cstdint>
+#include <exception>
 #include <string>
 
 namespace Marivane::Logging::CApi {
@@ -26,5 +27,20 @@ void storeError(MV_LogError_p* error, std::string message);
 // True when `result` is; otherwise stores the file's last-error text (when
 // asked for) and returns false.
 bool populateErrorOnFailure(bool result, MV_LogFile_p file, MV_LogError_p* error);
+
+// Runs `makeFile` (which returns a new handle or null); an exception becomes an
+// error object holding its what() text, or "Unknown internal error" for one
+// that is not a std::exception, and a null result.
+template <typename MakeFile>
+MV_LogFile_p returnFileOrError(MakeFile makeFile, MV_LogError_p* error) {
+    try {
+        return makeFile();
+    } catch (const std::exception& exception) {
+        storeError(error, exception.what());
+    } catch (...) {
+        storeError(error, "Unknown internal error");
+    }
+    return nullptr;
+}
 
 }  // namespace Marivane::Logging::CApi

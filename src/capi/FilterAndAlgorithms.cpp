@@ -3,7 +3,6 @@
 
 #include <logging/Algorithms.h>
 
-#include <exception>
 
 using namespace Marivane::Logging;
 using Marivane::Logging::CApi::storeError;
@@ -15,19 +14,16 @@ namespace {
 // disk.
 template <typename Derive>
 MV_LogFile_p deriveFile(Derive derive, bool canAddData, const char* refusal, MV_LogError_p* error) {
-    try {
-        std::unique_ptr<LogFileInterface> output = derive();
-        if (!output) {
-            storeError(error, refusal);
-            return nullptr;
-        }
-        return new MV_LogFile{std::move(output), canAddData};
-    } catch (const std::exception& exception) {
-        storeError(error, exception.what());
-    } catch (...) {
-        storeError(error, "Unknown internal error");
-    }
-    return nullptr;
+    return CApi::returnFileOrError(
+        [&]() -> MV_LogFile_p {
+            std::unique_ptr<LogFileInterface> output = derive();
+            if (!output) {
+                storeError(error, refusal);
+                return nullptr;
+            }
+            return new MV_LogFile{std::move(output), canAddData};
+        },
+        error);
 }
 
 }  // namespace

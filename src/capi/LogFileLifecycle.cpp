@@ -5,7 +5,6 @@
 
 #include <core/Chrono.h>
 
-#include <exception>
 #include <filesystem>
 #include <system_error>
 
@@ -31,19 +30,6 @@ bool somethingExistsAt(const char* path) {
 bool nothingExistsAt(const char* path) {
     std::error_code error;
     return std::filesystem::status(path, error).type() == std::filesystem::file_type::not_found;
-}
-
-// Runs `makeFile` and turns any exception into an error object.
-template <typename MakeFile>
-MV_LogFile_p guardedOpen(MakeFile makeFile, MV_LogError_p* error) {
-    try {
-        return makeFile();
-    } catch (const std::exception& exception) {
-        storeError(error, exception.what());
-    } catch (...) {
-        storeError(error, "Unknown internal error");
-    }
-    return nullptr;
 }
 
 }  // namespace
@@ -86,7 +72,7 @@ MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogEr
         *error = new MV_LogError{"Cannot create file as file already exists."};
         return nullptr;
     }
-    return guardedOpen(
+    return CApi::returnFileOrError(
         [&] {
             const int64_t now = Marivane::Chrono::msSinceUnixEpoch();
             auto file = std::make_unique<SqliteLogFile>(std::string(path), config->timeZone, config->applicationName,
@@ -101,7 +87,7 @@ MV_LogFile_p MV_LogFile_Open(const char* path, MV_LogError_p* error) {
         storeError(error, "Log file does not exist.");
         return nullptr;
     }
-    return guardedOpen(
+    return CApi::returnFileOrError(
         [&] {
             auto file = std::make_unique<SqliteLogFile>(std::filesystem::path(path));
             return new MV_LogFile{std::move(file), false};
