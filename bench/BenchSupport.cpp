@@ -65,7 +65,7 @@ const ByteBuffer& payload(std::size_t size) {
     if (!slot) {
         slot = std::make_unique<ByteBuffer>(size);
         std::mt19937 random(static_cast<std::mt19937::result_type>(size));
-        std::uniform_int_distribution<int> step(-24, 24);
+        std::uniform_int_distribution<int> step(-6, 6);
         int sample = 0;
         for (std::size_t i = 0; i + 1 < size; i += 2) {
             sample = std::clamp(sample + step(random), -32768, 32767);

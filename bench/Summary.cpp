@@ -61,10 +61,17 @@ std::optional<Figure> find(const Figures& figures, const std::string& name) {
     return result;
 }
 
+struct Ratio {
+    double median = 0;
+    double lowest = 0;
+    double highest = 0;
+};
+
 // The median of the ratios of runs made in the same round: each ratio pairs
 // two runs a few seconds apart, so a slow stretch of the machine cancels out.
-std::optional<double> pairedRatio(const Figures& figures, const std::string& library,
-                                  const std::string& baseline) {
+// The lowest and highest show how far the rounds disagreed.
+std::optional<Ratio> pairedRatio(const Figures& figures, const std::string& library,
+                                 const std::string& baseline) {
     const std::vector<Figure>* lib = rounds(figures, library);
     const std::vector<Figure>* base = rounds(figures, baseline);
     if (!lib || !base) {
@@ -79,7 +86,8 @@ std::optional<double> pairedRatio(const Figures& figures, const std::string& lib
     if (ratios.empty()) {
         return std::nullopt;
     }
-    return median(ratios);
+    const auto [lowest, highest] = std::minmax_element(ratios.begin(), ratios.end());
+    return Ratio{median(ratios), *lowest, *highest};
 }
 
 std::string format(const char* pattern, double value) {
@@ -108,7 +116,7 @@ public:
 
     void section(const std::string& title) {
         out_ << "\n" << title << "\n";
-        line("figure", "library", "baseline", "lib MiB/s", "ratio", "target", "status");
+        line("figure", "library", "baseline", "lib MiB/s", "ratio", "rounds", "target", "status");
     }
 
     // A throughput pair: entries per second of both, their ratio, and the
@@ -117,16 +125,17 @@ public:
               const std::string& baseline, std::optional<double> target) {
         const std::optional<Figure> lib = find(figures, library);
         const std::optional<Figure> base = find(figures, baseline);
-        const std::optional<double> ratio = pairedRatio(figures, library, baseline);
+        const std::optional<Ratio> ratio = pairedRatio(figures, library, baseline);
         const std::string targetText = target ? format(">=%.2fx", *target) : "-";
         if (!lib || !base || !ratio) {
             line(label, lib ? rate(lib->itemsPerSecond) : "n/a", base ? rate(base->itemsPerSecond) : "n/a",
-                 "", "n/a", targetText, target ? verdict(std::nullopt) : "");
+                 "", "n/a", "", targetText, target ? verdict(std::nullopt) : "");
             return;
         }
         line(label, rate(lib->itemsPerSecond), rate(base->itemsPerSecond),
-             lib->bytesPerSecond > 0 ? mebibytes(lib->bytesPerSecond) : "-", format("%.2fx", *ratio),
-             targetText, target ? verdict(*ratio >= *target) : "");
+             lib->bytesPerSecond > 0 ? mebibytes(lib->bytesPerSecond) : "-", format("%.2fx", ratio->median),
+             format("%.2f", ratio->lowest) + "-" + format("%.2f", ratio->highest), targetText,
+             target ? verdict(ratio->median >= *target) : "");
     }
 
     // A measured value against an upper bound.
@@ -138,7 +147,7 @@ public:
         if (value && limit) {
             met = *value < *limit;
         }
-        line(label, valueText, "", "", "", limitText, limit ? verdict(met) : "");
+        line(label, valueText, "", "", "", "", limitText, limit ? verdict(met) : "");
     }
 
     void totals() {
@@ -160,11 +169,12 @@ private:
     }
 
     void line(const std::string& label, const std::string& library, const std::string& baseline,
-              const std::string& libraryBytes, const std::string& ratio, const std::string& target,
-              const std::string& status) {
+              const std::string& libraryBytes, const std::string& ratio, const std::string& spread,
+              const std::string& target, const std::string& status) {
         char text[256];
-        std::snprintf(text, sizeof text, "  %-40s %13s %13s %15s %7s %8s  %s", label.c_str(), library.c_str(),
-                      baseline.c_str(), libraryBytes.c_str(), ratio.c_str(), target.c_str(), status.c_str());
+        std::snprintf(text, sizeof text, "  %-40s %13s %13s %15s %7s %10s %8s  %s", label.c_str(),
+                      library.c_str(), baseline.c_str(), libraryBytes.c_str(), ratio.c_str(), spread.c_str(),
+                      target.c_str(), status.c_str());
         out_ << text << "\n";
     }
 
@@ -285,8 +295,10 @@ void CollectingReporter::ReportRuns(const std::vector<Run>& runs) {
 void printSummary(const Figures& figures, std::ostream& out) {
     out << "\n==== Summary: library against the raw SQLite/zstd baseline, same run ====\n"
         << "Entries per second of the benchmark thread's CPU time, median over the rounds (" << kRounds
-        << " for most figures); ratio = median over the rounds of library / baseline\n"
-        << "measured in the same round. Baseline files use the library's page size ("
+        << " for most figures).\n"
+        << "ratio: median over the rounds of library / baseline measured in the same round; rounds: the "
+           "lowest\n"
+        << "and highest of those per-round ratios. Baseline files use the library's page size ("
         << sizeLabel(static_cast<std::size_t>(Raw::libraryPageSize())) << ").\n";
     Table table(out);
 
