@@ -11,8 +11,9 @@ FUZZ_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 600
 
 SOAK_DIR ?= /tmp/mvlog-soak
+BENCH_DIR ?= build-bench
 
-.PHONY: all deps build test sanitize asan tsan fuzz soak demo install clean
+.PHONY: all deps build test sanitize asan tsan fuzz soak bench demo install clean
 
 all: build
 
@@ -58,6 +59,14 @@ soak: build
 	cmake --build $(ASAN_DIR) -j $(JOBS) --target soak
 	ASAN_OPTIONS=detect_leaks=1 ./$(ASAN_DIR)/tests/soak/soak $(SOAK_DIR) 20
 
+# Release build of the libraries and the benchmark, then one run: the library
+# beside a raw SQLite/zstd baseline, with ratios and targets (a few minutes).
+bench: deps
+	cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DMARIVANE_BUILD_BENCH=ON \
+		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_TOOLS=OFF
+	cmake --build $(BENCH_DIR) -j $(JOBS) --target marivane_bench
+	./$(BENCH_DIR)/bench/marivane_bench
+
 demo: build
 	./$(BUILD_DIR)/tools/mvlog demo
 
@@ -65,4 +74,4 @@ install: build
 	cmake --install $(BUILD_DIR) --prefix $(or $(PREFIX),/usr/local)
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(TSAN_DIR) $(FUZZ_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(BENCH_DIR)
