@@ -1,4 +1,4 @@
-// New files use 16 KiB pages; files with any other page size keep opening,
+// New files use 8 KiB pages; files with any other page size keep opening,
 // reading and taking writes.
 #include <logging/SqliteLogFile.h>
 
@@ -13,12 +13,12 @@ using namespace Marivane::Logging;
 using Marivane::Testing::RawDatabase;
 using Marivane::Testing::TempDir;
 
-TEST(PageSize, NewFilesUseSixteenKibPages) {
+TEST(PageSize, NewFilesUseEightKibPages) {
     TempDir dir;
     const std::string path = dir.file("new.mvlog");
     { SqliteLogFile file(path, "UTC", "pages", "1", 0, 0); }
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
-    EXPECT_EQ(raw.integer("PRAGMA page_size;"), 16384);
+    EXPECT_EQ(raw.integer("PRAGMA page_size;"), 8192);
 }
 
 TEST(PageSize, AnEmptyFileInitialisedOnOpenUsesThemToo) {
@@ -26,7 +26,7 @@ TEST(PageSize, AnEmptyFileInitialisedOnOpenUsesThemToo) {
     const std::string path = dir.file("opened.mvlog");
     { SqliteLogFile file{std::filesystem::path(path)}; }
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
-    EXPECT_EQ(raw.integer("PRAGMA page_size;"), 16384);
+    EXPECT_EQ(raw.integer("PRAGMA page_size;"), 8192);
 }
 
 class OtherPageSizes : public ::testing::TestWithParam<int> {};
@@ -58,4 +58,4 @@ TEST_P(OtherPageSizes, FilesKeepWorking) {
     EXPECT_EQ(raw.integer("PRAGMA page_size;"), GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(PageSize, OtherPageSizes, ::testing::Values(1024, 4096, 8192, 32768, 65536));
+INSTANTIATE_TEST_SUITE_P(PageSize, OtherPageSizes, ::testing::Values(1024, 4096, 16384, 32768, 65536));
