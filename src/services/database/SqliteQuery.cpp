@@ -80,20 +80,25 @@ ColumnValue SqliteQuery::getValueFromColumn(int column) const {
     if (!hasRow_) {
         return std::nullopt;
     }
-    switch (sqlite3_column_type(statement_, column)) {
+    // One call that takes the connection's mutex, then plain reads of the
+    // value: every sqlite3_column_* call would lock it again. The value belongs
+    // to this statement's current row, which no other thread touches, and none
+    // of the reads below allocates (the text is read as bytes, so SQLite need
+    // neither convert nor terminate it).
+    sqlite3_value* value = sqlite3_column_value(statement_, column);
+    switch (sqlite3_value_type(value)) {
         case SQLITE_INTEGER:
-            return ColumnValue{std::in_place, std::in_place_index<0>, sqlite3_column_int64(statement_, column)};
+            return ColumnValue{std::in_place, std::in_place_index<0>, sqlite3_value_int64(value)};
         case SQLITE_FLOAT:
-            return ColumnValue{std::in_place, std::in_place_index<1>, sqlite3_column_double(statement_, column)};
+            return ColumnValue{std::in_place, std::in_place_index<1>, sqlite3_value_double(value)};
         case SQLITE_TEXT: {
-            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-            const int size = sqlite3_column_bytes(statement_, column);
-            return ColumnValue{std::in_place, std::in_place_index<2>,
-                               text ? std::string(text, static_cast<std::size_t>(size)) : std::string()};
+            const auto* text = static_cast<const char*>(sqlite3_value_blob(value));
+            const auto size = static_cast<std::size_t>(sqlite3_value_bytes(value));
+            return ColumnValue{std::in_place, std::in_place_index<2>, text ? std::string(text, size) : std::string()};
         }
         case SQLITE_BLOB: {
-            const auto* bytes = static_cast<const std::byte*>(sqlite3_column_blob(statement_, column));
-            const int size = sqlite3_column_bytes(statement_, column);
+            const auto* bytes = static_cast<const std::byte*>(sqlite3_value_blob(value));
+            const int size = sqlite3_value_bytes(value);
             return ColumnValue{std::in_place, std::in_place_index<3>, bytes, bytes + size};
         }
         default:
