@@ -1,6 +1,7 @@
 #include <database/SqliteDatabase.h>
 
 #include "SqliteErrors.h"
+#include "StatementSlot.h"
 
 #include <sqlite3.h>
 
@@ -28,10 +29,6 @@ struct TransparentHash {
 
 }  // namespace
 
-struct SqliteDatabase::StatementSlot {
-    std::vector<sqlite3_stmt*> free;
-};
-
 class SqliteDatabase::StatementCache {
 public:
     StatementCache() = default;
@@ -58,6 +55,19 @@ public:
         sqlite3_stmt* statement = slot->free.back();
         slot->free.pop_back();
         return statement;
+    }
+
+    void learnParameterNames(sqlite3_stmt* statement, StatementSlot& slot) {
+        std::lock_guard lock(mutex_);
+        if (slot.parameterNamesKnown) {
+            return;
+        }
+        const int count = sqlite3_bind_parameter_count(statement);
+        for (int index = 1; index <= count; ++index) {
+            const char* name = sqlite3_bind_parameter_name(statement, index);
+            slot.parameterNames.emplace_back(name ? name : "");
+        }
+        slot.parameterNamesKnown = true;
     }
 
     void giveBack(sqlite3_stmt* statement, StatementSlot& slot) {
@@ -119,6 +129,14 @@ sqlite3_stmt* SqliteDatabase::acquireStatement(std::string_view sql, StatementSl
         const std::string sqliteMessage = sqlite3_errmsg(connection_);
         sqlite3_finalize(statement);
         throwDatabaseError(code, "Cannot prepare '" + std::string(sql) + "'", sqliteMessage);
+    }
+    if (slot != nullptr) {
+        try {
+            statements_->learnParameterNames(statement, *slot);
+        } catch (...) {
+            sqlite3_finalize(statement);
+            throw;
+        }
     }
     return statement;
 }

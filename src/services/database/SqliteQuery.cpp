@@ -2,6 +2,8 @@
 
 #include <database/SqliteDatabase.h>
 
+#include "StatementSlot.h"
+
 #include <sqlite3.h>
 
 namespace Marivane::Database {
@@ -36,6 +38,9 @@ void SqliteQuery::resetQuery() {
 }
 
 int SqliteQuery::parameterIndex(const std::string& name) const {
+    if (slot_ != nullptr) {
+        return slot_->parameterIndex(name);
+    }
     return sqlite3_bind_parameter_index(statement_, name.c_str());
 }
 
