@@ -23,25 +23,23 @@ bool writeData(MV_LogFile_p file, const char* refusal, MV_LogError_p* error, Wri
 }
 
 // Hands each element to the callback in a new handle that the callee owns.
-// An empty list is a failure carrying whatever the file's last error is.
-template <typename Handle, typename Element, typename Callback>
-bool deliverNonEmpty(MV_LogFile_p file, std::vector<Element> elements, Callback callback, void* userData,
-                     MV_LogError_p* error) {
-    if (elements.empty()) {
-        return populateErrorOnFailure(false, file, error);
-    }
-    for (Element& element : elements) {
-        callback(userData, new Handle{std::move(element)});
-    }
-    return true;
-}
-
 template <typename Handle, typename Element, typename Callback>
 bool deliverAll(std::vector<Element> elements, Callback callback, void* userData) {
     for (Element& element : elements) {
         callback(userData, new Handle{std::move(element)});
     }
     return true;
+}
+
+// As deliverAll, but an empty list is a failure carrying whatever the file's
+// last error is.
+template <typename Handle, typename Element, typename Callback>
+bool deliverNonEmpty(MV_LogFile_p file, std::vector<Element> elements, Callback callback, void* userData,
+                     MV_LogError_p* error) {
+    if (elements.empty()) {
+        return populateErrorOnFailure(false, file, error);
+    }
+    return deliverAll<Handle>(std::move(elements), callback, userData);
 }
 
 // Stores a new handle made from a present result, or the fixed message.

@@ -70,7 +70,7 @@ SqliteLogFile::WriteBatch SqliteLogFile::beginBatch() {
     return WriteBatch(d->beginBatch());
 }
 
-bool SqliteLogFile::isBatchOpen() const { return d->batchOpen; }
+bool SqliteLogFile::isBatchOpen() const { return d->batchOpen(); }
 
 SqliteLogFile::WriteBatch::WriteBatch(WriteBatch&& other) noexcept : file_(std::move(other.file_)) {}
 

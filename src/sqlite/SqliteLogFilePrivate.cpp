@@ -74,23 +74,21 @@ SqliteLogFilePrivate::~SqliteLogFilePrivate() {
 }
 
 std::shared_ptr<SqliteLogFilePrivate*> SqliteLogFilePrivate::beginBatch() {
-    if (batchOpen) {
+    if (batchOpen()) {
         throw std::logic_error("A write batch is already open on this log file.");
     }
     if (!database.executeSimpleQuery("BEGIN;")) {
         throw Database::DatabaseAccessError("Cannot begin a write batch: a transaction is already open");
     }
-    batchOpen = true;
     batchLostWrites = false;
     batchOwner = std::make_shared<SqliteLogFilePrivate*>(this);
     return batchOwner;
 }
 
 bool SqliteLogFilePrivate::endBatch() {
-    if (!batchOpen) {
+    if (!batchOpen()) {
         return false;
     }
-    batchOpen = false;
     *batchOwner = nullptr;
     batchOwner.reset();
     if (!database.isInTransaction()) {
@@ -194,7 +192,7 @@ bool SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* foreignK
 }
 
 void SqliteLogFilePrivate::resumeBatchAfterRollback() {
-    if (batchOpen && !database.isInTransaction()) {
+    if (batchOpen() && !database.isInTransaction()) {
         batchLostWrites = true;
         database.executeSimpleQuery("BEGIN;");
     }

@@ -36,10 +36,9 @@ public:
     int32_t logVersion = 0;
     // Reads that fail record a message too, so const operations write here.
     mutable std::string lastError = "No error";
-    // A write batch (one open transaction) is in progress.
-    bool batchOpen = false;
-    // Shared with the open batch's guard; cleared when the batch ends, so a
-    // guard never reaches a file that is gone or a later batch.
+    // Set while a write batch (one open transaction) is in progress; shared
+    // with the batch's guard and cleared when the batch ends, so a guard never
+    // reaches a file that is gone or a later batch.
     std::shared_ptr<SqliteLogFilePrivate*> batchOwner;
     // SQLite abandoned the batch's transaction after a failure (it does so on
     // a full disk or an I/O error), losing the writes made before it.
@@ -60,6 +59,7 @@ public:
     // answers whether that worked (lastError says why not).
     std::shared_ptr<SqliteLogFilePrivate*> beginBatch();
     bool endBatch();
+    bool batchOpen() const { return batchOwner != nullptr; }
 
     bool isResourceCompressionSupported() const { return logVersion > 2; }
     bool isBookmarkPayloadsSupported() const { return logVersion > 3; }

@@ -196,7 +196,7 @@ TEST(WriteBatch, AFullDiskAbandonsTheBatchSoFarAndCommitSaysSo) {
         capAtCurrentPageCount(file);
         EXPECT_FALSE(insertPayload(file, Marivane::Testing::patternBytes(256 * 1024, 3)));
         EXPECT_EQ(file.lastError, "Filesystem full.");
-        EXPECT_TRUE(file.batchOpen);
+        EXPECT_TRUE(file.batchOpen());
         EXPECT_TRUE(file.database.isInTransaction());
         file.database.executeSimpleQuery("PRAGMA max_page_count = 1000000;");
         ASSERT_TRUE(insertPayload(file, small));
@@ -204,7 +204,7 @@ TEST(WriteBatch, AFullDiskAbandonsTheBatchSoFarAndCommitSaysSo) {
         EXPECT_FALSE(file.endBatch());
         EXPECT_EQ(file.lastError, "Filesystem full.");
         EXPECT_EQ(*batch, nullptr);
-        EXPECT_FALSE(file.batchOpen);
+        EXPECT_FALSE(file.batchOpen());
     }
     EXPECT_EQ(rowsSeenByAnotherConnection(path), 2);
 }

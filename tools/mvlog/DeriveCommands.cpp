@@ -5,8 +5,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <vector>
 
 namespace Mvlog {
 
@@ -22,8 +24,10 @@ void explainRangeRefusal(const LogFileInterface& file, int32_t from, int32_t to)
     }
     const int32_t first = file.getFirstEntryId();
     const int32_t last = file.getLastEntryId();
+    // One read of the index serves both bounds.
+    const std::vector<int32_t> ids = file.getEntryIndex(Marivane::Logging::EntryIndexFilter{});
     for (const int32_t bound : {from, to}) {
-        if (!hasEntry(file, bound)) {
+        if (!std::binary_search(ids.begin(), ids.end(), bound)) {
             throw ToolError(
                 first == -1 ? fmt::format("refused: entry {} does not exist (the file has no entries)", bound)
                             : fmt::format("refused: entry {} does not exist (the file holds ids {} to {})",
