@@ -11,6 +11,7 @@
 namespace Marivane::Logging {
 
 class SqliteLogFilePrivate;
+class StoreAccess;
 
 // A log file stored as one SQLite database (format version 4).
 //
@@ -123,6 +124,9 @@ public:
                                        const EntryIndexFilter& filter, int32_t limit) const override;
 
 private:
+    // The library's own components (readers, the recorder, the C layer) reach
+    // the private state through this internal class only.
+    friend class StoreAccess;
     std::unique_ptr<SqliteLogFilePrivate> d;
 };
 

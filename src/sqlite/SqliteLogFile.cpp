@@ -144,20 +144,11 @@ bool SqliteLogFile::addDataSourceProperty(const DataSourceProperty& property) {
 }
 
 bool SqliteLogFile::logData(const DataEntry& entry) {
-    SqliteQuery query(d->database,
-                      "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES (:timestamp, "
-                      ":type, :dataSourceId, :length, :payload);");
-    query.bindParameter(":timestamp", entry.timestamp);
-    query.bindParameter(":type", entry.type);
-    query.bindParameter(":dataSourceId", int32_t{entry.dataSourceId});
-    ByteBuffer compressed;
-    if (d->compressesPayloads()) {
-        compressed = Compression::compress(entry.data, d->compressionLevel);
+    if (!d->compressesPayloads()) {
+        return d->insertStoredEntry(entry.timestamp, entry.type, entry.dataSourceId, entry.data);
     }
-    const ByteBuffer& stored = d->compressesPayloads() ? compressed : entry.data;
-    query.bindParameter(":length", static_cast<int32_t>(stored.size()));
-    query.bindParameter(":payload", stored, BindMode::NoCopy);
-    return d->executeWrite(query, "Attempted to log data against a data source that did not exist in the file.");
+    const ByteBuffer compressed = Compression::compress(entry.data, d->compressionLevel);
+    return d->insertStoredEntry(entry.timestamp, entry.type, entry.dataSourceId, compressed);
 }
 
 std::vector<DataSource> SqliteLogFile::getDataSources() const {

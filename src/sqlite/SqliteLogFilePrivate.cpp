@@ -208,6 +208,19 @@ int32_t SqliteLogFilePrivate::readSingleInteger(const std::string& sql) const {
     return -1;
 }
 
+bool SqliteLogFilePrivate::insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId,
+                                             const ByteBuffer& stored) {
+    SqliteQuery query(database,
+                      "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES (:timestamp, "
+                      ":type, :dataSourceId, :length, :payload);");
+    query.bindParameter(":timestamp", timestamp);
+    query.bindParameter(":type", type);
+    query.bindParameter(":dataSourceId", int32_t{dataSourceId});
+    query.bindParameter(":length", static_cast<int32_t>(stored.size()));
+    query.bindParameter(":payload", stored, Database::BindMode::NoCopy);
+    return executeWrite(query, "Attempted to log data against a data source that did not exist in the file.");
+}
+
 ByteBuffer SqliteLogFilePrivate::expandPayload(ByteBuffer stored) const {
     if (!compressesPayloads()) {
         return stored;

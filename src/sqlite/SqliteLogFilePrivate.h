@@ -77,6 +77,11 @@ public:
     // recorded message when it yields nothing.
     int32_t readSingleInteger(const std::string& sql) const;
 
+    // Inserts an entry whose payload is already in its stored form (compressed
+    // at the file's level when the file compresses). logData and the recorder
+    // both end here, so the stored bytes are the same whichever wrote them.
+    bool insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId, const ByteBuffer& stored);
+
     // Payload bytes as read from the file, expanded when the file compresses.
     ByteBuffer expandPayload(ByteBuffer stored) const;
 };
