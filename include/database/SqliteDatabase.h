@@ -1,6 +1,7 @@
 #pragma once
 
 #include <database/DatabaseExport.h>
+#include <database/Status.h>
 
 #include <atomic>
 #include <cstdint>
@@ -13,7 +14,8 @@ struct sqlite3_stmt;
 
 namespace Marivane::Database {
 
-// SQLite's open flags; combine with |.
+// SQLite's open flags (their values are checked against SQLite's at compile
+// time); combine with |.
 using OpenMode = int;
 inline constexpr OpenMode OpenReadOnly = 0x1;
 inline constexpr OpenMode OpenReadWrite = 0x2;
@@ -36,9 +38,14 @@ inline constexpr OpenMode OpenCreate = 0x4;
 // getLastErrorCode answers for whichever thread stepped last.
 class MV_DATABASE_EXPORT SqliteDatabase {
 public:
+    // How long an operation waits for another connection's lock before it
+    // fails as busy, unless setBusyTimeout says otherwise.
+    static constexpr int32_t kDefaultBusyTimeoutMs = 5000;
+
     // Opens (and with OpenCreate, creates) the file. Throws FileIsNotDatabase
     // when SQLite says the file is not a database, DatabaseAccessError for any
-    // other failure, with SQLite's message.
+    // other failure, with SQLite's message. The connection waits up to
+    // kDefaultBusyTimeoutMs for locks held by other connections.
     SqliteDatabase(const std::string& path, OpenMode mode);
     ~SqliteDatabase();
 
@@ -52,6 +59,21 @@ public:
     // problem. Throws FileIsNotDatabase when the file is not a database; other
     // failures, including a failing prepare, are reported by the result.
     bool executeSimpleQuery(const std::string& sql);
+
+    // Runs a statement that takes no parameters to completion, stepping over
+    // any rows it yields; `yieldedRow` (when given) says whether there was
+    // one. Unlike executeSimpleQuery it tells a failure (with its kind and
+    // SQLite's message) from a statement that merely produced rows. Throws
+    // FileIsNotDatabase when the file is not a database.
+    Status execute(const std::string& sql, bool* yieldedRow = nullptr);
+
+    // Replaces the busy timeout of this connection (0: fail at once).
+    void setBusyTimeout(int32_t milliseconds);
+    int32_t busyTimeout() const { return busyTimeoutMs_; }
+
+    // True when the connection cannot write (opened read-only, or the file
+    // is write-protected).
+    bool isReadOnly() const;
 
     // The SQLite extended result code of the most recent step on this
     // connection: 0 when it succeeded, otherwise its failure code (13 disk
@@ -85,6 +107,7 @@ private:
 
     sqlite3* connection_ = nullptr;
     std::unique_ptr<StatementCache> statements_;
+    int32_t busyTimeoutMs_ = kDefaultBusyTimeoutMs;
     mutable std::atomic<int32_t> lastErrorCode_{0};
 };
 

@@ -15,7 +15,8 @@ struct sqlite3_stmt;
 
 namespace Marivane::Database {
 
-// Results of SqliteQuery::executeStep.
+// Results of SqliteQuery::executeStep (fixed numbers: the store's callers
+// compare against them).
 inline constexpr int32_t StepRow = 0;     // a result row is available
 inline constexpr int32_t StepDone = 1;    // ran to completion
 inline constexpr int32_t StepFailed = -1; // failed: see SqliteDatabase::getLastErrorCode
@@ -48,6 +49,10 @@ public:
     // succeeded. Unlike the connection's code, no other thread's work on the
     // same connection can change it.
     int32_t getLastResultCode() const { return lastResultCode_; }
+
+    // This statement's last step as a status: Ok after a row or completion,
+    // otherwise the failure's kind, code and SQLite's message for it.
+    Status status() const;
 
     // Rewinds the statement so that it can be bound and stepped again; the
     // bindings are kept.

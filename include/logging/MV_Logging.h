@@ -85,6 +85,13 @@ MV_LOGGING_EXPORT bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, i
 MV_LOGGING_EXPORT MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogError_p* error);
 /* Opens an existing log file. */
 MV_LOGGING_EXPORT MV_LogFile_p MV_LogFile_Open(const char* path, MV_LogError_p* error);
+/* Opens an existing log file for reading only: the file is never created,
+ * repaired or changed. Data sources, properties and entries are refused as
+ * on any opened file; bookmark and metadata edits fail with an error saying
+ * the file was opened read-only. A file that a writer keeps locked is waited
+ * for (a few seconds) and then reported as busy. Never lets an exception
+ * escape. */
+MV_LOGGING_EXPORT MV_LogFile_p MV_LogFile_OpenReadOnly(const char* path, MV_LogError_p* error);
 /* Closes the file and frees the handle. */
 MV_LOGGING_EXPORT void MV_LogFile_Destroy(MV_LogFile_p file);
 

@@ -38,6 +38,15 @@ public:
     SqliteLogFile(const std::string& path, const std::string& timeZone, const std::string& applicationName,
                   const std::string& applicationVersion, int8_t compressionLevel, int64_t createdDateTime);
 
+    // Opens an existing log file for reading only: nothing is created,
+    // repaired or written, so looking at a file never changes a byte of it.
+    // Every write on the object fails (false, with a last error saying the
+    // file was opened read-only); beginBatch throws DatabaseAccessError.
+    // Throws like the open constructor (a missing path is an error, and an
+    // empty database is not a log file), and Database::DatabaseBusy, naming
+    // the file, when a writer keeps the file locked past the busy timeout.
+    static SqliteLogFile openReadOnly(const std::filesystem::path& path);
+
     ~SqliteLogFile() override;
     SqliteLogFile(SqliteLogFile&& other) noexcept;
     SqliteLogFile& operator=(SqliteLogFile&& other) noexcept;
@@ -84,6 +93,20 @@ public:
     [[nodiscard]] WriteBatch beginBatch();
     bool isBatchOpen() const;
 
+    // True for files opened with openReadOnly.
+    bool isReadOnly() const;
+
+    // Failures inside the database, counted from opening: every failed read
+    // and write adds one, also where the operation's result cannot tell (a
+    // list read that stopped at a failure returns the rows read so far). A
+    // caller compares the count before and after a read to know that an empty
+    // or short answer is not the whole truth. Safe to call from any thread.
+    uint64_t getFailureCount() const;
+    // The message of the most recent counted failure, naming the file and the
+    // reason (for example a lock held by another connection); empty before
+    // the first.
+    std::string getLastFailure() const;
+
     // Resource payloads may be compressed (format version above 2).
     bool isResourceCompressionSupported() const;
     // Bookmarks carry payloads (format version above 3).
@@ -127,6 +150,7 @@ private:
     // The library's own components (readers, the recorder, the C layer) reach
     // the private state through this internal class only.
     friend class StoreAccess;
+    MV_LOGGING_HIDDEN explicit SqliteLogFile(std::unique_ptr<SqliteLogFilePrivate> state);
     std::unique_ptr<SqliteLogFilePrivate> d;
 };
 

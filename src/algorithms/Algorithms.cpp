@@ -39,8 +39,7 @@ bool isFixedMetadataKey(const std::string& key) {
 // cannot be read) keeps us from writing there: an existing file is never
 // overwritten.
 bool somethingExistsAt(const std::string& path) {
-    std::error_code error;
-    return std::filesystem::status(path, error).type() != std::filesystem::file_type::not_found;
+    return Filesystem::somethingExistsAt(path, Filesystem::PathLookup::FollowLinks);
 }
 
 bool isEntryOf(const LogFileInterface& logFile, int entryId) {

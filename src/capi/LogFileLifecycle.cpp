@@ -4,6 +4,7 @@
 #include <logging/SqliteLogFile.h>
 
 #include <core/Chrono.h>
+#include <core/Filesystem.h>
 
 #include <filesystem>
 #include <system_error>
@@ -13,24 +14,18 @@ using Marivane::Logging::CApi::storeError;
 
 namespace {
 
-// A status that cannot be read (type none, e.g. no permission) is neither
-// taken nor missing: the database layer then reports what is wrong.
-//
+using Marivane::Filesystem::PathLookup;
+using Marivane::Filesystem::somethingExistsAt;
+
 // Creating looks at the path itself, so that even a dangling link counts as
 // taken; otherwise the database would create its target behind the caller's
-// back.
-bool somethingExistsAt(const char* path) {
-    std::error_code error;
-    const auto type = std::filesystem::symlink_status(path, error).type();
-    return type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::none;
-}
+// back. A status that cannot be read lets the database layer say what is
+// wrong.
+bool pathIsTaken(const char* path) { return somethingExistsAt(path, PathLookup::PathItselfIfReadable); }
 
 // Opening follows links: a link whose target is missing names no log file,
 // and opening it must not create the target as a new, empty one.
-bool nothingExistsAt(const char* path) {
-    std::error_code error;
-    return std::filesystem::status(path, error).type() == std::filesystem::file_type::not_found;
-}
+bool nothingExistsAt(const char* path) { return !somethingExistsAt(path, PathLookup::FollowLinks); }
 
 }  // namespace
 
@@ -66,7 +61,7 @@ bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level, MV_Lo
 }
 
 MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogError_p* error) {
-    if (somethingExistsAt(path)) {
+    if (pathIsTaken(path)) {
         // Stored without a null test: callers of this function always pass an
         // error argument.
         *error = new MV_LogError{"Cannot create file as file already exists."};
@@ -90,6 +85,19 @@ MV_LogFile_p MV_LogFile_Open(const char* path, MV_LogError_p* error) {
     return CApi::returnFileOrError(
         [&] {
             auto file = std::make_unique<SqliteLogFile>(std::filesystem::path(path));
+            return new MV_LogFile{std::move(file), false};
+        },
+        error);
+}
+
+MV_LogFile_p MV_LogFile_OpenReadOnly(const char* path, MV_LogError_p* error) {
+    if (nothingExistsAt(path)) {
+        storeError(error, "Log file does not exist.");
+        return nullptr;
+    }
+    return CApi::returnFileOrError(
+        [&] {
+            auto file = std::make_unique<SqliteLogFile>(SqliteLogFile::openReadOnly(std::filesystem::path(path)));
             return new MV_LogFile{std::move(file), false};
         },
         error);

@@ -39,11 +39,13 @@ std::optional<PropertyValue> readPropertyValue(const SqliteQuery& query, int col
 
 // ---- life ---------------------------------------------------------------
 
-SqliteLogFile::SqliteLogFile(const std::filesystem::path& path) : d(std::make_unique<SqliteLogFilePrivate>(path)) {
-    if (!d->createdTables) {
-        d->compressionLevel = static_cast<int8_t>(Logging::getMetadataValue<int>(*this, "compressionLevel", 0));
-        d->logVersion = Logging::getMetadataValue<int>(*this, "logVersion", 0);
-    }
+SqliteLogFile::SqliteLogFile(const std::filesystem::path& path)
+    : d(std::make_unique<SqliteLogFilePrivate>(path, OpenPolicy::OpenOrCreate)) {}
+
+SqliteLogFile::SqliteLogFile(std::unique_ptr<SqliteLogFilePrivate> state) : d(std::move(state)) {}
+
+SqliteLogFile SqliteLogFile::openReadOnly(const std::filesystem::path& path) {
+    return SqliteLogFile(std::make_unique<SqliteLogFilePrivate>(path, OpenPolicy::ReadOnly));
 }
 
 SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZone,
@@ -98,6 +100,12 @@ void SqliteLogFile::WriteBatch::commitIgnoringErrors() noexcept {
         // A failed commit is recorded as the file's last error.
     }
 }
+
+bool SqliteLogFile::isReadOnly() const { return d->isReadOnly(); }
+
+uint64_t SqliteLogFile::getFailureCount() const { return d->failureCount(); }
+
+std::string SqliteLogFile::getLastFailure() const { return d->lastFailure(); }
 
 bool SqliteLogFile::isResourceCompressionSupported() const { return d->isResourceCompressionSupported(); }
 
@@ -161,6 +169,7 @@ std::vector<DataSource> SqliteLogFile::getDataSources() const {
         source.id = lowEightBits(getValueFromColumn<int>(query, 0).value_or(-1));
         sources.push_back(std::move(source));
     }
+    d->checkFinished(query, "Reading the data sources of");
     return sources;
 }
 
@@ -169,6 +178,7 @@ std::optional<PropertyValue> SqliteLogFile::getDataSourceProperty(int32_t dataSo
     query.bindParameter(":id", dataSourceId);
     query.bindParameter(":key", key, BindMode::NoCopy);
     query.executeStep();
+    d->checkFinished(query, "Reading a data-source property of");
     return readPropertyValue(query, 0);
 }
 
@@ -177,6 +187,7 @@ std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() cons
     {
         SqliteQuery count(d->database, "SELECT COUNT(*) FROM dataSourceProperties;");
         count.executeStep();
+        d->checkFinished(count, "Counting the data-source properties of");
         properties.reserve(static_cast<std::size_t>(getValueFromColumn<int>(count, 0).value_or(0)));
     }
     if (properties.capacity() == 0) {
@@ -192,6 +203,7 @@ std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() cons
         property.propertyName = getValueFromColumn<std::string>(query, 1).value_or(std::string());
         properties.push_back(std::move(property));
     }
+    d->checkFinished(query, "Reading the data-source properties of");
     return properties;
 }
 
@@ -205,6 +217,7 @@ std::optional<DataEntry> SqliteLogFile::readEntry(int32_t entryId) const {
     SqliteQuery query(d->database, "SELECT timestamp, type, dataSourceId, payload FROM data WHERE entryId = :entryId;");
     query.bindParameter(":entryId", entryId);
     if (query.executeStep() != StepRow) {
+        d->checkFinished(query, "Reading an entry of");
         return std::nullopt;
     }
     DataEntry entry;
@@ -225,6 +238,10 @@ bool SqliteLogFile::addMetadata(std::string key, PropertyValue value) {
         if (existing.executeStep() == StepRow) {
             return false;
         }
+        if (!d->checkFinished(existing, "Looking up a metadata key of")) {
+            d->processErrorCode(existing.getLastResultCode());
+            return false;
+        }
     }
     SqliteQuery insert(d->database, "INSERT INTO metadata (key, value) VALUES (:key, :value);");
     insert.bindParameter(":key", key, BindMode::NoCopy);
@@ -236,6 +253,7 @@ std::optional<PropertyValue> SqliteLogFile::getMetadataValue(std::string key) co
     SqliteQuery query(d->database, "SELECT value FROM metadata WHERE key = :key;");
     query.bindParameter(":key", key, BindMode::NoCopy);
     query.executeStep();
+    d->checkFinished(query, "Reading metadata of");
     return readPropertyValue(query, 0);
 }
 
@@ -247,6 +265,7 @@ std::vector<LogMetadataEntry> SqliteLogFile::getAllMetadata() const {
             entries.push_back({getValueFromColumn<std::string>(query, 0).value_or(std::string()), std::move(*value)});
         }
     }
+    d->checkFinished(query, "Reading the metadata of");
     return entries;
 }
 
@@ -255,6 +274,10 @@ bool SqliteLogFile::addResource(const std::string& name, const ByteBuffer& data)
         SqliteQuery existing(d->database, "SELECT * FROM resources WHERE name = :name;");
         existing.bindParameter(":name", name, BindMode::NoCopy);
         if (existing.executeStep() == StepRow) {
+            return false;
+        }
+        if (!d->checkFinished(existing, "Looking up a resource name of")) {
+            d->processErrorCode(existing.getLastResultCode());
             return false;
         }
     }
@@ -286,6 +309,7 @@ std::optional<ByteBuffer> SqliteLogFile::getResource(std::string name) const {
     SqliteQuery query(d->database, "SELECT payload FROM resources WHERE name = :name;");
     query.bindParameter(":name", name, BindMode::NoCopy);
     if (query.executeStep() != StepRow) {
+        d->checkFinished(query, "Reading a resource of");
         return std::nullopt;
     }
     return expandResource(*d, getValueFromColumn<ByteBuffer>(query, 0).value_or(ByteBuffer()));
@@ -298,6 +322,7 @@ std::vector<LogResourceEntry> SqliteLogFile::getAllResources() const {
         ByteBuffer data = expandResource(*d, getValueFromColumn<ByteBuffer>(query, 1).value_or(ByteBuffer()));
         resources.push_back({getValueFromColumn<std::string>(query, 0).value_or(std::string()), std::move(data)});
     }
+    d->checkFinished(query, "Reading the resources of");
     return resources;
 }
 
@@ -310,6 +335,7 @@ bool SqliteLogFile::setThumbnail(const ByteBuffer& data) {
         query.executeStep();
         count = getValueFromColumn<int>(query, 0);
         if (!count) {
+            d->checkFinished(query, "Counting the thumbnails of");
             d->processErrorCode(query.getLastResultCode());
             return false;
         }
@@ -400,6 +426,7 @@ std::vector<Bookmark> SqliteLogFile::getBookmarks() const {
         bookmark.entryId = getValueFromColumn<int>(query, 0).value_or(0);
         bookmarks.push_back(std::move(bookmark));
     }
+    d->checkFinished(query, "Reading the bookmarks of");
     return bookmarks;
 }
 
@@ -412,8 +439,9 @@ constexpr const char* kJoinedData =
 
 // The count statement only sizes the result; a read that yields no row (a
 // LIMIT 0 clause) counts as 0.
-int readCount(SqliteQuery& query) {
+int readCount(const SqliteLogFilePrivate& file, SqliteQuery& query) {
     query.executeStep();
+    file.checkFinished(query, "Counting entries of");
     return getValueFromColumn<int>(query, 0).value_or(0);
 }
 
@@ -426,7 +454,7 @@ std::vector<int32_t> SqliteLogFile::getEntryIndex(const EntryIndexFilter& filter
     {
         SqliteQuery query(d->database, std::string("SELECT COUNT(*) ") + kJoinedData + clause + ";");
         filter.bindParameters(query);
-        count = readCount(query);
+        count = readCount(*d, query);
     }
     ids.reserve(static_cast<std::size_t>(count));
     if (count == 0) {
@@ -437,6 +465,7 @@ std::vector<int32_t> SqliteLogFile::getEntryIndex(const EntryIndexFilter& filter
     while (query.executeStep() == StepRow) {
         ids.push_back(getValueFromColumn<int>(query, 0).value_or(0));
     }
+    d->checkFinished(query, "Reading the entry index of");
     return ids;
 }
 
@@ -471,7 +500,7 @@ std::vector<DataEntry> SqliteLogFile::readEntries(int32_t minimumEntryId, int32_
         SqliteQuery query(d->database, std::string("SELECT COUNT(*) ") + kJoinedData + rangeClause + " " +
                                            limitText + ";");
         bindAll(query);
-        count = readCount(query);
+        count = readCount(*d, query);
     }
     entries.reserve(static_cast<std::size_t>(count));
     if (count == 0) {
@@ -490,6 +519,7 @@ std::vector<DataEntry> SqliteLogFile::readEntries(int32_t minimumEntryId, int32_
         entry.data = d->expandPayload(getValueFromColumn<ByteBuffer>(query, 4).value_or(ByteBuffer()));
         entries.push_back(std::move(entry));
     }
+    d->checkFinished(query, "Reading entries of");
     return entries;
 }
 

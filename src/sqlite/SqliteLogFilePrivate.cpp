@@ -6,6 +6,7 @@
 #include <core/Compression.h>
 #include <database/ColumnAccess.h>
 #include <database/DatabaseAccessError.h>
+#include <database/DatabaseBusy.h>
 #include <database/FileIsNotDatabase.h>
 
 #include <array>
@@ -46,17 +47,22 @@ bool hasLegacyMagic(const std::filesystem::path& path) {
 
 }  // namespace
 
-SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path) try
-    : database(path.string(), kOpenMode), filePath(path) {
-    database.executeSimpleQuery("PRAGMA foreign_keys = on;");
-    createdTables = !checkForTables();
-    if (createdTables) {
-        createTables();
-    } else {
-        fixBookmarksTable();
+namespace {
+
+Database::OpenMode openModeFor(OpenPolicy policy) {
+    return policy == OpenPolicy::ReadOnly ? Database::OpenReadOnly : kOpenMode;
+}
+
+}  // namespace
+
+SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path, OpenPolicy openPolicy) try
+    : database(path.string(), openModeFor(openPolicy)), filePath(path), policy(openPolicy) {
+    try {
+        openAsLogFile();
+    } catch (const Database::DatabaseBusy&) {
+        // Preparing a statement can meet the lock too; name the file either way.
+        throw Database::DatabaseBusy(busyMessage());
     }
-    database.executeSimpleQuery("PRAGMA synchronous = OFF;");
-    database.executeSimpleQuery("PRAGMA journal_mode = MEMORY;");
 } catch (const Database::FileIsNotDatabase&) {
     if (hasLegacyMagic(path)) {
         throw LegacyLogFileError();
@@ -64,9 +70,76 @@ SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path) tr
     throw NotALogFileError();
 }
 
+void SqliteLogFilePrivate::openAsLogFile() {
+    if (isReadOnly()) {
+        // A second line of defence: SQLite refuses every write on this
+        // connection even if one slipped through.
+        if (const Database::Status status = database.execute("PRAGMA query_only = 1;"); !status.ok()) {
+            throwOpeningFailure(status);
+        }
+        // An empty database becomes a log file only when it may be written.
+        if (!checkForTables()) {
+            throw NotALogFileError();
+        }
+    } else {
+        // Connection settings only: they neither wait for locks nor fail on a
+        // healthy connection, and a failure would leave SQLite's defaults.
+        (void)database.execute("PRAGMA foreign_keys = on;");
+        createdTables = !checkForTables();
+        if (createdTables) {
+            createTables();
+        } else {
+            fixBookmarksTable();
+        }
+        applyConnectionSettings();
+    }
+    if (!createdTables) {
+        compressionLevel = static_cast<int8_t>(readOpeningMetadataInteger("compressionLevel").value_or(0));
+        logVersion = readOpeningMetadataInteger("logVersion").value_or(0);
+    }
+}
+
+void SqliteLogFilePrivate::applyConnectionSettings() {
+    // These trade durability for speed. A failure leaves SQLite's defaults,
+    // which are the safer side of that trade, so the open goes on.
+    (void)database.execute("PRAGMA synchronous = OFF;");
+    (void)database.execute("PRAGMA journal_mode = MEMORY;");
+}
+
+std::optional<int32_t> SqliteLogFilePrivate::readOpeningMetadataInteger(const std::string& key) {
+    SqliteQuery query(database, "SELECT value FROM metadata WHERE key = :key;");
+    query.bindParameter(":key", key, Database::BindMode::NoCopy);
+    const int32_t step = query.executeStep();
+    if (step == Database::StepFailed) {
+        // Taking a busy file for one without the key would read compressed
+        // payloads as they are stored.
+        throwOpeningFailure(query.status());
+    }
+    if (const std::optional<int64_t> value = Database::getValueFromColumn<int64_t>(query, 0)) {
+        return static_cast<int32_t>(*value);
+    }
+    return std::nullopt;
+}
+
+void SqliteLogFilePrivate::throwOpeningFailure(const Database::Status& status) const {
+    if (status.isBusy()) {
+        throw Database::DatabaseBusy(busyMessage());
+    }
+    throw Database::DatabaseAccessError("Cannot open '" + filePath.string() + "' as a log file: " + status.message());
+}
+
+std::string SqliteLogFilePrivate::busyMessage() const {
+    return "The file '" + filePath.string() + "' is busy: another connection kept it locked for more than " +
+           std::to_string(database.busyTimeout()) + " ms.";
+}
+
 SqliteLogFilePrivate::~SqliteLogFilePrivate() {
     try {
         endBatch();
+        if (transaction) {
+            // A batch whose commit met readers earlier: one more full wait.
+            (void)commitTransaction();
+        }
     } catch (...) {
         // Closing must not throw; the connection's close rolls back what the
         // commit could not keep.
@@ -77,8 +150,20 @@ std::shared_ptr<SqliteLogFilePrivate*> SqliteLogFilePrivate::beginBatch() {
     if (batchOpen()) {
         throw std::logic_error("A write batch is already open on this log file.");
     }
-    if (!database.executeSimpleQuery("BEGIN;")) {
-        throw Database::DatabaseAccessError("Cannot begin a write batch: a transaction is already open");
+    // A transaction whose commit was busy is still open: the new batch goes
+    // on in it and commits everything together.
+    if (!transaction || !transaction->isOpen()) {
+        transaction.reset();
+        try {
+            transaction.emplace(database);
+        } catch (const Database::DatabaseBusy&) {
+            throw Database::DatabaseBusy(busyMessage());
+        } catch (const Database::DatabaseAccessError& error) {
+            if (isReadOnly()) {
+                throw Database::DatabaseAccessError(readOnlyMessage());
+            }
+            throw Database::DatabaseAccessError(std::string("Cannot begin a write batch: ") + error.what());
+        }
     }
     batchLostWrites = false;
     batchOwner = std::make_shared<SqliteLogFilePrivate*>(this);
@@ -91,23 +176,37 @@ bool SqliteLogFilePrivate::endBatch() {
     }
     *batchOwner = nullptr;
     batchOwner.reset();
-    if (!database.isInTransaction()) {
+    return commitTransaction();
+}
+
+bool SqliteLogFilePrivate::commitTransaction() {
+    if (!transaction || !transaction->isOpen()) {
         // SQLite ended the transaction itself after a failure; nothing is left
         // to commit.
+        transaction.reset();
         return !batchLostWrites;
     }
-    if (database.executeSimpleQuery("COMMIT;")) {
+    const Database::Status committed = transaction->commit();
+    if (committed.ok()) {
+        transaction.reset();
         return !batchLostWrites;
     }
-    processErrorCode(database.getLastErrorCode());
-    // Never leave the connection inside a transaction that cannot commit.
-    database.executeSimpleQuery("ROLLBACK;");
+    recordFailure("Committing a write batch", committed);
+    processErrorCode(committed.resultCode());
+    if (!committed.isBusy()) {
+        // The commit rolled back; never leave a transaction that cannot commit.
+        transaction.reset();
+    }
     return false;
 }
 
 bool SqliteLogFilePrivate::checkForTables() {
     SqliteQuery count(database, "SELECT COUNT(*) FROM sqlite_master WHERE type='table';");
-    count.executeStep();
+    if (count.executeStep() != Database::StepRow) {
+        // A count always yields a row; without one the read failed, and a
+        // failed read must not pass for an empty database.
+        throwOpeningFailure(count.status());
+    }
     if (Database::getValueFromColumn<int>(count, 0).value_or(0) == 0) {
         return false;
     }
@@ -116,8 +215,11 @@ bool SqliteLogFilePrivate::checkForTables() {
     for (const char* table : kLogTables) {
         probe.resetQuery();
         probe.bindParameter(":tableName", std::string(table), Database::BindMode::Copy);
-        if (probe.executeStep() == Database::StepRow) {
+        const int32_t step = probe.executeStep();
+        if (step == Database::StepRow) {
             ++hits;
+        } else if (step == Database::StepFailed) {
+            throwOpeningFailure(probe.status());
         }
     }
     if (hits < kLogTables.size()) {
@@ -128,41 +230,87 @@ bool SqliteLogFilePrivate::checkForTables() {
 
 void SqliteLogFilePrivate::createTables() {
     // 8 KiB pages measured best over small and large payloads, batched and not
-    // (bench/README.md); the size must be set before the first table exists. One transaction makes creation atomic
-    // and saves a synchronous commit per statement.
-    database.executeSimpleQuery(kPageSizePragma);
-    database.executeSimpleQuery("BEGIN;");
-    database.executeSimpleQuery(
+    // (bench/README.md); the size must be set before the first table exists.
+    // One transaction makes creation atomic and saves a synchronous commit per
+    // statement.
+    static constexpr std::array<const char*, 8> kSchemaBeforeBookmarks = {
         "CREATE TABLE dataSources(dataSourceId INTEGER PRIMARY KEY,dataSourceType INT NOT NULL,"
-        "dataSourceName TEXT NOT NULL);");
-    database.executeSimpleQuery(
+        "dataSourceName TEXT NOT NULL);",
         "CREATE TABLE dataSourceProperties(dataSourceId INT NOT NULL REFERENCES dataSources(dataSourceId),"
-        "key TEXT NOT NULL,value NOT NULL);");
-    database.executeSimpleQuery("CREATE INDEX dataSourcePropertiesIndex ON dataSourceProperties(dataSourceId);");
-    database.executeSimpleQuery(
+        "key TEXT NOT NULL,value NOT NULL);",
+        "CREATE INDEX dataSourcePropertiesIndex ON dataSourceProperties(dataSourceId);",
         "CREATE TABLE data(entryId INTEGER PRIMARY KEY,timestamp INT NOT NULL,type INT NOT NULL,"
         "dataSourceId INT NOT NULL REFERENCES dataSources(dataSourceId),length INT NOT NULL,"
-        "payload BLOB NOT NULL);");
-    database.executeSimpleQuery("CREATE INDEX dataDataSourceIndex ON data(dataSourceId);");
-    database.executeSimpleQuery("CREATE TABLE metadata(key TEXT NOT NULL, value NOT NULL);");
-    database.executeSimpleQuery("CREATE TABLE resources(name TEXT NOT NULL, payload NOT NULL);");
-    createBookmarksTable();
-    database.executeSimpleQuery("CREATE INDEX bookmarkIndex ON bookmarks(entryId);");
-    database.executeSimpleQuery("COMMIT;");
+        "payload BLOB NOT NULL);",
+        "CREATE INDEX dataDataSourceIndex ON data(dataSourceId);",
+        "CREATE TABLE metadata(key TEXT NOT NULL, value NOT NULL);",
+        "CREATE TABLE resources(name TEXT NOT NULL, payload NOT NULL);",
+        nullptr};
+    // A statement that fails for any reason but a lock leaves the file as far
+    // as it got, and opening goes on; a lock means another connection is at
+    // work on the file, and nothing here may be taken as done.
+    auto run = [this](const std::string& sql) {
+        if (const Database::Status status = database.execute(sql); status.isBusy()) {
+            (void)database.execute("ROLLBACK;");
+            throwOpeningFailure(status);
+        }
+    };
+    run(kPageSizePragma);
+    run("BEGIN;");
+    for (const char* statement : kSchemaBeforeBookmarks) {
+        if (statement != nullptr) {
+            run(statement);
+        }
+    }
+    if (const Database::Status status = createBookmarksTable(); status.isBusy()) {
+        (void)database.execute("ROLLBACK;");
+        throwOpeningFailure(status);
+    }
+    run("CREATE INDEX bookmarkIndex ON bookmarks(entryId);");
+    run("COMMIT;");
 }
 
-void SqliteLogFilePrivate::createBookmarksTable() {
-    database.executeSimpleQuery(
+Database::Status SqliteLogFilePrivate::createBookmarksTable() {
+    return database.execute(
         "CREATE TABLE bookmarks(entryId INT NOT NULL REFERENCES data(entryId), title TEXT NOT NULL, "
         "comments TEXT, payload BLOB);");
 }
 
 void SqliteLogFilePrivate::fixBookmarksTable() {
-    if (database.executeSimpleQuery("PRAGMA foreign_key_check(bookmarks);")) {
+    bool problems = false;
+    const Database::Status check = database.execute("PRAGMA foreign_key_check(bookmarks);", &problems);
+    if (check.isBusy()) {
+        // A lock is not damage: never repair what could not be looked at.
+        throwOpeningFailure(check);
+    }
+    if (check.ok() && !problems) {
         return;
     }
-    database.executeSimpleQuery("DROP TABLE bookmarks;");
-    createBookmarksTable();
+    std::optional<Database::Transaction> repair;
+    try {
+        repair.emplace(database);
+    } catch (const Database::DatabaseBusy&) {
+        throw;
+    } catch (const Database::DatabaseAccessError&) {
+        // A file that cannot be written keeps its table as it is.
+        return;
+    }
+    const Database::Status dropped = database.execute("DROP TABLE bookmarks;");
+    const Database::Status created = dropped.ok() ? createBookmarksTable() : dropped;
+    if (dropped.isBusy() || created.isBusy()) {
+        throwOpeningFailure(dropped.isBusy() ? dropped : created);
+    }
+    if (!created.ok()) {
+        // Rolling back keeps the old table: a file without one no longer opens.
+        return;
+    }
+    if (const Database::Status committed = repair->commit(); committed.isBusy()) {
+        throwOpeningFailure(committed);
+    }
+}
+
+std::string SqliteLogFilePrivate::readOnlyMessage() const {
+    return "The log file '" + filePath.string() + "' was opened read-only: it cannot be changed.";
 }
 
 void SqliteLogFilePrivate::processErrorCode(int code) const {
@@ -170,6 +318,10 @@ void SqliteLogFilePrivate::processErrorCode(int code) const {
         lastError = "IO error while reading or writing to the file.";
     } else if (code == kDiskFull) {
         lastError = "Filesystem full.";
+    } else if (Database::classifyResultCode(code) == Database::StatusCode::Busy) {
+        lastError = busyMessage();
+    } else if (isReadOnly() && Database::classifyResultCode(code) == Database::StatusCode::ReadOnly) {
+        lastError = readOnlyMessage();
     } else {
         lastError = "Unknown internal error";
     }
@@ -177,16 +329,21 @@ void SqliteLogFilePrivate::processErrorCode(int code) const {
 
 bool SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* foreignKeyMessage) {
     if (query.executeStep() == Database::StepDone) {
+        if (!batchOpen() && transaction) {
+            // An earlier batch could not commit for readers; try again now.
+            (void)commitTransaction();
+        }
         return true;
     }
     // The statement's own code: the player's worker may step another statement
     // on this connection meanwhile.
-    const int code = query.getLastResultCode();
+    const Database::Status status = query.status();
+    recordFailure("Writing", status);
     resumeBatchAfterRollback();
-    if (code == kForeignKeyViolation && foreignKeyMessage) {
+    if (status.code() == Database::StatusCode::ForeignKey && foreignKeyMessage) {
         lastError = foreignKeyMessage;
     } else {
-        processErrorCode(code);
+        processErrorCode(status.resultCode());
     }
     return false;
 }
@@ -194,7 +351,13 @@ bool SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* foreignK
 void SqliteLogFilePrivate::resumeBatchAfterRollback() {
     if (batchOpen() && !database.isInTransaction()) {
         batchLostWrites = true;
-        database.executeSimpleQuery("BEGIN;");
+        try {
+            transaction.reset();
+            transaction.emplace(database);
+        } catch (const Database::DatabaseAccessError&) {
+            // The writes that follow run on their own; the batch still
+            // reports the loss when it ends.
+        }
     }
 }
 
@@ -204,8 +367,38 @@ int32_t SqliteLogFilePrivate::readSingleInteger(const std::string& sql) const {
     if (const std::optional<int> value = Database::getValueFromColumn<int>(query, 0)) {
         return *value;
     }
+    (void)checkFinished(query, "Reading");
     processErrorCode(query.getLastResultCode());
     return -1;
+}
+
+void SqliteLogFilePrivate::recordFailure(const char* operation, const Database::Status& status) const {
+    std::lock_guard lock(failureMutex_);
+    ++failureCount_;
+    lastFailure_ = std::string(operation) + " '" + filePath.string() + "' failed: " +
+                   (status.isBusy() ? busyMessage() : status.message());
+    if (status.isBusy()) {
+        lastError = busyMessage();
+    }
+}
+
+bool SqliteLogFilePrivate::checkFinished(const SqliteQuery& query, const char* operation) const {
+    const Database::Status status = query.status();
+    if (status.ok()) {
+        return true;
+    }
+    recordFailure(operation, status);
+    return false;
+}
+
+uint64_t SqliteLogFilePrivate::failureCount() const {
+    std::lock_guard lock(failureMutex_);
+    return failureCount_;
+}
+
+std::string SqliteLogFilePrivate::lastFailure() const {
+    std::lock_guard lock(failureMutex_);
+    return lastFailure_;
 }
 
 bool SqliteLogFilePrivate::insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId,

@@ -4,25 +4,41 @@
 
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
+#include <database/Status.h>
+#include <database/Transaction.h>
 
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 namespace Marivane::Logging {
+
+// How a file is opened.
+enum class OpenPolicy {
+    // Read and write; a missing file or an empty database becomes an empty
+    // log file, and a damaged bookmarks table is rebuilt.
+    OpenOrCreate,
+    // Read only: never creates, repairs or changes the file, and sets no
+    // setting that writes.
+    ReadOnly,
+};
 
 // The state of an open SqliteLogFile and the routines that validate and
 // initialise the file. Only the compression level and the format version are
 // cached; everything else is read from the file on each call.
 class SqliteLogFilePrivate {
 public:
-    // Opens `path` (creating it if missing), checks the tables, creates them in
-    // an empty database or repairs the bookmarks table of an existing log
-    // file, and applies the connection settings. Throws LegacyLogFileError or
-    // NotALogFileError for files that are not log files, and lets every other
-    // database error through.
-    explicit SqliteLogFilePrivate(const std::filesystem::path& path);
+    // Opens `path` under `policy`: checks the tables; with OpenOrCreate also
+    // creates them in an empty database or repairs the bookmarks table of an
+    // existing log file, and applies the connection settings. Throws
+    // LegacyLogFileError or NotALogFileError for files that are not log files,
+    // Database::DatabaseBusy (naming the file) when another connection keeps
+    // the file locked past the busy timeout, and lets every other database
+    // error through. A busy file is never taken for a damaged one.
+    SqliteLogFilePrivate(const std::filesystem::path& path, OpenPolicy policy = OpenPolicy::OpenOrCreate);
     // Commits an open write batch.
     ~SqliteLogFilePrivate();
     SqliteLogFilePrivate(const SqliteLogFilePrivate&) = delete;
@@ -30,6 +46,7 @@ public:
 
     Database::SqliteDatabase database;
     std::filesystem::path filePath;
+    OpenPolicy policy;
     bool createdTables = false;
     // 0: store uncompressed; -1 or 1 to 9: compress at that level.
     int8_t compressionLevel = 0;
@@ -40,6 +57,9 @@ public:
     // with the batch's guard and cleared when the batch ends, so a guard never
     // reaches a file that is gone or a later batch.
     std::shared_ptr<SqliteLogFilePrivate*> batchOwner;
+    // The batch's transaction; it outlives the batch when its commit met
+    // readers for longer than the commit wait, and is committed later.
+    std::optional<Database::Transaction> transaction;
     // SQLite abandoned the batch's transaction after a failure (it does so on
     // a full disk or an I/O error), losing the writes made before it.
     bool batchLostWrites = false;
@@ -48,7 +68,7 @@ public:
     // table at all; throws NotALogFileError for anything in between.
     bool checkForTables();
     void createTables();
-    void createBookmarksTable();
+    Database::Status createBookmarksTable();
     // Rebuilds the bookmarks table (its rows are lost) when its foreign-key
     // check reports a problem.
     void fixBookmarksTable();
@@ -64,6 +84,7 @@ public:
     bool isResourceCompressionSupported() const { return logVersion > 2; }
     bool isBookmarkPayloadsSupported() const { return logVersion > 3; }
     bool compressesPayloads() const { return compressionLevel != 0; }
+    bool isReadOnly() const { return policy == OpenPolicy::ReadOnly; }
 
     // Steps a write statement once; on failure records the message for the
     // database's error code, or `foreignKeyMessage` (when given) for a
@@ -84,6 +105,42 @@ public:
 
     // Payload bytes as read from the file, expanded when the file compresses.
     ByteBuffer expandPayload(ByteBuffer stored) const;
+
+    // ---- failures ---------------------------------------------------------
+    // Every failure inside the database, of reads and writes alike, is
+    // counted here with its message, also where the operation's result cannot
+    // say so (a list read that stopped early looks like a short list). Safe
+    // to use from the player's worker beside the controlling thread.
+
+    // Records a failed operation. A busy database also replaces lastError,
+    // so that a read that could not wait long enough never passes for one
+    // that found nothing.
+    void recordFailure(const char* operation, const Database::Status& status) const;
+    // Records the failure of `query`'s last step, if it failed; true when it
+    // did not.
+    bool checkFinished(const Database::SqliteQuery& query, const char* operation) const;
+    uint64_t failureCount() const;
+    std::string lastFailure() const;
+
+    // Reads an integer metadata value while opening: absent when the key is
+    // missing or not an integer; throws when the read fails.
+    std::optional<int32_t> readOpeningMetadataInteger(const std::string& key);
+
+private:
+    void openAsLogFile();
+    void applyConnectionSettings();
+    // Throws the exception for a failure met while opening: DatabaseBusy
+    // (naming the file) for a busy database, DatabaseAccessError otherwise.
+    [[noreturn]] void throwOpeningFailure(const Database::Status& status) const;
+    // A failed commit that was only busy keeps its transaction for later;
+    // anything else ends it. Answers whether the writes are kept.
+    bool commitTransaction();
+    std::string busyMessage() const;
+    std::string readOnlyMessage() const;
+
+    mutable std::mutex failureMutex_;
+    mutable uint64_t failureCount_ = 0;
+    mutable std::string lastFailure_;
 };
 
 }  // namespace Marivane::Logging

@@ -1,4 +1,5 @@
 #include <database/DatabaseAccessError.h>
+#include <database/DatabaseBusy.h>
 #include <database/FileIsNotDatabase.h>
 
 namespace Marivane::Database {
@@ -6,5 +7,7 @@ namespace Marivane::Database {
 DatabaseAccessError::DatabaseAccessError(const std::string& message) : std::runtime_error(message) {}
 
 FileIsNotDatabase::FileIsNotDatabase(const std::string& message) : DatabaseAccessError(message) {}
+
+DatabaseBusy::DatabaseBusy(const std::string& message) : DatabaseAccessError(message) {}
 
 }  // namespace Marivane::Database

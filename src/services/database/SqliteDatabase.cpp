@@ -18,6 +18,9 @@ namespace {
 // controlling thread (editing bookmarks), so SQLite must serialize it.
 constexpr int kThreadingFlags = SQLITE_OPEN_FULLMUTEX;
 
+static_assert(OpenReadOnly == SQLITE_OPEN_READONLY && OpenReadWrite == SQLITE_OPEN_READWRITE &&
+              OpenCreate == SQLITE_OPEN_CREATE);
+
 // Distinct statement texts kept per connection. The store uses about forty;
 // filtered reads add one text per shape of filter, which is not bounded.
 constexpr std::size_t kMaxCachedTexts = 128;
@@ -110,6 +113,7 @@ SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode)
         throwDatabaseError(code, "Cannot open database '" + path + "'", sqliteMessage);
     }
     sqlite3_extended_result_codes(connection_, 1);
+    sqlite3_busy_timeout(connection_, busyTimeoutMs_);
 }
 
 SqliteDatabase::~SqliteDatabase() {
@@ -186,6 +190,46 @@ bool SqliteDatabase::executeSimpleQuery(const std::string& sql) {
     }
     return false;
 }
+
+Status SqliteDatabase::execute(const std::string& sql, bool* yieldedRow) {
+    if (yieldedRow != nullptr) {
+        *yieldedRow = false;
+    }
+    sqlite3_stmt* statement = nullptr;
+    const int prepared = sqlite3_prepare_v2(connection_, sql.c_str(), static_cast<int>(sql.size() + 1),
+                                            &statement, nullptr);
+    if (prepared != SQLITE_OK) {
+        recordStepResult(prepared);
+        const std::string sqliteMessage = sqlite3_errmsg(connection_);
+        sqlite3_finalize(statement);
+        if (isNotADatabase(prepared)) {
+            throwDatabaseError(prepared, "Cannot run '" + sql + "'", sqliteMessage);
+        }
+        return Status(prepared, sqliteMessage);
+    }
+    int stepped = sqlite3_step(statement);
+    while (stepped == SQLITE_ROW) {
+        if (yieldedRow != nullptr) {
+            *yieldedRow = true;
+        }
+        stepped = sqlite3_step(statement);
+    }
+    const int code = stepped == SQLITE_DONE ? SQLITE_OK : sqlite3_extended_errcode(connection_);
+    const std::string sqliteMessage = code == SQLITE_OK ? std::string() : sqlite3_errmsg(connection_);
+    sqlite3_finalize(statement);
+    recordStepResult(code);
+    if (isNotADatabase(code)) {
+        throwDatabaseError(code, "Cannot run '" + sql + "'", sqliteMessage);
+    }
+    return Status(code, sqliteMessage);
+}
+
+void SqliteDatabase::setBusyTimeout(int32_t milliseconds) {
+    busyTimeoutMs_ = milliseconds;
+    sqlite3_busy_timeout(connection_, milliseconds);
+}
+
+bool SqliteDatabase::isReadOnly() const { return sqlite3_db_readonly(connection_, "main") == 1; }
 
 int32_t SqliteDatabase::getLastErrorCode() const { return lastErrorCode_.load(std::memory_order_relaxed); }
 

@@ -32,6 +32,13 @@ int32_t SqliteQuery::executeStep() {
     return code == SQLITE_DONE ? StepDone : StepFailed;
 }
 
+Status SqliteQuery::status() const {
+    if (lastResultCode_ == SQLITE_OK) {
+        return Status::success();
+    }
+    return Status(lastResultCode_, sqlite3_errstr(lastResultCode_));
+}
+
 void SqliteQuery::resetQuery() {
     sqlite3_reset(statement_);
     hasRow_ = false;
