@@ -74,6 +74,13 @@ public:
     // Entries the filter admits with ids in [minimumEntryId, maximumEntryId],
     // ascending; -1 as a bound stands for the file's first or last entry; at
     // most `limit` entries unless `limit` is -1.
+    //
+    // Not a paging interface: SqliteLogFile counts the whole range before it
+    // reads (so the list is allocated once) and holds every payload of the
+    // answer in memory, so reading a large file as readEntries(next, -1, filter,
+    // 1000) over and over costs time quadratic in the file's size (seconds at
+    // 250k entries, minutes at 2M). To walk a file, use
+    // SqliteLogFile::visitEntries, which streams in constant memory.
     virtual std::vector<DataEntry> readEntries(int32_t minimumEntryId, int32_t maximumEntryId,
                                                const EntryIndexFilter& filter, int32_t limit) const = 0;
 };

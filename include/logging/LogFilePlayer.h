@@ -20,6 +20,11 @@ namespace Marivane::Logging::Playback {
 // entry, whose data bytes are moved in.
 using FrameCallback = std::function<void(int32_t frame, Marivane::Logging::DataEntry entry)>;
 
+// Receives a frame that the player could not read (see
+// LogFilePlayer::setUnreadableFrameHandler): its number, its entry id and
+// the reason (the text of what the file threw).
+using UnreadableFrameCallback = std::function<void(int32_t frame, int32_t entryId, const std::string& reason)>;
+
 class LogFilePlayerPrivate;
 
 // Replays a log file's entries at their recorded pace on a worker thread.
@@ -101,6 +106,15 @@ public:
     // should be positive (0 holds the next frame with a positive gap until
     // stop()).
     void setPlaybackSpeedMultiplier(float multiplier);
+
+    // Opt-in tolerance of damaged files. Without a handler (the default), an
+    // exception from the file while reading a frame (a damaged payload, for
+    // example) leaves the worker thread and ends the process. With one, such
+    // a frame becomes the placeholder described above, playback goes on, and
+    // `handler` is told about it on the thread that read the frame (the
+    // worker, or seek's caller) before the placeholder is delivered. An empty
+    // handler restores the default. Call it while the player is stopped.
+    void setUnreadableFrameHandler(UnreadableFrameCallback handler);
 
     // Bookmark edits forward to the file (addressing entry ids, not frames,
     // with an empty payload) and then rebuild the bookmark list, whatever the

@@ -56,6 +56,10 @@ LogFileInterface* LogFilePlayer::getUnderlyingLogFile() const {
     return d->logFile.get();
 }
 
+void LogFilePlayer::setUnreadableFrameHandler(UnreadableFrameCallback handler) {
+    d->unreadableFrameHandler = std::move(handler);
+}
+
 void LogFilePlayer::setLoopPlayback(bool loop) {
     d->loopPlayback.store(loop);
 }

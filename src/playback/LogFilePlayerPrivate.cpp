@@ -219,7 +219,17 @@ bool LogFilePlayerPrivate::readNextFrame() {
 }
 
 void LogFilePlayerPrivate::readCurrentFrame() {
-    std::optional<DataEntry> entry = logFile->readEntry(frames[static_cast<std::size_t>(currentFrame)]);
+    const int32_t entryId = frames[static_cast<std::size_t>(currentFrame)];
+    std::optional<DataEntry> entry;
+    if (!unreadableFrameHandler) {
+        entry = logFile->readEntry(entryId);
+    } else {
+        try {
+            entry = logFile->readEntry(entryId);
+        } catch (const std::exception& error) {
+            unreadableFrameHandler(currentFrame, entryId, error.what());
+        }
+    }
     currentEntry = std::make_unique<DataEntry>(entry ? std::move(*entry) : placeholderForCurrentFrame());
 }
 

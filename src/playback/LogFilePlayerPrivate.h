@@ -74,6 +74,8 @@ public:
     std::vector<PlayerBookmark> bookmarks;
     std::vector<int32_t> frames;
     FrameCallback frameCallback;
+    // Empty: an unreadable frame's exception ends the worker (and the process).
+    UnreadableFrameCallback unreadableFrameHandler;
     std::atomic<bool> loopPlayback;
     int32_t maxFrameDelay;
     std::atomic<float> playbackSpeedMultiplier{1.0F};
