@@ -71,6 +71,10 @@ public:
     void setBusyTimeout(int32_t milliseconds);
     int32_t busyTimeout() const { return busyTimeoutMs_; }
 
+    // Closes the connection before destruction (its statements must be gone);
+    // nothing but destruction may follow. Never throws.
+    void close() noexcept;
+
     // True when the connection cannot write (opened read-only, or the file
     // is write-protected).
     bool isReadOnly() const;

@@ -10,6 +10,7 @@
 #include <logging/DataEntry.h>
 #include <logging/DataSource.h>
 #include <logging/DataSourceProperty.h>
+#include <logging/Durability.h>
 #include <logging/EntryIndexFilter.h>
 #include <logging/LegacyLogFileError.h>
 #include <logging/LogFileInterface.h>
@@ -22,4 +23,5 @@
 #include <logging/SqliteLogFile.h>
 
 #include <database/DatabaseAccessError.h>
+#include <database/DatabaseBusy.h>
 #include <database/FileIsNotDatabase.h>

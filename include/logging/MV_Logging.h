@@ -77,6 +77,19 @@ MV_LOGGING_EXPORT void MV_LogConfig_GetCompressionLevel(MV_LogConfig_p config, i
 /* Accepts -1 (the codec's default) to 9; 0 stores payloads uncompressed. */
 MV_LOGGING_EXPORT bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level, MV_LogError_p* error);
 
+/* How a new file trades speed for safety; the file keeps its mode when it is
+ * opened again.
+ * FAST (the default): no flushes, journal in memory; a crash during a commit
+ * or a power cut can lose recent writes or damage the file.
+ * SAFE: write-ahead log; a commit survives a crash of the process, after a
+ * power cut the file is consistent and loses at most the last commits, and
+ * other processes can read the file while it is written. */
+typedef enum MV_LogDurability { MV_LOG_DURABILITY_FAST = 0, MV_LOG_DURABILITY_SAFE = 1 } MV_LogDurability;
+/* False, with an error, for a value that is not one of the two modes. */
+MV_LOGGING_EXPORT bool MV_LogConfig_SetDurability(MV_LogConfig_p config, MV_LogDurability durability,
+                                                  MV_LogError_p* error);
+MV_LOGGING_EXPORT void MV_LogConfig_GetDurability(MV_LogConfig_p config, MV_LogDurability* durability);
+
 /* ---- File lifecycle ---------------------------------------------------- */
 
 /* Creates a new log file; refuses any path where something already exists. Data

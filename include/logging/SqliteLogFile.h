@@ -1,5 +1,6 @@
 #pragma once
 
+#include <logging/Durability.h>
 #include <logging/LogFileInterface.h>
 #include <logging/LoggingExport.h>
 
@@ -37,6 +38,13 @@ public:
     // then kept); callers check for existence first.
     SqliteLogFile(const std::string& path, const std::string& timeZone, const std::string& applicationName,
                   const std::string& applicationVersion, int8_t compressionLevel, int64_t createdDateTime);
+
+    // Creates a log file like the constructor above, in the given durability
+    // mode (the constructor above creates Fast files, byte for byte as it
+    // always has).
+    SqliteLogFile(const std::string& path, const std::string& timeZone, const std::string& applicationName,
+                  const std::string& applicationVersion, int8_t compressionLevel, int64_t createdDateTime,
+                  Durability durability);
 
     // Opens an existing log file for reading only: nothing is created,
     // repaired or written, so looking at a file never changes a byte of it.
@@ -95,6 +103,8 @@ public:
 
     // True for files opened with openReadOnly.
     bool isReadOnly() const;
+    // The file's durability mode (kept by the file since its creation).
+    Durability getDurability() const;
 
     // Failures inside the database, counted from opening: every failed read
     // and write adds one, also where the operation's result cannot tell (a

@@ -1,5 +1,7 @@
 #include <logging/Algorithms.h>
 
+#include "model/FixedMetadataKeys.h"
+
 #include <logging/SqliteLogFile.h>
 
 #include <core/Chrono.h>
@@ -19,18 +21,14 @@ namespace Marivane::Logging::Algorithms {
 
 namespace {
 
-// Keys the new file writes itself when it is created; copying the source's
-// values would be refused anyway and would misdescribe the new file.
-constexpr std::array<std::string_view, 6> kFixedMetadataKeys = {"createdDateTime",    "applicationName",
-                                                                "applicationVersion", "currentTimeZone",
-                                                                "logVersion",         "compressionLevel"};
-
 constexpr const char* kExportedSuffix = "_exported";
 
 // Ids of the source entries that the new file receives, ascending. A view into
 // the source's full id list.
 using EntryRange = std::span<const int32_t>;
 
+// The new file writes the fixed keys itself when it is created; copying the
+// source's values would be refused anyway and would misdescribe the new file.
 bool isFixedMetadataKey(const std::string& key) {
     return std::find(kFixedMetadataKeys.begin(), kFixedMetadataKeys.end(), key) != kFixedMetadataKeys.end();
 }

@@ -3,6 +3,7 @@
 #include "CHandles.h"
 
 #include <logging/ByteBuffer.h>
+#include <logging/Durability.h>
 
 #include <cstdint>
 #include <exception>
@@ -23,6 +24,11 @@ void exposeBytes(const ByteBuffer& bytes, int64_t* length, const uint8_t** data)
 
 // Stores a new error object holding `message` when `error` is not null.
 void storeError(MV_LogError_p* error, std::string message);
+
+// The class interface's durability mode for a validated C value.
+inline Durability durabilityFrom(MV_LogDurability durability) {
+    return durability == MV_LOG_DURABILITY_SAFE ? Durability::Safe : Durability::Fast;
+}
 
 // True when `result` is; otherwise stores the file's last-error text (when
 // asked for) and returns false.

@@ -30,6 +30,7 @@ struct MV_LogConfig {
     std::string applicationVersion;
     std::string timeZone;
     int8_t compressionLevel = -1;
+    MV_LogDurability durability = MV_LOG_DURABILITY_FAST;
 };
 
 struct MV_LogFile {

@@ -36,7 +36,7 @@ void MV_LogError_GetErrorMessage(MV_LogError_p error, const char** message) { *m
 MV_LogConfig_p MV_LogConfig_Create(const char* applicationName, const char* applicationVersion,
                                    const char* timeZone) {
     return new MV_LogConfig{CApi::textFrom(applicationName), CApi::textFrom(applicationVersion),
-                            CApi::textFrom(timeZone), -1};
+                            CApi::textFrom(timeZone), -1, MV_LOG_DURABILITY_FAST};
 }
 
 void MV_LogConfig_Destroy(MV_LogConfig_p config) { delete config; }
@@ -60,6 +60,19 @@ bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level, MV_Lo
     return true;
 }
 
+bool MV_LogConfig_SetDurability(MV_LogConfig_p config, MV_LogDurability durability, MV_LogError_p* error) {
+    if (durability != MV_LOG_DURABILITY_FAST && durability != MV_LOG_DURABILITY_SAFE) {
+        storeError(error, "Invalid durability, value must be MV_LOG_DURABILITY_FAST or MV_LOG_DURABILITY_SAFE.");
+        return false;
+    }
+    config->durability = durability;
+    return true;
+}
+
+void MV_LogConfig_GetDurability(MV_LogConfig_p config, MV_LogDurability* durability) {
+    *durability = config->durability;
+}
+
 MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogError_p* error) {
     if (pathIsTaken(path)) {
         // Stored without a null test: callers of this function always pass an
@@ -71,7 +84,8 @@ MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogEr
         [&] {
             const int64_t now = Marivane::Chrono::msSinceUnixEpoch();
             auto file = std::make_unique<SqliteLogFile>(std::string(path), config->timeZone, config->applicationName,
-                                                        config->applicationVersion, config->compressionLevel, now);
+                                                        config->applicationVersion, config->compressionLevel, now,
+                                                        CApi::durabilityFrom(config->durability));
             return new MV_LogFile{std::move(file), true};
         },
         error);

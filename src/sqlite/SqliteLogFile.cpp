@@ -1,6 +1,7 @@
 #include <logging/SqliteLogFile.h>
 
 #include "SqliteLogFilePrivate.h"
+#include "model/FixedMetadataKeys.h"
 
 #include <logging/Algorithms.h>
 
@@ -9,6 +10,7 @@
 #include <database/ColumnAccess.h>
 #include <database/ReturnPropertyValueVisitor.h>
 
+#include <array>
 #include <utility>
 #include <variant>
 
@@ -51,15 +53,23 @@ SqliteLogFile SqliteLogFile::openReadOnly(const std::filesystem::path& path) {
 SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZone,
                              const std::string& applicationName, const std::string& applicationVersion,
                              int8_t compressionLevel, int64_t createdDateTime)
-    : SqliteLogFile(std::filesystem::path(path)) {
+    : SqliteLogFile(path, timeZone, applicationName, applicationVersion, compressionLevel, createdDateTime,
+                    Durability::Fast) {}
+
+SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZone,
+                             const std::string& applicationName, const std::string& applicationVersion,
+                             int8_t compressionLevel, int64_t createdDateTime, Durability durability)
+    : d(std::make_unique<SqliteLogFilePrivate>(std::filesystem::path(path), OpenPolicy::OpenOrCreate, durability)) {
+    // In the order of kFixedMetadataKeys.
+    const std::array<PropertyValue, kFixedMetadataKeys.size()> values = {
+        createdDateTime, applicationName, applicationVersion, timeZone, int32_t{kCurrentLogVersion},
+        int32_t{compressionLevel}};
     WriteBatch batch = beginBatch();
-    addMetadata("createdDateTime", createdDateTime);
-    addMetadata("applicationName", applicationName);
-    addMetadata("applicationVersion", applicationVersion);
-    addMetadata("currentTimeZone", timeZone);
-    addMetadata("logVersion", int32_t{kCurrentLogVersion});
-    addMetadata("compressionLevel", int32_t{compressionLevel});
-    batch.commit();
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        // A key that cannot be written is the file's last error; creation goes on.
+        (void)addMetadata(std::string(kFixedMetadataKeys[i]), values[i]);
+    }
+    (void)batch.commit();
     d->compressionLevel = compressionLevel;
     d->logVersion = kCurrentLogVersion;
 }
@@ -102,6 +112,8 @@ void SqliteLogFile::WriteBatch::commitIgnoringErrors() noexcept {
 }
 
 bool SqliteLogFile::isReadOnly() const { return d->isReadOnly(); }
+
+Durability SqliteLogFile::getDurability() const { return d->durability; }
 
 uint64_t SqliteLogFile::getFailureCount() const { return d->failureCount(); }
 

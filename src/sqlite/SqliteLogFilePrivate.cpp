@@ -4,6 +4,7 @@
 #include <logging/NotALogFileError.h>
 
 #include <core/Compression.h>
+#include <core/Filesystem.h>
 #include <database/ColumnAccess.h>
 #include <database/DatabaseAccessError.h>
 #include <database/DatabaseBusy.h>
@@ -55,10 +56,14 @@ Database::OpenMode openModeFor(OpenPolicy policy) {
 
 }  // namespace
 
-SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path, OpenPolicy openPolicy) try
-    : database(path.string(), openModeFor(openPolicy)), filePath(path), policy(openPolicy) {
+SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path, OpenPolicy openPolicy,
+                                           Durability newFileDurability) try
+    : database(path.string(), openModeFor(openPolicy)),
+      filePath(path),
+      policy(openPolicy),
+      sideFilesExistedAtOpen_(Filesystem::somethingExistsAt(path.string() + "-shm", Filesystem::PathLookup::PathItself)) {
     try {
-        openAsLogFile();
+        openAsLogFile(newFileDurability);
     } catch (const Database::DatabaseBusy&) {
         // Preparing a statement can meet the lock too; name the file either way.
         throw Database::DatabaseBusy(busyMessage());
@@ -70,7 +75,7 @@ SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path, Op
     throw NotALogFileError();
 }
 
-void SqliteLogFilePrivate::openAsLogFile() {
+void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability) {
     if (isReadOnly()) {
         // A second line of defence: SQLite refuses every write on this
         // connection even if one slipped through.
@@ -81,6 +86,7 @@ void SqliteLogFilePrivate::openAsLogFile() {
         if (!checkForTables()) {
             throw NotALogFileError();
         }
+        durability = journalIsWriteAheadLog() ? Durability::Safe : Durability::Fast;
     } else {
         // Connection settings only: they neither wait for locks nor fail on a
         // healthy connection, and a failure would leave SQLite's defaults.
@@ -88,8 +94,10 @@ void SqliteLogFilePrivate::openAsLogFile() {
         createdTables = !checkForTables();
         if (createdTables) {
             createTables();
+            durability = newFileDurability;
         } else {
             fixBookmarksTable();
+            durability = journalIsWriteAheadLog() ? Durability::Safe : Durability::Fast;
         }
         applyConnectionSettings();
     }
@@ -100,10 +108,29 @@ void SqliteLogFilePrivate::openAsLogFile() {
 }
 
 void SqliteLogFilePrivate::applyConnectionSettings() {
+    if (durability == Durability::Safe) {
+        // The journal mode is stored in the file, so a safe file stays safe
+        // for every later connection; a commit is flushed at checkpoints.
+        if (const Database::Status status = database.execute("PRAGMA journal_mode = WAL;"); !status.ok()) {
+            throwOpeningFailure(status);
+        }
+        if (const Database::Status status = database.execute("PRAGMA synchronous = NORMAL;"); !status.ok()) {
+            throwOpeningFailure(status);
+        }
+        return;
+    }
     // These trade durability for speed. A failure leaves SQLite's defaults,
     // which are the safer side of that trade, so the open goes on.
     (void)database.execute("PRAGMA synchronous = OFF;");
     (void)database.execute("PRAGMA journal_mode = MEMORY;");
+}
+
+bool SqliteLogFilePrivate::journalIsWriteAheadLog() {
+    SqliteQuery query(database, "PRAGMA journal_mode;");
+    if (query.executeStep() != Database::StepRow) {
+        throwOpeningFailure(query.status());
+    }
+    return Database::getValueFromColumn<std::string>(query, 0).value_or(std::string()) == "wal";
 }
 
 std::optional<int32_t> SqliteLogFilePrivate::readOpeningMetadataInteger(const std::string& key) {
@@ -134,6 +161,7 @@ std::string SqliteLogFilePrivate::busyMessage() const {
 }
 
 SqliteLogFilePrivate::~SqliteLogFilePrivate() {
+    removeSideFilesCreatedByThisOpen();
     try {
         endBatch();
         if (transaction) {
@@ -143,6 +171,23 @@ SqliteLogFilePrivate::~SqliteLogFilePrivate() {
     } catch (...) {
         // Closing must not throw; the connection's close rolls back what the
         // commit could not keep.
+    }
+}
+
+void SqliteLogFilePrivate::removeSideFilesCreatedByThisOpen() noexcept {
+    if (!isReadOnly() || durability != Durability::Safe || sideFilesExistedAtOpen_) {
+        return;
+    }
+    try {
+        database.close();
+        // The last read-write connection to close removes the side files; if
+        // a writer still has the file open, closing this one changes nothing.
+        // The log is empty (nobody wrote while only readers had it), so the
+        // file's own bytes stay as they are.
+        Database::SqliteDatabase tidy(filePath.string(), Database::OpenReadWrite);
+        (void)tidy.execute("PRAGMA journal_mode;");
+    } catch (...) {
+        // A write-protected directory or file keeps its side files.
     }
 }
 

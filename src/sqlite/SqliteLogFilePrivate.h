@@ -1,6 +1,7 @@
 #pragma once
 
 #include <logging/ByteBuffer.h>
+#include <logging/Durability.h>
 
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
@@ -38,7 +39,10 @@ public:
     // Database::DatabaseBusy (naming the file) when another connection keeps
     // the file locked past the busy timeout, and lets every other database
     // error through. A busy file is never taken for a damaged one.
-    SqliteLogFilePrivate(const std::filesystem::path& path, OpenPolicy policy = OpenPolicy::OpenOrCreate);
+    // A database without tables becomes a log file of `newFileDurability`;
+    // an existing log file keeps the mode it has.
+    SqliteLogFilePrivate(const std::filesystem::path& path, OpenPolicy policy = OpenPolicy::OpenOrCreate,
+                         Durability newFileDurability = Durability::Fast);
     // Commits an open write batch.
     ~SqliteLogFilePrivate();
     SqliteLogFilePrivate(const SqliteLogFilePrivate&) = delete;
@@ -48,6 +52,8 @@ public:
     std::filesystem::path filePath;
     OpenPolicy policy;
     bool createdTables = false;
+    // Safe files are in write-ahead-log mode, which the file itself records.
+    Durability durability = Durability::Fast;
     // 0: store uncompressed; -1 or 1 to 9: compress at that level.
     int8_t compressionLevel = 0;
     int32_t logVersion = 0;
@@ -127,7 +133,8 @@ public:
     std::optional<int32_t> readOpeningMetadataInteger(const std::string& key);
 
 private:
-    void openAsLogFile();
+    void openAsLogFile(Durability newFileDurability);
+    bool journalIsWriteAheadLog();
     void applyConnectionSettings();
     // Throws the exception for a failure met while opening: DatabaseBusy
     // (naming the file) for a busy database, DatabaseAccessError otherwise.
@@ -137,6 +144,12 @@ private:
     bool commitTransaction();
     std::string busyMessage() const;
     std::string readOnlyMessage() const;
+
+    // A read-only connection to a write-ahead-log file creates the log's side
+    // files when nobody else has the file open, and SQLite leaves them behind
+    // after such a connection; the destructor removes what this open created.
+    bool sideFilesExistedAtOpen_ = false;
+    void removeSideFilesCreatedByThisOpen() noexcept;
 
     mutable std::mutex failureMutex_;
     mutable uint64_t failureCount_ = 0;

@@ -88,3 +88,59 @@ TEST(readonly_open_refuses_a_file_that_is_not_a_log) {
     CHECK(MV_LogFile_OpenReadOnly(path, &error) == NULL);
     CHECK_ERROR(error, "This file is not in a supported log file format.");
 }
+
+TEST(durability_defaults_to_fast_and_refuses_unknown_modes) {
+    MV_LogConfig_p config = MV_LogConfig_Create("app", "1.0", "Etc/UTC");
+    MV_LogDurability durability = MV_LOG_DURABILITY_SAFE;
+    MV_LogError_p error = NULL;
+    MV_LogConfig_GetDurability(config, &durability);
+    CHECK_INT_EQ((int)durability, (int)MV_LOG_DURABILITY_FAST);
+    CHECK(MV_LogConfig_SetDurability(config, MV_LOG_DURABILITY_SAFE, &error));
+    MV_LogConfig_GetDurability(config, &durability);
+    CHECK_INT_EQ((int)durability, (int)MV_LOG_DURABILITY_SAFE);
+    CHECK(!MV_LogConfig_SetDurability(config, (MV_LogDurability)7, &error));
+    CHECK_ERROR(error, "Invalid durability, value must be MV_LOG_DURABILITY_FAST or MV_LOG_DURABILITY_SAFE.");
+    MV_LogConfig_GetDurability(config, &durability);
+    CHECK_INT_EQ((int)durability, (int)MV_LOG_DURABILITY_SAFE);
+    MV_LogConfig_Destroy(config);
+}
+
+/* Bytes 18 and 19 of the database header: 2 for a write-ahead log, 1 for a
+ * rollback journal. */
+static int header_format(const char* path) {
+    size_t length = 0;
+    unsigned char* bytes = read_file(path, &length);
+    int format = bytes != NULL && length > 19 ? bytes[18] : -1;
+    free(bytes);
+    return format;
+}
+
+TEST(durability_safe_creates_a_write_ahead_log_file_that_reads_back) {
+    const char* safe_path = test_path("safe.mvlog");
+    const char* fast_path = test_path("fast.mvlog");
+    MV_LogConfig_p config = MV_LogConfig_Create("app", "1.0", "Etc/UTC");
+    MV_LogError_p error = NULL;
+    MV_LogFile_p file = NULL;
+    int32_t count = 0;
+    int8_t source = 0;
+    char side_file[4096];
+    CHECK(MV_LogConfig_SetDurability(config, MV_LOG_DURABILITY_SAFE, &error));
+    file = MV_LogFile_Create(safe_path, config, &error);
+    CHECK(file != NULL);
+    source = add_source(file, MV_LogDataSourceType_Navigation, "gnss");
+    log_entry(file, source, 1, "fix", 3, 10);
+    MV_LogFile_Destroy(file);
+    MV_LogConfig_Destroy(config);
+    CHECK_INT_EQ(header_format(safe_path), 2);
+    snprintf(side_file, sizeof side_file, "%s-wal", safe_path);
+    CHECK(!path_exists(side_file));
+
+    file = MV_LogFile_OpenReadOnly(safe_path, &error);
+    CHECK(file != NULL);
+    CHECK(MV_LogFile_GetEntryCount(file, &count, &error));
+    CHECK_INT_EQ(count, 1);
+    MV_LogFile_Destroy(file);
+
+    MV_LogFile_Destroy(create_log(fast_path, 0));
+    CHECK_INT_EQ(header_format(fast_path), 1);
+}

@@ -116,9 +116,12 @@ SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode)
     sqlite3_busy_timeout(connection_, busyTimeoutMs_);
 }
 
-SqliteDatabase::~SqliteDatabase() {
+SqliteDatabase::~SqliteDatabase() { close(); }
+
+void SqliteDatabase::close() noexcept {
     statements_->finalizeAll();
     sqlite3_close_v2(connection_);
+    connection_ = nullptr;
 }
 
 sqlite3_stmt* SqliteDatabase::acquireStatement(std::string_view sql, StatementSlot*& slot) const {
