@@ -100,8 +100,15 @@ private:
     // The free statements of one SQL text.
     struct StatementSlot;
 
-    MV_DATABASE_HIDDEN sqlite3* connection() const { return connection_; }
+    // Closes the connection it owns; statements are finalized before.
+    struct ConnectionCloser {
+        MV_DATABASE_HIDDEN void operator()(sqlite3* connection) const noexcept;
+    };
+
+    MV_DATABASE_HIDDEN sqlite3* connection() const { return connection_.get(); }
     MV_DATABASE_HIDDEN void recordStepResult(int extendedCode) const;
+    enum class StopAt { FirstRow, Completion };
+    MV_DATABASE_HIDDEN Status execute(const std::string& sql, bool* yieldedRow, StopAt stopAt);
     // A statement for `sql` that no one else uses, cached or newly prepared,
     // and the slot to give it back to (null when the cache is full). Throws
     // like SqliteQuery's constructor.
@@ -109,7 +116,9 @@ private:
     // Takes back a statement from acquireStatement; never throws.
     MV_DATABASE_HIDDEN void releaseStatement(sqlite3_stmt* statement, StatementSlot* slot) const noexcept;
 
-    sqlite3* connection_ = nullptr;
+    // Declared before the cache so that the cache, whose statements belong to
+    // the connection, is destroyed first.
+    std::unique_ptr<sqlite3, ConnectionCloser> connection_;
     std::unique_ptr<StatementCache> statements_;
     int32_t busyTimeoutMs_ = kDefaultBusyTimeoutMs;
     mutable std::atomic<int32_t> lastErrorCode_{0};

@@ -26,7 +26,8 @@ inline constexpr int32_t StepFailed = -1; // failed: see SqliteDatabase::getLast
 // Ownership: the statement belongs to the query for the query's lifetime; the
 // destructor gives it back to the connection's cache (reset, bindings
 // cleared), so preparing the same text again is cheap. The connection must
-// outlive the query. Not copyable or movable.
+// outlive the query. Movable (the statement goes with the move; a moved-from
+// query may only be destroyed), not copyable.
 //
 // Threads: one thread at a time per statement. Different statements on the
 // same connection may be used from different threads at once.
@@ -38,6 +39,8 @@ public:
     SqliteQuery(const SqliteDatabase& database, std::string_view sql);
     ~SqliteQuery();
 
+    SqliteQuery(SqliteQuery&& other) noexcept;
+    SqliteQuery& operator=(SqliteQuery&& other) = delete;
     SqliteQuery(const SqliteQuery&) = delete;
     SqliteQuery& operator=(const SqliteQuery&) = delete;
 
@@ -76,7 +79,7 @@ public:
 private:
     MV_DATABASE_HIDDEN int parameterIndex(const std::string& name) const;
 
-    const SqliteDatabase& database_;
+    const SqliteDatabase* database_;
     SqliteDatabase::StatementSlot* slot_ = nullptr;
     sqlite3_stmt* statement_ = nullptr;
     bool hasRow_ = false;

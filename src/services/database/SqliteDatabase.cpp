@@ -1,6 +1,7 @@
 #include <database/SqliteDatabase.h>
 
 #include "SqliteErrors.h"
+#include "SqliteHandles.h"
 #include "StatementSlot.h"
 
 #include <sqlite3.h>
@@ -41,7 +42,7 @@ public:
 
     // A free statement of `sql` (null when there is none) and its slot (null
     // when the cache is full and the text is not in it).
-    sqlite3_stmt* take(std::string_view sql, StatementSlot*& slot) {
+    StatementHandle take(std::string_view sql, StatementSlot*& slot) {
         std::lock_guard lock(mutex_);
         auto found = slots_.find(sql);
         if (found == slots_.end()) {
@@ -55,7 +56,7 @@ public:
         if (slot->free.empty()) {
             return nullptr;
         }
-        sqlite3_stmt* statement = slot->free.back();
+        StatementHandle statement = std::move(slot->free.back());
         slot->free.pop_back();
         return statement;
     }
@@ -73,9 +74,9 @@ public:
         slot.parameterNamesKnown = true;
     }
 
-    void giveBack(sqlite3_stmt* statement, StatementSlot& slot) {
+    void giveBack(StatementHandle statement, StatementSlot& slot) {
         std::lock_guard lock(mutex_);
-        slot.free.push_back(statement);
+        slot.free.push_back(std::move(statement));
     }
 
     std::size_t freeCount() {
@@ -90,9 +91,6 @@ public:
     void finalizeAll() noexcept {
         std::lock_guard lock(mutex_);
         for (auto& [sql, slot] : slots_) {
-            for (sqlite3_stmt* statement : slot.free) {
-                sqlite3_finalize(statement);
-            }
             slot.free.clear();
         }
     }
@@ -103,123 +101,105 @@ private:
     std::unordered_map<std::string, StatementSlot, TransparentHash, std::equal_to<>> slots_;
 };
 
+void SqliteDatabase::ConnectionCloser::operator()(sqlite3* connection) const noexcept { sqlite3_close_v2(connection); }
+
 SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode)
     : statements_(std::make_unique<StatementCache>()) {
-    const int code = sqlite3_open_v2(path.c_str(), &connection_, mode | kThreadingFlags, nullptr);
+    sqlite3* opened = nullptr;
+    const int code = sqlite3_open_v2(path.c_str(), &opened, mode | kThreadingFlags, nullptr);
+    // SQLite hands out a connection even when opening fails; it must be closed.
+    connection_.reset(opened);
     if (code != SQLITE_OK) {
-        const std::string sqliteMessage = connection_ ? sqlite3_errmsg(connection_) : sqlite3_errstr(code);
-        sqlite3_close_v2(connection_);
-        connection_ = nullptr;
+        const std::string sqliteMessage = connection_ ? sqlite3_errmsg(connection_.get()) : sqlite3_errstr(code);
+        connection_.reset();
         throwDatabaseError(code, "Cannot open database '" + path + "'", sqliteMessage);
     }
-    sqlite3_extended_result_codes(connection_, 1);
-    sqlite3_busy_timeout(connection_, busyTimeoutMs_);
+    sqlite3_extended_result_codes(connection(), 1);
+    sqlite3_busy_timeout(connection(), busyTimeoutMs_);
 }
 
 SqliteDatabase::~SqliteDatabase() { close(); }
 
 void SqliteDatabase::close() noexcept {
     statements_->finalizeAll();
-    sqlite3_close_v2(connection_);
-    connection_ = nullptr;
+    connection_.reset();
 }
 
 sqlite3_stmt* SqliteDatabase::acquireStatement(std::string_view sql, StatementSlot*& slot) const {
-    if (sqlite3_stmt* cached = statements_->take(sql, slot)) {
-        return cached;
+    if (StatementHandle cached = statements_->take(sql, slot)) {
+        return cached.release();
     }
-    sqlite3_stmt* statement = nullptr;
-    const int code = sqlite3_prepare_v3(connection_, sql.data(), static_cast<int>(sql.size()),
-                                        slot ? SQLITE_PREPARE_PERSISTENT : 0, &statement, nullptr);
-    if (code != SQLITE_OK) {
+    int code = SQLITE_OK;
+    StatementHandle statement = prepareStatement(connection(), sql.data(), static_cast<int>(sql.size()),
+                                                 slot ? SQLITE_PREPARE_PERSISTENT : 0, code);
+    if (!statement) {
         recordStepResult(code);
-        const std::string sqliteMessage = sqlite3_errmsg(connection_);
-        sqlite3_finalize(statement);
-        throwDatabaseError(code, "Cannot prepare '" + std::string(sql) + "'", sqliteMessage);
+        throwDatabaseError(code, "Cannot prepare '" + std::string(sql) + "'", sqlite3_errmsg(connection()));
     }
     if (slot != nullptr) {
-        try {
-            statements_->learnParameterNames(statement, *slot);
-        } catch (...) {
-            sqlite3_finalize(statement);
-            throw;
-        }
+        statements_->learnParameterNames(statement.get(), *slot);
     }
-    return statement;
+    return statement.release();
 }
 
-void SqliteDatabase::releaseStatement(sqlite3_stmt* statement, StatementSlot* slot) const noexcept {
+void SqliteDatabase::releaseStatement(sqlite3_stmt* raw, StatementSlot* slot) const noexcept {
+    StatementHandle statement(raw);
     if (slot == nullptr) {
-        sqlite3_finalize(statement);
         return;
     }
     // Reset and unbind at once: bindings made without a copy must not outlive
     // the caller's buffers.
-    sqlite3_reset(statement);
-    sqlite3_clear_bindings(statement);
+    sqlite3_reset(statement.get());
+    sqlite3_clear_bindings(statement.get());
     try {
-        statements_->giveBack(statement, *slot);
+        statements_->giveBack(std::move(statement), *slot);
     } catch (...) {
-        sqlite3_finalize(statement);
+        // Not kept: the handle finalizes it.
     }
 }
 
 bool SqliteDatabase::executeSimpleQuery(const std::string& sql) {
-    sqlite3_stmt* statement = nullptr;
-    const int prepared = sqlite3_prepare_v2(connection_, sql.c_str(), static_cast<int>(sql.size() + 1),
-                                            &statement, nullptr);
-    if (prepared != SQLITE_OK) {
-        recordStepResult(prepared);
-        const std::string sqliteMessage = sqlite3_errmsg(connection_);
-        sqlite3_finalize(statement);
-        if (isNotADatabase(prepared)) {
-            throwDatabaseError(prepared, "Cannot run '" + sql + "'", sqliteMessage);
-        }
-        return false;
-    }
-    const int stepped = sqlite3_step(statement);
-    sqlite3_finalize(statement);
-    if (stepped == SQLITE_DONE) {
-        recordStepResult(SQLITE_OK);
-        return true;
-    }
-    if (stepped == SQLITE_ROW) {
-        recordStepResult(SQLITE_OK);
-        return false;
-    }
-    recordStepResult(stepped);
-    if (isNotADatabase(stepped)) {
-        throwDatabaseError(stepped, "Cannot run '" + sql + "'", sqlite3_errstr(stepped));
-    }
-    return false;
+    bool yieldedRow = false;
+    const Status status = execute(sql, &yieldedRow, StopAt::FirstRow);
+    // A statement that yields a row has not run to completion: check pragmas
+    // such as "PRAGMA foreign_key_check(t);" thus fail exactly when they find
+    // a problem.
+    return status.ok() && !yieldedRow;
 }
 
 Status SqliteDatabase::execute(const std::string& sql, bool* yieldedRow) {
+    return execute(sql, yieldedRow, StopAt::Completion);
+}
+
+Status SqliteDatabase::execute(const std::string& sql, bool* yieldedRow, StopAt stopAt) {
     if (yieldedRow != nullptr) {
         *yieldedRow = false;
     }
-    sqlite3_stmt* statement = nullptr;
-    const int prepared = sqlite3_prepare_v2(connection_, sql.c_str(), static_cast<int>(sql.size() + 1),
-                                            &statement, nullptr);
-    if (prepared != SQLITE_OK) {
-        recordStepResult(prepared);
-        const std::string sqliteMessage = sqlite3_errmsg(connection_);
-        sqlite3_finalize(statement);
-        if (isNotADatabase(prepared)) {
-            throwDatabaseError(prepared, "Cannot run '" + sql + "'", sqliteMessage);
+    int code = SQLITE_OK;
+    StatementHandle statement =
+        prepareStatement(connection(), sql.c_str(), static_cast<int>(sql.size() + 1), 0, code);
+    if (!statement) {
+        recordStepResult(code);
+        const std::string sqliteMessage = sqlite3_errmsg(connection());
+        if (isNotADatabase(code)) {
+            throwDatabaseError(code, "Cannot run '" + sql + "'", sqliteMessage);
         }
-        return Status(prepared, sqliteMessage);
+        return Status(code, sqliteMessage);
     }
-    int stepped = sqlite3_step(statement);
+    int stepped = sqlite3_step(statement.get());
     while (stepped == SQLITE_ROW) {
         if (yieldedRow != nullptr) {
             *yieldedRow = true;
         }
-        stepped = sqlite3_step(statement);
+        if (stopAt == StopAt::FirstRow) {
+            stepped = SQLITE_DONE;
+            break;
+        }
+        stepped = sqlite3_step(statement.get());
     }
-    const int code = stepped == SQLITE_DONE ? SQLITE_OK : sqlite3_extended_errcode(connection_);
-    const std::string sqliteMessage = code == SQLITE_OK ? std::string() : sqlite3_errmsg(connection_);
-    sqlite3_finalize(statement);
+    code = stepped == SQLITE_DONE ? SQLITE_OK : stepped;
+    const std::string sqliteMessage = code == SQLITE_OK ? std::string() : sqlite3_errmsg(connection());
+    statement.reset();
     recordStepResult(code);
     if (isNotADatabase(code)) {
         throwDatabaseError(code, "Cannot run '" + sql + "'", sqliteMessage);
@@ -229,18 +209,18 @@ Status SqliteDatabase::execute(const std::string& sql, bool* yieldedRow) {
 
 void SqliteDatabase::setBusyTimeout(int32_t milliseconds) {
     busyTimeoutMs_ = milliseconds;
-    sqlite3_busy_timeout(connection_, milliseconds);
+    sqlite3_busy_timeout(connection(), milliseconds);
 }
 
-bool SqliteDatabase::isReadOnly() const { return sqlite3_db_readonly(connection_, "main") == 1; }
+bool SqliteDatabase::isReadOnly() const { return sqlite3_db_readonly(connection(), "main") == 1; }
 
 int32_t SqliteDatabase::getLastErrorCode() const { return lastErrorCode_.load(std::memory_order_relaxed); }
 
-int64_t SqliteDatabase::getLastInsertedRowId() const { return sqlite3_last_insert_rowid(connection_); }
+int64_t SqliteDatabase::getLastInsertedRowId() const { return sqlite3_last_insert_rowid(connection()); }
 
 std::size_t SqliteDatabase::cachedStatementCount() const { return statements_->freeCount(); }
 
-bool SqliteDatabase::isInTransaction() const { return sqlite3_get_autocommit(connection_) == 0; }
+bool SqliteDatabase::isInTransaction() const { return sqlite3_get_autocommit(connection()) == 0; }
 
 void SqliteDatabase::recordStepResult(int extendedCode) const {
     lastErrorCode_.store(extendedCode, std::memory_order_relaxed);

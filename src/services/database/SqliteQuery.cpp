@@ -6,6 +6,8 @@
 
 #include <sqlite3.h>
 
+#include <utility>
+
 namespace Marivane::Database {
 
 namespace {
@@ -17,15 +19,26 @@ sqlite3_destructor_type destructorFor(BindMode mode) {
 }  // namespace
 
 SqliteQuery::SqliteQuery(const SqliteDatabase& database, std::string_view sql)
-    : database_(database), statement_(database_.acquireStatement(sql, slot_)) {}
+    : database_(&database), statement_(database.acquireStatement(sql, slot_)) {}
 
-SqliteQuery::~SqliteQuery() { database_.releaseStatement(statement_, slot_); }
+SqliteQuery::SqliteQuery(SqliteQuery&& other) noexcept
+    : database_(other.database_),
+      slot_(other.slot_),
+      statement_(std::exchange(other.statement_, nullptr)),
+      hasRow_(other.hasRow_),
+      lastResultCode_(other.lastResultCode_) {}
+
+SqliteQuery::~SqliteQuery() {
+    if (statement_ != nullptr) {
+        database_->releaseStatement(statement_, slot_);
+    }
+}
 
 int32_t SqliteQuery::executeStep() {
     const int code = sqlite3_step(statement_);
     hasRow_ = code == SQLITE_ROW;
     lastResultCode_ = code == SQLITE_ROW || code == SQLITE_DONE ? SQLITE_OK : code;
-    database_.recordStepResult(lastResultCode_);
+    database_->recordStepResult(lastResultCode_);
     if (code == SQLITE_ROW) {
         return StepRow;
     }

@@ -2,6 +2,8 @@
 
 #include <database/SqliteDatabase.h>
 
+#include "SqliteHandles.h"
+
 #include <sqlite3.h>
 
 #include <string>
@@ -15,7 +17,7 @@ namespace Marivane::Database {
 // name up here avoids SQLite's own name search, which dominated the cost of
 // binding.
 struct SqliteDatabase::StatementSlot {
-    std::vector<sqlite3_stmt*> free;
+    std::vector<StatementHandle> free;
     std::vector<std::string> parameterNames;
     bool parameterNamesKnown = false;
 
