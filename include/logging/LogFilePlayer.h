@@ -5,6 +5,7 @@
 #include <logging/LogFileInterface.h>
 #include <logging/LoggingExport.h>
 #include <logging/MV_LogDataSourceType.h>
+#include <logging/PlaybackPacing.h>
 #include <logging/PlayerBookmark.h>
 
 #include <cstddef>
@@ -85,6 +86,13 @@ public:
     // is delivered again, without its data bytes, which were handed out
     // already; when looping, past the end wraps to frame 0.
     void seek(int32_t frame, FrameCallback callback);
+    // Seeks (as seek does) to the first frame whose timestamp is at or after
+    // `timestamp` (milliseconds since the Unix epoch), found by bisection
+    // over the frames, which are in id order: a file whose timestamps are
+    // not ascending gets one such frame, not necessarily the earliest.
+    // Answers the frame number; past the last frame's timestamp it is the
+    // frame count, delivered like any seek past the end.
+    int32_t seekToTime(int64_t timestamp, FrameCallback callback);
     // Timestamp of the last frame minus that of the first, in milliseconds,
     // truncated to 32 bits; 0 without frames. A running playback is stopped for
     // the reads and resumed.
@@ -106,6 +114,11 @@ public:
     // should be positive (0 holds the next frame with a positive gap until
     // stop()).
     void setPlaybackSpeedMultiplier(float multiplier);
+
+    // Chooses how frames are spaced (see Pacing); CarryMilliseconds until
+    // told otherwise. Call it while the player is stopped.
+    void setPacing(Pacing pacing);
+    Pacing getPacing() const;
 
     // Opt-in tolerance of damaged files. Without a handler (the default), an
     // exception from the file while reading a frame (a damaged payload, for

@@ -18,6 +18,7 @@
 #include <logging/LogMetadataEntry.h>
 #include <logging/LogResourceEntry.h>
 #include <logging/NotALogFileError.h>
+#include <logging/PlaybackPacing.h>
 #include <logging/PlayerBookmark.h>
 #include <logging/PropertyValue.h>
 #include <logging/SqliteLogFile.h>

@@ -36,6 +36,10 @@ void LogFilePlayer::seek(int32_t frame, FrameCallback callback) {
     d->seek(frame, callback);
 }
 
+int32_t LogFilePlayer::seekToTime(int64_t timestamp, FrameCallback callback) {
+    return d->seekToTime(timestamp, callback);
+}
+
 int32_t LogFilePlayer::getTotalPlayTime() {
     return d->getTotalPlayTime();
 }
@@ -55,6 +59,10 @@ const std::vector<PlayerBookmark>& LogFilePlayer::getBookmarks() const {
 LogFileInterface* LogFilePlayer::getUnderlyingLogFile() const {
     return d->logFile.get();
 }
+
+void LogFilePlayer::setPacing(Pacing pacing) { d->pacing = pacing; }
+
+Pacing LogFilePlayer::getPacing() const { return d->pacing; }
 
 void LogFilePlayer::setUnreadableFrameHandler(UnreadableFrameCallback handler) {
     d->unreadableFrameHandler = std::move(handler);

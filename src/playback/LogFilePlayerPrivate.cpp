@@ -94,6 +94,18 @@ int64_t computeFrameWait(int64_t delta, int32_t maxFrameDelay, float speedMultip
     return std::llroundf(scaled) - carry;
 }
 
+std::chrono::nanoseconds idealFrameGap(int64_t timestampGapMs, int32_t maxFrameDelayMs, float speed) noexcept {
+    if (timestampGapMs >= maxFrameDelayMs) {
+        return std::chrono::milliseconds(std::max(maxFrameDelayMs, 0));
+    }
+    double scaledMs = static_cast<double>(timestampGapMs) / static_cast<double>(speed);
+    if (std::isnan(scaledMs) || scaledMs < 0.0) {
+        scaledMs = 0.0;
+    }
+    scaledMs = std::min(scaledMs, static_cast<double>(kLongestWaitMs));
+    return std::chrono::nanoseconds(std::llround(scaledMs * 1e6));
+}
+
 LogFilePlayerPrivate::LogFilePlayerPrivate(std::unique_ptr<LogFileInterface> file,
                                            const std::vector<MV_LogDataSourceType>& dataSourceTypes,
                                            const FrameCallback& callback, bool loop, int32_t maxFrameDelayMs)
@@ -164,6 +176,28 @@ void LogFilePlayerPrivate::seek(int32_t frame, const FrameCallback& callback) {
     if (wasPlaying) {
         play();
     }
+}
+
+int32_t LogFilePlayerPrivate::seekToTime(int64_t timestamp, const FrameCallback& callback) {
+    const bool wasPlaying = isPlaying();
+    if (wasPlaying) {
+        stop();
+    }
+    int32_t low = 0;
+    int32_t high = frameCount();
+    while (low < high) {
+        const int32_t middle = low + (high - low) / 2;
+        if (timestampOfFrame(middle) < timestamp) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    seek(low, callback);
+    if (wasPlaying) {
+        play();
+    }
+    return low;
 }
 
 void LogFilePlayerPrivate::deliverSought(int32_t frame, const FrameCallback& callback) {
@@ -258,6 +292,10 @@ DataEntry LogFilePlayerPrivate::takeCurrentEntry() {
 }
 
 void LogFilePlayerPrivate::runPlayback() {
+    if (pacing == Pacing::Exact) {
+        runExactPlayback();
+        return;
+    }
     // Lateness of the previous cycle (reading, oversleeping, the callback's own
     // time), taken off the next wait so that the run keeps the recorded pace.
     int64_t carry = 0;
@@ -291,14 +329,38 @@ void LogFilePlayerPrivate::runPlayback() {
     }
 }
 
+void LogFilePlayerPrivate::runExactPlayback() {
+    Clock::time_point due = Clock::now();
+    while (true) {
+        if (!readNextFrame()) {
+            finishPlayback();
+            return;
+        }
+        due += std::chrono::duration_cast<Clock::duration>(
+            idealFrameGap(timestampGap(currentEntry->timestamp, lastTimestamp), maxFrameDelay,
+                          playbackSpeedMultiplier.load()));
+        lastTimestamp = currentEntry->timestamp;
+        {
+            std::unique_lock lock(mutex);
+            waitUntil(lock, due);
+            if (!playing) {
+                return;
+            }
+        }
+        frameCallback(currentFrame, takeCurrentEntry());
+    }
+}
+
 void LogFilePlayerPrivate::finishPlayback() {
     std::lock_guard lock(mutex);
     playing = false;
 }
 
 void LogFilePlayerPrivate::waitForFrameDue(std::unique_lock<std::mutex>& lock, int64_t waitMs) {
-    const Clock::time_point deadline =
-        Clock::now() + std::chrono::milliseconds(std::clamp(waitMs, -kLongestWaitMs, kLongestWaitMs));
+    waitUntil(lock, Clock::now() + std::chrono::milliseconds(std::clamp(waitMs, -kLongestWaitMs, kLongestWaitMs)));
+}
+
+void LogFilePlayerPrivate::waitUntil(std::unique_lock<std::mutex>& lock, Clock::time_point deadline) {
     // Woken early only by stop() (or spuriously): re-test `playing` each time.
     while (playing) {
         condition.wait_until(lock, deadline);

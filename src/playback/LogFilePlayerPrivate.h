@@ -54,6 +54,7 @@ public:
     void play();
     void stop();
     void seek(int32_t frame, const FrameCallback& callback);
+    int32_t seekToTime(int64_t timestamp, const FrameCallback& callback);
     int32_t getTotalPlayTime();
 
     // Advances to the next frame and reads its entry into currentEntry.
@@ -74,6 +75,7 @@ public:
     std::vector<PlayerBookmark> bookmarks;
     std::vector<int32_t> frames;
     FrameCallback frameCallback;
+    Pacing pacing = Pacing::CarryMilliseconds;
     // Empty: an unreadable frame's exception ends the worker (and the process).
     UnreadableFrameCallback unreadableFrameHandler;
     std::atomic<bool> loopPlayback;
@@ -97,6 +99,9 @@ private:
     // Waits until `waitMs` has passed or playback is stopped; `lock` holds
     // `mutex`.
     void waitForFrameDue(std::unique_lock<std::mutex>& lock, int64_t waitMs);
+    void waitUntil(std::unique_lock<std::mutex>& lock, Clock::time_point deadline);
+    // The worker's loop under Pacing::Exact.
+    void runExactPlayback();
     // Reads the entry of the current frame; one that cannot be read becomes
     // the placeholder below.
     void readCurrentFrame();
