@@ -1,6 +1,6 @@
 #include <logging/Algorithms.h>
 
-#include <database/RequireType.h>
+#include "model/RequireType.h"
 
 namespace Marivane::Logging {
 

@@ -6,9 +6,9 @@
 #include <logging/Algorithms.h>
 
 #include <core/Compression.h>
-#include <database/BindParameterVisitor.h>
-#include <database/ColumnAccess.h>
-#include <database/ReturnPropertyValueVisitor.h>
+#include "sqlite/BindParameterVisitor.h"
+#include "services/database/ColumnAccess.h"
+#include "sqlite/ReturnPropertyValueVisitor.h"
 
 #include <array>
 #include <utility>

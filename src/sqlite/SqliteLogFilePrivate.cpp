@@ -5,7 +5,7 @@
 
 #include <core/Compression.h>
 #include <core/Filesystem.h>
-#include <database/ColumnAccess.h>
+#include "services/database/ColumnAccess.h"
 #include <database/DatabaseAccessError.h>
 #include <database/DatabaseBusy.h>
 #include <database/FileIsNotDatabase.h>

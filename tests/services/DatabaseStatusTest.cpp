@@ -1,6 +1,6 @@
 // The database layer's statuses, its busy timeout, its transaction guard and
 // queries that move.
-#include <database/ColumnAccess.h>
+#include "services/database/ColumnAccess.h"
 #include <database/DatabaseBusy.h>
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>

@@ -1,9 +1,9 @@
-#include <database/BindParameterVisitor.h>
-#include <database/ColumnAccess.h>
+#include "sqlite/BindParameterVisitor.h"
+#include "services/database/ColumnAccess.h"
 #include <database/DatabaseAccessError.h>
 #include <database/FileIsNotDatabase.h>
-#include <database/RequireType.h>
-#include <database/ReturnPropertyValueVisitor.h>
+#include "model/RequireType.h"
+#include "sqlite/ReturnPropertyValueVisitor.h"
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
 

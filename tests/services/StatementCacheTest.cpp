@@ -1,7 +1,7 @@
 // Prepared statements are kept per connection and handed out again: each
 // query must still start clean (rewound, unbound) and never share a
 // statement with another live query.
-#include <database/ColumnAccess.h>
+#include "services/database/ColumnAccess.h"
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
 

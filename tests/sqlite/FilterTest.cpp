@@ -1,7 +1,7 @@
 #include <logging/EntryIndexFilter.h>
 #include <logging/SqliteLogFile.h>
 
-#include <database/ColumnAccess.h>
+#include "services/database/ColumnAccess.h"
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
 

@@ -5,7 +5,7 @@
 #include "sqlite/SqliteLogFilePrivate.h"
 
 #include <core/Compression.h>
-#include <database/ColumnAccess.h>
+#include "services/database/ColumnAccess.h"
 #include <database/DatabaseAccessError.h>
 #include <database/FileIsNotDatabase.h>
 
