@@ -1,6 +1,6 @@
 #include <logging/Algorithms.h>
 
-#include "model/FixedMetadataKeys.h"
+#include "algorithms/MetadataHistory.h"
 
 #include <logging/SqliteLogFile.h>
 
@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <filesystem>
 #include <memory>
 #include <span>
@@ -26,12 +25,6 @@ constexpr const char* kExportedSuffix = "_exported";
 // Ids of the source entries that the new file receives, ascending. A view into
 // the source's full id list.
 using EntryRange = std::span<const int32_t>;
-
-// The new file writes the fixed keys itself when it is created; copying the
-// source's values would be refused anyway and would misdescribe the new file.
-bool isFixedMetadataKey(const std::string& key) {
-    return std::find(kFixedMetadataKeys.begin(), kFixedMetadataKeys.end(), key) != kFixedMetadataKeys.end();
-}
 
 // Anything at all at the path (a file, a directory, even one whose status
 // cannot be read) keeps us from writing there: an existing file is never
@@ -78,35 +71,6 @@ std::unique_ptr<SqliteLogFile> createOutputFile(const LogFileInterface& logFile,
                                                compressionLevel, now);
     } catch (...) {
         return nullptr;
-    }
-}
-
-// "applicationName" -> "oldApplicationName".
-std::string historyKeyFor(const std::string& key) {
-    std::string history = "old" + key;
-    history[3] = static_cast<char>(std::toupper(static_cast<unsigned char>(history[3])));
-    return history;
-}
-
-// Keeps the earliest producer: once the source carries a history value, the
-// metadata copy brings it over unchanged and nothing newer is recorded.
-void recordPreviousProducer(const LogFileInterface& logFile, LogFileInterface& output, const std::string& key,
-                            const std::string& newValue) {
-    const std::string oldValue = getMetadataValue<std::string>(logFile, key, std::string());
-    if (oldValue == newValue) {
-        return;
-    }
-    const std::string historyKey = historyKeyFor(key);
-    if (!logFile.getMetadataValue(historyKey)) {
-        output.addMetadata(historyKey, oldValue);
-    }
-}
-
-void copyMetadata(const LogFileInterface& logFile, LogFileInterface& output) {
-    for (const LogMetadataEntry& entry : logFile.getAllMetadata()) {
-        if (!isFixedMetadataKey(entry.key)) {
-            output.addMetadata(entry.key, entry.value);
-        }
     }
 }
 

@@ -1,0 +1,442 @@
+#include <logging/Copy.h>
+
+#include "algorithms/MetadataHistory.h"
+#include "derive/PendingOutput.h"
+#include "derive/StoredRows.h"
+#include "sqlite/StoreAccess.h"
+
+#include <logging/Algorithms.h>
+#include <logging/SqliteLogFile.h>
+
+#include <core/Chrono.h>
+#include <core/Compression.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <optional>
+#include <queue>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Marivane::Logging::Algorithms {
+
+namespace {
+
+// Entries are committed in batches of bounded size: far faster than one
+// transaction per entry, and the journal of one batch stays small.
+constexpr std::size_t kBatchEntries = 4096;
+constexpr std::size_t kBatchBytes = 64 * 1024 * 1024;
+constexpr uint64_t kProgressEvery = 4096;
+
+// The bounds of the options with -1 resolved against one input; nullopt when
+// the input has no entry in them.
+struct IdBounds {
+    int32_t first;
+    int32_t last;
+};
+
+std::optional<IdBounds> resolveIdBounds(const SqliteLogFile& input, const CopyOptions& options) {
+    const int32_t first = options.firstEntryId == -1 ? input.getFirstEntryId() : options.firstEntryId;
+    const int32_t last = options.lastEntryId == -1 ? input.getLastEntryId() : options.lastEntryId;
+    if (first == -1 || last == -1 || last < first) {
+        return std::nullopt;
+    }
+    return IdBounds{first, last};
+}
+
+SqliteLogFile openInput(const std::filesystem::path& path) {
+    try {
+        return SqliteLogFile::openReadOnly(path);
+    } catch (const std::exception& error) {
+        throw std::runtime_error("Cannot read '" + path.string() + "': " + error.what());
+    }
+}
+
+[[noreturn]] void throwWriteFailure(const PendingOutput& output, const SqliteLogFile& file,
+                                    const std::string& what) {
+    throw std::runtime_error("Cannot write '" + output.finalPath().string() + "': " + what + " failed: " +
+                             file.getLastError());
+}
+
+// The new file, written under the pending output's temporary name.
+class OutputWriter {
+public:
+    OutputWriter(const PendingOutput& pending, const SqliteLogFile& firstInput, const CopyOptions& options)
+        : pending_(pending), file_(create(pending, firstInput, options)), level_(StoreAccess::of(file_).compressionLevel) {}
+
+    SqliteLogFile& file() { return file_; }
+
+    void beginBatch() { batch_.emplace(file_.beginBatch()); }
+    void commitBatch() {
+        if (batch_ && !batch_->commit()) {
+            throwWriteFailure(pending_, file_, "committing");
+        }
+        batch_.reset();
+        entriesInBatch_ = 0;
+        bytesInBatch_ = 0;
+    }
+
+    // Writes one entry whose payload is in `input`'s stored form; answers the
+    // new entry's id.
+    int32_t writeEntry(const StoredRow& row, int8_t inputLevel, int8_t dataSourceId, CopyReport& report) {
+        if (!batch_) {
+            beginBatch();
+        }
+        bool written = false;
+        if (inputLevel == level_) {
+            written = StoreAccess::of(file_).insertStoredEntry(row.timestamp, row.type, dataSourceId, row.payload);
+            ++report.payloadsCopiedAsStored;
+        } else {
+            ByteBuffer data = inputLevel == 0 ? row.payload : Compression::uncompress(row.payload);
+            if (level_ != 0) {
+                data = Compression::compress(data, level_);
+            }
+            written = StoreAccess::of(file_).insertStoredEntry(row.timestamp, row.type, dataSourceId, data);
+        }
+        if (!written) {
+            throwWriteFailure(pending_, file_, "writing entry " + std::to_string(row.entryId));
+        }
+        ++report.entries;
+        bytesInBatch_ += row.payload.size();
+        if (++entriesInBatch_ == kBatchEntries || bytesInBatch_ >= kBatchBytes) {
+            commitBatch();
+        }
+        return ++lastEntryId_;
+    }
+
+    void require(bool written, const std::string& what) {
+        if (!written) {
+            throwWriteFailure(pending_, file_, what);
+        }
+    }
+
+private:
+    static SqliteLogFile create(const PendingOutput& pending, const SqliteLogFile& firstInput,
+                                const CopyOptions& options) {
+        const int8_t level = options.compressionLevel.value_or(StoreAccess::of(firstInput).compressionLevel);
+        if (level < -1 || level > 9) {
+            throw std::runtime_error("Cannot write '" + pending.finalPath().string() + "': compression level " +
+                                     std::to_string(level) + " is outside -1 to 9.");
+        }
+        try {
+            return SqliteLogFile(pending.temporaryPath().string(),
+                                 getMetadataValue<std::string>(firstInput, "currentTimeZone", std::string()),
+                                 options.applicationName, options.applicationVersion, level,
+                                 Chrono::msSinceUnixEpoch(), options.durability);
+        } catch (const std::exception& error) {
+            throw std::runtime_error("Cannot write '" + pending.finalPath().string() + "': " + error.what());
+        }
+    }
+
+    const PendingOutput& pending_;
+    SqliteLogFile file_;
+    int8_t level_;
+    std::optional<SqliteLogFile::WriteBatch> batch_;
+    std::size_t entriesInBatch_ = 0;
+    std::size_t bytesInBatch_ = 0;
+    int32_t lastEntryId_ = 0;
+};
+
+void reportProgress(const CopyOptions& options, uint64_t written, uint64_t total) {
+    if (options.progress && (written % kProgressEvery == 0 || written == total)) {
+        options.progress(written, total);
+    }
+}
+
+uint64_t entryCountOf(const SqliteLogFile& input) {
+    const int32_t count = input.getEntryCount();
+    return count > 0 ? static_cast<uint64_t>(count) : 0;
+}
+
+// Bookmarks of one input, waiting for the copied entry they will point at.
+class BookmarkMapper {
+public:
+    BookmarkMapper(const SqliteLogFile& input, std::optional<IdBounds> bounds) {
+        for (Bookmark& bookmark : input.getBookmarks()) {
+            if (bounds && bookmark.entryId >= bounds->first && bookmark.entryId <= bounds->last) {
+                pending_.push_back(std::move(bookmark));
+            } else {
+                ++outside_;
+            }
+        }
+        std::stable_sort(pending_.begin(), pending_.end(),
+                         [](const Bookmark& a, const Bookmark& b) { return a.entryId < b.entryId; });
+    }
+
+    // In ascending id order: every bookmark at or before the copied entry
+    // `sourceId` moves to `newId`.
+    void entryCopied(int32_t sourceId, int32_t newId) {
+        while (next_ < pending_.size() && pending_[next_].entryId <= sourceId) {
+            pending_[next_].entryId = newId;
+            mapped_.push_back(std::move(pending_[next_]));
+            ++next_;
+        }
+    }
+
+    // In any order: only a bookmark on exactly this entry follows it.
+    void entryCopiedExactly(int32_t sourceId, int32_t newId) {
+        auto found = std::lower_bound(pending_.begin(), pending_.end(), sourceId,
+                                      [](const Bookmark& bookmark, int32_t id) { return bookmark.entryId < id; });
+        for (; found != pending_.end() && found->entryId == sourceId; ++found) {
+            Bookmark copy = *found;
+            copy.entryId = newId;
+            mapped_.push_back(std::move(copy));
+            ++exactlyMapped_;
+        }
+    }
+
+    void writeTo(OutputWriter& output, CopyReport& report, const std::string& inputName, bool exact) {
+        for (const Bookmark& bookmark : mapped_) {
+            output.require(output.file().addBookmark(bookmark), "adding a bookmark");
+            ++report.bookmarks;
+        }
+        const std::size_t unplaced = (exact ? pending_.size() - exactlyMapped_ : pending_.size() - next_);
+        if (unplaced > 0) {
+            report.notes.push_back(std::to_string(unplaced) + " bookmark(s) of " + inputName +
+                                   " point at entries that were not copied and were dropped.");
+        }
+        if (outside_ > 0) {
+            report.notes.push_back(std::to_string(outside_) + " bookmark(s) of " + inputName +
+                                   " lie outside the selected id range and were not copied.");
+        }
+    }
+
+private:
+    std::vector<Bookmark> pending_;
+    std::vector<Bookmark> mapped_;
+    std::size_t next_ = 0;
+    std::size_t exactlyMapped_ = 0;
+    std::size_t outside_ = 0;
+};
+
+RowSelection selectionFor(const CopyOptions& options, IdBounds bounds) {
+    return RowSelection{bounds.first, bounds.last, options.startTimestamp, options.endTimestamp, options.filter};
+}
+
+}  // namespace
+
+CopyReport copy(const std::filesystem::path& source, const std::filesystem::path& output,
+                const CopyOptions& options) {
+    PendingOutput pending(output);
+    const SqliteLogFile input = openInput(source);
+    CopyReport report;
+    {
+        OutputWriter writer(pending, input, options);
+        SqliteLogFile& file = writer.file();
+        writer.beginBatch();
+        recordPreviousProducer(input, file, "applicationName", options.applicationName);
+        recordPreviousProducer(input, file, "applicationVersion", options.applicationVersion);
+        copyMetadata(input, file);
+        for (const LogResourceEntry& resource : input.getAllResources()) {
+            writer.require(file.addResource(resource.name, resource.data), "adding resource '" + resource.name + "'");
+            ++report.resources;
+        }
+        for (const DataSource& dataSource : input.getDataSources()) {
+            writer.require(file.addDataSource(dataSource), "adding data source '" + dataSource.name + "'");
+            ++report.dataSources;
+        }
+        for (const DataSourceProperty& property : input.getAllDataSourceProperties()) {
+            writer.require(file.addDataSourceProperty(property), "adding property '" + property.propertyName + "'");
+        }
+        writer.commitBatch();
+
+        const std::optional<IdBounds> bounds = resolveIdBounds(input, options);
+        BookmarkMapper bookmarks(input, bounds);
+        if (bounds) {
+            const uint64_t total = entryCountOf(input);
+            const int8_t inputLevel = StoreAccess::of(input).compressionLevel;
+            StoredRows rows(input, selectionFor(options, *bounds), RowOrder::ById);
+            while (const StoredRow* row = rows.next()) {
+                const int32_t newId = writer.writeEntry(*row, inputLevel, row->dataSourceId, report);
+                bookmarks.entryCopied(row->entryId, newId);
+                reportProgress(options, report.entries, total);
+            }
+            writer.commitBatch();
+        }
+        writer.beginBatch();
+        bookmarks.writeTo(writer, report, "'" + source.string() + "'", false);
+        writer.commitBatch();
+        pending.checkEntryCount(writer.file(), report.entries);
+    }
+    pending.commit();
+    return report;
+}
+
+namespace {
+
+// One input of a merge with its data-source ids as the new file knows them.
+struct MergeInput {
+    std::filesystem::path path;
+    SqliteLogFile file;
+    std::map<int8_t, int8_t> newSourceIds;
+    std::optional<IdBounds> bounds;
+    std::unique_ptr<StoredRows> rows;
+    std::unique_ptr<BookmarkMapper> bookmarks;
+};
+
+std::string describe(const MergeInput& input) { return "'" + input.path.string() + "'"; }
+
+void mergeDataSources(std::vector<MergeInput>& inputs, OutputWriter& writer, CopyReport& report) {
+    std::map<int8_t, DataSource> taken;
+    auto freeId = [&taken]() -> int8_t {
+        for (int id = 1; id <= 127; ++id) {
+            if (!taken.count(static_cast<int8_t>(id))) {
+                return static_cast<int8_t>(id);
+            }
+        }
+        throw std::runtime_error("Cannot merge: the inputs hold more than 127 distinct data sources.");
+    };
+    for (MergeInput& input : inputs) {
+        for (DataSource source : input.file.getDataSources()) {
+            const auto existing = taken.find(source.id);
+            if (existing != taken.end() && existing->second.type == source.type &&
+                existing->second.name == source.name) {
+                input.newSourceIds[source.id] = source.id;
+                continue;
+            }
+            const int8_t oldId = source.id;
+            if (existing != taken.end()) {
+                source.id = freeId();
+                report.notes.push_back("Data source " + std::to_string(oldId) + " (\"" + source.name + "\") of " +
+                                       describe(input) + " became data source " + std::to_string(source.id) +
+                                       ": its id was taken by an earlier input.");
+            }
+            writer.require(writer.file().addDataSource(std::as_const(source)),
+                           "adding data source '" + source.name + "'");
+            ++report.dataSources;
+            taken.emplace(source.id, source);
+            input.newSourceIds[oldId] = source.id;
+        }
+    }
+    // Properties follow their data source; a source shared by several inputs
+    // takes each input's properties that it does not have yet.
+    std::set<std::pair<int8_t, std::string>> written;
+    for (MergeInput& input : inputs) {
+        for (DataSourceProperty property : input.file.getAllDataSourceProperties()) {
+            property.dataSourceId = input.newSourceIds.at(property.dataSourceId);
+            if (!written.emplace(property.dataSourceId, property.propertyName).second) {
+                continue;
+            }
+            writer.require(writer.file().addDataSourceProperty(property),
+                           "adding property '" + property.propertyName + "'");
+        }
+    }
+}
+
+void mergeMetadataAndResources(std::vector<MergeInput>& inputs, OutputWriter& writer, const CopyOptions& options,
+                               CopyReport& report) {
+    SqliteLogFile& file = writer.file();
+    recordPreviousProducer(inputs.front().file, file, "applicationName", options.applicationName);
+    recordPreviousProducer(inputs.front().file, file, "applicationVersion", options.applicationVersion);
+    std::set<std::string> resourceNames;
+    for (std::size_t i = 0; i < inputs.size(); ++i) {
+        const SqliteLogFile& input = inputs[i].file;
+        const std::string prefix = "mergedInput" + std::to_string(i + 1);
+        writer.require(file.addMetadata(prefix + "Path", inputs[i].path.string()), "adding metadata");
+        for (const char* key : {"applicationName", "applicationVersion", "createdDateTime"}) {
+            if (std::optional<PropertyValue> value = input.getMetadataValue(key)) {
+                std::string suffix = key;
+                suffix[0] = static_cast<char>(suffix[0] - 'a' + 'A');
+                writer.require(file.addMetadata(prefix + suffix, *value), "adding metadata");
+            }
+        }
+        for (const LogMetadataEntry& entry : input.getAllMetadata()) {
+            if (isFixedMetadataKey(entry.key)) {
+                continue;
+            }
+            const std::optional<PropertyValue> held = file.getMetadataValue(entry.key);
+            if (!held) {
+                writer.require(file.addMetadata(entry.key, entry.value), "adding metadata '" + entry.key + "'");
+            } else if (*held != entry.value) {
+                report.notes.push_back("Metadata \"" + entry.key + "\" of " + describe(inputs[i]) +
+                                       " differs from an earlier input's and was not copied.");
+            }
+        }
+        for (const LogResourceEntry& resource : input.getAllResources()) {
+            if (!resourceNames.insert(resource.name).second) {
+                report.notes.push_back("Resource \"" + resource.name + "\" of " + describe(inputs[i]) +
+                                       " has the name of an earlier input's resource and was not copied.");
+                continue;
+            }
+            writer.require(file.addResource(resource.name, resource.data), "adding resource '" + resource.name + "'");
+            ++report.resources;
+        }
+    }
+}
+
+// The next entry to write: the earliest timestamp, ties in input order.
+struct Head {
+    int64_t timestamp;
+    std::size_t input;
+    bool operator>(const Head& other) const {
+        return timestamp != other.timestamp ? timestamp > other.timestamp : input > other.input;
+    }
+};
+
+}  // namespace
+
+CopyReport merge(const std::vector<std::filesystem::path>& inputPaths, const std::filesystem::path& output,
+                 const CopyOptions& options) {
+    if (inputPaths.empty()) {
+        throw std::runtime_error("Cannot merge into '" + output.string() + "': no input files were given.");
+    }
+    PendingOutput pending(output);
+    std::vector<MergeInput> inputs;
+    inputs.reserve(inputPaths.size());
+    for (const std::filesystem::path& path : inputPaths) {
+        inputs.push_back(MergeInput{path, openInput(path), {}, std::nullopt, nullptr, nullptr});
+    }
+    CopyReport report;
+    {
+        OutputWriter writer(pending, inputs.front().file, options);
+        writer.beginBatch();
+        mergeMetadataAndResources(inputs, writer, options, report);
+        mergeDataSources(inputs, writer, report);
+        writer.commitBatch();
+
+        uint64_t total = 0;
+        std::priority_queue<Head, std::vector<Head>, std::greater<>> heads;
+        for (std::size_t i = 0; i < inputs.size(); ++i) {
+            MergeInput& input = inputs[i];
+            input.bounds = resolveIdBounds(input.file, options);
+            input.bookmarks = std::make_unique<BookmarkMapper>(input.file, input.bounds);
+            if (!input.bounds) {
+                continue;
+            }
+            total += entryCountOf(input.file);
+            input.rows = std::make_unique<StoredRows>(input.file, selectionFor(options, *input.bounds),
+                                                      RowOrder::ByTimestamp);
+            if (const StoredRow* row = input.rows->next()) {
+                heads.push(Head{row->timestamp, i});
+            }
+        }
+        while (!heads.empty()) {
+            const Head head = heads.top();
+            heads.pop();
+            MergeInput& input = inputs[head.input];
+            const StoredRow& row = *input.rows->current();
+            const int32_t newId = writer.writeEntry(row, StoreAccess::of(input.file).compressionLevel,
+                                                    input.newSourceIds.at(row.dataSourceId), report);
+            input.bookmarks->entryCopiedExactly(row.entryId, newId);
+            reportProgress(options, report.entries, total);
+            if (const StoredRow* next = input.rows->next()) {
+                heads.push(Head{next->timestamp, head.input});
+            }
+        }
+        writer.commitBatch();
+        writer.beginBatch();
+        for (MergeInput& input : inputs) {
+            input.bookmarks->writeTo(writer, report, describe(input), true);
+        }
+        writer.commitBatch();
+        pending.checkEntryCount(writer.file(), report.entries);
+    }
+    pending.commit();
+    return report;
+}
+
+}  // namespace Marivane::Logging::Algorithms
