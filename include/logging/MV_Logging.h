@@ -30,6 +30,7 @@
 #include <logging/MV_LogDataSourceType.h>
 
 #include <stdbool.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -258,6 +259,46 @@ MV_LOGGING_EXPORT MV_LogFile_p MV_LogAlgorithms_Slice(MV_LogFile_p file, int32_t
 /* Slice over the whole file; the new handle accepts further data. */
 MV_LOGGING_EXPORT MV_LogFile_p MV_LogAlgorithms_Clone(MV_LogFile_p file, const char* outputPath,
                                                       MV_LogConfig_p config, MV_LogError_p* error);
+
+/* ---- Filtered copy and merge ---------------------------------------------
+ * Both read their inputs read-only, stream in flat memory, refuse an output
+ * path where anything exists, write under a temporary name beside it and
+ * take the final name only when the file is complete: a failure leaves
+ * nothing under outputPath. They never let an exception escape. */
+
+typedef struct MV_LogCopyOptions* MV_LogCopyOptions_p;
+/* Everything selected, the input's compression level, fast durability; the
+ * two texts name the program that makes the new file (copied). */
+MV_LOGGING_EXPORT MV_LogCopyOptions_p MV_LogCopyOptions_Create(const char* applicationName,
+                                                             const char* applicationVersion);
+MV_LOGGING_EXPORT void MV_LogCopyOptions_Destroy(MV_LogCopyOptions_p options);
+/* Inclusive; -1 for the first or last entry. False when last < first (both
+ * given). */
+MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetEntryRange(MV_LogCopyOptions_p options, int32_t firstEntryId,
+                                                       int32_t lastEntryId, MV_LogError_p* error);
+/* Inclusive, milliseconds since the Unix epoch; INT64_MIN/INT64_MAX for no
+ * bound. False when end < start. */
+MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetTimeRange(MV_LogCopyOptions_p options, int64_t startTimestamp,
+                                                      int64_t endTimestamp, MV_LogError_p* error);
+/* Copies the filter; NULL takes every entry. */
+MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetFilter(MV_LogCopyOptions_p options, MV_LogEntryIndexFilter_p filter,
+                                                   MV_LogError_p* error);
+/* -1 to 9. */
+MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetCompressionLevel(MV_LogCopyOptions_p options, int8_t level,
+                                                             MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetDurability(MV_LogCopyOptions_p options, MV_LogDurability durability,
+                                                       MV_LogError_p* error);
+/* The selected entries of sourcePath, numbered from 1, with the data sources,
+ * properties, resources, metadata (with the producer history) and the
+ * bookmarks of the selected range; options may be NULL. */
+MV_LOGGING_EXPORT bool MV_LogAlgorithms_Copy(const char* sourcePath, const char* outputPath,
+                                             MV_LogCopyOptions_p options, MV_LogError_p* error);
+/* The selected entries of every input, interleaved by timestamp (ties in
+ * input order); clashing data-source ids are renumbered; options may be
+ * NULL. */
+MV_LOGGING_EXPORT bool MV_LogAlgorithms_Merge(const char* const* inputPaths, size_t inputCount,
+                                              const char* outputPath, MV_LogCopyOptions_p options,
+                                              MV_LogError_p* error);
 
 #ifdef __cplusplus
 }

@@ -7,6 +7,7 @@
 #include <logging/MV_Logging.h>
 
 #include <logging/Bookmark.h>
+#include <logging/CopyOptions.h>
 #include <logging/DataEntry.h>
 #include <logging/DataSource.h>
 #include <logging/DataSourceProperty.h>
@@ -69,4 +70,8 @@ struct MV_LogResource {
 
 struct MV_LogEntryIndexFilter {
     Marivane::Logging::EntryIndexFilter value;
+};
+
+struct MV_LogCopyOptions {
+    Marivane::Logging::CopyOptions value;
 };
