@@ -85,15 +85,66 @@ TEST_F(DeriveTest, CloneAtAnotherLevelKeepsEveryEntry) {
     EXPECT_EQ(bytesOf(exported.out), knownPayload(77));
 }
 
-TEST_F(DeriveTest, CopyFailureNamesThePartialOutput) {
+TEST_F(DeriveTest, AFailedCopyLeavesNothingUnderTheOutputName) {
     overwriteStoredPayload(path, 60, bytesOf("not a compressed frame"));
-    const RunResult result = runMvlog({"clone", path, "-o", output});
+    // Another level means expanding every payload, and entry 60 cannot be.
+    const RunResult result = runMvlog({"clone", path, "-o", output, "--level", "0"});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.err.rfind("mvlog: cloning failed: ", 0), 0u) << result.err;
-    const std::string ending = " (the partial output " + output + " remains)\n";
+    const std::string ending = " (nothing was written to " + output + ")\n";
     ASSERT_GE(result.err.size(), ending.size());
     EXPECT_EQ(result.err.substr(result.err.size() - ending.size()), ending) << result.err;
-    EXPECT_TRUE(std::filesystem::exists(output));
+    EXPECT_FALSE(std::filesystem::exists(output));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.path()), {}), 1);
+}
+
+TEST_F(DeriveTest, ACloneAtTheSameLevelCopiesPayloadsAsStored) {
+    overwriteStoredPayload(path, 60, bytesOf("not a compressed frame"));
+    const RunResult result = runMvlog({"clone", path, "-o", output});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(infoJson(output)["entries"]["count"], 101);
+    EXPECT_EQ(bytesOf(runMvlog({"export", output, "--entry", "61", "-o", "-"}).out), knownPayload(61));
+}
+
+TEST_F(DeriveTest, SliceByTimeAndFilter) {
+    // Entries 11..31 lie between +1 s and +3 s; of those, "beta" (source 2)
+    // holds 11, 14, ..., 29: seven entries.
+    const RunResult result =
+        runMvlog({"slice", path, "--start", "+1", "--end", "2023-11-14T22:13:23.000Z", "--source", "2", "-o", output});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out, output + "\n");
+    const nlohmann::json info = infoJson(output);
+    EXPECT_EQ(info["entries"]["count"], 7);
+    EXPECT_EQ(bytesOf(runMvlog({"export", output, "--entry", "1", "-o", "-"}).out), knownPayload(11));
+    EXPECT_EQ(bytesOf(runMvlog({"export", output, "--entry", "7", "-o", "-"}).out), knownPayload(29));
+}
+
+TEST_F(DeriveTest, SliceNeedsARangeAndReadableTimes) {
+    EXPECT_EQ(runMvlog({"slice", path, "-o", output}).exitCode, 2);
+    const RunResult bad = runMvlog({"slice", path, "--start", "yesterday", "-o", output});
+    EXPECT_EQ(bad.exitCode, 2);
+    EXPECT_EQ(bad.err,
+              "mvlog: --start yesterday: not a time (use ISO 8601 such as 2026-11-21T11:58:05.5Z, or seconds after "
+              "the first entry such as +12.5)\n");
+    const RunResult reversed = runMvlog({"slice", path, "--start", "+5", "--end", "+1", "-o", output});
+    EXPECT_EQ(reversed.exitCode, 1);
+    EXPECT_EQ(reversed.err, "mvlog: refused: the time range is reversed (--start is after --end)\n");
+    EXPECT_FALSE(std::filesystem::exists(output));
+}
+
+TEST_F(DeriveTest, MergeInterleavesTwoFilesByTime) {
+    const std::string second = directory.file("second.mvlog");
+    writeKnownFile(second, 0);
+    const RunResult result = runMvlog({"merge", path, second, "-o", output});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out, output + "\n");
+    const nlohmann::json info = infoJson(output);
+    EXPECT_EQ(info["entries"]["count"], 202);
+    EXPECT_EQ(info["dataSources"].size(), 3u);
+    // Equal timestamps: the first file's entry first.
+    EXPECT_EQ(bytesOf(runMvlog({"export", output, "--entry", "3", "-o", "-"}).out), knownPayload(2));
+    EXPECT_EQ(runMvlog({"merge", path, "-o", directory.file("one.mvlog")}).exitCode, 2);
+    EXPECT_EQ(runMvlog({"merge", path, second, "-o", output}).exitCode, 1);
 }
 
 TEST_F(DeriveTest, LevelOutsideTheRangeIsAUsageError) {
@@ -108,6 +159,49 @@ TEST(DeriveErrors, MissingSourceIsAnError) {
     const RunResult result = runMvlog({"clone", directory.file("missing.mvlog")});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.err, "mvlog: " + directory.file("missing.mvlog") + ": no such file\n");
+}
+
+}  // namespace
+}  // namespace MvlogTest
+
+namespace MvlogTest {
+namespace {
+
+// Observed: onto a full disk, slice and clone exited 0 and left a file with
+// part of the entries. Files may not grow past 100 KiB here, as on a full
+// disk; the copy must fail and leave nothing under the requested name.
+TEST(DeriveFullDisk, AFullDiskIsAFailureAndLeavesNoOutput) {
+    TempDir directory;
+    const std::string path = directory.file("big.mvlog");
+    {
+        Marivane::Logging::SqliteLogFile file(path, "Etc/UTC", "tooltest", "1.2", 0, kKnownStart);
+        Marivane::Logging::DataSource source{-1, MV_LogDataSourceType_Camera, "camera"};
+        ASSERT_TRUE(file.addDataSource(source));
+        auto batch = file.beginBatch();
+        for (int i = 0; i < 3000; ++i) {
+            Marivane::Logging::DataEntry entry;
+            entry.dataSourceId = source.id;
+            entry.timestamp = kKnownStart + i;
+            entry.data = knownPayload(i % 100 + 1);
+            entry.data.resize(200);
+            ASSERT_TRUE(file.logData(entry));
+        }
+        ASSERT_TRUE(batch.commit());
+    }
+    const std::string output = directory.file("out.mvlog");
+    for (const char* command : {"clone", "slice"}) {
+        std::vector<std::string> arguments = {"-c", std::string("trap \"\" XFSZ; ulimit -f 200; exec \"$0\" \"$@\""), MVLOG_BINARY,
+                                              command,  path};
+        if (std::string(command) == "slice") {
+            arguments.insert(arguments.end(), {"--from", "1", "--to", "3000"});
+        }
+        arguments.insert(arguments.end(), {"-o", output});
+        const RunResult result = runProgram("/bin/sh", arguments);
+        EXPECT_EQ(result.exitCode, 1) << command << ": " << result.out << result.err;
+        EXPECT_NE(result.err.find("(nothing was written to " + output + ")"), std::string::npos) << result.err;
+        EXPECT_FALSE(std::filesystem::exists(output)) << command;
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.path()), {}), 1) << command;
+    }
 }
 
 }  // namespace

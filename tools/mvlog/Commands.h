@@ -43,8 +43,15 @@ int runExport(const ExportOptions& options);
 
 struct SliceOptions {
     std::string file;
-    int32_t from = -1;
-    int32_t to = -1;
+    std::optional<int32_t> from;
+    std::optional<int32_t> to;
+    // Times: ISO 8601 ("2026-11-21T11:58:05.5Z", UTC unless an offset is
+    // given) or seconds from the first entry ("+12.5").
+    std::optional<std::string> start;
+    std::optional<std::string> end;
+    std::vector<int32_t> types;
+    std::vector<int> sources;
+    std::vector<MV_LogDataSourceType> sourceTypes;
     std::string output;
     std::optional<int> level;
 };
@@ -56,6 +63,13 @@ struct CloneOptions {
     std::optional<int> level;
 };
 int runClone(const CloneOptions& options);
+
+struct MergeOptions {
+    std::vector<std::string> files;
+    std::string output;
+    std::optional<int> level;
+};
+int runMerge(const MergeOptions& options);
 
 struct PlayOptions {
     std::string file;

@@ -107,16 +107,54 @@ void addExport(CLI::App& app, Subcommands& subcommands) {
 
 void addSlice(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<SliceOptions>();
-    CLI::App* slice =
-        app.add_subcommand("slice", "Write entries FROM..TO with everything they need to a new file");
+    auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
+    CLI::App* slice = app.add_subcommand(
+        "slice", "Write the entries of an id range and/or a time range, optionally filtered, with everything "
+                 "they need to a new file");
     slice->add_option("FILE", options->file, "Log file")->required();
-    slice->add_option("--from", options->from, "First entry id (must exist)")->required();
-    slice->add_option("--to", options->to, "Last entry id (must exist)")->required();
+    CLI::Option* from = slice->add_option("--from", options->from, "First entry id (must exist)");
+    CLI::Option* to = slice->add_option("--to", options->to, "Last entry id (must exist)");
+    from->needs(to);
+    to->needs(from);
+    slice->add_option("--start", options->start,
+                      "First time, inclusive: ISO 8601 (2026-11-21T11:58:05.5Z; UTC unless an offset is given) "
+                      "or seconds after the first entry (+12.5)");
+    slice->add_option("--end", options->end, "Last time, inclusive, written like --start");
+    addRepeatable(*slice, "--type", options->types, "Only entries of this entry type (repeatable)");
+    addRepeatable(*slice, "--source", options->sources, "Only entries of this data-source id (repeatable)")
+        ->check(CLI::Range(-128, 127));
+    addRepeatable(*slice, "--source-type", *sourceTypeNames,
+                  "Only entries of data sources of this type (repeatable)")
+        ->check(kDataSourceTypeValidator);
     slice->add_option("-o,--output", options->output,
                       "Output file (must not exist; default: <name>_exported<ext> beside the source)");
     slice->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
         ->check(CLI::Range(-1, 9));
-    subcommands.add(slice, [options] { return runSlice(*options); });
+    slice->footer(
+        "The new file is written under a temporary name beside the output and renamed when it is complete: "
+        "a failure leaves nothing under the output's name. Entries are numbered from 1; bookmarks move with "
+        "their entries.");
+    subcommands.add(slice, [options, sourceTypeNames] {
+        options->sourceTypes = dataSourceTypes(*sourceTypeNames);
+        return runSlice(*options);
+    });
+}
+
+void addMerge(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<MergeOptions>();
+    CLI::App* merge = app.add_subcommand(
+        "merge", "Merge several log files into a new one, entries interleaved by timestamp");
+    merge->add_option("FILES", options->files, "Log files, in order (ties in time go to the earlier file)")
+        ->required()
+        ->expected(2, -1);
+    merge->add_option("-o,--output", options->output, "Output file (must not exist)")->required();
+    merge->add_option("--level", options->level, "Compression level -1..9 (default: the first file's)")
+        ->check(CLI::Range(-1, 9));
+    merge->footer(
+        "Data sources keep their ids unless an earlier file uses the id for another source; they are then "
+        "renumbered, with their properties and entries. Written under a temporary name and renamed when "
+        "complete.");
+    subcommands.add(merge, [options] { return runMerge(*options); });
 }
 
 void addClone(CLI::App& app, Subcommands& subcommands) {
@@ -220,6 +258,7 @@ int main(int argc, char** argv) {
     addExport(app, subcommands);
     addSlice(app, subcommands);
     addClone(app, subcommands);
+    addMerge(app, subcommands);
     addPlay(app, subcommands);
     addBookmarks(app, subcommands);
     addCheck(app, subcommands);
