@@ -13,6 +13,7 @@
 #include <logging/DataSourceProperty.h>
 #include <logging/Durability.h>
 #include <logging/EntryIndexFilter.h>
+#include <logging/FailureKind.h>
 #include <logging/LegacyLogFileError.h>
 #include <logging/LogFileInterface.h>
 #include <logging/LogFilePlayer.h>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <logging/Durability.h>
+#include <logging/FailureKind.h>
 #include <logging/LogFileInterface.h>
 #include <logging/LoggingExport.h>
 
@@ -116,6 +117,8 @@ public:
     // reason (for example a lock held by another connection); empty before
     // the first.
     std::string getLastFailure() const;
+    // The kind of the most recent counted failure; None before the first.
+    FailureKind getLastFailureKind() const;
 
     // Resource payloads may be compressed (format version above 2).
     bool isResourceCompressionSupported() const;

@@ -119,6 +119,8 @@ uint64_t SqliteLogFile::getFailureCount() const { return d->failureCount(); }
 
 std::string SqliteLogFile::getLastFailure() const { return d->lastFailure(); }
 
+FailureKind SqliteLogFile::getLastFailureKind() const { return d->lastFailureKind(); }
+
 bool SqliteLogFile::isResourceCompressionSupported() const { return d->isResourceCompressionSupported(); }
 
 bool SqliteLogFile::isBookmarkPayloadsSupported() const { return d->isBookmarkPayloadsSupported(); }

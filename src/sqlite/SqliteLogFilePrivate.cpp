@@ -417,9 +417,39 @@ int32_t SqliteLogFilePrivate::readSingleInteger(const std::string& sql) const {
     return -1;
 }
 
+namespace {
+
+FailureKind failureKindOf(Database::StatusCode code) {
+    switch (code) {
+        case Database::StatusCode::Ok:
+            return FailureKind::None;
+        case Database::StatusCode::Busy:
+            return FailureKind::Busy;
+        case Database::StatusCode::Corrupt:
+        case Database::StatusCode::NotADatabase:
+            return FailureKind::Damaged;
+        case Database::StatusCode::IoError:
+            return FailureKind::IoError;
+        case Database::StatusCode::Full:
+            return FailureKind::Full;
+        case Database::StatusCode::ReadOnly:
+            return FailureKind::ReadOnly;
+        case Database::StatusCode::ForeignKey:
+        case Database::StatusCode::Constraint:
+            return FailureKind::Refused;
+        case Database::StatusCode::Misuse:
+        case Database::StatusCode::Other:
+            break;
+    }
+    return FailureKind::Other;
+}
+
+}  // namespace
+
 void SqliteLogFilePrivate::recordFailure(const char* operation, const Database::Status& status) const {
     std::lock_guard lock(failureMutex_);
     ++failureCount_;
+    lastFailureKind_ = failureKindOf(status.code());
     lastFailure_ = std::string(operation) + " '" + filePath.string() + "' failed: " +
                    (status.isBusy() ? busyMessage() : status.message());
     if (status.isBusy()) {
@@ -444,6 +474,11 @@ uint64_t SqliteLogFilePrivate::failureCount() const {
 std::string SqliteLogFilePrivate::lastFailure() const {
     std::lock_guard lock(failureMutex_);
     return lastFailure_;
+}
+
+FailureKind SqliteLogFilePrivate::lastFailureKind() const {
+    std::lock_guard lock(failureMutex_);
+    return lastFailureKind_;
 }
 
 bool SqliteLogFilePrivate::insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId,

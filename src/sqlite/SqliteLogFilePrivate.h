@@ -2,6 +2,7 @@
 
 #include <logging/ByteBuffer.h>
 #include <logging/Durability.h>
+#include <logging/FailureKind.h>
 
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
@@ -127,6 +128,7 @@ public:
     bool checkFinished(const Database::SqliteQuery& query, const char* operation) const;
     uint64_t failureCount() const;
     std::string lastFailure() const;
+    FailureKind lastFailureKind() const;
 
     // Reads an integer metadata value while opening: absent when the key is
     // missing or not an integer; throws when the read fails.
@@ -154,6 +156,7 @@ private:
     mutable std::mutex failureMutex_;
     mutable uint64_t failureCount_ = 0;
     mutable std::string lastFailure_;
+    mutable FailureKind lastFailureKind_ = FailureKind::None;
 };
 
 }  // namespace Marivane::Logging

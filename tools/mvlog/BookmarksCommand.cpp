@@ -10,6 +10,7 @@ namespace Mvlog {
 
 using Marivane::Logging::Bookmark;
 using Marivane::Logging::LogFileInterface;
+using Marivane::Logging::SqliteLogFile;
 
 namespace {
 
@@ -40,8 +41,9 @@ void requireWritten(bool written, const LogFileInterface& file, const char* what
     }
 }
 
-int listBookmarks(const LogFileInterface& file) {
+int listBookmarks(const SqliteLogFile& file) {
     const std::vector<Bookmark> bookmarks = file.getBookmarks();
+    requireCompleteReads(file);
     if (bookmarks.empty()) {
         fmt::print("No bookmarks.\n");
     }
@@ -97,7 +99,8 @@ int removeBookmark(LogFileInterface& file, const BookmarksOptions& options) {
 }  // namespace
 
 int runBookmarks(const BookmarksOptions& options) {
-    const auto file = openExistingLogFile(options.file);
+    const auto file = openExistingLogFile(
+        options.file, options.action == BookmarkAction::List ? Access::ReadOnly : Access::ReadWrite);
     switch (options.action) {
         case BookmarkAction::List:
             return listBookmarks(*file);

@@ -139,6 +139,7 @@ int runCat(const CatOptions& options) {
                     std::fflush(stdout);
                     fmt::print(stderr, "mvlog: entry {}: {}\n", entry.entryId, entry.reason);
                 });
+    requireCompleteReads(*file);
     if (damaged != 0) {
         throw ToolError(fmt::format("{} of {} entries could not be read", damaged, scanner.selectedCount()));
     }

@@ -259,9 +259,10 @@ std::size_t checkResources(const LogFileInterface& file, ProblemReport& problems
     return count;
 }
 
+// Read-only: a check never repairs or otherwise changes what it looks at.
 std::unique_ptr<SqliteLogFile> openForCheck(const std::string& path, ProblemReport& problems) {
     try {
-        return std::make_unique<SqliteLogFile>(path);
+        return std::make_unique<SqliteLogFile>(SqliteLogFile::openReadOnly(path));
     } catch (const std::exception& error) {
         problems.add(fmt::format("cannot open as a log file: {}", error.what()));
         return nullptr;
@@ -298,6 +299,12 @@ int runCheck(const CheckOptions& options) {
         const std::size_t resources = checkResources(*file, problems);
         fmt::print("Checked {} entries, {} data sources, {} resources, {} bookmarks\n", entries,
                    file->getDataSources().size(), resources, bookmarks);
+        // Damage has its own findings above; any other failed read (a lock
+        // held past the wait, an I/O error) leaves the check incomplete.
+        if (file->getFailureCount() != 0 &&
+            file->getLastFailureKind() != Marivane::Logging::FailureKind::Damaged) {
+            problems.add(fmt::format("reads failed, so the check is incomplete: {}", file->getLastFailure()));
+        }
     } catch (const std::exception& error) {
         problems.add(fmt::format("the check could not go on: {}", error.what()));
     }

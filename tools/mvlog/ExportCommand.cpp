@@ -88,6 +88,7 @@ void writeToFile(const std::string& path, const ByteBuffer& bytes) {
 int runExport(const ExportOptions& options) {
     const auto file = openExistingLogFile(options.file);
     const ByteBuffer bytes = selectedBytes(*file, options);
+    requireCompleteReads(*file);
     if (options.output == kStandardOutput) {
         writeToStandardOutput(bytes);
         return 0;

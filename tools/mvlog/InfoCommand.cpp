@@ -9,6 +9,7 @@ namespace Mvlog {
 int runInfo(const InfoOptions& options) {
     const auto file = openExistingLogFile(options.file);
     const FileSummary summary = summarizeLogFile(*file);
+    requireCompleteReads(*file);
     if (options.json) {
         fmt::print("{}\n", summaryJson(summary).dump(2));
     } else {

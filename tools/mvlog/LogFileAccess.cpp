@@ -26,15 +26,24 @@ void requireExistingFile(const std::filesystem::path& path) {
     }
 }
 
-std::unique_ptr<SqliteLogFile> openExistingLogFile(const std::filesystem::path& path) {
+std::unique_ptr<SqliteLogFile> openExistingLogFile(const std::filesystem::path& path, Access access) {
     requireExistingFile(path);
     if (std::filesystem::is_regular_file(path) && fileSizeOnDisk(path) == 0) {
         throw ToolError(fmt::format("{}: the file is empty (0 bytes), not a log file", path.string()));
     }
     try {
+        if (access == Access::ReadOnly) {
+            return std::make_unique<SqliteLogFile>(SqliteLogFile::openReadOnly(path));
+        }
         return std::make_unique<SqliteLogFile>(path);
     } catch (const std::exception& error) {
         throw ToolError(fmt::format("cannot open {}: {}", path.string(), error.what()));
+    }
+}
+
+void requireCompleteReads(const SqliteLogFile& file) {
+    if (file.getFailureCount() != 0 && file.getLastFailureKind() != Marivane::Logging::FailureKind::Damaged) {
+        throw ToolError(file.getLastFailure());
     }
 }
 

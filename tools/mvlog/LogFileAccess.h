@@ -27,11 +27,21 @@ public:
 inline constexpr const char* kToolName = "mvlog";
 inline constexpr const char* kToolVersion = MVLOG_VERSION;
 
+enum class Access { ReadOnly, ReadWrite };
+
 // Opens a log file that must already exist. The store would quietly create
 // an empty log file at a missing path (or inside an empty file), which is
-// never what a reading command means, so both are refused here. Whatever the
-// library throws becomes a ToolError carrying its message.
-std::unique_ptr<Marivane::Logging::SqliteLogFile> openExistingLogFile(const std::filesystem::path& path);
+// never what a reading command means, so both are refused here. Commands
+// that only look open read-only, so that looking never changes a byte of the
+// file. Whatever the library throws becomes a ToolError carrying its message.
+std::unique_ptr<Marivane::Logging::SqliteLogFile> openExistingLogFile(const std::filesystem::path& path,
+                                                                     Access access = Access::ReadOnly);
+
+// Throws a ToolError when a read of `file` failed for a reason other than
+// damage (another process holding a lock past the wait, an I/O error): an
+// empty or short answer is then not the truth, and must not be printed as if
+// it were. Damage is left to each command, which says what it hides.
+void requireCompleteReads(const Marivane::Logging::SqliteLogFile& file);
 
 // Throws ToolError unless something readable exists at `path`.
 void requireExistingFile(const std::filesystem::path& path);
