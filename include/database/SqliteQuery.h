@@ -62,7 +62,10 @@ public:
     void resetQuery();
 
     // Binding a name that the statement does not contain does nothing, so a
-    // caller may bind an optional clause's parameter unconditionally.
+    // caller may bind an optional clause's parameter unconditionally. A bind
+    // that SQLite refuses (a value too big, no memory) is not lost: the next
+    // executeStep fails with its code instead of running the statement with
+    // a value missing.
     void bindParameter(const std::string& name, int32_t value);
     void bindParameter(const std::string& name, int64_t value);
     void bindParameter(const std::string& name, double value);
@@ -84,6 +87,9 @@ private:
     sqlite3_stmt* statement_ = nullptr;
     bool hasRow_ = false;
     int32_t lastResultCode_ = 0;
+    // The first refused bind since the statement was last stepped; 0 if none.
+    int32_t bindFailure_ = 0;
+    MV_DATABASE_HIDDEN void noteBind(int code);
 };
 
 }  // namespace Marivane::Database

@@ -6,6 +6,7 @@
 
 #include <core/Chrono.h>
 #include <core/Filesystem.h>
+#include <database/DatabaseAccessError.h>
 
 #include <algorithm>
 #include <array>
@@ -107,6 +108,16 @@ EntryRange findEntryRange(const std::vector<int32_t>& allIds, int startEntryId, 
 constexpr std::size_t kBatchEntries = 4096;
 constexpr std::size_t kBatchBytes = 64 * 1024 * 1024;
 
+// A batch that could not keep its writes (a full disk, an I/O error) would
+// leave the output short without a word; like every other error of the
+// copying steps, it reaches the caller.
+void commitOrThrow(SqliteLogFile::WriteBatch& batch, const SqliteLogFile& output) {
+    if (!batch.commit()) {
+        throw Database::DatabaseAccessError("Cannot write '" + output.getFilePath().string() +
+                                            "': " + output.getLastError());
+    }
+}
+
 // One read for the whole range: the new file numbers entries in write order,
 // so they must arrive ascending, and splitting the read would only add round
 // trips.
@@ -123,13 +134,13 @@ void copyEntries(const LogFileInterface& logFile, SqliteLogFile& output, EntryRa
         output.logData(entry);
         bytesInBatch += entry.data.size();
         if (++entriesInBatch == kBatchEntries || bytesInBatch >= kBatchBytes) {
-            batch.commit();
+            commitOrThrow(batch, output);
             batch = output.beginBatch();
             entriesInBatch = 0;
             bytesInBatch = 0;
         }
     }
-    batch.commit();
+    commitOrThrow(batch, output);
 }
 
 // The new file numbers the copied entries 1, 2, ... in range order, so an id
@@ -184,6 +195,7 @@ std::unique_ptr<LogFileInterface> slice(const LogFileInterface& logFile, int sta
         copyResources(logFile, *output);
         copyDataSources(logFile, *output);
         copyDataSourceProperties(logFile, *output);
+        commitOrThrow(batch, *output);
     }
 
     const std::vector<int32_t> allIds = logFile.getEntryIndex(EntryIndexFilter{});
@@ -192,6 +204,7 @@ std::unique_ptr<LogFileInterface> slice(const LogFileInterface& logFile, int sta
     {
         SqliteLogFile::WriteBatch batch = output->beginBatch();
         copyBookmarks(logFile, *output, range);
+        commitOrThrow(batch, *output);
     }
     return output;
 }

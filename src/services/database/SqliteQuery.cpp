@@ -26,7 +26,8 @@ SqliteQuery::SqliteQuery(SqliteQuery&& other) noexcept
       slot_(other.slot_),
       statement_(std::exchange(other.statement_, nullptr)),
       hasRow_(other.hasRow_),
-      lastResultCode_(other.lastResultCode_) {}
+      lastResultCode_(other.lastResultCode_),
+      bindFailure_(other.bindFailure_) {}
 
 SqliteQuery::~SqliteQuery() {
     if (statement_ != nullptr) {
@@ -34,7 +35,19 @@ SqliteQuery::~SqliteQuery() {
     }
 }
 
+void SqliteQuery::noteBind(int code) {
+    if (code != SQLITE_OK && bindFailure_ == 0) {
+        bindFailure_ = code;
+    }
+}
+
 int32_t SqliteQuery::executeStep() {
+    if (bindFailure_ != 0) {
+        hasRow_ = false;
+        lastResultCode_ = std::exchange(bindFailure_, 0);
+        database_->recordStepResult(lastResultCode_);
+        return StepFailed;
+    }
     const int code = sqlite3_step(statement_);
     hasRow_ = code == SQLITE_ROW;
     lastResultCode_ = code == SQLITE_ROW || code == SQLITE_DONE ? SQLITE_OK : code;
@@ -66,25 +79,25 @@ int SqliteQuery::parameterIndex(const std::string& name) const {
 
 void SqliteQuery::bindParameter(const std::string& name, int32_t value) {
     if (const int index = parameterIndex(name)) {
-        sqlite3_bind_int(statement_, index, value);
+        noteBind(sqlite3_bind_int(statement_, index, value));
     }
 }
 
 void SqliteQuery::bindParameter(const std::string& name, int64_t value) {
     if (const int index = parameterIndex(name)) {
-        sqlite3_bind_int64(statement_, index, value);
+        noteBind(sqlite3_bind_int64(statement_, index, value));
     }
 }
 
 void SqliteQuery::bindParameter(const std::string& name, double value) {
     if (const int index = parameterIndex(name)) {
-        sqlite3_bind_double(statement_, index, value);
+        noteBind(sqlite3_bind_double(statement_, index, value));
     }
 }
 
 void SqliteQuery::bindParameter(const std::string& name, const std::string& value, BindMode mode) {
     if (const int index = parameterIndex(name)) {
-        sqlite3_bind_text64(statement_, index, value.data(), value.size(), destructorFor(mode), SQLITE_UTF8);
+        noteBind(sqlite3_bind_text64(statement_, index, value.data(), value.size(), destructorFor(mode), SQLITE_UTF8));
     }
 }
 
@@ -95,10 +108,10 @@ void SqliteQuery::bindParameter(const std::string& name, const std::vector<std::
     }
     if (value.empty()) {
         // A null data pointer would bind NULL; the columns want an empty blob.
-        sqlite3_bind_zeroblob(statement_, index, 0);
+        noteBind(sqlite3_bind_zeroblob(statement_, index, 0));
         return;
     }
-    sqlite3_bind_blob64(statement_, index, value.data(), value.size(), destructorFor(mode));
+    noteBind(sqlite3_bind_blob64(statement_, index, value.data(), value.size(), destructorFor(mode)));
 }
 
 ColumnValue SqliteQuery::getValueFromColumn(int column) const {
