@@ -26,6 +26,7 @@ TEST_F(InfoTest, TextNamesTheFixedFactsExactly) {
     EXPECT_TRUE(containsLine(lines, "File               " + path));
     EXPECT_TRUE(containsLine(lines, "Format version     4"));
     EXPECT_TRUE(containsLine(lines, "Compression level  3"));
+    EXPECT_TRUE(containsLine(lines, "Durability         fast (no flushes, journal in memory)"));
     EXPECT_TRUE(containsLine(
         lines, "Created            2023-11-14T22:13:20.000Z (stored time zone \"Europe/Oslo\")"));
     EXPECT_TRUE(containsLine(lines, "Application        tooltest 1.2"));
@@ -166,6 +167,26 @@ TEST(InfoErrors, DirectoryIsRefused) {
     const RunResult result = runMvlog({"info", directory.path().string()});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.err, "mvlog: " + directory.path().string() + ": is a directory, not a log file\n");
+}
+
+}  // namespace
+}  // namespace MvlogTest
+
+namespace MvlogTest {
+namespace {
+
+TEST(InfoDurability, ASafeFileSaysSo) {
+    Marivane::Testing::TempDir directory;
+    const std::string path = directory.file("safe.mvlog");
+    {
+        Marivane::Logging::SqliteLogFile file(path, "Etc/UTC", "tooltest", "1.2", 0, kKnownStart,
+                                              Marivane::Logging::Durability::Safe);
+    }
+    EXPECT_EQ(infoJson(path)["durability"], "safe");
+    const RunResult result = runMvlog({"info", path});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(containsLine(result.outLines(), "Durability         safe (write-ahead log; readable while recorded)"))
+        << result.out;
 }
 
 }  // namespace

@@ -77,6 +77,29 @@ TEST_F(PlayTest, FromFrameStartsThere) {
     EXPECT_EQ(result.outLines().back().rfind("Played 6 of 101 frames (500 ms of recording)", 0), 0u);
 }
 
+TEST_F(PlayTest, StartTimeFindsItsFrame) {
+    for (const std::string start : {"+9.45", "2023-11-14T22:13:29.500Z", "2023-11-14T23:13:29.5+01:00"}) {
+        const RunResult result = runMvlog({"play", path, "--speed", "100", "--start", start});
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        const std::vector<std::string> frames = frameLines(result);
+        ASSERT_EQ(frames.size(), 6u) << start;
+        EXPECT_EQ(frames.front().rfind("frame 95/100  entry 96  ", 0), 0u) << frames.front();
+    }
+    EXPECT_EQ(runMvlog({"play", path, "--start", "+1", "--from", "3"}).exitCode, 2);
+    EXPECT_EQ(runMvlog({"play", path, "--start", "soon"}).exitCode, 2);
+}
+
+// Exact pacing keeps the recorded pace: at 50x the 10 s recording takes
+// 0.2 s, and the mean error against the ideal schedule stays small.
+TEST_F(PlayTest, ExactPacingKeepsThePace) {
+    const RunResult result = runMvlog({"play", path, "--speed", "50"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const std::string last = result.outLines().back();
+    const std::size_t at = last.find("pacing error mean ");
+    ASSERT_NE(at, std::string::npos) << last;
+    EXPECT_LT(std::stod(last.substr(at + 18)), 5.0) << last;
+}
+
 // An exception on the player's worker thread would end the process; the
 // damaged entry is played as an empty frame and the run fails at the end.
 TEST_F(PlayTest, DamagedPayloadIsPlayedAsAnEmptyFrame) {

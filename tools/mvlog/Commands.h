@@ -78,6 +78,9 @@ struct PlayOptions {
     std::vector<MV_LogDataSourceType> sourceTypes;
     int32_t maxDelayMs = 1000;
     int32_t fromFrame = 0;
+    // A time (see slice's --start) instead of a frame to start at.
+    std::optional<std::string> start;
+    bool carryPacing = false;
 };
 int runPlay(const PlayOptions& options);
 

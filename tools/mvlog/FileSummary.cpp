@@ -125,6 +125,10 @@ void appendHeader(std::string& text, const FileSummary& summary) {
     line("Format version", summary.formatVersion ? std::to_string(*summary.formatVersion) : "(missing)");
     line("Compression level",
          summary.compressionLevel ? compressionLevelText(*summary.compressionLevel) : "(missing)");
+    if (summary.durability) {
+        line("Durability", *summary.durability == "safe" ? "safe (write-ahead log; readable while recorded)"
+                                                          : "fast (no flushes, journal in memory)");
+    }
     line("Created", summary.createdDateTime
                         ? fmt::format("{} (stored time zone \"{}\")", isoTimestamp(*summary.createdDateTime),
                                       orUnknown(summary.timeZone))
@@ -290,6 +294,10 @@ FileSummary summarizeLogFile(const LogFileInterface& file) {
     summary.path = file.getFilePath();
     summary.sizeOnDisk = fileSizeOnDisk(summary.path);
     readFixedMetadata(file, summary);
+    if (const auto* sqliteFile = dynamic_cast<const Marivane::Logging::SqliteLogFile*>(&file)) {
+        summary.durability =
+            sqliteFile->getDurability() == Marivane::Logging::Durability::Safe ? "safe" : "fast";
+    }
     summary.entryCount = file.getEntryCount();
     summary.firstEntryId = file.getFirstEntryId();
     summary.lastEntryId = file.getLastEntryId();
@@ -345,6 +353,7 @@ ordered_json summaryJson(const FileSummary& summary) {
             {"sizeOnDisk", summary.sizeOnDisk},
             {"formatVersion", optionalJson(summary.formatVersion)},
             {"compressionLevel", optionalJson(summary.compressionLevel)},
+            {"durability", optionalJson(summary.durability)},
             {"created", createdJson(summary)},
             {"applicationName", optionalJson(summary.applicationName)},
             {"applicationVersion", optionalJson(summary.applicationVersion)},

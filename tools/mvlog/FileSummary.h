@@ -39,6 +39,8 @@ struct FileSummary {
     uint64_t sizeOnDisk = 0;
     std::optional<int64_t> formatVersion;
     std::optional<int64_t> compressionLevel;
+    // "fast" or "safe"; absent for files that are not SQLite log files.
+    std::optional<std::string> durability;
     std::optional<int64_t> createdDateTime;
     std::optional<std::string> timeZone;
     std::optional<std::string> applicationName;

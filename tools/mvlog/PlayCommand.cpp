@@ -2,6 +2,7 @@
 #include "LogFileAccess.h"
 #include "Replay.h"
 #include "Terminal.h"
+#include "TimeArguments.h"
 
 #include <fmt/format.h>
 
@@ -17,6 +18,11 @@ int runPlay(const PlayOptions& options) {
     settings.sourceTypes = options.sourceTypes;
     settings.maxDelayMs = options.maxDelayMs;
     settings.fromFrame = options.fromFrame;
+    if (options.start) {
+        settings.fromTimestamp = parseTime("--start", *options.start, *file);
+    }
+    settings.pacing = options.carryPacing ? Marivane::Logging::Playback::Pacing::CarryMilliseconds
+                                          : Marivane::Logging::Playback::Pacing::Exact;
     settings.style = isTerminal(stdout) ? StatusStyle::Live : StatusStyle::EveryFrame;
 
     fmt::print("Playing {} at {}x{}; Ctrl-C stops\n", options.file, options.speed,

@@ -1,6 +1,5 @@
 #include "Replay.h"
 
-#include "DamageTolerantLogFile.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "Terminal.h"
@@ -17,6 +16,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace Mvlog {
@@ -28,6 +28,28 @@ using Marivane::Logging::Playback::LogFilePlayer;
 using Clock = std::chrono::steady_clock;
 
 namespace {
+
+// Entry ids whose payload could not be read; written by the player's worker
+// thread through its unreadable-frame handler, read by whoever reports.
+class DamageLog {
+public:
+    void record(int32_t entryId) {
+        std::lock_guard lock(mutex_);
+        entryIds_.insert(entryId);
+    }
+    bool contains(int32_t entryId) const {
+        std::lock_guard lock(mutex_);
+        return entryIds_.count(entryId) != 0;
+    }
+    std::size_t size() const {
+        std::lock_guard lock(mutex_);
+        return entryIds_.size();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::set<int32_t> entryIds_;
+};
 
 // Set by the signal handler; the replay loop polls it. A lock-free atomic is
 // safe to store from a handler.
@@ -121,11 +143,11 @@ private:
     bool finished_ = false;
 };
 
-// The ideal schedule: each frame due the recorded gap divided by the speed
-// after the previous one, or exactly the maximum delay once the gap reaches
-// it (also after a wrap, where the gap counts from 0), cumulative from the
-// first delivery. The player rounds each wait to whole milliseconds and
-// compensates only whole milliseconds of lateness, so its drift shows here.
+// The ideal schedule: each frame due idealFrameGap after the previous one
+// (also after a wrap, where the gap counts from 0), cumulative from the first
+// delivery. Under the default pacing the player rounds each wait to whole
+// milliseconds and compensates only whole milliseconds of lateness, so its
+// drift shows here; exact pacing follows this schedule.
 class PacingTracker {
 public:
     PacingTracker(double speed, int32_t maxDelayMs) : speed_(speed), maxDelayMs_(maxDelayMs) {}
@@ -156,12 +178,9 @@ public:
     }
 
 private:
-    std::chrono::duration<double, std::milli> waitBefore(int64_t timestamp) const {
-        const int64_t gap = timestamp - previousTimestamp_;
-        if (gap >= maxDelayMs_) {
-            return std::chrono::duration<double, std::milli>(maxDelayMs_);
-        }
-        return std::chrono::duration<double, std::milli>(static_cast<double>(gap) / speed_);
+    std::chrono::nanoseconds waitBefore(int64_t timestamp) const {
+        return Marivane::Logging::Playback::idealFrameGap(timestamp - previousTimestamp_, maxDelayMs_,
+                                                         static_cast<float>(speed_));
     }
 
     double speed_;
@@ -288,9 +307,12 @@ ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplayS
     // The queue must outlive the player, whose worker calls into it.
     std::unique_ptr<DeliveryQueue> queue;
     LogFilePlayer player(
-        std::make_unique<DamageTolerantLogFile>(std::move(file), damage), settings.sourceTypes,
-        [&queue](int32_t frame, DataEntry entry) { queue->push(frame, entry); }, settings.loop,
-        settings.maxDelayMs);
+        std::move(file), settings.sourceTypes, [&queue](int32_t frame, DataEntry entry) { queue->push(frame, entry); },
+        settings.loop, settings.maxDelayMs);
+    // A damaged payload becomes an empty frame, logged for the report.
+    player.setUnreadableFrameHandler(
+        [damage](int32_t, int32_t entryId, const std::string&) { damage->record(entryId); });
+    player.setPacing(settings.pacing);
     report.frameCount = player.getFrameCount();
     if (report.frameCount == 0) {
         return report;
@@ -306,7 +328,11 @@ ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplayS
     InterruptGuard interrupts;
     const auto start = Clock::now();
     // seek delivers the first frame here and now; play() goes on after it.
-    player.seek(settings.fromFrame, {});
+    if (settings.fromTimestamp) {
+        player.seekToTime(*settings.fromTimestamp, {});
+    } else {
+        player.seek(settings.fromFrame, {});
+    }
     player.play();
     std::optional<int64_t> firstTimestamp;
     auto observe = [&](const DeliveredFrame& frame) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,10 @@ struct ReplaySettings {
     std::vector<MV_LogDataSourceType> sourceTypes;
     int32_t maxDelayMs = 1000;
     int32_t fromFrame = 0;
+    // When set, playback starts at the first frame at or after this time
+    // instead of fromFrame.
+    std::optional<int64_t> fromTimestamp;
+    Marivane::Logging::Playback::Pacing pacing = Marivane::Logging::Playback::Pacing::Exact;
     StatusStyle style = StatusStyle::EveryFrame;
 };
 

@@ -182,8 +182,15 @@ void addPlay(CLI::App& app, Subcommands& subcommands) {
     play->add_option("--max-delay", options->maxDelayMs,
                      "Longest wait between two frames in ms (default 1000)")
         ->check(CLI::Range(1, 3'600'000));
-    play->add_option("--from", options->fromFrame, "Frame to start at, counting from 0")
-        ->check(CLI::NonNegativeNumber);
+    CLI::Option* from = play->add_option("--from", options->fromFrame, "Frame to start at, counting from 0")
+                            ->check(CLI::NonNegativeNumber);
+    play->add_option("--start", options->start,
+                     "Start at the first frame at or after this time: ISO 8601 (2026-11-21T11:58:05.5Z) or "
+                     "seconds after the first entry (+12.5)")
+        ->excludes(from);
+    play->add_flag("--carry-pacing", options->carryPacing,
+                   "Pace like the library's default (whole-millisecond waits, which drift at high rates) "
+                   "instead of on an exact timeline");
     subcommands.add(play, [options, sourceTypeNames] {
         options->sourceTypes = dataSourceTypes(*sourceTypeNames);
         return runPlay(*options);

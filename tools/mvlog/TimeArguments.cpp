@@ -1,0 +1,91 @@
+#include "TimeArguments.h"
+
+#include "LogFileAccess.h"
+
+#include <fmt/format.h>
+
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <optional>
+
+namespace Mvlog {
+
+using Marivane::Logging::LogFileInterface;
+
+namespace {
+
+// "+12.5": seconds after the file's first entry.
+std::optional<int64_t> parseRelativeTime(const std::string& text, const LogFileInterface& file) {
+    if (text.empty() || text[0] != '+') {
+        return std::nullopt;
+    }
+    std::size_t used = 0;
+    double seconds = 0;
+    try {
+        seconds = std::stod(text.substr(1), &used);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+    if (used + 1 != text.size() || !std::isfinite(seconds)) {
+        return std::nullopt;
+    }
+    const std::optional<Marivane::Logging::DataEntry> first = file.readEntry(file.getFirstEntryId());
+    if (!first) {
+        throw ToolError("refused: a time relative to the first entry needs a file with entries");
+    }
+    return first->timestamp + std::llround(seconds * 1000.0);
+}
+
+// "2026-11-21T11:58:05.5Z", "2026-11-21T12:58:05+01:00" or without a zone (UTC).
+std::optional<int64_t> parseIsoTime(const std::string& text) {
+    std::tm parts{};
+    int consumed = 0;
+    if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%n", &parts.tm_year, &parts.tm_mon, &parts.tm_mday,
+                    &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &consumed) != 6) {
+        return std::nullopt;
+    }
+    parts.tm_year -= 1900;
+    parts.tm_mon -= 1;
+    int64_t milliseconds = 0;
+    std::size_t at = static_cast<std::size_t>(consumed);
+    if (at < text.size() && text[at] == '.') {
+        int64_t scale = 100;
+        for (++at; at < text.size() && std::isdigit(static_cast<unsigned char>(text[at])); ++at, scale /= 10) {
+            milliseconds += (text[at] - '0') * scale;
+        }
+    }
+    int64_t offsetMinutes = 0;
+    if (at < text.size() && text[at] == 'Z') {
+        ++at;
+    } else if (at < text.size() && (text[at] == '+' || text[at] == '-')) {
+        int hours = 0;
+        int minutes = 0;
+        if (std::sscanf(text.c_str() + at + 1, "%2d:%2d", &hours, &minutes) != 2) {
+            return std::nullopt;
+        }
+        offsetMinutes = (text[at] == '-' ? -1 : 1) * (hours * 60 + minutes);
+        at += 6;
+    }
+    if (at != text.size()) {
+        return std::nullopt;
+    }
+    return (static_cast<int64_t>(timegm(&parts)) - offsetMinutes * 60) * 1000 + milliseconds;
+}
+
+}  // namespace
+
+int64_t parseTime(const std::string& option, const std::string& text, const LogFileInterface& file) {
+    if (std::optional<int64_t> relative = parseRelativeTime(text, file)) {
+        return *relative;
+    }
+    if (std::optional<int64_t> absolute = parseIsoTime(text)) {
+        return *absolute;
+    }
+    throw UsageError(fmt::format("{} {}: not a time (use ISO 8601 such as 2026-11-21T11:58:05.5Z, or seconds "
+                                 "after the first entry such as +12.5)",
+                                 option, text));
+}
+
+}  // namespace Mvlog
