@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
+#include <thread>
+
 namespace MvlogTest {
 namespace {
 
@@ -145,6 +149,47 @@ TEST(CatLargeFile, ReadsAFileLargerThanOneChunk) {
         EXPECT_EQ(lines[static_cast<std::size_t>(id - 1)].rfind("#" + std::to_string(id) + "  ", 0), 0u);
     }
     EXPECT_NE(lines.back().find("102400 B  a0 a0 a0"), std::string::npos) << lines.back();
+}
+
+}  // namespace
+}  // namespace MvlogTest
+
+namespace MvlogTest {
+namespace {
+
+// A safe file is read while another connection records into it: --follow
+// prints every entry as it is committed, in order, and ends when no entry
+// came for the idle time.
+TEST(CatFollow, PrintsEntriesAsTheyAreCommitted) {
+    Marivane::Testing::TempDir directory;
+    const std::string path = directory.file("live.mvlog");
+    Marivane::Logging::SqliteLogFile writer(path, "Etc/UTC", "tooltest", "1.2", 0, kKnownStart,
+                                            Marivane::Logging::Durability::Safe);
+    Marivane::Logging::DataSource gnss{-1, MV_LogDataSourceType_Navigation, "gnss"};
+    ASSERT_TRUE(writer.addDataSource(gnss));
+    auto follow = std::async(std::launch::async,
+                             [&] { return runMvlog({"cat", path, "--follow", "--idle", "1.5", "--format", "json"}); });
+    for (int round = 0; round < 5; ++round) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        auto batch = writer.beginBatch();
+        for (int i = 0; i < 4; ++i) {
+            Marivane::Logging::DataEntry entry;
+            entry.dataSourceId = gnss.id;
+            entry.timestamp = kKnownStart + round * 4 + i;
+            entry.data = knownPayload(round * 4 + i + 1);
+            ASSERT_TRUE(writer.logData(entry));
+        }
+        ASSERT_TRUE(batch.commit());
+    }
+    const RunResult result = follow.get();
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const std::vector<std::string> lines = result.outLines();
+    ASSERT_EQ(lines.size(), 20u) << result.out;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        const nlohmann::json entry = nlohmann::json::parse(lines[i]);
+        EXPECT_EQ(entry["entryId"], static_cast<int>(i + 1));
+        EXPECT_EQ(decodeBase64(entry["data"].get<std::string>()), knownPayload(static_cast<int>(i + 1)));
+    }
 }
 
 }  // namespace

@@ -2,14 +2,18 @@
 #include "EntryScanner.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "Terminal.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
+#include <chrono>
 #include <cstdio>
 #include <map>
+#include <thread>
 
 namespace Mvlog {
 
@@ -17,6 +21,7 @@ using Marivane::Logging::ByteBuffer;
 using Marivane::Logging::DataEntry;
 using Marivane::Logging::DataSource;
 using Marivane::Logging::EntryIndexFilter;
+using Marivane::Logging::SqliteLogFile;
 
 namespace {
 
@@ -128,6 +133,39 @@ void printEntry(CatFormat format, const DataEntry& entry, const SourceNames& nam
 
 }  // namespace
 
+// Polls for entries committed after `lastSeen`, a bounded number at a time,
+// until interrupted or idle for the options' limit.
+void followNewEntries(const SqliteLogFile& file, const CatOptions& options, int32_t lastSeen,
+                      const SourceNames& names) {
+    constexpr auto kPollPeriod = std::chrono::milliseconds(100);
+    constexpr int32_t kEntriesPerRead = 1000;
+    InterruptGuard interrupts;
+    const EntrySelection selection = selectionOf(options);
+    auto lastArrival = std::chrono::steady_clock::now();
+    while (!interruptRequested()) {
+        const std::vector<DataEntry> entries =
+            file.readEntries(lastSeen + 1, -1, selection.filter, kEntriesPerRead);
+        requireCompleteReads(file);
+        for (const DataEntry& entry : entries) {
+            if (options.to != -1 && entry.entryId > options.to) {
+                return;
+            }
+            printEntry(options.format, entry, names);
+            lastSeen = entry.entryId;
+        }
+        std::fflush(stdout);
+        const auto now = std::chrono::steady_clock::now();
+        if (!entries.empty()) {
+            lastArrival = now;
+            continue;
+        }
+        if (options.idleSeconds > 0 && now - lastArrival >= std::chrono::duration<double>(options.idleSeconds)) {
+            return;
+        }
+        std::this_thread::sleep_for(kPollPeriod);
+    }
+}
+
 int runCat(const CatOptions& options) {
     const auto file = openExistingLogFile(options.file);
     const SourceNames names = sourceNamesOf(*file);
@@ -147,6 +185,10 @@ int runCat(const CatOptions& options) {
         throw ToolError(fmt::format(
             "{} entries of the file are missing from its index (behind a damaged page) and were not printed",
             missing));
+    }
+    if (options.follow) {
+        const std::vector<int32_t>& seen = scanner.selectedIds();
+        followNewEntries(*file, options, seen.empty() ? std::max(0, options.from - 1) : seen.back(), names);
     }
     return 0;
 }

@@ -29,6 +29,11 @@ struct CatOptions {
     std::vector<MV_LogDataSourceType> sourceTypes;
     int64_t limit = -1;
     CatFormat format = CatFormat::Text;
+    // After the selection, keep printing entries as they are committed
+    // (another process recording a safe file), until Ctrl-C, or until no
+    // entry came for idleSeconds (0: no such limit).
+    bool follow = false;
+    double idleSeconds = 0;
 };
 int runCat(const CatOptions& options);
 

@@ -51,43 +51,10 @@ private:
     std::set<int32_t> entryIds_;
 };
 
-// Set by the signal handler; the replay loop polls it. A lock-free atomic is
-// safe to store from a handler.
-std::atomic<bool> interruptRequested{false};
-static_assert(std::atomic<bool>::is_always_lock_free);
-
 constexpr auto kPollPeriod = std::chrono::milliseconds(50);
 constexpr auto kLiveRedrawPeriod = std::chrono::milliseconds(100);
 constexpr auto kPeriodicLinePeriod = std::chrono::milliseconds(500);
 constexpr auto kRateWindow = std::chrono::seconds(1);
-
-extern "C" void requestInterrupt(int) {
-    interruptRequested.store(true);
-}
-
-// Routes SIGINT and SIGTERM to the flag while a replay runs, so that the
-// player is stopped and joined instead of the process dying mid-frame.
-class InterruptGuard {
-public:
-    InterruptGuard() {
-        interruptRequested.store(false);
-        struct sigaction action {};
-        action.sa_handler = requestInterrupt;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGINT, &action, &previousInterrupt_);
-        sigaction(SIGTERM, &action, &previousTerminate_);
-    }
-    ~InterruptGuard() {
-        sigaction(SIGINT, &previousInterrupt_, nullptr);
-        sigaction(SIGTERM, &previousTerminate_, nullptr);
-    }
-    InterruptGuard(const InterruptGuard&) = delete;
-    InterruptGuard& operator=(const InterruptGuard&) = delete;
-
-private:
-    struct sigaction previousInterrupt_ {};
-    struct sigaction previousTerminate_ {};
-};
 
 // What the callback keeps of a frame: the payload itself is dropped at once.
 struct DeliveredFrame {
@@ -343,7 +310,7 @@ ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplayS
         report.playedSpanMs = frame.timestamp - *firstTimestamp;
     };
     bool finished = false;
-    while (!finished && !interruptRequested.load()) {
+    while (!finished && !interruptRequested()) {
         for (const DeliveredFrame& frame : queue->take(finished)) {
             observe(frame);
         }

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <utility>
 
@@ -79,5 +80,31 @@ void ElapsedTimeIndicator::run() {
         wake_.wait_for(lock, kSpinnerPeriod, [this] { return done_; });
     }
 }
+
+namespace {
+
+// Set by the signal handler; a lock-free atomic is safe to store from one.
+std::atomic<bool> interruptFlag{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+extern "C" void requestInterrupt(int) { interruptFlag.store(true); }
+
+}  // namespace
+
+InterruptGuard::InterruptGuard() {
+    interruptFlag.store(false);
+    struct sigaction action {};
+    action.sa_handler = requestInterrupt;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, &previousInterrupt_);
+    sigaction(SIGTERM, &action, &previousTerminate_);
+}
+
+InterruptGuard::~InterruptGuard() {
+    sigaction(SIGINT, &previousInterrupt_, nullptr);
+    sigaction(SIGTERM, &previousTerminate_, nullptr);
+}
+
+bool interruptRequested() { return interruptFlag.load(); }
 
 }  // namespace Mvlog

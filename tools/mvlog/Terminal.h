@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -48,5 +49,22 @@ private:
     bool done_ = false;
     std::thread thread_;
 };
+
+// While it lives, SIGINT and SIGTERM only set a flag (interruptRequested)
+// that long-running commands poll, so that they stop cleanly (a replay joins
+// its player, a followed cat ends) instead of dying mid-write.
+class InterruptGuard {
+public:
+    InterruptGuard();
+    ~InterruptGuard();
+    InterruptGuard(const InterruptGuard&) = delete;
+    InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+private:
+    struct sigaction previousInterrupt_ {};
+    struct sigaction previousTerminate_ {};
+};
+
+bool interruptRequested();
 
 }  // namespace Mvlog

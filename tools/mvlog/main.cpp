@@ -82,6 +82,14 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
     cat->add_option("--limit", options->limit, "At most this many entries")->check(CLI::NonNegativeNumber);
     cat->add_option("--format", *format, "text (default), json (one object per line) or hex (full dump)")
         ->check(CLI::IsMember({"text", "json", "hex"}));
+    CLI::Option* follow = cat->add_flag(
+        "-f,--follow", options->follow,
+        "Then print new entries as they are committed, like tail -f (a file recorded in safe mode can be "
+        "read while it is written); Ctrl-C ends");
+    cat->add_option("--idle", options->idleSeconds,
+                    "With --follow: end after this many seconds without a new entry (default: never)")
+        ->check(CLI::NonNegativeNumber)
+        ->needs(follow);
     subcommands.add(cat, [options, sourceTypeNames, format] {
         options->sourceTypes = dataSourceTypes(*sourceTypeNames);
         options->format = *format == "json"  ? CatFormat::Json
