@@ -5,7 +5,9 @@ BUILD_DIR ?= build
 ASAN_DIR ?= build-asan
 TSAN_DIR ?= build-tsan
 JOBS ?= $(shell nproc)
-CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# Development builds treat warnings as errors; a plain CMake build does not.
+DEV_FLAGS ?= -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
+CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo $(DEV_FLAGS)
 
 FUZZ_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 600
@@ -13,7 +15,11 @@ FUZZ_SECONDS ?= 600
 SOAK_DIR ?= /tmp/mvlog-soak
 BENCH_DIR ?= build-bench
 
-.PHONY: all deps build test sanitize asan tsan fuzz soak bench demo install clean
+.PHONY: all deps build test sanitize asan tsan fuzz soak bench demo install clean release format format-check
+
+RELEASE_DIR ?= build-release
+# The project's own C and C++ sources, for clang-format.
+FORMAT_FILES = $(shell git ls-files '*.c' '*.h' '*.cpp' '*.hpp' 2>/dev/null)
 
 all: build
 
@@ -28,23 +34,25 @@ test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
 # AddressSanitizer + UndefinedBehaviorSanitizer over the whole suite, then
-# ThreadSanitizer over the player's tests.
+# ThreadSanitizer over every suite that runs threads: the player, the store's
+# waits for other connections and live reading, the database layer, the
+# derived files.
 sanitize: asan tsan
 
 asan: deps
-	cmake -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DMARIVANE_SANITIZE="address;undefined"
+	cmake -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DMARIVANE_SANITIZE="address;undefined" $(DEV_FLAGS)
 	cmake --build $(ASAN_DIR) -j $(JOBS)
 	cd $(ASAN_DIR) && ctest --output-on-failure -j $(JOBS)
 
 tsan: deps
-	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DMARIVANE_SANITIZE=thread
-	cmake --build $(TSAN_DIR) -j $(JOBS) --target playback_tests
-	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L playback_tests
+	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DMARIVANE_SANITIZE=thread $(DEV_FLAGS)
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target playback_tests sqlite_tests services_tests algorithms_tests
+	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L 'playback_tests|sqlite_tests|services_tests|algorithms_tests'
 
 # libFuzzer targets under ASan+UBSan, each run for FUZZ_SECONDS (CI: 60).
 fuzz:
 	@./scripts/install-deps.sh clang libclang-rt-14-dev
-	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(DEV_FLAGS) \
 		-DMARIVANE_SANITIZE="address;undefined" -DMARIVANE_BUILD_FUZZERS=ON \
 		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_TOOLS=OFF
 	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_open_file fuzz_uncompress fuzz_operations make_corpus
@@ -55,7 +63,7 @@ fuzz:
 soak: build
 	cmake --build $(BUILD_DIR) -j $(JOBS) --target soak
 	./$(BUILD_DIR)/tests/soak/soak $(SOAK_DIR)
-	cmake -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DMARIVANE_SANITIZE="address;undefined"
+	cmake -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DMARIVANE_SANITIZE="address;undefined" $(DEV_FLAGS)
 	cmake --build $(ASAN_DIR) -j $(JOBS) --target soak
 	ASAN_OPTIONS=detect_leaks=1 ./$(ASAN_DIR)/tests/soak/soak $(SOAK_DIR) 20
 
@@ -73,5 +81,19 @@ demo: build
 install: build
 	cmake --install $(BUILD_DIR) --prefix $(or $(PREFIX),/usr/local)
 
+# An optimised build with warnings as errors: optimisers warn differently.
+release: deps
+	cmake -S . -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=Release $(DEV_FLAGS)
+	cmake --build $(RELEASE_DIR) -j $(JOBS)
+
+format:
+	@./scripts/install-deps.sh clang-format
+	clang-format -i $(FORMAT_FILES)
+
+# Fails when any source differs from .clang-format's layout.
+format-check:
+	@./scripts/install-deps.sh clang-format
+	clang-format --dry-run --Werror $(FORMAT_FILES)
+
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(BENCH_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(BENCH_DIR) $(RELEASE_DIR)

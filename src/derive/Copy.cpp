@@ -32,6 +32,13 @@ constexpr std::size_t kBatchEntries = 4096;
 constexpr std::size_t kBatchBytes = 64 * 1024 * 1024;
 constexpr uint64_t kProgressEvery = 4096;
 
+std::string quoted(const std::filesystem::path& path) {
+    std::string text(1, '\'');
+    text += path.string();
+    text += '\'';
+    return text;
+}
+
 // The bounds of the options with -1 resolved against one input; nullopt when
 // the input has no entry in them.
 struct IdBounds {
@@ -258,7 +265,7 @@ CopyReport copy(const std::filesystem::path& source, const std::filesystem::path
             writer.commitBatch();
         }
         writer.beginBatch();
-        bookmarks.writeTo(writer, report, "'" + source.string() + "'", false);
+        bookmarks.writeTo(writer, report, quoted(source), false);
         writer.commitBatch();
         pending.checkEntryCount(writer.file(), report.entries);
     }
@@ -278,7 +285,7 @@ struct MergeInput {
     std::unique_ptr<BookmarkMapper> bookmarks;
 };
 
-std::string describe(const MergeInput& input) { return "'" + input.path.string() + "'"; }
+std::string describe(const MergeInput& input) { return quoted(input.path); }
 
 void mergeDataSources(std::vector<MergeInput>& inputs, OutputWriter& writer, CopyReport& report) {
     std::map<int8_t, DataSource> taken;

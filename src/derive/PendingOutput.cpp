@@ -22,9 +22,13 @@ using Filesystem::somethingExistsAt;
 std::filesystem::path temporaryPathFor(const std::filesystem::path& finalPath) {
     static std::atomic<unsigned> counter{0};
     for (;;) {
-        const std::filesystem::path candidate =
-            finalPath.parent_path() / ("." + finalPath.filename().string() + ".partial-" +
-                                       std::to_string(::getpid()) + "-" + std::to_string(counter++));
+        std::string name = ".";
+        name += finalPath.filename().string();
+        name += ".partial-";
+        name += std::to_string(::getpid());
+        name += '-';
+        name += std::to_string(counter++);
+        const std::filesystem::path candidate = finalPath.parent_path() / name;
         if (!somethingExistsAt(candidate, PathLookup::PathItself)) {
             return candidate;
         }

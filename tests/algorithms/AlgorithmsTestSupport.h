@@ -160,7 +160,10 @@ private:
 inline void keepOnlyEntries(const std::string& path, const std::vector<int>& keep) {
     std::string list;
     for (int id : keep) {
-        list += (list.empty() ? "" : ",") + std::to_string(id);
+        if (!list.empty()) {
+            list += ',';
+        }
+        list += std::to_string(id);
     }
     SqlConnection(path).execute("DELETE FROM data WHERE entryId NOT IN (" + list + ");");
 }

@@ -146,7 +146,8 @@ TEST(CatLargeFile, ReadsAFileLargerThanOneChunk) {
     const std::vector<std::string> lines = result.outLines();
     ASSERT_EQ(lines.size(), static_cast<std::size_t>(kEntries));
     for (int id = 1; id <= kEntries; ++id) {
-        EXPECT_EQ(lines[static_cast<std::size_t>(id - 1)].rfind("#" + std::to_string(id) + "  ", 0), 0u);
+        const std::string prefix = std::string("#").append(std::to_string(id)).append("  ");
+        EXPECT_EQ(lines[static_cast<std::size_t>(id - 1)].rfind(prefix, 0), 0u);
     }
     EXPECT_NE(lines.back().find("102400 B  a0 a0 a0"), std::string::npos) << lines.back();
 }

@@ -69,7 +69,7 @@ std::string humanDuration(int64_t milliseconds) {
         if (milliseconds == std::numeric_limits<int64_t>::min()) {
             milliseconds = -std::numeric_limits<int64_t>::max();
         }
-        return "-" + humanDuration(-milliseconds);
+        return fmt::format("-{}", humanDuration(-milliseconds));
     }
     if (milliseconds < 1000) {
         return fmt::format("{} ms", milliseconds);
