@@ -169,8 +169,8 @@ void runOperation(SqliteLogFile& file, Model& model, std::map<int8_t, MV_LogData
             Marivane::Fuzzing::removeFile(output);
             const int32_t start = input.smallId();
             const int32_t end = input.smallId();
-            std::unique_ptr<LogFileInterface> slice =
-                Algorithms::slice(file, start, end, output.string(), "fuzz", "1", static_cast<int8_t>(input.byte() % 3));
+            std::unique_ptr<LogFileInterface> slice = Algorithms::slice(
+                file, start, end, output.string(), "fuzz", "1", static_cast<int8_t>(input.byte() % 3));
             if (slice) {
                 std::vector<const DataEntry*> inRange;
                 for (const auto& [id, entry] : model.entries) {
@@ -181,7 +181,8 @@ void runOperation(SqliteLogFile& file, Model& model, std::map<int8_t, MV_LogData
                 const std::vector<DataEntry> copied = slice->readEntries(-1, -1, EntryIndexFilter{}, -1);
                 FUZZ_CHECK(copied.size() == inRange.size());
                 for (std::size_t i = 0; i < copied.size(); ++i) {
-                    FUZZ_CHECK(copied[i].entryId == static_cast<int32_t>(i + 1) && copied[i].data == inRange[i]->data);
+                    FUZZ_CHECK(copied[i].entryId == static_cast<int32_t>(i + 1) &&
+                               copied[i].data == inRange[i]->data);
                 }
             }
             slice.reset();

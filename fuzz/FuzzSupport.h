@@ -6,13 +6,13 @@
 #include <core/Compression.h>
 #include <database/DatabaseAccessError.h>
 
+#include <unistd.h>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <unistd.h>
 
 namespace Marivane::Fuzzing {
 

@@ -7,7 +7,8 @@
 using Marivane::Compression::ByteBuffer;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const ByteBuffer input(reinterpret_cast<const std::byte*>(data), reinterpret_cast<const std::byte*>(data) + size);
+    const ByteBuffer input(reinterpret_cast<const std::byte*>(data),
+                           reinterpret_cast<const std::byte*>(data) + size);
     try {
         const ByteBuffer expanded = Marivane::Compression::uncompress(input);
         if (Marivane::Compression::uncompress(Marivane::Compression::compress(expanded, 1)) != expanded) {

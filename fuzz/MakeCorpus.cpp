@@ -96,7 +96,11 @@ int main(int argc, char** argv) {
         std::string sequence;
         sequence.push_back(static_cast<char>(i));
         // Two data sources first, then random operations.
-        sequence += std::string("\x00\x01" "a\x00\x02" "b", 6);
+        sequence += std::string(
+            "\x00\x01"
+            "a\x00\x02"
+            "b",
+            6);
         for (int j = 0; j < 200; ++j) {
             sequence.push_back(static_cast<char>(random() & 0xFF));
         }

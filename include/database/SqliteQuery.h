@@ -17,9 +17,9 @@ namespace Marivane::Database {
 
 // Results of SqliteQuery::executeStep (fixed numbers: the store's callers
 // compare against them).
-inline constexpr int32_t StepRow = 0;     // a result row is available
-inline constexpr int32_t StepDone = 1;    // ran to completion
-inline constexpr int32_t StepFailed = -1; // failed: see SqliteDatabase::getLastErrorCode
+inline constexpr int32_t StepRow = 0;      // a result row is available
+inline constexpr int32_t StepDone = 1;     // ran to completion
+inline constexpr int32_t StepFailed = -1;  // failed: see SqliteDatabase::getLastErrorCode
 
 // One prepared statement on a connection.
 //

@@ -37,7 +37,8 @@ public:
 
     virtual std::filesystem::path getFilePath() const = 0;
     virtual std::vector<DataSource> getDataSources() const = 0;
-    virtual std::optional<PropertyValue> getDataSourceProperty(int32_t dataSourceId, std::string key) const = 0;
+    virtual std::optional<PropertyValue> getDataSourceProperty(int32_t dataSourceId,
+                                                               std::string key) const = 0;
     virtual std::vector<DataSourceProperty> getAllDataSourceProperties() const = 0;
     // Ids of the entries the filter admits, ascending.
     virtual std::vector<int32_t> getEntryIndex(const EntryIndexFilter& filter) const = 0;

@@ -24,7 +24,8 @@ using FrameCallback = std::function<void(int32_t frame, Marivane::Logging::DataE
 // Receives a frame that the player could not read (see
 // LogFilePlayer::setUnreadableFrameHandler): its number, its entry id and
 // the reason (the text of what the file threw).
-using UnreadableFrameCallback = std::function<void(int32_t frame, int32_t entryId, const std::string& reason)>;
+using UnreadableFrameCallback =
+    std::function<void(int32_t frame, int32_t entryId, const std::string& reason)>;
 
 class LogFilePlayerPrivate;
 

@@ -6,8 +6,8 @@
 
 #include <logging/Algorithms.h>
 #include <logging/Bookmark.h>
-#include <logging/Copy.h>
 #include <logging/ByteBuffer.h>
+#include <logging/Copy.h>
 #include <logging/DataEntry.h>
 #include <logging/DataSource.h>
 #include <logging/DataSourceProperty.h>

@@ -68,15 +68,16 @@ MV_LOGGING_EXPORT void MV_LogError_GetErrorMessage(MV_LogError_p error, const ch
 /* ---- Creation settings ------------------------------------------------- */
 
 /* Copies the three texts; the compression level starts at -1 (default). */
-MV_LOGGING_EXPORT MV_LogConfig_p MV_LogConfig_Create(const char* applicationName, const char* applicationVersion,
-                                                     const char* timeZone);
+MV_LOGGING_EXPORT MV_LogConfig_p MV_LogConfig_Create(const char* applicationName,
+                                                     const char* applicationVersion, const char* timeZone);
 MV_LOGGING_EXPORT void MV_LogConfig_Destroy(MV_LogConfig_p config);
 MV_LOGGING_EXPORT void MV_LogConfig_GetTimeZone(MV_LogConfig_p config, const char** timeZone);
 /* Always true. */
 MV_LOGGING_EXPORT bool MV_LogConfig_SetTimeZone(MV_LogConfig_p config, const char* timeZone);
 MV_LOGGING_EXPORT void MV_LogConfig_GetCompressionLevel(MV_LogConfig_p config, int8_t* level);
 /* Accepts -1 (the codec's default) to 9; 0 stores payloads uncompressed. */
-MV_LOGGING_EXPORT bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level,
+                                                        MV_LogError_p* error);
 
 /* How a new file trades speed for safety; the file keeps its mode when it is
  * opened again.
@@ -96,7 +97,8 @@ MV_LOGGING_EXPORT void MV_LogConfig_GetDurability(MV_LogConfig_p config, MV_LogD
 /* Creates a new log file; refuses any path where something already exists. Data
  * sources, properties and entries may be added only through handles made here
  * (and by MV_LogAlgorithms_Clone). */
-MV_LOGGING_EXPORT MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogError_p* error);
+MV_LOGGING_EXPORT MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config,
+                                                 MV_LogError_p* error);
 /* Opens an existing log file. */
 MV_LOGGING_EXPORT MV_LogFile_p MV_LogFile_Open(const char* path, MV_LogError_p* error);
 /* Opens an existing log file for reading only: the file is never created,
@@ -124,15 +126,22 @@ MV_LOGGING_EXPORT bool MV_LogFile_CommitBatch(MV_LogFile_p file, MV_LogError_p* 
 /* ---- Operations on an open file ----------------------------------------- */
 
 /* On success the data-source handle receives the id the file assigned. */
-MV_LOGGING_EXPORT bool MV_LogFile_AddDataSource(MV_LogFile_p file, MV_LogDataSource_p dataSource, MV_LogError_p* error);
-MV_LOGGING_EXPORT bool MV_LogFile_AddDataSourceProperty(MV_LogFile_p file, MV_LogDataSourceProperty_p property,
+MV_LOGGING_EXPORT bool MV_LogFile_AddDataSource(MV_LogFile_p file, MV_LogDataSource_p dataSource,
+                                                MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_AddDataSourceProperty(MV_LogFile_p file,
+                                                        MV_LogDataSourceProperty_p property,
                                                         MV_LogError_p* error);
 MV_LOGGING_EXPORT bool MV_LogFile_LogData(MV_LogFile_p file, MV_LogDataEntry_p entry, MV_LogError_p* error);
-MV_LOGGING_EXPORT bool MV_LogFile_AddMetadata(MV_LogFile_p file, MV_LogMetadata_p metadata, MV_LogError_p* error);
-MV_LOGGING_EXPORT bool MV_LogFile_AddResource(MV_LogFile_p file, MV_LogResource_p resource, MV_LogError_p* error);
-MV_LOGGING_EXPORT bool MV_LogFile_AddBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark, MV_LogError_p* error);
-MV_LOGGING_EXPORT bool MV_LogFile_UpdateBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark, MV_LogError_p* error);
-MV_LOGGING_EXPORT bool MV_LogFile_RemoveBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_AddMetadata(MV_LogFile_p file, MV_LogMetadata_p metadata,
+                                              MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_AddResource(MV_LogFile_p file, MV_LogResource_p resource,
+                                              MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_AddBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark,
+                                              MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_UpdateBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark,
+                                                 MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_RemoveBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark,
+                                                 MV_LogError_p* error);
 /* Single-item reads store a new handle through their out-parameter on success
  * only. */
 MV_LOGGING_EXPORT bool MV_LogFile_ReadEntry(MV_LogFile_p file, int32_t entryId, MV_LogDataEntry_p* entry,
@@ -150,37 +159,45 @@ MV_LOGGING_EXPORT bool MV_LogFile_GetFirstEntryId(MV_LogFile_p file, int32_t* en
 MV_LOGGING_EXPORT bool MV_LogFile_GetLastEntryId(MV_LogFile_p file, int32_t* entryId, MV_LogError_p* error);
 MV_LOGGING_EXPORT bool MV_LogFile_GetEntryCount(MV_LogFile_p file, int32_t* count, MV_LogError_p* error);
 /* These three return false, without calling back, for an empty list. */
-MV_LOGGING_EXPORT bool MV_LogFile_GetDataSources(MV_LogFile_p file, MV_LogDataSourceCallback callback, void* userData,
-                                                 MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogFile_GetDataSources(MV_LogFile_p file, MV_LogDataSourceCallback callback,
+                                                 void* userData, MV_LogError_p* error);
 MV_LOGGING_EXPORT bool MV_LogFile_GetAllDataSourceProperties(MV_LogFile_p file,
                                                              MV_LogDataSourcePropertyCallback callback,
                                                              void* userData, MV_LogError_p* error);
 MV_LOGGING_EXPORT bool MV_LogFile_GetEntryIndex(MV_LogFile_p file, MV_LogEntryIndexFilter_p filter,
-                                                MV_LogEntryIdCallback callback, void* userData, MV_LogError_p* error);
+                                                MV_LogEntryIdCallback callback, void* userData,
+                                                MV_LogError_p* error);
 /* These four always return true. Bounds are inclusive; -1 stands for the
  * file's first or last entry; a limit of -1 means no limit. */
-MV_LOGGING_EXPORT bool MV_LogFile_ReadEntries(MV_LogFile_p file, int32_t minimumEntryId, int32_t maximumEntryId,
-                                              MV_LogEntryIndexFilter_p filter, int32_t limit,
-                                              MV_LogDataEntryCallback callback, void* userData);
-MV_LOGGING_EXPORT bool MV_LogFile_GetBookmarks(MV_LogFile_p file, MV_LogBookmarkCallback callback, void* userData);
-MV_LOGGING_EXPORT bool MV_LogFile_GetAllMetadata(MV_LogFile_p file, MV_LogMetadataCallback callback, void* userData);
-MV_LOGGING_EXPORT bool MV_LogFile_GetAllResources(MV_LogFile_p file, MV_LogResourceCallback callback, void* userData);
+MV_LOGGING_EXPORT bool MV_LogFile_ReadEntries(MV_LogFile_p file, int32_t minimumEntryId,
+                                              int32_t maximumEntryId, MV_LogEntryIndexFilter_p filter,
+                                              int32_t limit, MV_LogDataEntryCallback callback,
+                                              void* userData);
+MV_LOGGING_EXPORT bool MV_LogFile_GetBookmarks(MV_LogFile_p file, MV_LogBookmarkCallback callback,
+                                               void* userData);
+MV_LOGGING_EXPORT bool MV_LogFile_GetAllMetadata(MV_LogFile_p file, MV_LogMetadataCallback callback,
+                                                 void* userData);
+MV_LOGGING_EXPORT bool MV_LogFile_GetAllResources(MV_LogFile_p file, MV_LogResourceCallback callback,
+                                                  void* userData);
 
 /* ---- Value handles ------------------------------------------------------ */
 
-MV_LOGGING_EXPORT MV_LogBookmark_p MV_LogBookmark_Create(int32_t entryId, const char* title, const char* comments,
-                                                         const uint8_t* payload, int64_t length);
+MV_LOGGING_EXPORT MV_LogBookmark_p MV_LogBookmark_Create(int32_t entryId, const char* title,
+                                                         const char* comments, const uint8_t* payload,
+                                                         int64_t length);
 MV_LOGGING_EXPORT void MV_LogBookmark_Destroy(MV_LogBookmark_p bookmark);
 MV_LOGGING_EXPORT void MV_LogBookmark_GetEntryId(MV_LogBookmark_p bookmark, int32_t* entryId);
 MV_LOGGING_EXPORT void MV_LogBookmark_GetTitle(MV_LogBookmark_p bookmark, const char** title);
 MV_LOGGING_EXPORT void MV_LogBookmark_GetComment(MV_LogBookmark_p bookmark, const char** comments);
-MV_LOGGING_EXPORT void MV_LogBookmark_GetPayload(MV_LogBookmark_p bookmark, int64_t* length, const uint8_t** payload);
+MV_LOGGING_EXPORT void MV_LogBookmark_GetPayload(MV_LogBookmark_p bookmark, int64_t* length,
+                                                 const uint8_t** payload);
 MV_LOGGING_EXPORT void MV_LogBookmark_SetTitle(MV_LogBookmark_p bookmark, const char* title);
 MV_LOGGING_EXPORT void MV_LogBookmark_SetComment(MV_LogBookmark_p bookmark, const char* comments);
 /* Kept for compatibility with its historical count rule: the number of bytes
  * copied is 2 * length minus the numeric address of `payload`. Use
  * MV_LogBookmark_Create to give a bookmark a payload. */
-MV_LOGGING_EXPORT void MV_LogBookmark_SetPayload(MV_LogBookmark_p bookmark, const uint8_t* payload, int64_t length);
+MV_LOGGING_EXPORT void MV_LogBookmark_SetPayload(MV_LogBookmark_p bookmark, const uint8_t* payload,
+                                                 int64_t length);
 
 /* The entry is stamped with the current time; its entry id is 0. */
 MV_LOGGING_EXPORT MV_LogDataEntry_p MV_LogDataEntry_Create(const int8_t* dataSourceId, int32_t type,
@@ -188,7 +205,8 @@ MV_LOGGING_EXPORT MV_LogDataEntry_p MV_LogDataEntry_Create(const int8_t* dataSou
 MV_LOGGING_EXPORT void MV_LogDataEntry_Destroy(MV_LogDataEntry_p entry);
 MV_LOGGING_EXPORT void MV_LogDataEntry_GetDataSourceId(MV_LogDataEntry_p entry, int8_t* dataSourceId);
 MV_LOGGING_EXPORT void MV_LogDataEntry_GetType(MV_LogDataEntry_p entry, int32_t* type);
-MV_LOGGING_EXPORT void MV_LogDataEntry_GetData(MV_LogDataEntry_p entry, int64_t* length, const uint8_t** data);
+MV_LOGGING_EXPORT void MV_LogDataEntry_GetData(MV_LogDataEntry_p entry, int64_t* length,
+                                               const uint8_t** data);
 MV_LOGGING_EXPORT void MV_LogDataEntry_GetTimestamp(MV_LogDataEntry_p entry, int64_t* timestamp);
 MV_LOGGING_EXPORT void MV_LogDataEntry_SetTimestamp(MV_LogDataEntry_p entry, int64_t timestamp);
 
@@ -221,7 +239,8 @@ MV_LOGGING_EXPORT void MV_LogDataSourceProperty_GetPropertyName(MV_LogDataSource
 MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetInt32(MV_LogDataSourceProperty_p property, int32_t* value);
 MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetInt64(MV_LogDataSourceProperty_p property, int64_t* value);
 MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetDouble(MV_LogDataSourceProperty_p property, double* value);
-MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetString(MV_LogDataSourceProperty_p property, const char** value);
+MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetString(MV_LogDataSourceProperty_p property,
+                                                          const char** value);
 
 MV_LOGGING_EXPORT MV_LogMetadata_p MV_LogMetadata_CreateInt32(const char* key, int32_t value);
 MV_LOGGING_EXPORT MV_LogMetadata_p MV_LogMetadata_CreateInt64(const char* key, int64_t value);
@@ -234,9 +253,11 @@ MV_LOGGING_EXPORT bool MV_LogMetadata_GetDouble(MV_LogMetadata_p metadata, doubl
 MV_LOGGING_EXPORT bool MV_LogMetadata_GetString(MV_LogMetadata_p metadata, const char** value);
 MV_LOGGING_EXPORT void MV_LogMetadata_GetKey(MV_LogMetadata_p metadata, const char** key);
 
-MV_LOGGING_EXPORT MV_LogResource_p MV_LogResource_Create(const char* name, const uint8_t* data, int64_t length);
+MV_LOGGING_EXPORT MV_LogResource_p MV_LogResource_Create(const char* name, const uint8_t* data,
+                                                         int64_t length);
 MV_LOGGING_EXPORT void MV_LogResource_Destroy(MV_LogResource_p resource);
-MV_LOGGING_EXPORT void MV_LogResource_GetData(MV_LogResource_p resource, int64_t* length, const uint8_t** data);
+MV_LOGGING_EXPORT void MV_LogResource_GetData(MV_LogResource_p resource, int64_t* length,
+                                              const uint8_t** data);
 MV_LOGGING_EXPORT void MV_LogResource_GetName(MV_LogResource_p resource, const char** name);
 
 /* ---- Filters and derived files ------------------------------------------ */
@@ -246,16 +267,17 @@ MV_LOGGING_EXPORT void MV_LogResource_GetName(MV_LogResource_p resource, const c
 MV_LOGGING_EXPORT MV_LogEntryIndexFilter_p MV_LogEntryIndexFilter_Create(void);
 MV_LOGGING_EXPORT void MV_LogEntryIndexFilter_Destroy(MV_LogEntryIndexFilter_p filter);
 MV_LOGGING_EXPORT void MV_LogEntryIndexFilter_AddDataType(MV_LogEntryIndexFilter_p filter, int32_t dataType);
-MV_LOGGING_EXPORT void MV_LogEntryIndexFilter_AddDataSource(MV_LogEntryIndexFilter_p filter, int8_t dataSourceId);
+MV_LOGGING_EXPORT void MV_LogEntryIndexFilter_AddDataSource(MV_LogEntryIndexFilter_p filter,
+                                                            int8_t dataSourceId);
 MV_LOGGING_EXPORT void MV_LogEntryIndexFilter_AddDataSourceType(MV_LogEntryIndexFilter_p filter,
                                                                 MV_LogDataSourceType dataSourceType);
 /* Writes entries startEntryId..endEntryId (both must exist) with everything
  * that describes them to a new file; an empty path derives one from the
  * source's ("<name>_exported.<ext>"). The new handle refuses further data
  * sources, properties and entries. The source handle keeps its file. */
-MV_LOGGING_EXPORT MV_LogFile_p MV_LogAlgorithms_Slice(MV_LogFile_p file, int32_t startEntryId, int32_t endEntryId,
-                                                      const char* outputPath, MV_LogConfig_p config,
-                                                      MV_LogError_p* error);
+MV_LOGGING_EXPORT MV_LogFile_p MV_LogAlgorithms_Slice(MV_LogFile_p file, int32_t startEntryId,
+                                                      int32_t endEntryId, const char* outputPath,
+                                                      MV_LogConfig_p config, MV_LogError_p* error);
 /* Slice over the whole file; the new handle accepts further data. */
 MV_LOGGING_EXPORT MV_LogFile_p MV_LogAlgorithms_Clone(MV_LogFile_p file, const char* outputPath,
                                                       MV_LogConfig_p config, MV_LogError_p* error);
@@ -270,7 +292,7 @@ typedef struct MV_LogCopyOptions* MV_LogCopyOptions_p;
 /* Everything selected, the input's compression level, fast durability; the
  * two texts name the program that makes the new file (copied). */
 MV_LOGGING_EXPORT MV_LogCopyOptions_p MV_LogCopyOptions_Create(const char* applicationName,
-                                                             const char* applicationVersion);
+                                                               const char* applicationVersion);
 MV_LOGGING_EXPORT void MV_LogCopyOptions_Destroy(MV_LogCopyOptions_p options);
 /* Inclusive; -1 for the first or last entry. False when last < first (both
  * given). */
@@ -281,13 +303,13 @@ MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetEntryRange(MV_LogCopyOptions_p optio
 MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetTimeRange(MV_LogCopyOptions_p options, int64_t startTimestamp,
                                                       int64_t endTimestamp, MV_LogError_p* error);
 /* Copies the filter; NULL takes every entry. */
-MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetFilter(MV_LogCopyOptions_p options, MV_LogEntryIndexFilter_p filter,
-                                                   MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetFilter(MV_LogCopyOptions_p options,
+                                                   MV_LogEntryIndexFilter_p filter, MV_LogError_p* error);
 /* -1 to 9. */
 MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetCompressionLevel(MV_LogCopyOptions_p options, int8_t level,
                                                              MV_LogError_p* error);
-MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetDurability(MV_LogCopyOptions_p options, MV_LogDurability durability,
-                                                       MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogCopyOptions_SetDurability(MV_LogCopyOptions_p options,
+                                                       MV_LogDurability durability, MV_LogError_p* error);
 /* The selected entries of sourcePath, numbered from 1, with the data sources,
  * properties, resources, metadata (with the producer history) and the
  * bookmarks of the selected range; options may be NULL. */

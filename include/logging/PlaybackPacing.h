@@ -30,6 +30,6 @@ enum class Pacing {
 // schedules with it, and a caller can measure a playback's pacing error
 // against it.
 MV_LOGGING_EXPORT std::chrono::nanoseconds idealFrameGap(int64_t timestampGapMs, int32_t maxFrameDelayMs,
-                                                        float speed) noexcept;
+                                                         float speed) noexcept;
 
 }  // namespace Marivane::Logging::Playback

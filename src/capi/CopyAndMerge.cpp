@@ -43,7 +43,9 @@ MV_LogCopyOptions_p MV_LogCopyOptions_Create(const char* applicationName, const 
     }
 }
 
-void MV_LogCopyOptions_Destroy(MV_LogCopyOptions_p options) { delete options; }
+void MV_LogCopyOptions_Destroy(MV_LogCopyOptions_p options) {
+    delete options;
+}
 
 bool MV_LogCopyOptions_SetEntryRange(MV_LogCopyOptions_p options, int32_t firstEntryId, int32_t lastEntryId,
                                      MV_LogError_p* error) {
@@ -87,7 +89,8 @@ bool MV_LogCopyOptions_SetCompressionLevel(MV_LogCopyOptions_p options, int8_t l
 bool MV_LogCopyOptions_SetDurability(MV_LogCopyOptions_p options, MV_LogDurability durability,
                                      MV_LogError_p* error) {
     if (durability != MV_LOG_DURABILITY_FAST && durability != MV_LOG_DURABILITY_SAFE) {
-        storeError(error, "Invalid durability, value must be MV_LOG_DURABILITY_FAST or MV_LOG_DURABILITY_SAFE.");
+        storeError(error,
+                   "Invalid durability, value must be MV_LOG_DURABILITY_FAST or MV_LOG_DURABILITY_SAFE.");
         return false;
     }
     options->value.durability = CApi::durabilityFrom(durability);

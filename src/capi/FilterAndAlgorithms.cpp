@@ -3,7 +3,6 @@
 
 #include <logging/Algorithms.h>
 
-
 using namespace Marivane::Logging;
 using Marivane::Logging::CApi::storeError;
 
@@ -28,9 +27,13 @@ MV_LogFile_p deriveFile(Derive derive, bool canAddData, const char* refusal, MV_
 
 }  // namespace
 
-MV_LogEntryIndexFilter_p MV_LogEntryIndexFilter_Create(void) { return new MV_LogEntryIndexFilter{}; }
+MV_LogEntryIndexFilter_p MV_LogEntryIndexFilter_Create(void) {
+    return new MV_LogEntryIndexFilter{};
+}
 
-void MV_LogEntryIndexFilter_Destroy(MV_LogEntryIndexFilter_p filter) { delete filter; }
+void MV_LogEntryIndexFilter_Destroy(MV_LogEntryIndexFilter_p filter) {
+    delete filter;
+}
 
 void MV_LogEntryIndexFilter_AddDataType(MV_LogEntryIndexFilter_p filter, int32_t dataType) {
     filter->value.dataTypes.push_back(dataType);
@@ -40,18 +43,20 @@ void MV_LogEntryIndexFilter_AddDataSource(MV_LogEntryIndexFilter_p filter, int8_
     filter->value.dataSources.push_back(dataSourceId);
 }
 
-void MV_LogEntryIndexFilter_AddDataSourceType(MV_LogEntryIndexFilter_p filter, MV_LogDataSourceType dataSourceType) {
+void MV_LogEntryIndexFilter_AddDataSourceType(MV_LogEntryIndexFilter_p filter,
+                                              MV_LogDataSourceType dataSourceType) {
     filter->value.dataSourceTypes.push_back(dataSourceType);
 }
 
 // A sliced file is treated like a pre-existing one (no further data), a cloned
 // file like a newly created one.
-MV_LogFile_p MV_LogAlgorithms_Slice(MV_LogFile_p file, int32_t startEntryId, int32_t endEntryId, const char* outputPath,
-                                    MV_LogConfig_p config, MV_LogError_p* error) {
+MV_LogFile_p MV_LogAlgorithms_Slice(MV_LogFile_p file, int32_t startEntryId, int32_t endEntryId,
+                                    const char* outputPath, MV_LogConfig_p config, MV_LogError_p* error) {
     return deriveFile(
         [&] {
             return Algorithms::slice(*file->file, startEntryId, endEntryId, CApi::textFrom(outputPath),
-                                     config->applicationName, config->applicationVersion, config->compressionLevel);
+                                     config->applicationName, config->applicationVersion,
+                                     config->compressionLevel);
         },
         false, "Failed to slice log file", error);
 }

@@ -21,17 +21,25 @@ using Marivane::Filesystem::somethingExistsAt;
 // taken; otherwise the database would create its target behind the caller's
 // back. A status that cannot be read lets the database layer say what is
 // wrong.
-bool pathIsTaken(const char* path) { return somethingExistsAt(path, PathLookup::PathItselfIfReadable); }
+bool pathIsTaken(const char* path) {
+    return somethingExistsAt(path, PathLookup::PathItselfIfReadable);
+}
 
 // Opening follows links: a link whose target is missing names no log file,
 // and opening it must not create the target as a new, empty one.
-bool nothingExistsAt(const char* path) { return !somethingExistsAt(path, PathLookup::FollowLinks); }
+bool nothingExistsAt(const char* path) {
+    return !somethingExistsAt(path, PathLookup::FollowLinks);
+}
 
 }  // namespace
 
-void MV_LogError_Destroy(MV_LogError_p error) { delete error; }
+void MV_LogError_Destroy(MV_LogError_p error) {
+    delete error;
+}
 
-void MV_LogError_GetErrorMessage(MV_LogError_p error, const char** message) { *message = error->message.c_str(); }
+void MV_LogError_GetErrorMessage(MV_LogError_p error, const char** message) {
+    *message = error->message.c_str();
+}
 
 MV_LogConfig_p MV_LogConfig_Create(const char* applicationName, const char* applicationVersion,
                                    const char* timeZone) {
@@ -39,16 +47,22 @@ MV_LogConfig_p MV_LogConfig_Create(const char* applicationName, const char* appl
                             CApi::textFrom(timeZone), -1, MV_LOG_DURABILITY_FAST};
 }
 
-void MV_LogConfig_Destroy(MV_LogConfig_p config) { delete config; }
+void MV_LogConfig_Destroy(MV_LogConfig_p config) {
+    delete config;
+}
 
-void MV_LogConfig_GetTimeZone(MV_LogConfig_p config, const char** timeZone) { *timeZone = config->timeZone.c_str(); }
+void MV_LogConfig_GetTimeZone(MV_LogConfig_p config, const char** timeZone) {
+    *timeZone = config->timeZone.c_str();
+}
 
 bool MV_LogConfig_SetTimeZone(MV_LogConfig_p config, const char* timeZone) {
     config->timeZone = CApi::textFrom(timeZone);
     return true;
 }
 
-void MV_LogConfig_GetCompressionLevel(MV_LogConfig_p config, int8_t* level) { *level = config->compressionLevel; }
+void MV_LogConfig_GetCompressionLevel(MV_LogConfig_p config, int8_t* level) {
+    *level = config->compressionLevel;
+}
 
 bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level, MV_LogError_p* error) {
     if (level < -1 || level > 9) {
@@ -62,7 +76,8 @@ bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level, MV_Lo
 
 bool MV_LogConfig_SetDurability(MV_LogConfig_p config, MV_LogDurability durability, MV_LogError_p* error) {
     if (durability != MV_LOG_DURABILITY_FAST && durability != MV_LOG_DURABILITY_SAFE) {
-        storeError(error, "Invalid durability, value must be MV_LOG_DURABILITY_FAST or MV_LOG_DURABILITY_SAFE.");
+        storeError(error,
+                   "Invalid durability, value must be MV_LOG_DURABILITY_FAST or MV_LOG_DURABILITY_SAFE.");
         return false;
     }
     config->durability = durability;
@@ -83,9 +98,9 @@ MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogEr
     return CApi::returnFileOrError(
         [&] {
             const int64_t now = Marivane::Chrono::msSinceUnixEpoch();
-            auto file = std::make_unique<SqliteLogFile>(std::string(path), config->timeZone, config->applicationName,
-                                                        config->applicationVersion, config->compressionLevel, now,
-                                                        CApi::durabilityFrom(config->durability));
+            auto file = std::make_unique<SqliteLogFile>(
+                std::string(path), config->timeZone, config->applicationName, config->applicationVersion,
+                config->compressionLevel, now, CApi::durabilityFrom(config->durability));
             return new MV_LogFile{std::move(file), true};
         },
         error);
@@ -111,10 +126,13 @@ MV_LogFile_p MV_LogFile_OpenReadOnly(const char* path, MV_LogError_p* error) {
     }
     return CApi::returnFileOrError(
         [&] {
-            auto file = std::make_unique<SqliteLogFile>(SqliteLogFile::openReadOnly(std::filesystem::path(path)));
+            auto file =
+                std::make_unique<SqliteLogFile>(SqliteLogFile::openReadOnly(std::filesystem::path(path)));
             return new MV_LogFile{std::move(file), false};
         },
         error);
 }
 
-void MV_LogFile_Destroy(MV_LogFile_p file) { delete file; }
+void MV_LogFile_Destroy(MV_LogFile_p file) {
+    delete file;
+}

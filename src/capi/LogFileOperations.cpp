@@ -67,7 +67,8 @@ bool MV_LogFile_AddDataSource(MV_LogFile_p file, MV_LogDataSource_p dataSource, 
                      [&] { return file->file->addDataSource(dataSource->value); });
 }
 
-bool MV_LogFile_AddDataSourceProperty(MV_LogFile_p file, MV_LogDataSourceProperty_p property, MV_LogError_p* error) {
+bool MV_LogFile_AddDataSourceProperty(MV_LogFile_p file, MV_LogDataSourceProperty_p property,
+                                      MV_LogError_p* error) {
     return writeData(file, "Data source properties cannot be added to pre-existing log files.", error,
                      [&] { return file->file->addDataSourceProperty(property->value); });
 }
@@ -78,11 +79,13 @@ bool MV_LogFile_LogData(MV_LogFile_p file, MV_LogDataEntry_p entry, MV_LogError_
 }
 
 bool MV_LogFile_AddMetadata(MV_LogFile_p file, MV_LogMetadata_p metadata, MV_LogError_p* error) {
-    return populateErrorOnFailure(file->file->addMetadata(metadata->value.key, metadata->value.value), file, error);
+    return populateErrorOnFailure(file->file->addMetadata(metadata->value.key, metadata->value.value), file,
+                                  error);
 }
 
 bool MV_LogFile_AddResource(MV_LogFile_p file, MV_LogResource_p resource, MV_LogError_p* error) {
-    return populateErrorOnFailure(file->file->addResource(resource->value.name, resource->value.data), file, error);
+    return populateErrorOnFailure(file->file->addResource(resource->value.name, resource->value.data), file,
+                                  error);
 }
 
 bool MV_LogFile_AddBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark, MV_LogError_p* error) {
@@ -97,9 +100,10 @@ bool MV_LogFile_RemoveBookmark(MV_LogFile_p file, MV_LogBookmark_p bookmark, MV_
     return populateErrorOnFailure(file->file->removeBookmark(bookmark->value), file, error);
 }
 
-bool MV_LogFile_ReadEntry(MV_LogFile_p file, int32_t entryId, MV_LogDataEntry_p* entry, MV_LogError_p* error) {
-    return deliverSingle(file->file->readEntry(entryId), entry, "The requested data entry does not exist.", error,
-                         [](DataEntry value) { return value; });
+bool MV_LogFile_ReadEntry(MV_LogFile_p file, int32_t entryId, MV_LogDataEntry_p* entry,
+                          MV_LogError_p* error) {
+    return deliverSingle(file->file->readEntry(entryId), entry, "The requested data entry does not exist.",
+                         error, [](DataEntry value) { return value; });
 }
 
 bool MV_LogFile_GetDataSourceProperty(MV_LogFile_p file, MV_LogDataSource_p dataSource, const char* key,
@@ -108,20 +112,27 @@ bool MV_LogFile_GetDataSourceProperty(MV_LogFile_p file, MV_LogDataSource_p data
     const int8_t id = dataSource->value.id;
     return deliverSingle(file->file->getDataSourceProperty(id, name), property,
                          "The requested data source property does not exist.", error,
-                         [&](PropertyValue value) { return DataSourceProperty{id, std::move(name), std::move(value)}; });
+                         [&](PropertyValue value) {
+                             return DataSourceProperty{id, std::move(name), std::move(value)};
+                         });
 }
 
-bool MV_LogFile_GetMetadata(MV_LogFile_p file, const char* key, MV_LogMetadata_p* metadata, MV_LogError_p* error) {
+bool MV_LogFile_GetMetadata(MV_LogFile_p file, const char* key, MV_LogMetadata_p* metadata,
+                            MV_LogError_p* error) {
     std::string name = CApi::textFrom(key);
-    return deliverSingle(file->file->getMetadataValue(name), metadata, "The requested metadata does not exist.", error,
-                         [&](PropertyValue value) { return LogMetadataEntry{std::move(name), std::move(value)}; });
+    return deliverSingle(file->file->getMetadataValue(name), metadata,
+                         "The requested metadata does not exist.", error, [&](PropertyValue value) {
+                             return LogMetadataEntry{std::move(name), std::move(value)};
+                         });
 }
 
-bool MV_LogFile_GetResource(MV_LogFile_p file, const char* name, MV_LogResource_p* resource, MV_LogError_p* error) {
+bool MV_LogFile_GetResource(MV_LogFile_p file, const char* name, MV_LogResource_p* resource,
+                            MV_LogError_p* error) {
     std::string resourceName = CApi::textFrom(name);
-    return deliverSingle(file->file->getResource(resourceName), resource, "The requested resource does not exist.",
-                         error,
-                         [&](ByteBuffer data) { return LogResourceEntry{std::move(resourceName), std::move(data)}; });
+    return deliverSingle(file->file->getResource(resourceName), resource,
+                         "The requested resource does not exist.", error, [&](ByteBuffer data) {
+                             return LogResourceEntry{std::move(resourceName), std::move(data)};
+                         });
 }
 
 bool MV_LogFile_GetFirstEntryId(MV_LogFile_p file, int32_t* entryId, MV_LogError_p* error) {
@@ -147,8 +158,8 @@ bool MV_LogFile_GetAllDataSourceProperties(MV_LogFile_p file, MV_LogDataSourcePr
                                                      userData, error);
 }
 
-bool MV_LogFile_GetEntryIndex(MV_LogFile_p file, MV_LogEntryIndexFilter_p filter, MV_LogEntryIdCallback callback,
-                              void* userData, MV_LogError_p* error) {
+bool MV_LogFile_GetEntryIndex(MV_LogFile_p file, MV_LogEntryIndexFilter_p filter,
+                              MV_LogEntryIdCallback callback, void* userData, MV_LogError_p* error) {
     const std::vector<int32_t> ids = file->file->getEntryIndex(filter->value);
     if (ids.empty()) {
         return populateErrorOnFailure(false, file, error);
@@ -162,8 +173,8 @@ bool MV_LogFile_GetEntryIndex(MV_LogFile_p file, MV_LogEntryIndexFilter_p filter
 bool MV_LogFile_ReadEntries(MV_LogFile_p file, int32_t minimumEntryId, int32_t maximumEntryId,
                             MV_LogEntryIndexFilter_p filter, int32_t limit, MV_LogDataEntryCallback callback,
                             void* userData) {
-    return deliverAll<MV_LogDataEntry>(file->file->readEntries(minimumEntryId, maximumEntryId, filter->value, limit),
-                                       callback, userData);
+    return deliverAll<MV_LogDataEntry>(
+        file->file->readEntries(minimumEntryId, maximumEntryId, filter->value, limit), callback, userData);
 }
 
 bool MV_LogFile_GetBookmarks(MV_LogFile_p file, MV_LogBookmarkCallback callback, void* userData) {

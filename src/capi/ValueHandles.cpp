@@ -50,8 +50,10 @@ bool readString(const PropertyValue& value, const char** out) {
     return false;
 }
 
-MV_LogDataSourceProperty_p makeProperty(const int8_t* dataSourceId, const char* propertyName, PropertyValue value) {
-    return new MV_LogDataSourceProperty{DataSourceProperty{*dataSourceId, textFrom(propertyName), std::move(value)}};
+MV_LogDataSourceProperty_p makeProperty(const int8_t* dataSourceId, const char* propertyName,
+                                        PropertyValue value) {
+    return new MV_LogDataSourceProperty{
+        DataSourceProperty{*dataSourceId, textFrom(propertyName), std::move(value)}};
 }
 
 MV_LogMetadata_p makeMetadata(const char* key, PropertyValue value) {
@@ -64,14 +66,21 @@ MV_LogMetadata_p makeMetadata(const char* key, PropertyValue value) {
 
 MV_LogBookmark_p MV_LogBookmark_Create(int32_t entryId, const char* title, const char* comments,
                                        const uint8_t* payload, int64_t length) {
-    return new MV_LogBookmark{Bookmark{entryId, textFrom(title), textFrom(comments), bytesFrom(payload, length)}};
+    return new MV_LogBookmark{
+        Bookmark{entryId, textFrom(title), textFrom(comments), bytesFrom(payload, length)}};
 }
 
-void MV_LogBookmark_Destroy(MV_LogBookmark_p bookmark) { delete bookmark; }
+void MV_LogBookmark_Destroy(MV_LogBookmark_p bookmark) {
+    delete bookmark;
+}
 
-void MV_LogBookmark_GetEntryId(MV_LogBookmark_p bookmark, int32_t* entryId) { *entryId = bookmark->value.entryId; }
+void MV_LogBookmark_GetEntryId(MV_LogBookmark_p bookmark, int32_t* entryId) {
+    *entryId = bookmark->value.entryId;
+}
 
-void MV_LogBookmark_GetTitle(MV_LogBookmark_p bookmark, const char** title) { *title = bookmark->value.title.c_str(); }
+void MV_LogBookmark_GetTitle(MV_LogBookmark_p bookmark, const char** title) {
+    *title = bookmark->value.title.c_str();
+}
 
 void MV_LogBookmark_GetComment(MV_LogBookmark_p bookmark, const char** comments) {
     *comments = bookmark->value.comments.c_str();
@@ -112,21 +121,29 @@ MV_LogDataEntry_p MV_LogDataEntry_Create(const int8_t* dataSourceId, int32_t typ
     return new MV_LogDataEntry{std::move(entry)};
 }
 
-void MV_LogDataEntry_Destroy(MV_LogDataEntry_p entry) { delete entry; }
+void MV_LogDataEntry_Destroy(MV_LogDataEntry_p entry) {
+    delete entry;
+}
 
 void MV_LogDataEntry_GetDataSourceId(MV_LogDataEntry_p entry, int8_t* dataSourceId) {
     *dataSourceId = entry->value.dataSourceId;
 }
 
-void MV_LogDataEntry_GetType(MV_LogDataEntry_p entry, int32_t* type) { *type = entry->value.type; }
+void MV_LogDataEntry_GetType(MV_LogDataEntry_p entry, int32_t* type) {
+    *type = entry->value.type;
+}
 
 void MV_LogDataEntry_GetData(MV_LogDataEntry_p entry, int64_t* length, const uint8_t** data) {
     exposeBytes(entry->value.data, length, data);
 }
 
-void MV_LogDataEntry_GetTimestamp(MV_LogDataEntry_p entry, int64_t* timestamp) { *timestamp = entry->value.timestamp; }
+void MV_LogDataEntry_GetTimestamp(MV_LogDataEntry_p entry, int64_t* timestamp) {
+    *timestamp = entry->value.timestamp;
+}
 
-void MV_LogDataEntry_SetTimestamp(MV_LogDataEntry_p entry, int64_t timestamp) { entry->value.timestamp = timestamp; }
+void MV_LogDataEntry_SetTimestamp(MV_LogDataEntry_p entry, int64_t timestamp) {
+    entry->value.timestamp = timestamp;
+}
 
 // ---- data sources ------------------------------------------------------------
 
@@ -134,9 +151,13 @@ MV_LogDataSource_p MV_LogDataSource_Create(MV_LogDataSourceType type, const char
     return new MV_LogDataSource{DataSource{-1, type, textFrom(name)}};
 }
 
-void MV_LogDataSource_Destroy(MV_LogDataSource_p dataSource) { delete dataSource; }
+void MV_LogDataSource_Destroy(MV_LogDataSource_p dataSource) {
+    delete dataSource;
+}
 
-void MV_LogDataSource_GetId(MV_LogDataSource_p dataSource, int8_t* id) { *id = dataSource->value.id; }
+void MV_LogDataSource_GetId(MV_LogDataSource_p dataSource, int8_t* id) {
+    *id = dataSource->value.id;
+}
 
 void MV_LogDataSource_GetName(MV_LogDataSource_p dataSource, const char** name) {
     *name = dataSource->value.name.c_str();
@@ -148,33 +169,37 @@ void MV_LogDataSource_GetType(MV_LogDataSource_p dataSource, MV_LogDataSourceTyp
 
 // ---- data-source properties -----------------------------------------------------
 
-MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateInt32(const int8_t* dataSourceId, const char* propertyName,
-                                                                int32_t value) {
+MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateInt32(const int8_t* dataSourceId,
+                                                                const char* propertyName, int32_t value) {
     return makeProperty(dataSourceId, propertyName, PropertyValue(std::in_place_index<0>, value));
 }
 
-MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateInt64(const int8_t* dataSourceId, const char* propertyName,
-                                                                int64_t value) {
+MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateInt64(const int8_t* dataSourceId,
+                                                                const char* propertyName, int64_t value) {
     return makeProperty(dataSourceId, propertyName, PropertyValue(std::in_place_index<1>, value));
 }
 
-MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateDouble(const int8_t* dataSourceId, const char* propertyName,
-                                                                 double value) {
+MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateDouble(const int8_t* dataSourceId,
+                                                                 const char* propertyName, double value) {
     return makeProperty(dataSourceId, propertyName, PropertyValue(std::in_place_index<2>, value));
 }
 
-MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateString(const int8_t* dataSourceId, const char* propertyName,
+MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateString(const int8_t* dataSourceId,
+                                                                 const char* propertyName,
                                                                  const char* value) {
     return makeProperty(dataSourceId, propertyName, PropertyValue(std::in_place_index<3>, textFrom(value)));
 }
 
-void MV_LogDataSourceProperty_Destroy(MV_LogDataSourceProperty_p property) { delete property; }
+void MV_LogDataSourceProperty_Destroy(MV_LogDataSourceProperty_p property) {
+    delete property;
+}
 
 void MV_LogDataSourceProperty_GetDataSourceId(MV_LogDataSourceProperty_p property, int8_t* dataSourceId) {
     *dataSourceId = property->value.dataSourceId;
 }
 
-void MV_LogDataSourceProperty_GetPropertyName(MV_LogDataSourceProperty_p property, const char** propertyName) {
+void MV_LogDataSourceProperty_GetPropertyName(MV_LogDataSourceProperty_p property,
+                                              const char** propertyName) {
     *propertyName = property->value.propertyName.c_str();
 }
 
@@ -212,11 +237,17 @@ MV_LogMetadata_p MV_LogMetadata_CreateString(const char* key, const char* value)
     return makeMetadata(key, PropertyValue(std::in_place_index<3>, textFrom(value)));
 }
 
-void MV_LogMetadata_Destroy(MV_LogMetadata_p metadata) { delete metadata; }
+void MV_LogMetadata_Destroy(MV_LogMetadata_p metadata) {
+    delete metadata;
+}
 
-bool MV_LogMetadata_GetInt32(MV_LogMetadata_p metadata, int32_t* value) { return readInt32(metadata->value.value, value); }
+bool MV_LogMetadata_GetInt32(MV_LogMetadata_p metadata, int32_t* value) {
+    return readInt32(metadata->value.value, value);
+}
 
-bool MV_LogMetadata_GetInt64(MV_LogMetadata_p metadata, int64_t* value) { return readInt64(metadata->value.value, value); }
+bool MV_LogMetadata_GetInt64(MV_LogMetadata_p metadata, int64_t* value) {
+    return readInt64(metadata->value.value, value);
+}
 
 bool MV_LogMetadata_GetDouble(MV_LogMetadata_p metadata, double* value) {
     return readDouble(metadata->value.value, value);
@@ -226,7 +257,9 @@ bool MV_LogMetadata_GetString(MV_LogMetadata_p metadata, const char** value) {
     return readString(metadata->value.value, value);
 }
 
-void MV_LogMetadata_GetKey(MV_LogMetadata_p metadata, const char** key) { *key = metadata->value.key.c_str(); }
+void MV_LogMetadata_GetKey(MV_LogMetadata_p metadata, const char** key) {
+    *key = metadata->value.key.c_str();
+}
 
 // ---- resources -------------------------------------------------------------------
 
@@ -234,10 +267,14 @@ MV_LogResource_p MV_LogResource_Create(const char* name, const uint8_t* data, in
     return new MV_LogResource{LogResourceEntry{textFrom(name), bytesFrom(data, length)}};
 }
 
-void MV_LogResource_Destroy(MV_LogResource_p resource) { delete resource; }
+void MV_LogResource_Destroy(MV_LogResource_p resource) {
+    delete resource;
+}
 
 void MV_LogResource_GetData(MV_LogResource_p resource, int64_t* length, const uint8_t** data) {
     exposeBytes(resource->value.data, length, data);
 }
 
-void MV_LogResource_GetName(MV_LogResource_p resource, const char** name) { *name = resource->value.name.c_str(); }
+void MV_LogResource_GetName(MV_LogResource_p resource, const char** name) {
+    *name = resource->value.name.c_str();
+}

@@ -65,15 +65,17 @@ SqliteLogFile openInput(const std::filesystem::path& path) {
 
 [[noreturn]] void throwWriteFailure(const PendingOutput& output, const SqliteLogFile& file,
                                     const std::string& what) {
-    throw std::runtime_error("Cannot write '" + output.finalPath().string() + "': " + what + " failed: " +
-                             file.getLastError());
+    throw std::runtime_error("Cannot write '" + output.finalPath().string() + "': " + what +
+                             " failed: " + file.getLastError());
 }
 
 // The new file, written under the pending output's temporary name.
 class OutputWriter {
 public:
     OutputWriter(const PendingOutput& pending, const SqliteLogFile& firstInput, const CopyOptions& options)
-        : pending_(pending), file_(create(pending, firstInput, options)), level_(StoreAccess::of(file_).compressionLevel) {}
+        : pending_(pending),
+          file_(create(pending, firstInput, options)),
+          level_(StoreAccess::of(file_).compressionLevel) {}
 
     SqliteLogFile& file() { return file_; }
 
@@ -95,7 +97,8 @@ public:
         }
         bool written = false;
         if (inputLevel == level_) {
-            written = StoreAccess::of(file_).insertStoredEntry(row.timestamp, row.type, dataSourceId, row.payload);
+            written =
+                StoreAccess::of(file_).insertStoredEntry(row.timestamp, row.type, dataSourceId, row.payload);
             ++report.payloadsCopiedAsStored;
         } else {
             ByteBuffer data = inputLevel == 0 ? row.payload : Compression::uncompress(row.payload);
@@ -126,8 +129,9 @@ private:
                                 const CopyOptions& options) {
         const int8_t level = options.compressionLevel.value_or(StoreAccess::of(firstInput).compressionLevel);
         if (level < -1 || level > 9) {
-            throw std::runtime_error("Cannot write '" + pending.finalPath().string() + "': compression level " +
-                                     std::to_string(level) + " is outside -1 to 9.");
+            throw std::runtime_error("Cannot write '" + pending.finalPath().string() +
+                                     "': compression level " + std::to_string(level) +
+                                     " is outside -1 to 9.");
         }
         try {
             return SqliteLogFile(pending.temporaryPath().string(),
@@ -186,8 +190,9 @@ public:
 
     // In any order: only a bookmark on exactly this entry follows it.
     void entryCopiedExactly(int32_t sourceId, int32_t newId) {
-        auto found = std::lower_bound(pending_.begin(), pending_.end(), sourceId,
-                                      [](const Bookmark& bookmark, int32_t id) { return bookmark.entryId < id; });
+        auto found =
+            std::lower_bound(pending_.begin(), pending_.end(), sourceId,
+                             [](const Bookmark& bookmark, int32_t id) { return bookmark.entryId < id; });
         for (; found != pending_.end() && found->entryId == sourceId; ++found) {
             Bookmark copy = *found;
             copy.entryId = newId;
@@ -221,7 +226,8 @@ private:
 };
 
 RowSelection selectionFor(const CopyOptions& options, IdBounds bounds) {
-    return RowSelection{bounds.first, bounds.last, options.startTimestamp, options.endTimestamp, options.filter};
+    return RowSelection{bounds.first, bounds.last, options.startTimestamp, options.endTimestamp,
+                        options.filter};
 }
 
 }  // namespace
@@ -239,7 +245,8 @@ CopyReport copy(const std::filesystem::path& source, const std::filesystem::path
         recordPreviousProducer(input, file, "applicationVersion", options.applicationVersion);
         copyMetadata(input, file);
         for (const LogResourceEntry& resource : input.getAllResources()) {
-            writer.require(file.addResource(resource.name, resource.data), "adding resource '" + resource.name + "'");
+            writer.require(file.addResource(resource.name, resource.data),
+                           "adding resource '" + resource.name + "'");
             ++report.resources;
         }
         for (const DataSource& dataSource : input.getDataSources()) {
@@ -247,7 +254,8 @@ CopyReport copy(const std::filesystem::path& source, const std::filesystem::path
             ++report.dataSources;
         }
         for (const DataSourceProperty& property : input.getAllDataSourceProperties()) {
-            writer.require(file.addDataSourceProperty(property), "adding property '" + property.propertyName + "'");
+            writer.require(file.addDataSourceProperty(property),
+                           "adding property '" + property.propertyName + "'");
         }
         writer.commitBatch();
 
@@ -285,7 +293,9 @@ struct MergeInput {
     std::unique_ptr<BookmarkMapper> bookmarks;
 };
 
-std::string describe(const MergeInput& input) { return quoted(input.path); }
+std::string describe(const MergeInput& input) {
+    return quoted(input.path);
+}
 
 void mergeDataSources(std::vector<MergeInput>& inputs, OutputWriter& writer, CopyReport& report) {
     std::map<int8_t, DataSource> taken;
@@ -308,9 +318,9 @@ void mergeDataSources(std::vector<MergeInput>& inputs, OutputWriter& writer, Cop
             const int8_t oldId = source.id;
             if (existing != taken.end()) {
                 source.id = freeId();
-                report.notes.push_back("Data source " + std::to_string(oldId) + " (\"" + source.name + "\") of " +
-                                       describe(input) + " became data source " + std::to_string(source.id) +
-                                       ": its id was taken by an earlier input.");
+                report.notes.push_back("Data source " + std::to_string(oldId) + " (\"" + source.name +
+                                       "\") of " + describe(input) + " became data source " +
+                                       std::to_string(source.id) + ": its id was taken by an earlier input.");
             }
             writer.require(writer.file().addDataSource(std::as_const(source)),
                            "adding data source '" + source.name + "'");
@@ -334,8 +344,8 @@ void mergeDataSources(std::vector<MergeInput>& inputs, OutputWriter& writer, Cop
     }
 }
 
-void mergeMetadataAndResources(std::vector<MergeInput>& inputs, OutputWriter& writer, const CopyOptions& options,
-                               CopyReport& report) {
+void mergeMetadataAndResources(std::vector<MergeInput>& inputs, OutputWriter& writer,
+                               const CopyOptions& options, CopyReport& report) {
     SqliteLogFile& file = writer.file();
     recordPreviousProducer(inputs.front().file, file, "applicationName", options.applicationName);
     recordPreviousProducer(inputs.front().file, file, "applicationVersion", options.applicationVersion);
@@ -357,7 +367,8 @@ void mergeMetadataAndResources(std::vector<MergeInput>& inputs, OutputWriter& wr
             }
             const std::optional<PropertyValue> held = file.getMetadataValue(entry.key);
             if (!held) {
-                writer.require(file.addMetadata(entry.key, entry.value), "adding metadata '" + entry.key + "'");
+                writer.require(file.addMetadata(entry.key, entry.value),
+                               "adding metadata '" + entry.key + "'");
             } else if (*held != entry.value) {
                 report.notes.push_back("Metadata \"" + entry.key + "\" of " + describe(inputs[i]) +
                                        " differs from an earlier input's and was not copied.");
@@ -369,7 +380,8 @@ void mergeMetadataAndResources(std::vector<MergeInput>& inputs, OutputWriter& wr
                                        " has the name of an earlier input's resource and was not copied.");
                 continue;
             }
-            writer.require(file.addResource(resource.name, resource.data), "adding resource '" + resource.name + "'");
+            writer.require(file.addResource(resource.name, resource.data),
+                           "adding resource '" + resource.name + "'");
             ++report.resources;
         }
     }

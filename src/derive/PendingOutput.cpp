@@ -57,9 +57,9 @@ PendingOutput::~PendingOutput() {
 void PendingOutput::checkEntryCount(const SqliteLogFile& written, uint64_t expected) const {
     const int32_t count = written.getEntryCount();
     if (count < 0 || static_cast<uint64_t>(count) != expected) {
-        throw std::runtime_error("Cannot write '" + finalPath_.string() + "': it holds " + std::to_string(count) +
-                                 " entries instead of " + std::to_string(expected) + " (" +
-                                 written.getLastError() + ").");
+        throw std::runtime_error("Cannot write '" + finalPath_.string() + "': it holds " +
+                                 std::to_string(count) + " entries instead of " + std::to_string(expected) +
+                                 " (" + written.getLastError() + ").");
     }
 }
 

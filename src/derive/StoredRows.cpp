@@ -11,12 +11,14 @@ namespace Marivane::Logging::Algorithms {
 namespace {
 
 std::string statementFor(const EntryIndexFilter& filter, RowOrder order) {
-    std::string sql = "SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, data.payload FROM data";
+    std::string sql =
+        "SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, data.payload FROM data";
     if (!filter.dataSourceTypes.empty()) {
         sql += " INNER JOIN dataSources ON data.dataSourceId = dataSources.dataSourceId";
     }
     sql +=
-        " WHERE data.entryId BETWEEN :minimumEntryId AND :maximumEntryId AND data.timestamp BETWEEN :startTimestamp "
+        " WHERE data.entryId BETWEEN :minimumEntryId AND :maximumEntryId AND data.timestamp BETWEEN "
+        ":startTimestamp "
         "AND :endTimestamp";
     const std::string filterClause = filter.toWhereClause();
     if (!filterClause.empty()) {

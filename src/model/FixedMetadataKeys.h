@@ -10,6 +10,7 @@ namespace Marivane::Logging {
 // (text), time zone (text), format version (int32) and compression level
 // (int32). Derived files rewrite these and keep every other key.
 inline constexpr std::array<std::string_view, 6> kFixedMetadataKeys = {
-    "createdDateTime", "applicationName", "applicationVersion", "currentTimeZone", "logVersion", "compressionLevel"};
+    "createdDateTime", "applicationName", "applicationVersion",
+    "currentTimeZone", "logVersion",      "compressionLevel"};
 
 }  // namespace Marivane::Logging

@@ -4,8 +4,12 @@ namespace Marivane::Logging {
 
 LogFileInterface::~LogFileInterface() = default;
 
-bool LogFileInterface::addMetadata(const LogMetadataEntry& entry) { return addMetadata(entry.key, entry.value); }
+bool LogFileInterface::addMetadata(const LogMetadataEntry& entry) {
+    return addMetadata(entry.key, entry.value);
+}
 
-bool LogFileInterface::addResource(const LogResourceEntry& entry) { return addResource(entry.name, entry.data); }
+bool LogFileInterface::addResource(const LogResourceEntry& entry) {
+    return addResource(entry.name, entry.data);
+}
 
 }  // namespace Marivane::Logging

@@ -60,9 +60,13 @@ LogFileInterface* LogFilePlayer::getUnderlyingLogFile() const {
     return d->logFile.get();
 }
 
-void LogFilePlayer::setPacing(Pacing pacing) { d->pacing = pacing; }
+void LogFilePlayer::setPacing(Pacing pacing) {
+    d->pacing = pacing;
+}
 
-Pacing LogFilePlayer::getPacing() const { return d->pacing; }
+Pacing LogFilePlayer::getPacing() const {
+    return d->pacing;
+}
 
 void LogFilePlayer::setUnreadableFrameHandler(UnreadableFrameCallback handler) {
     d->unreadableFrameHandler = std::move(handler);

@@ -94,7 +94,8 @@ int64_t computeFrameWait(int64_t delta, int32_t maxFrameDelay, float speedMultip
     return std::llroundf(scaled) - carry;
 }
 
-std::chrono::nanoseconds idealFrameGap(int64_t timestampGapMs, int32_t maxFrameDelayMs, float speed) noexcept {
+std::chrono::nanoseconds idealFrameGap(int64_t timestampGapMs, int32_t maxFrameDelayMs,
+                                       float speed) noexcept {
     if (timestampGapMs >= maxFrameDelayMs) {
         return std::chrono::milliseconds(std::max(maxFrameDelayMs, 0));
     }
@@ -357,7 +358,8 @@ void LogFilePlayerPrivate::finishPlayback() {
 }
 
 void LogFilePlayerPrivate::waitForFrameDue(std::unique_lock<std::mutex>& lock, int64_t waitMs) {
-    waitUntil(lock, Clock::now() + std::chrono::milliseconds(std::clamp(waitMs, -kLongestWaitMs, kLongestWaitMs)));
+    waitUntil(lock,
+              Clock::now() + std::chrono::milliseconds(std::clamp(waitMs, -kLongestWaitMs, kLongestWaitMs)));
 }
 
 void LogFilePlayerPrivate::waitUntil(std::unique_lock<std::mutex>& lock, Clock::time_point deadline) {

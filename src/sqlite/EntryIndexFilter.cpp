@@ -33,7 +33,8 @@ std::string EntryIndexFilter::toWhereClause() const {
     const bool byType = addColumnFilter(clause, "data.type", dataTypes.size(), ":type");
     const bool bySource = addColumnFilter(clause, byType ? " AND data.dataSourceId" : " data.dataSourceId",
                                           dataSources.size(), ":source");
-    addColumnFilter(clause, byType || bySource ? " AND dataSources.dataSourceType" : " dataSources.dataSourceType",
+    addColumnFilter(clause,
+                    byType || bySource ? " AND dataSources.dataSourceType" : " dataSources.dataSourceType",
                     dataSourceTypes.size(), ":sourceType");
     return clause;
 }

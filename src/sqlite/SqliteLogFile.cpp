@@ -6,8 +6,8 @@
 #include <logging/Algorithms.h>
 
 #include <core/Compression.h>
-#include "sqlite/BindParameterVisitor.h"
 #include "services/database/ColumnAccess.h"
+#include "sqlite/BindParameterVisitor.h"
 #include "sqlite/ReturnPropertyValueVisitor.h"
 
 #include <array>
@@ -26,7 +26,9 @@ namespace {
 constexpr int8_t kCurrentLogVersion = 4;
 constexpr const char* kThumbnailName = "thumbnail";
 
-int8_t lowEightBits(int value) { return static_cast<int8_t>(value); }
+int8_t lowEightBits(int value) {
+    return static_cast<int8_t>(value);
+}
 
 // A copy of the column as a PropertyValue, or absent for NULL.
 std::optional<PropertyValue> readPropertyValue(const SqliteQuery& query, int column) {
@@ -59,10 +61,11 @@ SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZon
 SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZone,
                              const std::string& applicationName, const std::string& applicationVersion,
                              int8_t compressionLevel, int64_t createdDateTime, Durability durability)
-    : d(std::make_unique<SqliteLogFilePrivate>(std::filesystem::path(path), OpenPolicy::OpenOrCreate, durability)) {
+    : d(std::make_unique<SqliteLogFilePrivate>(std::filesystem::path(path), OpenPolicy::OpenOrCreate,
+                                               durability)) {
     // In the order of kFixedMetadataKeys.
     const std::array<PropertyValue, kFixedMetadataKeys.size()> values = {
-        createdDateTime, applicationName, applicationVersion, timeZone, int32_t{kCurrentLogVersion},
+        createdDateTime,          applicationName, applicationVersion, timeZone, int32_t{kCurrentLogVersion},
         int32_t{compressionLevel}};
     WriteBatch batch = beginBatch();
     for (std::size_t i = 0; i < values.size(); ++i) {
@@ -82,7 +85,9 @@ SqliteLogFile::WriteBatch SqliteLogFile::beginBatch() {
     return WriteBatch(d->beginBatch());
 }
 
-bool SqliteLogFile::isBatchOpen() const { return d->batchOpen(); }
+bool SqliteLogFile::isBatchOpen() const {
+    return d->batchOpen();
+}
 
 SqliteLogFile::WriteBatch::WriteBatch(WriteBatch&& other) noexcept : file_(std::move(other.file_)) {}
 
@@ -94,9 +99,13 @@ SqliteLogFile::WriteBatch& SqliteLogFile::WriteBatch::operator=(WriteBatch&& oth
     return *this;
 }
 
-SqliteLogFile::WriteBatch::~WriteBatch() { commitIgnoringErrors(); }
+SqliteLogFile::WriteBatch::~WriteBatch() {
+    commitIgnoringErrors();
+}
 
-bool SqliteLogFile::WriteBatch::isOpen() const { return file_ && *file_; }
+bool SqliteLogFile::WriteBatch::isOpen() const {
+    return file_ && *file_;
+}
 
 bool SqliteLogFile::WriteBatch::commit() {
     const std::shared_ptr<SqliteLogFilePrivate*> file = std::move(file_);
@@ -111,23 +120,41 @@ void SqliteLogFile::WriteBatch::commitIgnoringErrors() noexcept {
     }
 }
 
-bool SqliteLogFile::isReadOnly() const { return d->isReadOnly(); }
+bool SqliteLogFile::isReadOnly() const {
+    return d->isReadOnly();
+}
 
-Durability SqliteLogFile::getDurability() const { return d->durability; }
+Durability SqliteLogFile::getDurability() const {
+    return d->durability;
+}
 
-uint64_t SqliteLogFile::getFailureCount() const { return d->failureCount(); }
+uint64_t SqliteLogFile::getFailureCount() const {
+    return d->failureCount();
+}
 
-std::string SqliteLogFile::getLastFailure() const { return d->lastFailure(); }
+std::string SqliteLogFile::getLastFailure() const {
+    return d->lastFailure();
+}
 
-FailureKind SqliteLogFile::getLastFailureKind() const { return d->lastFailureKind(); }
+FailureKind SqliteLogFile::getLastFailureKind() const {
+    return d->lastFailureKind();
+}
 
-bool SqliteLogFile::isResourceCompressionSupported() const { return d->isResourceCompressionSupported(); }
+bool SqliteLogFile::isResourceCompressionSupported() const {
+    return d->isResourceCompressionSupported();
+}
 
-bool SqliteLogFile::isBookmarkPayloadsSupported() const { return d->isBookmarkPayloadsSupported(); }
+bool SqliteLogFile::isBookmarkPayloadsSupported() const {
+    return d->isBookmarkPayloadsSupported();
+}
 
-std::filesystem::path SqliteLogFile::getFilePath() const { return d->filePath; }
+std::filesystem::path SqliteLogFile::getFilePath() const {
+    return d->filePath;
+}
 
-std::string SqliteLogFile::getLastError() const { return d->lastError; }
+std::string SqliteLogFile::getLastError() const {
+    return d->lastError;
+}
 
 // ---- data sources, properties, entries ---------------------------------------
 
@@ -155,9 +182,10 @@ bool SqliteLogFile::addDataSource(const DataSource& source) {
 }
 
 bool SqliteLogFile::addDataSourceProperty(const DataSourceProperty& property) {
-    SqliteQuery query(d->database,
-                      "INSERT INTO dataSourceProperties (dataSourceId, key, value) VALUES (:dataSourceId, :key, "
-                      ":value);");
+    SqliteQuery query(
+        d->database,
+        "INSERT INTO dataSourceProperties (dataSourceId, key, value) VALUES (:dataSourceId, :key, "
+        ":value);");
     query.bindParameter(":dataSourceId", int32_t{property.dataSourceId});
     query.bindParameter(":key", property.propertyName, BindMode::NoCopy);
     std::visit(Database::BindParameterVisitor(query, ":value"), property.value);
@@ -187,8 +215,10 @@ std::vector<DataSource> SqliteLogFile::getDataSources() const {
     return sources;
 }
 
-std::optional<PropertyValue> SqliteLogFile::getDataSourceProperty(int32_t dataSourceId, std::string key) const {
-    SqliteQuery query(d->database, "SELECT value FROM dataSourceProperties WHERE dataSourceId = :id AND key = :key;");
+std::optional<PropertyValue> SqliteLogFile::getDataSourceProperty(int32_t dataSourceId,
+                                                                  std::string key) const {
+    SqliteQuery query(d->database,
+                      "SELECT value FROM dataSourceProperties WHERE dataSourceId = :id AND key = :key;");
     query.bindParameter(":id", dataSourceId);
     query.bindParameter(":key", key, BindMode::NoCopy);
     query.executeStep();
@@ -221,14 +251,21 @@ std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() cons
     return properties;
 }
 
-int32_t SqliteLogFile::getFirstEntryId() const { return d->readSingleInteger("SELECT MIN(entryId) FROM data;"); }
+int32_t SqliteLogFile::getFirstEntryId() const {
+    return d->readSingleInteger("SELECT MIN(entryId) FROM data;");
+}
 
-int32_t SqliteLogFile::getLastEntryId() const { return d->readSingleInteger("SELECT MAX(entryId) FROM data;"); }
+int32_t SqliteLogFile::getLastEntryId() const {
+    return d->readSingleInteger("SELECT MAX(entryId) FROM data;");
+}
 
-int32_t SqliteLogFile::getEntryCount() const { return d->readSingleInteger("SELECT COUNT(*) FROM data;"); }
+int32_t SqliteLogFile::getEntryCount() const {
+    return d->readSingleInteger("SELECT COUNT(*) FROM data;");
+}
 
 std::optional<DataEntry> SqliteLogFile::readEntry(int32_t entryId) const {
-    SqliteQuery query(d->database, "SELECT timestamp, type, dataSourceId, payload FROM data WHERE entryId = :entryId;");
+    SqliteQuery query(d->database,
+                      "SELECT timestamp, type, dataSourceId, payload FROM data WHERE entryId = :entryId;");
     query.bindParameter(":entryId", entryId);
     if (query.executeStep() != StepRow) {
         d->checkFinished(query, "Reading an entry of");
@@ -276,7 +313,8 @@ std::vector<LogMetadataEntry> SqliteLogFile::getAllMetadata() const {
     std::vector<LogMetadataEntry> entries;
     while (query.executeStep() == StepRow) {
         if (std::optional<PropertyValue> value = readPropertyValue(query, 1)) {
-            entries.push_back({getValueFromColumn<std::string>(query, 0).value_or(std::string()), std::move(*value)});
+            entries.push_back(
+                {getValueFromColumn<std::string>(query, 0).value_or(std::string()), std::move(*value)});
         }
     }
     d->checkFinished(query, "Reading the metadata of");
@@ -334,13 +372,16 @@ std::vector<LogResourceEntry> SqliteLogFile::getAllResources() const {
     std::vector<LogResourceEntry> resources;
     while (query.executeStep() == StepRow) {
         ByteBuffer data = expandResource(*d, getValueFromColumn<ByteBuffer>(query, 1).value_or(ByteBuffer()));
-        resources.push_back({getValueFromColumn<std::string>(query, 0).value_or(std::string()), std::move(data)});
+        resources.push_back(
+            {getValueFromColumn<std::string>(query, 0).value_or(std::string()), std::move(data)});
     }
     d->checkFinished(query, "Reading the resources of");
     return resources;
 }
 
-std::optional<ByteBuffer> SqliteLogFile::getThumbnail() const { return getResource(kThumbnailName); }
+std::optional<ByteBuffer> SqliteLogFile::getThumbnail() const {
+    return getResource(kThumbnailName);
+}
 
 bool SqliteLogFile::setThumbnail(const ByteBuffer& data) {
     std::optional<int> count;
@@ -384,10 +425,11 @@ void bindBookmarkPayload(const SqliteLogFilePrivate& file, SqliteQuery& query, c
 bool SqliteLogFile::addBookmark(const Bookmark& bookmark) {
     const bool withPayload = d->isBookmarkPayloadsSupported();
     SqliteQuery query(d->database,
-                      withPayload ? "INSERT INTO bookmarks (entryId, title, comments, payload) VALUES (:entryId, "
-                                    ":title, :comments, :payload);"
-                                  : "INSERT INTO bookmarks (entryId, title, comments) VALUES (:entryId, :title, "
-                                    ":comments);");
+                      withPayload
+                          ? "INSERT INTO bookmarks (entryId, title, comments, payload) VALUES (:entryId, "
+                            ":title, :comments, :payload);"
+                          : "INSERT INTO bookmarks (entryId, title, comments) VALUES (:entryId, :title, "
+                            ":comments);");
     query.bindParameter(":entryId", bookmark.entryId);
     query.bindParameter(":title", bookmark.title, BindMode::NoCopy);
     query.bindParameter(":comments", bookmark.comments, BindMode::NoCopy);
@@ -401,10 +443,11 @@ bool SqliteLogFile::addBookmark(const Bookmark& bookmark) {
 bool SqliteLogFile::updateBookmark(const Bookmark& bookmark) {
     const bool withPayload = d->isBookmarkPayloadsSupported();
     SqliteQuery query(d->database,
-                      withPayload ? "UPDATE bookmarks SET title = :title, comments = :comments, payload = :payload "
-                                    "WHERE entryId = :entryId;"
-                                  : "UPDATE bookmarks SET title = :title, comments = :comments WHERE entryId = "
-                                    ":entryId;");
+                      withPayload
+                          ? "UPDATE bookmarks SET title = :title, comments = :comments, payload = :payload "
+                            "WHERE entryId = :entryId;"
+                          : "UPDATE bookmarks SET title = :title, comments = :comments WHERE entryId = "
+                            ":entryId;");
     query.bindParameter(":title", bookmark.title, BindMode::NoCopy);
     query.bindParameter(":comments", bookmark.comments, BindMode::NoCopy);
     query.bindParameter(":entryId", bookmark.entryId);
@@ -474,7 +517,8 @@ std::vector<int32_t> SqliteLogFile::getEntryIndex(const EntryIndexFilter& filter
     if (count == 0) {
         return ids;
     }
-    SqliteQuery query(d->database, std::string("SELECT entryId ") + kJoinedData + clause + " ORDER BY entryId;");
+    SqliteQuery query(d->database,
+                      std::string("SELECT entryId ") + kJoinedData + clause + " ORDER BY entryId;");
     filter.bindParameters(query);
     while (query.executeStep() == StepRow) {
         ids.push_back(getValueFromColumn<int>(query, 0).value_or(0));
@@ -511,8 +555,8 @@ std::vector<DataEntry> SqliteLogFile::readEntries(int32_t minimumEntryId, int32_
     std::vector<DataEntry> entries;
     int count = 0;
     {
-        SqliteQuery query(d->database, std::string("SELECT COUNT(*) ") + kJoinedData + rangeClause + " " +
-                                           limitText + ";");
+        SqliteQuery query(
+            d->database, std::string("SELECT COUNT(*) ") + kJoinedData + rangeClause + " " + limitText + ";");
         bindAll(query);
         count = readCount(*d, query);
     }
@@ -520,9 +564,10 @@ std::vector<DataEntry> SqliteLogFile::readEntries(int32_t minimumEntryId, int32_
     if (count == 0) {
         return entries;
     }
-    SqliteQuery query(d->database,
-                      std::string("SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, data.payload ") +
-                          kJoinedData + rangeClause + " ORDER BY entryId " + limitText + ";");
+    SqliteQuery query(
+        d->database,
+        std::string("SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, data.payload ") +
+            kJoinedData + rangeClause + " ORDER BY entryId " + limitText + ";");
     bindAll(query);
     while (query.executeStep() == StepRow) {
         DataEntry entry;

@@ -5,10 +5,10 @@
 
 #include <core/Compression.h>
 #include <core/Filesystem.h>
-#include "services/database/ColumnAccess.h"
 #include <database/DatabaseAccessError.h>
 #include <database/DatabaseBusy.h>
 #include <database/FileIsNotDatabase.h>
+#include "services/database/ColumnAccess.h"
 
 #include <array>
 #include <fstream>
@@ -31,8 +31,8 @@ constexpr int kIoErrorBit = 512;
 
 constexpr const char* kPageSizePragma = "PRAGMA page_size = 8192;";
 
-constexpr std::array<const char*, 6> kLogTables = {"dataSources", "dataSourceProperties", "data",
-                                                   "metadata",    "resources",            "bookmarks"};
+constexpr std::array<const char*, 6> kLogTables = {
+    "dataSources", "dataSourceProperties", "data", "metadata", "resources", "bookmarks"};
 
 // Called once SQLite has said the file is not a database: legacy log files
 // begin with a four-byte magic; anything else (a file too short included) is
@@ -61,7 +61,8 @@ SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path, Op
     : database(path.string(), openModeFor(openPolicy)),
       filePath(path),
       policy(openPolicy),
-      sideFilesExistedAtOpen_(Filesystem::somethingExistsAt(path.string() + "-shm", Filesystem::PathLookup::PathItself)) {
+      sideFilesExistedAtOpen_(
+          Filesystem::somethingExistsAt(path.string() + "-shm", Filesystem::PathLookup::PathItself)) {
     try {
         openAsLogFile(newFileDurability);
     } catch (const Database::DatabaseBusy&) {
@@ -152,7 +153,8 @@ void SqliteLogFilePrivate::throwOpeningFailure(const Database::Status& status) c
     if (status.isBusy()) {
         throw Database::DatabaseBusy(busyMessage());
     }
-    throw Database::DatabaseAccessError("Cannot open '" + filePath.string() + "' as a log file: " + status.message());
+    throw Database::DatabaseAccessError("Cannot open '" + filePath.string() +
+                                        "' as a log file: " + status.message());
 }
 
 std::string SqliteLogFilePrivate::busyMessage() const {
@@ -450,8 +452,8 @@ void SqliteLogFilePrivate::recordFailure(const char* operation, const Database::
     std::lock_guard lock(failureMutex_);
     ++failureCount_;
     lastFailureKind_ = failureKindOf(status.code());
-    lastFailure_ = std::string(operation) + " '" + filePath.string() + "' failed: " +
-                   (status.isBusy() ? busyMessage() : status.message());
+    lastFailure_ = std::string(operation) + " '" + filePath.string() +
+                   "' failed: " + (status.isBusy() ? busyMessage() : status.message());
     if (status.isBusy()) {
         lastError = busyMessage();
     }

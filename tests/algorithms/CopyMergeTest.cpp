@@ -126,7 +126,8 @@ TEST(Copy, WritesMetadataHistoryResourcesSourcesAndMovesBookmarks) {
     EXPECT_EQ(bookmarks[1].title, "mark 9");
     EXPECT_EQ(report.bookmarks, 2u);
     ASSERT_EQ(report.notes.size(), 1u);
-    EXPECT_EQ(report.notes[0], "1 bookmark(s) of '" + source + "' lie outside the selected id range and were not copied.");
+    EXPECT_EQ(report.notes[0],
+              "1 bookmark(s) of '" + source + "' lie outside the selected id range and were not copied.");
 }
 
 TEST(Copy, RecompressesOnlyWhenTheLevelsDiffer) {
@@ -150,15 +151,13 @@ TEST(Copy, NeverOverwritesAndLeavesNothingBehindWhenRefused) {
     TempDir dir;
     const std::string source = dir.file("source.mvlog");
     writeSource(source, 3, 1000);
-    {
-        std::ofstream(dir.file("taken.mvlog")) << "keep me";
-    }
+    { std::ofstream(dir.file("taken.mvlog")) << "keep me"; }
     try {
         Algorithms::copy(source, dir.file("taken.mvlog"));
         FAIL() << "overwrote a file";
     } catch (const std::runtime_error& error) {
-        EXPECT_EQ(std::string(error.what()),
-                  "Cannot write '" + dir.file("taken.mvlog") + "': a file already exists there and is never overwritten.");
+        EXPECT_EQ(std::string(error.what()), "Cannot write '" + dir.file("taken.mvlog") +
+                                                 "': a file already exists there and is never overwritten.");
     }
     std::ifstream kept(dir.file("taken.mvlog"));
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "keep me");
@@ -214,8 +213,8 @@ TEST(Merge, InterleavesByTimestampWithTiesInInputOrder) {
     writeSource(dir.file("a.mvlog"), 4, 1000, -1, "first");
     writeSource(dir.file("b.mvlog"), 4, 1005, -1, "second");
     writeSource(dir.file("c.mvlog"), 2, 1000, 0, "third");
-    const CopyReport report = Algorithms::merge({dir.file("a.mvlog"), dir.file("b.mvlog"), dir.file("c.mvlog")},
-                                                dir.file("merged.mvlog"));
+    const CopyReport report = Algorithms::merge(
+        {dir.file("a.mvlog"), dir.file("b.mvlog"), dir.file("c.mvlog")}, dir.file("merged.mvlog"));
     EXPECT_EQ(report.entries, 10u);
     SqliteLogFile merged = SqliteLogFile::openReadOnly(dir.file("merged.mvlog"));
     const auto entries = merged.readEntries(-1, -1, EntryIndexFilter{}, -1);
@@ -243,9 +242,10 @@ TEST(Merge, InterleavesByTimestampWithTiesInInputOrder) {
     EXPECT_EQ(bookmarkIds, (std::vector<int32_t>{4, 5, 6}));
     // Resource "calibration" is in every input: kept once, the clashes noted.
     EXPECT_EQ(report.resources, 1u);
-    EXPECT_EQ(std::count_if(report.notes.begin(), report.notes.end(),
-                            [](const std::string& note) { return note.find("Resource \"calibration\"") == 0; }),
-              2);
+    EXPECT_EQ(
+        std::count_if(report.notes.begin(), report.notes.end(),
+                      [](const std::string& note) { return note.find("Resource \"calibration\"") == 0; }),
+        2);
 }
 
 TEST(Merge, RenumbersADataSourceWhoseIdIsTakenAndMovesItsEntriesAndProperties) {
@@ -263,7 +263,8 @@ TEST(Merge, RenumbersADataSourceWhoseIdIsTakenAndMovesItsEntriesAndProperties) {
         entry.data = payloadFor(77);
         ASSERT_TRUE(other.logData(entry));
     }
-    const CopyReport report = Algorithms::merge({dir.file("a.mvlog"), dir.file("b.mvlog")}, dir.file("m.mvlog"));
+    const CopyReport report =
+        Algorithms::merge({dir.file("a.mvlog"), dir.file("b.mvlog")}, dir.file("m.mvlog"));
     SqliteLogFile merged = SqliteLogFile::openReadOnly(dir.file("m.mvlog"));
     const auto sources = merged.getDataSources();
     ASSERT_EQ(sources.size(), 3u);

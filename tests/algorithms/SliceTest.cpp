@@ -565,11 +565,13 @@ TEST(SliceBatches, AFailurePartWayKeepsEveryEntryWrittenBeforeIt) {
         // makes the copy fail late.
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open(source.c_str(), &db), SQLITE_OK);
-        ASSERT_EQ(sqlite3_exec(db, "UPDATE bookmarks SET payload = x'00112233';", nullptr, nullptr, nullptr), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(db, "UPDATE bookmarks SET payload = x'00112233';", nullptr, nullptr, nullptr),
+                  SQLITE_OK);
         sqlite3_close(db);
     }
     SqliteLogFile file{std::filesystem::path(source)};
-    EXPECT_THROW(Algorithms::slice(file, 1, 5000, output, "slicer", "2.0", 0), Marivane::Compression::CompressionError);
+    EXPECT_THROW(Algorithms::slice(file, 1, 5000, output, "slicer", "2.0", 0),
+                 Marivane::Compression::CompressionError);
     SqliteLogFile partial{std::filesystem::path(output)};
     EXPECT_EQ(partial.getEntryCount(), 5000);
     EXPECT_EQ(partial.readEntry(4321)->data, ByteBuffer(32, static_cast<std::byte>(4320)));

@@ -67,7 +67,9 @@ int harness_mem_eq(const char* file, int line, const char* what, const void* act
     return 1;
 }
 
-const char* test_dir(void) { return directory; }
+const char* test_dir(void) {
+    return directory;
+}
 
 const char* test_path(const char* name) {
     const size_t size = strlen(directory) + 1 + strlen(name) + 1;

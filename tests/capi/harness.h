@@ -31,8 +31,8 @@ struct test_case {
 /* The registry, generated from the TEST(...) lines, ends with {NULL, NULL}. */
 extern const struct test_case capi_test_cases[];
 
-#define TEST(name)            \
-    void test_##name(void);   \
+#define TEST(name)          \
+    void test_##name(void); \
     void test_##name(void)
 
 void harness_fail(const char* file, int line, const char* format, ...);
@@ -49,53 +49,55 @@ const char* test_dir(void);
 /* "<test_dir>/<name>"; the text lives until the test ends. */
 const char* test_path(const char* name);
 
-#define CHECK(condition)                                                   \
-    do {                                                                   \
-        if (!(condition)) {                                                \
-            harness_fail(__FILE__, __LINE__, "CHECK(%s)", #condition);     \
-        }                                                                  \
+#define CHECK(condition)                                               \
+    do {                                                               \
+        if (!(condition)) {                                            \
+            harness_fail(__FILE__, __LINE__, "CHECK(%s)", #condition); \
+        }                                                              \
     } while (0)
 
-#define REQUIRE(condition)                                                 \
-    do {                                                                   \
-        if (!(condition)) {                                                \
-            harness_fail(__FILE__, __LINE__, "REQUIRE(%s)", #condition);   \
-            harness_abort_test();                                          \
-        }                                                                  \
+#define REQUIRE(condition)                                               \
+    do {                                                                 \
+        if (!(condition)) {                                              \
+            harness_fail(__FILE__, __LINE__, "REQUIRE(%s)", #condition); \
+            harness_abort_test();                                        \
+        }                                                                \
     } while (0)
 
-#define CHECK_INT_EQ(actual, expected)                                                                  \
-    do {                                                                                                \
-        const long long actual_value_ = (long long)(actual);                                            \
-        const long long expected_value_ = (long long)(expected);                                        \
-        if (actual_value_ != expected_value_) {                                                         \
-            harness_fail(__FILE__, __LINE__, "CHECK_INT_EQ(%s, %s): %lld != %lld", #actual, #expected,  \
-                         actual_value_, expected_value_);                                               \
-        }                                                                                               \
+#define CHECK_INT_EQ(actual, expected)                                                                 \
+    do {                                                                                               \
+        const long long actual_value_ = (long long)(actual);                                           \
+        const long long expected_value_ = (long long)(expected);                                       \
+        if (actual_value_ != expected_value_) {                                                        \
+            harness_fail(__FILE__, __LINE__, "CHECK_INT_EQ(%s, %s): %lld != %lld", #actual, #expected, \
+                         actual_value_, expected_value_);                                              \
+        }                                                                                              \
     } while (0)
 
-#define REQUIRE_INT_EQ(actual, expected)                                                                \
-    do {                                                                                                \
-        const long long actual_value_ = (long long)(actual);                                            \
-        const long long expected_value_ = (long long)(expected);                                        \
-        if (actual_value_ != expected_value_) {                                                         \
-            harness_fail(__FILE__, __LINE__, "REQUIRE_INT_EQ(%s, %s): %lld != %lld", #actual, #expected, \
-                         actual_value_, expected_value_);                                               \
-            harness_abort_test();                                                                       \
-        }                                                                                               \
-    } while (0)
-
-#define CHECK_STR_EQ(actual, expected)                                                                   \
+#define REQUIRE_INT_EQ(actual, expected)                                                                 \
     do {                                                                                                 \
-        const char* actual_text_ = (actual);                                                             \
-        const char* expected_text_ = (expected);                                                         \
-        if (!harness_str_eq(actual_text_, expected_text_)) {                                             \
-            harness_fail(__FILE__, __LINE__, "CHECK_STR_EQ(%s, %s): \"%s\" != \"%s\"", #actual, #expected, \
-                         actual_text_ ? actual_text_ : "(null)", expected_text_ ? expected_text_ : "(null)"); \
+        const long long actual_value_ = (long long)(actual);                                             \
+        const long long expected_value_ = (long long)(expected);                                         \
+        if (actual_value_ != expected_value_) {                                                          \
+            harness_fail(__FILE__, __LINE__, "REQUIRE_INT_EQ(%s, %s): %lld != %lld", #actual, #expected, \
+                         actual_value_, expected_value_);                                                \
+            harness_abort_test();                                                                        \
         }                                                                                                \
     } while (0)
 
-#define CHECK_MEM_EQ(actual, expected, length) \
-    ((void)harness_mem_eq(__FILE__, __LINE__, #actual " vs " #expected, (actual), (expected), (size_t)(length)))
+#define CHECK_STR_EQ(actual, expected)                                                                     \
+    do {                                                                                                   \
+        const char* actual_text_ = (actual);                                                               \
+        const char* expected_text_ = (expected);                                                           \
+        if (!harness_str_eq(actual_text_, expected_text_)) {                                               \
+            harness_fail(__FILE__, __LINE__, "CHECK_STR_EQ(%s, %s): \"%s\" != \"%s\"", #actual, #expected, \
+                         actual_text_ ? actual_text_ : "(null)",                                           \
+                         expected_text_ ? expected_text_ : "(null)");                                      \
+        }                                                                                                  \
+    } while (0)
+
+#define CHECK_MEM_EQ(actual, expected, length)                                                \
+    ((void)harness_mem_eq(__FILE__, __LINE__, #actual " vs " #expected, (actual), (expected), \
+                          (size_t)(length)))
 
 #endif

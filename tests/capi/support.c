@@ -47,8 +47,9 @@ static void* grow(void* items, size_t count, size_t size) {
     return grown;
 }
 
-#define APPEND(list) \
-    ((list)->items = grow((list)->items, (list)->count, sizeof *(list)->items), &(list)->items[(list)->count++])
+#define APPEND(list)                                                            \
+    ((list)->items = grow((list)->items, (list)->count, sizeof *(list)->items), \
+     &(list)->items[(list)->count++])
 
 void check_error(const char* file, int line, MV_LogError_p* error, const char* expected) {
     const char* message = NULL;
@@ -122,9 +123,13 @@ unsigned char* read_file(const char* path, size_t* length) {
     return bytes;
 }
 
-void make_directory(const char* path) { REQUIRE(mkdir(path, 0700) == 0); }
+void make_directory(const char* path) {
+    REQUIRE(mkdir(path, 0700) == 0);
+}
 
-int64_t now_ms(void) { return (int64_t)time(NULL) * 1000; }
+int64_t now_ms(void) {
+    return (int64_t)time(NULL) * 1000;
+}
 
 /* ---- log files ---------------------------------------------------------- */
 
@@ -177,7 +182,8 @@ int8_t add_source(MV_LogFile_p file, MV_LogDataSourceType type, const char* name
     return id;
 }
 
-void log_entry(MV_LogFile_p file, int8_t source, int32_t type, const void* data, int64_t length, int64_t timestamp) {
+void log_entry(MV_LogFile_p file, int8_t source, int32_t type, const void* data, int64_t length,
+               int64_t timestamp) {
     MV_LogDataEntry_p entry = MV_LogDataEntry_Create(&source, type, data, length);
     MV_LogError_p error = NULL;
     REQUIRE(entry != NULL);
@@ -439,8 +445,8 @@ void check_entry_index(const char* file, int line, MV_LogFile_p log, MV_LogEntry
         MV_LogError_Destroy(error);
     }
     if (ids.count != count) {
-        harness_fail(file, line, "MV_LogFile_GetEntryIndex gave %lu ids, expected %lu", (unsigned long)ids.count,
-                     (unsigned long)count);
+        harness_fail(file, line, "MV_LogFile_GetEntryIndex gave %lu ids, expected %lu",
+                     (unsigned long)ids.count, (unsigned long)count);
     } else {
         for (index = 0; index < count; ++index) {
             if (ids.items[index] != expected[index]) {

@@ -45,7 +45,8 @@ MV_LogFile_p create_log(const char* path, int8_t level);
 MV_LogFile_p open_log(const char* path);
 /* Adds a data source and returns the id the file assigned. */
 int8_t add_source(MV_LogFile_p file, MV_LogDataSourceType type, const char* name);
-void log_entry(MV_LogFile_p file, int8_t source, int32_t type, const void* data, int64_t length, int64_t timestamp);
+void log_entry(MV_LogFile_p file, int8_t source, int32_t type, const void* data, int64_t length,
+               int64_t timestamp);
 
 /* ---- copies of list elements -------------------------------------------- */
 
@@ -97,11 +98,11 @@ struct bookmark_copy {
     unsigned char* payload;
 };
 
-#define DECLARE_LIST(kind, element)      \
-    struct kind##_list {                 \
-        size_t count;                    \
-        struct element* items;           \
-    };                                   \
+#define DECLARE_LIST(kind, element) \
+    struct kind##_list {            \
+        size_t count;               \
+        struct element* items;      \
+    };                              \
     void kind##_list_free(struct kind##_list* list)
 
 DECLARE_LIST(entry, entry_copy);
@@ -142,11 +143,11 @@ struct value_copy copy_metadata_value(MV_LogMetadata_p metadata);
 const struct metadata_copy* find_metadata(const struct metadata_list* list, const char* key);
 
 /* The ids of a filtered entry-index read, checked against `expected`. */
-#define CHECK_ENTRY_INDEX(file, filter, ...)                                                   \
-    do {                                                                                        \
-        const int32_t expected_ids_[] = {__VA_ARGS__};                                          \
-        check_entry_index(__FILE__, __LINE__, (file), (filter), expected_ids_,                  \
-                          sizeof expected_ids_ / sizeof expected_ids_[0]);                     \
+#define CHECK_ENTRY_INDEX(file, filter, ...)                                   \
+    do {                                                                       \
+        const int32_t expected_ids_[] = {__VA_ARGS__};                         \
+        check_entry_index(__FILE__, __LINE__, (file), (filter), expected_ids_, \
+                          sizeof expected_ids_ / sizeof expected_ids_[0]);     \
     } while (0)
 void check_entry_index(const char* file, int line, MV_LogFile_p log, MV_LogEntryIndexFilter_p filter,
                        const int32_t* expected, size_t count);

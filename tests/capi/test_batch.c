@@ -3,7 +3,6 @@
 
 #include <logging/MV_Logging.h>
 
-
 static int32_t count_entries(const char* path) {
     MV_LogError_p error = NULL;
     MV_LogFile_p file = MV_LogFile_Open(path, &error);

@@ -11,7 +11,8 @@ static const char* const SLICE_FAILED = "Failed to slice log file";
 static const char* const CLONE_FAILED = "Failed to clone log file";
 static const char* const NULL_PATH = "basic_string::_M_construct null not valid";
 static const char* const SOURCES_REFUSED = "Data sources cannot be added to pre-existing log files.";
-static const char* const PROPERTIES_REFUSED = "Data source properties cannot be added to pre-existing log files.";
+static const char* const PROPERTIES_REFUSED =
+    "Data source properties cannot be added to pre-existing log files.";
 static const char* const DATA_REFUSED = "Data cannot be logged into pre-existing log files.";
 
 static const uint8_t NOTES[] = {'n', 'o', 't', 'e', 's', 0, 1, 2};
@@ -66,8 +67,8 @@ static void record_source(const char* path) {
         char title[32];
         MV_LogBookmark_p bookmark;
         sprintf(title, "mark %d", (int)marked[index]);
-        bookmark =
-            MV_LogBookmark_Create(marked[index], title, "comment", (const uint8_t*)title, (int64_t)strlen(title));
+        bookmark = MV_LogBookmark_Create(marked[index], title, "comment", (const uint8_t*)title,
+                                         (int64_t)strlen(title));
         REQUIRE(MV_LogFile_AddBookmark(file, bookmark, NULL));
         MV_LogBookmark_Destroy(bookmark);
     }
@@ -99,7 +100,8 @@ static void check_copied_entries(int line, MV_LogFile_p file, int first, int las
         if (entry->type != source || entry->timestamp != 500 * (int64_t)source ||
             entry->source != (source % 2 == 1 ? 1 : 2) || entry->length != length ||
             memcmp(entry->data, payload, (size_t)length) != 0) {
-            harness_fail(__FILE__, line, "entry %lu is not the source's entry %d", (unsigned long)index + 1, source);
+            harness_fail(__FILE__, line, "entry %lu is not the source's entry %d", (unsigned long)index + 1,
+                         source);
         }
     }
     entry_list_free(&list);
@@ -178,8 +180,7 @@ static int64_t metadata_integer(MV_LogFile_p file, const char* key) {
 
 /* ---- slice -------------------------------------------------------------- */
 
-TEST(slice_copies_the_range_with_everything_describing_it)
-{
+TEST(slice_copies_the_range_with_everything_describing_it) {
     const char* sourcePath = test_path("source.mvlog");
     const char* slicePath = test_path("slice.mvlog");
     MV_LogFile_p source;
@@ -222,8 +223,7 @@ TEST(slice_copies_the_range_with_everything_describing_it)
     MV_LogFile_Destroy(slice);
 }
 
-TEST(sliced_file_refuses_data_but_accepts_metadata)
-{
+TEST(sliced_file_refuses_data_but_accepts_metadata) {
     const char* sourcePath = test_path("source.mvlog");
     MV_LogFile_p source;
     MV_LogFile_p slice;
@@ -261,8 +261,7 @@ TEST(sliced_file_refuses_data_but_accepts_metadata)
     MV_LogFile_Destroy(source);
 }
 
-TEST(slice_refuses_an_existing_output_and_leaves_it_alone)
-{
+TEST(slice_refuses_an_existing_output_and_leaves_it_alone) {
     static const char content[] = "occupied";
     const char* sourcePath = test_path("source.mvlog");
     const char* outputPath = test_path("occupied.mvlog");
@@ -294,8 +293,7 @@ TEST(slice_refuses_an_existing_output_and_leaves_it_alone)
     MV_LogFile_Destroy(source);
 }
 
-TEST(slice_refuses_invalid_ranges_and_writes_nothing)
-{
+TEST(slice_refuses_invalid_ranges_and_writes_nothing) {
     static const int32_t ranges[][2] = {{7, 4}, {4, 11}, {0, 3}, {-1, 5}, {5, -1}, {-1, -2}};
     const char* sourcePath = test_path("source.mvlog");
     const char* outputPath = test_path("never.mvlog");
@@ -307,8 +305,8 @@ TEST(slice_refuses_invalid_ranges_and_writes_nothing)
     source = open_log(sourcePath);
     for (index = 0; index < sizeof ranges / sizeof ranges[0]; ++index) {
         MV_LogError_p error = NULL;
-        CHECK(MV_LogAlgorithms_Slice(source, ranges[index][0], ranges[index][1], outputPath, config, &error) ==
-              NULL);
+        CHECK(MV_LogAlgorithms_Slice(source, ranges[index][0], ranges[index][1], outputPath, config,
+                                     &error) == NULL);
         CHECK_ERROR(error, SLICE_FAILED);
         CHECK(MV_LogAlgorithms_Slice(source, ranges[index][0], ranges[index][1], outputPath, config, NULL) ==
               NULL);
@@ -318,8 +316,7 @@ TEST(slice_refuses_invalid_ranges_and_writes_nothing)
     MV_LogFile_Destroy(source);
 }
 
-TEST(slice_and_clone_report_a_null_output_path)
-{
+TEST(slice_and_clone_report_a_null_output_path) {
     const char* sourcePath = test_path("source.mvlog");
     MV_LogConfig_p config = deriving_config(-1);
     MV_LogFile_p source;
@@ -337,8 +334,7 @@ TEST(slice_and_clone_report_a_null_output_path)
     MV_LogFile_Destroy(source);
 }
 
-TEST(slice_of_a_slice_keeps_the_first_producer)
-{
+TEST(slice_of_a_slice_keeps_the_first_producer) {
     const char* sourcePath = test_path("source.mvlog");
     MV_LogConfig_p second = MV_LogConfig_Create("third-app", "3.0", "UTC");
     MV_LogConfig_p first = deriving_config(-1);
@@ -377,8 +373,7 @@ TEST(slice_of_a_slice_keeps_the_first_producer)
 
 /* ---- clone -------------------------------------------------------------- */
 
-TEST(clone_copies_everything_and_accepts_more_data)
-{
+TEST(clone_copies_everything_and_accepts_more_data) {
     const char* sourcePath = test_path("source.mvlog");
     const char* clonePath = test_path("clone.mvlog");
     MV_LogConfig_p config = deriving_config(9);
@@ -428,8 +423,7 @@ TEST(clone_copies_everything_and_accepts_more_data)
     MV_LogFile_Destroy(source);
 }
 
-TEST(clone_with_an_empty_output_path_writes_beside_the_source)
-{
+TEST(clone_with_an_empty_output_path_writes_beside_the_source) {
     const char* sourcePath = test_path("run.mvlog");
     const char* firstPath = test_path("run_exported.mvlog");
     const char* secondPath = test_path("run_exported-2.mvlog");
@@ -458,8 +452,7 @@ TEST(clone_with_an_empty_output_path_writes_beside_the_source)
     MV_LogFile_Destroy(source);
 }
 
-TEST(slice_with_an_empty_output_path_writes_beside_the_source)
-{
+TEST(slice_with_an_empty_output_path_writes_beside_the_source) {
     const char* sourcePath = test_path("drive.log.db");
     MV_LogConfig_p config = deriving_config(-1);
     MV_LogFile_p source;
@@ -475,8 +468,7 @@ TEST(slice_with_an_empty_output_path_writes_beside_the_source)
     MV_LogFile_Destroy(source);
 }
 
-TEST(clone_refuses_an_existing_output)
-{
+TEST(clone_refuses_an_existing_output) {
     const char* sourcePath = test_path("source.mvlog");
     const char* outputPath = test_path("taken.mvlog");
     MV_LogConfig_p config = deriving_config(-1);
@@ -495,8 +487,7 @@ TEST(clone_refuses_an_existing_output)
     MV_LogFile_Destroy(source);
 }
 
-TEST(clone_of_a_file_without_entries)
-{
+TEST(clone_of_a_file_without_entries) {
     const char* sourcePath = test_path("empty-source.mvlog");
     MV_LogConfig_p config = deriving_config(-1);
     MV_LogFile_p source = create_log(sourcePath, -1);
@@ -520,8 +511,7 @@ TEST(clone_of_a_file_without_entries)
     MV_LogFile_Destroy(source);
 }
 
-TEST(derived_files_report_an_error_while_copying_with_its_message)
-{
+TEST(derived_files_report_an_error_while_copying_with_its_message) {
     const char* sourcePath = test_path("bare.mvlog");
     const char* outputPath = test_path("partial.mvlog");
     const char* quietPath = test_path("partial-quiet.mvlog");

@@ -33,10 +33,10 @@ static MV_LogFile_p twelve_entries(void) {
 
 /* Checks that `list` holds exactly the entries `ids`, in that order, with
  * every field as recorded. */
-#define CHECK_ENTRIES(list, ...)                                                                   \
-    do {                                                                                            \
-        const int32_t expected_[] = {__VA_ARGS__};                                                  \
-        check_entries(__LINE__, (list), expected_, sizeof expected_ / sizeof expected_[0]);       \
+#define CHECK_ENTRIES(list, ...)                                                            \
+    do {                                                                                    \
+        const int32_t expected_[] = {__VA_ARGS__};                                          \
+        check_entries(__LINE__, (list), expected_, sizeof expected_ / sizeof expected_[0]); \
     } while (0)
 
 static void check_entries(int line, const struct entry_list* list, const int32_t* ids, size_t count) {
@@ -60,8 +60,7 @@ static void check_entries(int line, const struct entry_list* list, const int32_t
     }
 }
 
-TEST(empty_filter_yields_every_entry_id)
-{
+TEST(empty_filter_yields_every_entry_id) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     CHECK_ENTRY_INDEX(file, filter, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12);
@@ -69,8 +68,7 @@ TEST(empty_filter_yields_every_entry_id)
     MV_LogFile_Destroy(file);
 }
 
-TEST(filter_by_data_type)
-{
+TEST(filter_by_data_type) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     MV_LogEntryIndexFilter_AddDataType(filter, 20);
@@ -81,8 +79,7 @@ TEST(filter_by_data_type)
     MV_LogFile_Destroy(file);
 }
 
-TEST(filter_by_data_source)
-{
+TEST(filter_by_data_source) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     MV_LogEntryIndexFilter_AddDataSource(filter, 2);
@@ -93,8 +90,7 @@ TEST(filter_by_data_source)
     MV_LogFile_Destroy(file);
 }
 
-TEST(filter_by_data_source_type)
-{
+TEST(filter_by_data_source_type) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     MV_LogEntryIndexFilter_AddDataSourceType(filter, MV_LogDataSourceType_Radar);
@@ -105,8 +101,7 @@ TEST(filter_by_data_source_type)
     MV_LogFile_Destroy(file);
 }
 
-TEST(filter_lists_combine_with_and)
-{
+TEST(filter_lists_combine_with_and) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p typeAndSource = MV_LogEntryIndexFilter_Create();
     MV_LogEntryIndexFilter_p typeAndSourceType = MV_LogEntryIndexFilter_Create();
@@ -133,8 +128,7 @@ TEST(filter_lists_combine_with_and)
     MV_LogFile_Destroy(file);
 }
 
-TEST(filter_duplicates_list_each_entry_once)
-{
+TEST(filter_duplicates_list_each_entry_once) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     MV_LogEntryIndexFilter_AddDataType(filter, 20);
@@ -148,8 +142,7 @@ TEST(filter_duplicates_list_each_entry_once)
     MV_LogFile_Destroy(file);
 }
 
-TEST(filter_with_more_than_ten_values_of_a_list)
-{
+TEST(filter_with_more_than_ten_values_of_a_list) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     int8_t id;
@@ -166,8 +159,7 @@ TEST(filter_with_more_than_ten_values_of_a_list)
     MV_LogFile_Destroy(file);
 }
 
-TEST(filter_matching_nothing_fails_without_calling_back)
-{
+TEST(filter_matching_nothing_fails_without_calling_back) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p byType = MV_LogEntryIndexFilter_Create();
     MV_LogEntryIndexFilter_p bySource = MV_LogEntryIndexFilter_Create();
@@ -195,8 +187,7 @@ TEST(filter_matching_nothing_fails_without_calling_back)
     MV_LogFile_Destroy(file);
 }
 
-TEST(read_entries_within_inclusive_bounds)
-{
+TEST(read_entries_within_inclusive_bounds) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     struct entry_list list = {0, NULL};
@@ -223,8 +214,7 @@ TEST(read_entries_within_inclusive_bounds)
     MV_LogFile_Destroy(file);
 }
 
-TEST(read_entries_minus_one_bounds_stand_for_first_and_last)
-{
+TEST(read_entries_minus_one_bounds_stand_for_first_and_last) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     struct entry_list list = {0, NULL};
@@ -245,8 +235,7 @@ TEST(read_entries_minus_one_bounds_stand_for_first_and_last)
     MV_LogFile_Destroy(file);
 }
 
-TEST(read_entries_limit_keeps_the_lowest_ids)
-{
+TEST(read_entries_limit_keeps_the_lowest_ids) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     struct entry_list list = {0, NULL};
@@ -267,8 +256,7 @@ TEST(read_entries_limit_keeps_the_lowest_ids)
     MV_LogFile_Destroy(file);
 }
 
-TEST(read_entries_with_a_filter)
-{
+TEST(read_entries_with_a_filter) {
     MV_LogFile_p file = twelve_entries();
     MV_LogEntryIndexFilter_p byType = MV_LogEntryIndexFilter_Create();
     MV_LogEntryIndexFilter_p bySource = MV_LogEntryIndexFilter_Create();

@@ -18,8 +18,7 @@ static const char* const FOREIGN = "This file is not in a supported log file for
 
 /* ---- configuration ---------------------------------------------------- */
 
-TEST(config_starts_at_default_level_with_its_time_zone)
-{
+TEST(config_starts_at_default_level_with_its_time_zone) {
     MV_LogConfig_p config = MV_LogConfig_Create("Recorder", "2.0", "UTC");
     int8_t level = 42;
     const char* zone = NULL;
@@ -31,8 +30,7 @@ TEST(config_starts_at_default_level_with_its_time_zone)
     MV_LogConfig_Destroy(config);
 }
 
-TEST(config_copies_its_texts)
-{
+TEST(config_copies_its_texts) {
     char name[] = "Recorder";
     char version[] = "2.0";
     char zone[] = "Europe/Paris";
@@ -67,8 +65,7 @@ TEST(config_copies_its_texts)
     MV_LogFile_Destroy(file);
 }
 
-TEST(config_set_time_zone_replaces_it_and_is_always_true)
-{
+TEST(config_set_time_zone_replaces_it_and_is_always_true) {
     MV_LogConfig_p config = MV_LogConfig_Create("Recorder", "2.0", "UTC");
     char zone[] = "America/Sao_Paulo";
     const char* stored = NULL;
@@ -82,8 +79,7 @@ TEST(config_set_time_zone_replaces_it_and_is_always_true)
     MV_LogConfig_Destroy(config);
 }
 
-TEST(config_accepts_levels_minus_one_to_nine)
-{
+TEST(config_accepts_levels_minus_one_to_nine) {
     MV_LogConfig_p config = MV_LogConfig_Create("Recorder", "2.0", "UTC");
     int level;
     for (level = 9; level >= -1; --level) {
@@ -97,8 +93,7 @@ TEST(config_accepts_levels_minus_one_to_nine)
     MV_LogConfig_Destroy(config);
 }
 
-TEST(config_refuses_levels_outside_the_range_and_keeps_the_old_one)
-{
+TEST(config_refuses_levels_outside_the_range_and_keeps_the_old_one) {
     static const int8_t refused[] = {10, -2, 127, -128};
     MV_LogConfig_p config = MV_LogConfig_Create("Recorder", "2.0", "UTC");
     size_t index;
@@ -121,8 +116,7 @@ TEST(config_refuses_levels_outside_the_range_and_keeps_the_old_one)
 
 /* ---- creating ----------------------------------------------------------- */
 
-TEST(create_writes_a_new_database_file)
-{
+TEST(create_writes_a_new_database_file) {
     static const unsigned char sqliteMagic[16] = "SQLite format 3";
     const char* path = test_path("new.mvlog");
     MV_LogFile_p file;
@@ -144,8 +138,7 @@ TEST(create_writes_a_new_database_file)
     MV_LogFile_Destroy(file);
 }
 
-TEST(create_refuses_an_existing_file_and_leaves_it_alone)
-{
+TEST(create_refuses_an_existing_file_and_leaves_it_alone) {
     static const char content[] = "not to be touched";
     const char* path = test_path("taken.mvlog");
     MV_LogConfig_p config = make_config(-1);
@@ -165,8 +158,7 @@ TEST(create_refuses_an_existing_file_and_leaves_it_alone)
     free(bytes);
 }
 
-TEST(create_refuses_an_existing_directory)
-{
+TEST(create_refuses_an_existing_directory) {
     const char* path = test_path("directory.mvlog");
     MV_LogConfig_p config = make_config(-1);
     MV_LogError_p error = NULL;
@@ -176,8 +168,7 @@ TEST(create_refuses_an_existing_directory)
     MV_LogConfig_Destroy(config);
 }
 
-TEST(create_refuses_a_dangling_symbolic_link)
-{
+TEST(create_refuses_a_dangling_symbolic_link) {
     const char* path = test_path("link.mvlog");
     const char* target = test_path("missing-target.mvlog");
     MV_LogConfig_p config = make_config(-1);
@@ -189,8 +180,7 @@ TEST(create_refuses_a_dangling_symbolic_link)
     MV_LogConfig_Destroy(config);
 }
 
-TEST(create_in_a_missing_directory_reports_the_database_error)
-{
+TEST(create_in_a_missing_directory_reports_the_database_error) {
     const char* path = test_path("no/such/directory/file.mvlog");
     MV_LogConfig_p config = make_config(-1);
     MV_LogError_p error = NULL;
@@ -211,8 +201,7 @@ TEST(create_in_a_missing_directory_reports_the_database_error)
     MV_LogConfig_Destroy(config);
 }
 
-TEST(created_file_records_the_configured_compression_level)
-{
+TEST(created_file_records_the_configured_compression_level) {
     const char* path = test_path("level.mvlog");
     MV_LogFile_p file = create_log(path, 6);
     MV_LogMetadata_p level = NULL;
@@ -227,8 +216,7 @@ TEST(created_file_records_the_configured_compression_level)
 
 /* ---- opening ------------------------------------------------------------ */
 
-TEST(open_missing_path_fails_and_creates_nothing)
-{
+TEST(open_missing_path_fails_and_creates_nothing) {
     const char* path = test_path("missing.mvlog");
     MV_LogError_p error = NULL;
     CHECK(MV_LogFile_Open(path, &error) == NULL);
@@ -237,8 +225,7 @@ TEST(open_missing_path_fails_and_creates_nothing)
     CHECK(!path_exists(path));
 }
 
-TEST(open_legacy_file_is_refused)
-{
+TEST(open_legacy_file_is_refused) {
     unsigned char bytes[2048];
     const char* path = test_path("legacy.log");
     MV_LogError_p error = NULL;
@@ -256,8 +243,7 @@ TEST(open_legacy_file_is_refused)
     CHECK(MV_LogFile_Open(path, NULL) == NULL);
 }
 
-TEST(open_foreign_file_is_refused)
-{
+TEST(open_foreign_file_is_refused) {
     char text[2048];
     const char* path = test_path("notes.txt");
     MV_LogError_p error = NULL;
@@ -271,8 +257,7 @@ TEST(open_foreign_file_is_refused)
     CHECK(MV_LogFile_Open(path, NULL) == NULL);
 }
 
-TEST(open_file_shorter_than_the_legacy_magic_is_foreign)
-{
+TEST(open_file_shorter_than_the_legacy_magic_is_foreign) {
     static const unsigned char bytes[3] = {0x44, 0x33, 0x22};
     const char* path = test_path("short.log");
     MV_LogError_p error = NULL;
@@ -281,8 +266,7 @@ TEST(open_file_shorter_than_the_legacy_magic_is_foreign)
     CHECK_ERROR(error, FOREIGN);
 }
 
-TEST(open_directory_fails_with_the_open_error)
-{
+TEST(open_directory_fails_with_the_open_error) {
     const char* path = test_path("folder");
     MV_LogError_p error = NULL;
     char* message;
@@ -297,8 +281,7 @@ TEST(open_directory_fails_with_the_open_error)
     CHECK(MV_LogFile_Open(path, NULL) == NULL);
 }
 
-TEST(open_zero_length_file_gives_an_empty_log_without_metadata)
-{
+TEST(open_zero_length_file_gives_an_empty_log_without_metadata) {
     const char* path = test_path("empty.mvlog");
     MV_LogFile_p file;
     int calls = 0;
@@ -315,8 +298,7 @@ TEST(open_zero_length_file_gives_an_empty_log_without_metadata)
     MV_LogFile_Destroy(file);
 }
 
-TEST(opened_file_keeps_what_was_recorded)
-{
+TEST(opened_file_keeps_what_was_recorded) {
     static const unsigned char payload[] = {1, 2, 3, 4, 5};
     const char* path = test_path("reopen.mvlog");
     MV_LogFile_p file = create_log(path, 4);
@@ -343,8 +325,7 @@ TEST(opened_file_keeps_what_was_recorded)
 
 /* ---- errors and destruction -------------------------------------------- */
 
-TEST(error_outlives_the_file_that_produced_it)
-{
+TEST(error_outlives_the_file_that_produced_it) {
     const char* path = test_path("outlive.mvlog");
     MV_LogFile_p file = create_log(path, -1);
     MV_LogDataEntry_p entry = NULL;
@@ -361,8 +342,7 @@ TEST(error_outlives_the_file_that_produced_it)
     CHECK_ERROR(error, "The requested data entry does not exist.");
 }
 
-TEST(destroy_accepts_null_for_every_handle_type)
-{
+TEST(destroy_accepts_null_for_every_handle_type) {
     MV_LogConfig_p config;
     int8_t level = 0;
     MV_LogError_Destroy(NULL);
@@ -382,8 +362,7 @@ TEST(destroy_accepts_null_for_every_handle_type)
     MV_LogConfig_Destroy(config);
 }
 
-TEST(open_dangling_symbolic_link_does_not_create_its_target)
-{
+TEST(open_dangling_symbolic_link_does_not_create_its_target) {
     const char* path = test_path("link.mvlog");
     const char* target = test_path("missing-target.mvlog");
     MV_LogError_p error = NULL;
@@ -396,8 +375,7 @@ TEST(open_dangling_symbolic_link_does_not_create_its_target)
     MV_LogFile_Destroy(file);
 }
 
-TEST(open_follows_a_symbolic_link_to_a_log_file)
-{
+TEST(open_follows_a_symbolic_link_to_a_log_file) {
     const char* target = test_path("real.mvlog");
     const char* path = test_path("alias.mvlog");
     MV_LogFile_p file = create_log(target, -1);

@@ -9,7 +9,8 @@
 static const char* const NO_ERROR = "No error";
 static const char* const UNKNOWN = "Unknown internal error";
 static const char* const SOURCES_REFUSED = "Data sources cannot be added to pre-existing log files.";
-static const char* const PROPERTIES_REFUSED = "Data source properties cannot be added to pre-existing log files.";
+static const char* const PROPERTIES_REFUSED =
+    "Data source properties cannot be added to pre-existing log files.";
 static const char* const DATA_REFUSED = "Data cannot be logged into pre-existing log files.";
 static const char* const NO_ENTRY = "The requested data entry does not exist.";
 static const char* const NO_PROPERTY = "The requested data source property does not exist.";
@@ -33,8 +34,7 @@ static void record_three_entries(const char* path) {
 
 /* ---- data sources --------------------------------------------------------- */
 
-TEST(add_data_source_writes_back_ids_one_then_two)
-{
+TEST(add_data_source_writes_back_ids_one_then_two) {
     MV_LogFile_p file = create_log(test_path("sources.mvlog"), -1);
     MV_LogDataSource_p camera = MV_LogDataSource_Create(MV_LogDataSourceType_Camera, "front camera");
     MV_LogDataSource_p lidar = MV_LogDataSource_Create(MV_LogDataSourceType_Lidar, "roof lidar");
@@ -68,8 +68,7 @@ TEST(add_data_source_writes_back_ids_one_then_two)
     MV_LogFile_Destroy(file);
 }
 
-TEST(data_source_type_keeps_any_32_bit_value)
-{
+TEST(data_source_type_keeps_any_32_bit_value) {
     MV_LogFile_p file = create_log(test_path("types.mvlog"), -1);
     struct source_list sources = {0, NULL};
     add_source(file, MV_LogDataSourceType_RangeMin, "lowest");
@@ -86,8 +85,7 @@ TEST(data_source_type_keeps_any_32_bit_value)
 
 /* ---- refusals on opened files --------------------------------------------- */
 
-TEST(opened_file_refuses_data_sources_properties_and_entries)
-{
+TEST(opened_file_refuses_data_sources_properties_and_entries) {
     const char* path = test_path("opened.mvlog");
     MV_LogFile_p file;
     MV_LogDataSource_p source = MV_LogDataSource_Create(MV_LogDataSourceType_Radar, "radar");
@@ -136,8 +134,7 @@ TEST(opened_file_refuses_data_sources_properties_and_entries)
     MV_LogFile_Destroy(file);
 }
 
-TEST(opened_file_accepts_metadata_resources_and_bookmarks)
-{
+TEST(opened_file_accepts_metadata_resources_and_bookmarks) {
     static const uint8_t resourceBytes[] = {9, 8, 7};
     static const uint8_t mark[] = {0xAA, 0xBB};
     const char* path = test_path("annotate.mvlog");
@@ -197,8 +194,7 @@ TEST(opened_file_accepts_metadata_resources_and_bookmarks)
 
 /* ---- writes the store refuses ---------------------------------------------- */
 
-TEST(log_data_for_an_unknown_source_fails_with_the_file_error)
-{
+TEST(log_data_for_an_unknown_source_fails_with_the_file_error) {
     MV_LogFile_p file = create_log(test_path("unknown.mvlog"), -1);
     int8_t missing = 5;
     MV_LogDataEntry_p entry = MV_LogDataEntry_Create(&missing, 1, (const uint8_t*)"x", 1);
@@ -215,8 +211,7 @@ TEST(log_data_for_an_unknown_source_fails_with_the_file_error)
     MV_LogFile_Destroy(file);
 }
 
-TEST(property_for_an_unknown_source_fails_with_the_file_error)
-{
+TEST(property_for_an_unknown_source_fails_with_the_file_error) {
     MV_LogFile_p file = create_log(test_path("unknown-property.mvlog"), -1);
     int8_t missing = 3;
     MV_LogDataSourceProperty_p property = MV_LogDataSourceProperty_CreateString(&missing, "model", "X1");
@@ -237,8 +232,7 @@ TEST(property_for_an_unknown_source_fails_with_the_file_error)
 
 /* ---- lists ----------------------------------------------------------------- */
 
-TEST(empty_lists_fail_with_the_file_error_no_error_on_a_fresh_file)
-{
+TEST(empty_lists_fail_with_the_file_error_no_error_on_a_fresh_file) {
     MV_LogFile_p file = create_log(test_path("fresh.mvlog"), -1);
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     MV_LogError_p error = NULL;
@@ -261,8 +255,7 @@ TEST(empty_lists_fail_with_the_file_error_no_error_on_a_fresh_file)
     MV_LogFile_Destroy(file);
 }
 
-TEST(empty_lists_carry_the_last_failure_of_the_file)
-{
+TEST(empty_lists_carry_the_last_failure_of_the_file) {
     MV_LogFile_p file = create_log(test_path("stale.mvlog"), -1);
     MV_LogError_p error = NULL;
     int32_t first = 0;
@@ -275,8 +268,7 @@ TEST(empty_lists_carry_the_last_failure_of_the_file)
     MV_LogFile_Destroy(file);
 }
 
-TEST(lists_without_error_argument_succeed_empty_without_calling_back)
-{
+TEST(lists_without_error_argument_succeed_empty_without_calling_back) {
     MV_LogFile_p file = create_log(test_path("quiet.mvlog"), -1);
     MV_LogEntryIndexFilter_p filter = MV_LogEntryIndexFilter_Create();
     int calls = 0;
@@ -293,8 +285,7 @@ TEST(lists_without_error_argument_succeed_empty_without_calling_back)
 
 /* ---- counters ---------------------------------------------------------------- */
 
-TEST(counters_on_an_empty_file)
-{
+TEST(counters_on_an_empty_file) {
     MV_LogFile_p file = create_log(test_path("counters.mvlog"), -1);
     MV_LogError_p error = NULL;
     int32_t value = 99;
@@ -321,8 +312,7 @@ TEST(counters_on_an_empty_file)
     MV_LogFile_Destroy(file);
 }
 
-TEST(counters_follow_the_entries)
-{
+TEST(counters_follow_the_entries) {
     const char* path = test_path("three.mvlog");
     MV_LogFile_p file;
     MV_LogError_p error = NULL;
@@ -342,8 +332,7 @@ TEST(counters_follow_the_entries)
 
 /* ---- single entries ------------------------------------------------------------- */
 
-TEST(read_entry_returns_what_was_logged)
-{
+TEST(read_entry_returns_what_was_logged) {
     const char* path = test_path("read.mvlog");
     MV_LogFile_p file;
     MV_LogDataEntry_p entry = NULL;
@@ -371,8 +360,7 @@ TEST(read_entry_returns_what_was_logged)
     MV_LogFile_Destroy(file);
 }
 
-TEST(read_entry_of_a_missing_id_leaves_the_output_alone)
-{
+TEST(read_entry_of_a_missing_id_leaves_the_output_alone) {
     static const int32_t missing[] = {4, 0, -1, -100, 2147483647};
     const char* path = test_path("missing-entry.mvlog");
     MV_LogFile_p file;
@@ -397,8 +385,7 @@ TEST(read_entry_of_a_missing_id_leaves_the_output_alone)
 
 /* ---- data-source properties ----------------------------------------------------- */
 
-TEST(properties_read_back_with_integers_as_64_bit_values)
-{
+TEST(properties_read_back_with_integers_as_64_bit_values) {
     const char* path = test_path("properties.mvlog");
     MV_LogFile_p file = create_log(path, -1);
     MV_LogDataSource_p camera = MV_LogDataSource_Create(MV_LogDataSourceType_Camera, "camera");
@@ -463,8 +450,7 @@ TEST(properties_read_back_with_integers_as_64_bit_values)
     MV_LogFile_Destroy(file);
 }
 
-TEST(missing_property_leaves_the_output_alone)
-{
+TEST(missing_property_leaves_the_output_alone) {
     MV_LogFile_p file = create_log(test_path("no-property.mvlog"), -1);
     MV_LogDataSource_p camera = MV_LogDataSource_Create(MV_LogDataSourceType_Camera, "camera");
     MV_LogDataSource_p unsaved = MV_LogDataSource_Create(MV_LogDataSourceType_Camera, "unsaved");
@@ -495,8 +481,7 @@ TEST(missing_property_leaves_the_output_alone)
     MV_LogFile_Destroy(file);
 }
 
-TEST(all_properties_are_listed_with_their_sources_and_duplicates)
-{
+TEST(all_properties_are_listed_with_their_sources_and_duplicates) {
     MV_LogFile_p file = create_log(test_path("all-properties.mvlog"), -1);
     int8_t camera = add_source(file, MV_LogDataSourceType_Camera, "camera");
     int8_t gnss = add_source(file, MV_LogDataSourceType_Navigation, "gnss");
@@ -537,8 +522,7 @@ TEST(all_properties_are_listed_with_their_sources_and_duplicates)
 
 /* ---- metadata ----------------------------------------------------------------- */
 
-TEST(all_metadata_lists_the_six_fixed_keys_as_configured)
-{
+TEST(all_metadata_lists_the_six_fixed_keys_as_configured) {
     MV_LogConfig_p config = MV_LogConfig_Create("capi-suite", "9.8.7", "Pacific/Auckland");
     MV_LogError_p error = NULL;
     MV_LogFile_p file;
@@ -583,8 +567,7 @@ TEST(all_metadata_lists_the_six_fixed_keys_as_configured)
     MV_LogFile_Destroy(file);
 }
 
-TEST(default_compression_level_is_recorded_as_minus_one)
-{
+TEST(default_compression_level_is_recorded_as_minus_one) {
     MV_LogFile_p file = create_log(test_path("default-level.mvlog"), -1);
     struct metadata_list list = {0, NULL};
     const struct metadata_copy* level;
@@ -597,8 +580,7 @@ TEST(default_compression_level_is_recorded_as_minus_one)
     MV_LogFile_Destroy(file);
 }
 
-TEST(metadata_of_every_kind_reads_back)
-{
+TEST(metadata_of_every_kind_reads_back) {
     const char* path = test_path("user-metadata.mvlog");
     MV_LogFile_p file = create_log(path, 2);
     MV_LogMetadata_p added[4];
@@ -661,8 +643,7 @@ TEST(metadata_of_every_kind_reads_back)
     MV_LogFile_Destroy(file);
 }
 
-TEST(existing_metadata_key_is_refused_with_the_unchanged_file_error)
-{
+TEST(existing_metadata_key_is_refused_with_the_unchanged_file_error) {
     MV_LogFile_p file = create_log(test_path("duplicate-metadata.mvlog"), -1);
     MV_LogMetadata_p first = MV_LogMetadata_CreateString("vehicle", "car one");
     MV_LogMetadata_p second = MV_LogMetadata_CreateString("vehicle", "car two");
@@ -689,8 +670,7 @@ TEST(existing_metadata_key_is_refused_with_the_unchanged_file_error)
     MV_LogFile_Destroy(file);
 }
 
-TEST(missing_metadata_leaves_the_output_alone)
-{
+TEST(missing_metadata_leaves_the_output_alone) {
     MV_LogFile_p file = create_log(test_path("no-metadata.mvlog"), -1);
     MV_LogMetadata_p sentinel = MV_LogMetadata_CreateInt64("sentinel", 1);
     MV_LogMetadata_p out = sentinel;
@@ -708,8 +688,7 @@ TEST(missing_metadata_leaves_the_output_alone)
 
 /* ---- resources ---------------------------------------------------------------- */
 
-TEST(resources_and_the_thumbnail_read_back)
-{
+TEST(resources_and_the_thumbnail_read_back) {
     static const uint8_t calibration[] = {0x00, 0x01, 0x02, 0xFE, 0xFF, 0x00, 0x7F};
     static const uint8_t thumbnail[] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A, 0, 0, 0, 0x0D};
     const char* path = test_path("resources.mvlog");
@@ -759,8 +738,7 @@ TEST(resources_and_the_thumbnail_read_back)
     MV_LogFile_Destroy(file);
 }
 
-TEST(existing_resource_name_is_refused_and_missing_one_reported)
-{
+TEST(existing_resource_name_is_refused_and_missing_one_reported) {
     static const uint8_t first[] = {1, 2, 3};
     static const uint8_t second[] = {4, 5};
     MV_LogFile_p file = create_log(test_path("duplicate-resource.mvlog"), 0);
@@ -797,8 +775,7 @@ TEST(existing_resource_name_is_refused_and_missing_one_reported)
 
 /* ---- bookmarks ---------------------------------------------------------------- */
 
-TEST(bookmarks_are_added_updated_and_removed_by_entry_id)
-{
+TEST(bookmarks_are_added_updated_and_removed_by_entry_id) {
     static const uint8_t payload[] = {'m', 'a', 'r', 'k', 0};
     static const uint8_t newPayload[] = {0x10, 0x20, 0x30};
     const char* path = test_path("bookmarks.mvlog");
@@ -856,8 +833,7 @@ TEST(bookmarks_are_added_updated_and_removed_by_entry_id)
     MV_LogFile_Destroy(file);
 }
 
-TEST(bookmarks_sharing_an_entry_id_change_together)
-{
+TEST(bookmarks_sharing_an_entry_id_change_together) {
     const char* path = test_path("shared-bookmarks.mvlog");
     MV_LogFile_p file;
     MV_LogBookmark_p one = MV_LogBookmark_Create(2, "one", "a", NULL, 0);
@@ -887,8 +863,7 @@ TEST(bookmarks_sharing_an_entry_id_change_together)
     MV_LogFile_Destroy(file);
 }
 
-TEST(bookmark_on_a_missing_entry_fails_with_the_file_error)
-{
+TEST(bookmark_on_a_missing_entry_fails_with_the_file_error) {
     const char* path = test_path("dangling-bookmark.mvlog");
     MV_LogFile_p file;
     MV_LogBookmark_p bookmark = MV_LogBookmark_Create(99, "nowhere", "", NULL, 0);

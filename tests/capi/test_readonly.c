@@ -55,7 +55,8 @@ TEST(readonly_open_refuses_writes_with_a_clear_message) {
     MV_LogDataSource_p source = MV_LogDataSource_Create(MV_LogDataSourceType_Lidar, "lidar");
     size_t bookmarks = 0;
     CHECK(file != NULL);
-    snprintf(expected, sizeof expected, "The log file '%s' was opened read-only: it cannot be changed.", path);
+    snprintf(expected, sizeof expected, "The log file '%s' was opened read-only: it cannot be changed.",
+             path);
     CHECK(!MV_LogFile_AddBookmark(file, bookmark, &error));
     CHECK_ERROR(error, expected);
     CHECK(!MV_LogFile_RemoveBookmark(file, bookmark, &error));

@@ -26,8 +26,12 @@ static const uint8_t THUMBNAIL[] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A,
                                     'I',  'H', 'D', 'R', 0x00, 0x00, 0x00, 0x10, 0x00, 0x00, 0x00, 0x10};
 static const uint8_t MARK_PAYLOAD[] = {0xDE, 0xAD, 0xBE, 0xEF, 0x00, 0x01};
 
-static int32_t entry_type(int index) { return index % 5 + 1; }
-static int64_t entry_time(int index) { return BASE_TIME + 37 * (int64_t)index; }
+static int32_t entry_type(int index) {
+    return index % 5 + 1;
+}
+static int64_t entry_time(int index) {
+    return BASE_TIME + 37 * (int64_t)index;
+}
 
 /* Entry 0 is empty, entry LARGE_ENTRY holds 1 MiB of noise, the others
  * a mix of runs and counters so that compression has something to do. */
@@ -348,17 +352,14 @@ static void round_trip(int8_t level) {
     free_payloads(&recording);
 }
 
-TEST(round_trip_at_compression_level_9)
-{
+TEST(round_trip_at_compression_level_9) {
     round_trip(9);
 }
 
-TEST(round_trip_uncompressed)
-{
+TEST(round_trip_uncompressed) {
     round_trip(0);
 }
 
-TEST(round_trip_at_the_default_level)
-{
+TEST(round_trip_at_the_default_level) {
     round_trip(-1);
 }

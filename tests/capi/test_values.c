@@ -8,8 +8,7 @@
 
 /* ---- bookmarks ---------------------------------------------------------- */
 
-TEST(bookmark_create_copies_texts_and_payload)
-{
+TEST(bookmark_create_copies_texts_and_payload) {
     char title[] = "title";
     char comment[] = "a comment";
     uint8_t payload[] = {1, 2, 3, 0, 255};
@@ -36,8 +35,7 @@ TEST(bookmark_create_copies_texts_and_payload)
     MV_LogBookmark_Destroy(bookmark);
 }
 
-TEST(bookmark_without_payload_has_length_zero)
-{
+TEST(bookmark_without_payload_has_length_zero) {
     MV_LogBookmark_p bookmark = MV_LogBookmark_Create(-1, "", "", NULL, 0);
     const uint8_t* bytes = NULL;
     int64_t length = 99;
@@ -52,8 +50,7 @@ TEST(bookmark_without_payload_has_length_zero)
     MV_LogBookmark_Destroy(bookmark);
 }
 
-TEST(bookmark_setters_replace_title_and_comment)
-{
+TEST(bookmark_setters_replace_title_and_comment) {
     MV_LogBookmark_p bookmark = MV_LogBookmark_Create(1, "short", "note", NULL, 0);
     char longTitle[] = "a title far too long to be kept inside the handle itself";
     const char* before = NULL;
@@ -78,8 +75,7 @@ TEST(bookmark_setters_replace_title_and_comment)
     MV_LogBookmark_Destroy(bookmark);
 }
 
-TEST(bookmark_set_payload_with_null_and_zero_empties_it)
-{
+TEST(bookmark_set_payload_with_null_and_zero_empties_it) {
     static const uint8_t payload[] = {7, 7, 7};
     MV_LogBookmark_p bookmark = MV_LogBookmark_Create(5, "t", "c", payload, sizeof payload);
     MV_LogBookmark_p empty = MV_LogBookmark_Create(6, "t", "c", NULL, 0);
@@ -108,8 +104,7 @@ TEST(bookmark_set_payload_with_null_and_zero_empties_it)
 
 /* ---- data entries ---------------------------------------------------------- */
 
-TEST(data_entry_create_copies_data_and_stamps_the_current_time)
-{
+TEST(data_entry_create_copies_data_and_stamps_the_current_time) {
     uint8_t data[] = {10, 20, 30, 40};
     static const uint8_t original[] = {10, 20, 30, 40};
     int8_t source = 7;
@@ -137,8 +132,7 @@ TEST(data_entry_create_copies_data_and_stamps_the_current_time)
     MV_LogDataEntry_Destroy(entry);
 }
 
-TEST(data_entry_with_length_zero_is_empty)
-{
+TEST(data_entry_with_length_zero_is_empty) {
     int8_t source = -1;
     const int64_t now = now_ms();
     MV_LogDataEntry_p entry = MV_LogDataEntry_Create(&source, 0, NULL, 0);
@@ -153,8 +147,7 @@ TEST(data_entry_with_length_zero_is_empty)
     MV_LogDataEntry_Destroy(entry);
 }
 
-TEST(data_entry_set_timestamp_replaces_it)
-{
+TEST(data_entry_set_timestamp_replaces_it) {
     int8_t source = 1;
     MV_LogDataEntry_p entry = MV_LogDataEntry_Create(&source, 1, (const uint8_t*)"a", 1);
     int64_t timestamp = 0;
@@ -172,8 +165,7 @@ TEST(data_entry_set_timestamp_replaces_it)
 
 /* ---- data sources ------------------------------------------------------------ */
 
-TEST(data_source_create_has_id_minus_one_and_copies_the_name)
-{
+TEST(data_source_create_has_id_minus_one_and_copies_the_name) {
     char name[] = "left camera";
     MV_LogDataSource_p source = MV_LogDataSource_Create(MV_LogDataSourceType_Camera, name);
     MV_LogDataSourceType type = MV_LogDataSourceType_Invalid;
@@ -200,8 +192,7 @@ TEST(data_source_create_has_id_minus_one_and_copies_the_name)
 
 /* ---- data-source properties ---------------------------------------------------- */
 
-TEST(property_made_as_int32_is_read_by_no_typed_getter)
-{
+TEST(property_made_as_int32_is_read_by_no_typed_getter) {
     int8_t source = 3;
     MV_LogDataSourceProperty_p property = MV_LogDataSourceProperty_CreateInt32(&source, "gain", 5);
     int32_t narrow = 77;
@@ -226,8 +217,7 @@ TEST(property_made_as_int32_is_read_by_no_typed_getter)
     MV_LogDataSourceProperty_Destroy(property);
 }
 
-TEST(property_int64_narrows_to_its_low_32_bits)
-{
+TEST(property_int64_narrows_to_its_low_32_bits) {
     int8_t source = 1;
     MV_LogDataSourceProperty_p property = MV_LogDataSourceProperty_CreateInt64(&source, "big", 5000000000LL);
     int32_t narrow = 0;
@@ -252,8 +242,7 @@ TEST(property_int64_narrows_to_its_low_32_bits)
     MV_LogDataSourceProperty_Destroy(property);
 }
 
-TEST(property_double_and_string_getters)
-{
+TEST(property_double_and_string_getters) {
     int8_t source = -4;
     char value[] = "orange";
     MV_LogDataSourceProperty_p real = MV_LogDataSourceProperty_CreateDouble(&source, "ratio", 0.125);
@@ -288,8 +277,7 @@ TEST(property_double_and_string_getters)
 
 /* ---- metadata ------------------------------------------------------------------ */
 
-TEST(metadata_getters_follow_the_property_rules)
-{
+TEST(metadata_getters_follow_the_property_rules) {
     MV_LogMetadata_p small = MV_LogMetadata_CreateInt32("small", 5);
     MV_LogMetadata_p big = MV_LogMetadata_CreateInt64("big", 5000000000LL);
     MV_LogMetadata_p real = MV_LogMetadata_CreateDouble("real", 2.5);
@@ -335,8 +323,7 @@ TEST(metadata_getters_follow_the_property_rules)
 
 /* ---- resources ------------------------------------------------------------------ */
 
-TEST(resource_create_copies_name_and_data)
-{
+TEST(resource_create_copies_name_and_data) {
     char name[] = "map tile";
     uint8_t data[300];
     uint8_t original[300];

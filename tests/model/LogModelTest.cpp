@@ -180,7 +180,8 @@ TEST(DataSourceTypeTest, IsFourBytesAndEveryInt32SurvivesTheFile) {
     {
         SqliteLogFile file(path, "UTC", "types", "1", 0, 1);
         for (int32_t value : values) {
-            DataSource source{-1, static_cast<MV_LogDataSourceType>(value), std::string("s").append(std::to_string(value))};
+            DataSource source{-1, static_cast<MV_LogDataSourceType>(value),
+                              std::string("s").append(std::to_string(value))};
             ASSERT_TRUE(file.addDataSource(source));
         }
     }

@@ -48,8 +48,8 @@ std::vector<double> playAt100Hz(const std::string& path, Pacing pacing, double* 
     FrameRecorder recorder;
     // Each callback costs 300 µs of the frame's time, as real work would.
     recorder.afterDelivery = [](int32_t) { std::this_thread::sleep_for(std::chrono::microseconds(300)); };
-    LogFilePlayer player(makeSingleSourceFile(path, timestamps), {MV_LogDataSourceType_Camera}, recorder.callback(),
-                         false, 1000);
+    LogFilePlayer player(makeSingleSourceFile(path, timestamps), {MV_LogDataSourceType_Camera},
+                         recorder.callback(), false, 1000);
     player.setPacing(pacing);
     EXPECT_EQ(player.getPacing(), pacing);
     player.seek(0, {});
@@ -78,7 +78,8 @@ TEST(ExactPacing, KeepsTheRecordedPaceWhereTheDefaultDrifts) {
     double exactEnd = 0.0;
     double carryEnd = 0.0;
     const std::vector<double> exact = playAt100Hz(dir.file("exact.mvlog"), Pacing::Exact, &exactEnd);
-    const std::vector<double> carry = playAt100Hz(dir.file("carry.mvlog"), Pacing::CarryMilliseconds, &carryEnd);
+    const std::vector<double> carry =
+        playAt100Hz(dir.file("carry.mvlog"), Pacing::CarryMilliseconds, &carryEnd);
     // Wide bounds for a loaded machine; the point is that the exact timeline
     // does not accumulate while the default one does.
     EXPECT_LT(median(exact), 3.0);
@@ -93,8 +94,8 @@ TEST(ExactPacing, ASpeedChangeAppliesFromTheNextGap) {
         timestamps.push_back(1000 + 40 * i);
     }
     FrameRecorder recorder;
-    LogFilePlayer player(makeSingleSourceFile(dir.file("speed.mvlog"), timestamps), {MV_LogDataSourceType_Camera},
-                         recorder.callback(), false, 1000);
+    LogFilePlayer player(makeSingleSourceFile(dir.file("speed.mvlog"), timestamps),
+                         {MV_LogDataSourceType_Camera}, recorder.callback(), false, 1000);
     player.setPacing(Pacing::Exact);
     player.setPlaybackSpeedMultiplier(4.0F);
     player.seek(0, {});

@@ -8,10 +8,10 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <climits>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <climits>
 
 using namespace Marivane::Logging;
 using Marivane::Testing::TempDir;
@@ -117,7 +117,8 @@ TEST(BadInput, NulBytesInPayloadsAndPropertyTextsAreKept) {
     {
         CreatedFile created(path, 5);
         ASSERT_TRUE(created.file.logData(created.entry(zeros)));
-        ASSERT_TRUE(created.file.addDataSourceProperty({created.source.id, textWithNul, PropertyValue(textWithNul)}));
+        ASSERT_TRUE(
+            created.file.addDataSourceProperty({created.source.id, textWithNul, PropertyValue(textWithNul)}));
         ASSERT_TRUE(created.file.addBookmark({1, textWithNul, textWithNul, zeros}));
     }
     SqliteLogFile file{std::filesystem::path(path)};
@@ -155,7 +156,8 @@ TEST(BadInput, EntryIdBoundaries) {
     TempDir dir;
     CreatedFile created(dir.file("entries.mvlog"));
     for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(created.file.logData(created.entry(ByteBuffer(3, std::byte{static_cast<unsigned char>(i)}))));
+        ASSERT_TRUE(
+            created.file.logData(created.entry(ByteBuffer(3, std::byte{static_cast<unsigned char>(i)}))));
     }
     SqliteLogFile& file = created.file;
     const std::string before = file.getLastError();
@@ -175,7 +177,8 @@ TEST(BadInput, LimitsOfZeroAndBelow) {
     TempDir dir;
     CreatedFile created(dir.file("limits.mvlog"));
     for (int i = 0; i < 6; ++i) {
-        ASSERT_TRUE(created.file.logData(created.entry(ByteBuffer(1, std::byte{static_cast<unsigned char>(i)}))));
+        ASSERT_TRUE(
+            created.file.logData(created.entry(ByteBuffer(1, std::byte{static_cast<unsigned char>(i)}))));
     }
     EXPECT_TRUE(created.file.readEntries(-1, -1, EntryIndexFilter{}, 0).empty());
     // SQLite reads a negative LIMIT as no limit at all.
@@ -192,7 +195,8 @@ TEST(BadInput, DirectoryPathsAreRefusedWithTheDatabaseMessage) {
     } catch (const Marivane::Database::FileIsNotDatabase&) {
         FAIL() << "a directory is not a foreign file";
     } catch (const Marivane::Database::DatabaseAccessError& error) {
-        EXPECT_NE(std::string(error.what()).find("unable to open database file"), std::string::npos) << error.what();
+        EXPECT_NE(std::string(error.what()).find("unable to open database file"), std::string::npos)
+            << error.what();
     }
     MV_LogError_p error = nullptr;
     EXPECT_EQ(MV_LogFile_Open(dir.path().c_str(), &error), nullptr);
@@ -237,7 +241,8 @@ TEST(BadInput, UnreadableFileIsRefusedWithAClearError) {
         } catch (const Marivane::Database::FileIsNotDatabase&) {
             return 2;
         } catch (const Marivane::Database::DatabaseAccessError& error) {
-            return std::string(error.what()).find("unable to open database file") != std::string::npos ? 0 : 3;
+            return std::string(error.what()).find("unable to open database file") != std::string::npos ? 0
+                                                                                                       : 3;
         }
     });
     EXPECT_EQ(result, 0);
@@ -270,8 +275,8 @@ TEST(BadInput, FileInAReadOnlyDirectoryReadsButRefusesWrites) {
         // A new file cannot be made there either.
         MV_LogConfig_p config = MV_LogConfig_Create("a", "1", "UTC");
         MV_LogError_p error = nullptr;
-        MV_LogFile_p created = MV_LogFile_Create((std::filesystem::path(path).parent_path() / "new.mvlog").c_str(),
-                                                 config, &error);
+        MV_LogFile_p created = MV_LogFile_Create(
+            (std::filesystem::path(path).parent_path() / "new.mvlog").c_str(), config, &error);
         MV_LogConfig_Destroy(config);
         if (created != nullptr || error == nullptr) {
             MV_LogFile_Destroy(created);

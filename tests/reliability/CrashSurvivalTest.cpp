@@ -16,14 +16,14 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <chrono>
-#include <csignal>
-#include <optional>
-#include <cstdio>
-#include <random>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <optional>
+#include <random>
 
 using namespace Marivane::Logging;
 
@@ -162,8 +162,8 @@ RunResult recordAndKill(const std::string& path, std::mt19937& random, int batch
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(delayMs(random));
     int64_t last = -1;
     while (std::chrono::steady_clock::now() < deadline) {
-        const auto remaining =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         pollfd readable{fds[0], POLLIN, 0};
         if (poll(&readable, 1, static_cast<int>(remaining.count()) + 1) > 0 &&
             read(fds[0], &index, sizeof index) == static_cast<ssize_t>(sizeof index)) {
@@ -205,16 +205,21 @@ void killRecordersAndReport(int batchSize) {
         }
     }
     std::printf(
-        "crash survival (%s): %d runs, %d files opened, %d passed integrity_check, %d read back consistently; "
+        "crash survival (%s): %d runs, %d files opened, %d passed integrity_check, %d read back "
+        "consistently; "
         "%lld entries acknowledged, %lld lost (at most %lld in one run)\n",
-        batchSize == 0 ? "no batches" : ("batches of " + std::to_string(batchSize)).c_str(), kRuns, opened, intact,
-        consistent, static_cast<long long>(acknowledged), static_cast<long long>(lost),
+        batchSize == 0 ? "no batches" : ("batches of " + std::to_string(batchSize)).c_str(), kRuns, opened,
+        intact, consistent, static_cast<long long>(acknowledged), static_cast<long long>(lost),
         static_cast<long long>(worstLoss));
     EXPECT_GT(acknowledged, 0);
 }
 
 }  // namespace
 
-TEST(CrashSurvival, KilledRecordersLeaveFilesThatOpenOrAreRefusedClearly) { killRecordersAndReport(0); }
+TEST(CrashSurvival, KilledRecordersLeaveFilesThatOpenOrAreRefusedClearly) {
+    killRecordersAndReport(0);
+}
 
-TEST(CrashSurvival, KilledBatchedRecordersLeaveFilesThatOpenOrAreRefusedClearly) { killRecordersAndReport(100); }
+TEST(CrashSurvival, KilledBatchedRecordersLeaveFilesThatOpenOrAreRefusedClearly) {
+    killRecordersAndReport(100);
+}

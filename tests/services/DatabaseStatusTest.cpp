@@ -1,11 +1,11 @@
 // The database layer's statuses, its busy timeout, its transaction guard and
 // queries that move.
-#include "services/database/ColumnAccess.h"
 #include <database/DatabaseBusy.h>
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
 #include <database/Status.h>
 #include <database/Transaction.h>
+#include "services/database/ColumnAccess.h"
 
 #include "support/TempDir.h"
 

@@ -1,11 +1,11 @@
-#include "sqlite/BindParameterVisitor.h"
-#include "services/database/ColumnAccess.h"
 #include <database/DatabaseAccessError.h>
 #include <database/FileIsNotDatabase.h>
-#include "model/RequireType.h"
-#include "sqlite/ReturnPropertyValueVisitor.h"
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
+#include "model/RequireType.h"
+#include "services/database/ColumnAccess.h"
+#include "sqlite/BindParameterVisitor.h"
+#include "sqlite/ReturnPropertyValueVisitor.h"
 
 #include "support/TempDir.h"
 

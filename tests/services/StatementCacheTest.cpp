@@ -1,9 +1,9 @@
 // Prepared statements are kept per connection and handed out again: each
 // query must still start clean (rewound, unbound) and never share a
 // statement with another live query.
-#include "services/database/ColumnAccess.h"
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
+#include "services/database/ColumnAccess.h"
 
 #include "support/TempDir.h"
 

@@ -33,11 +33,17 @@ long statusField(const char* field) {
     return -1;
 }
 
-long residentKib() { return statusField("VmRSS"); }
-long peakResidentKib() { return statusField("VmHWM"); }
+long residentKib() {
+    return statusField("VmRSS");
+}
+long peakResidentKib() {
+    return statusField("VmHWM");
+}
 
 // Lets the next stage's peak be measured on its own.
-void resetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
+void resetPeak() {
+    std::ofstream("/proc/self/clear_refs") << "5";
+}
 
 [[noreturn]] void fail(const std::string& what) {
     std::fprintf(stderr, "soak: FAILED: %s\n", what.c_str());
@@ -69,7 +75,8 @@ struct Stage {
         const double seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
         std::printf("%-44s %8.1f s   peak RSS %7.1f MiB   RSS now %7.1f MiB\n", name_, seconds,
-                    static_cast<double>(peakResidentKib()) / 1024.0, static_cast<double>(residentKib()) / 1024.0);
+                    static_cast<double>(peakResidentKib()) / 1024.0,
+                    static_cast<double>(residentKib()) / 1024.0);
         std::fflush(stdout);
     }
     const char* name_;
@@ -106,7 +113,8 @@ void readBackInChunks(const std::string& path, int64_t count, std::size_t size) 
     int64_t seen = 0;
     for (int32_t first = 1; first <= count; first += kChunk) {
         for (const DataEntry& entry : file.readEntries(first, first + kChunk - 1, EntryIndexFilter{}, -1)) {
-            check(entry.data == payloadFor(entry.entryId - 1, size), "payload of " + std::to_string(entry.entryId));
+            check(entry.data == payloadFor(entry.entryId - 1, size),
+                  "payload of " + std::to_string(entry.entryId));
             ++seen;
         }
     }
@@ -198,8 +206,8 @@ int main(int argc, char** argv) {
     }
     {
         Stage stage("slice 100000 small entries");
-        sliceAndCheck(small, (dir / "small-slice.mvlog").string(), 11, static_cast<int32_t>(10 + smallCount / 10),
-                      kSmall);
+        sliceAndCheck(small, (dir / "small-slice.mvlog").string(), 11,
+                      static_cast<int32_t>(10 + smallCount / 10), kSmall);
     }
     {
         Stage stage("slice 256 large entries");

@@ -235,7 +235,9 @@ TEST(Bookmarks, NullPayloadInACompressingFileReadsAsNoPayload) {
     { SqliteLogFile file = fileWithEntries(path, 3, 1); }
     {
         RawDatabase raw(path);
-        raw.exec("INSERT INTO bookmarks (entryId, title, comments, payload) VALUES (1, 'other writer', 'c', NULL);");
+        raw.exec(
+            "INSERT INTO bookmarks (entryId, title, comments, payload) VALUES (1, 'other writer', 'c', "
+            "NULL);");
     }
     SqliteLogFile file{fs::path(path)};
     const std::vector<Bookmark> bookmarks = file.getBookmarks();

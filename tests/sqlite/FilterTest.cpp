@@ -1,9 +1,9 @@
 #include <logging/EntryIndexFilter.h>
 #include <logging/SqliteLogFile.h>
 
-#include "services/database/ColumnAccess.h"
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
+#include "services/database/ColumnAccess.h"
 
 #include "StoreTestSupport.h"
 #include "support/TempDir.h"

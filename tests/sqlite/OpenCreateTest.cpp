@@ -5,9 +5,9 @@
 #include "sqlite/SqliteLogFilePrivate.h"
 
 #include <core/Compression.h>
-#include "services/database/ColumnAccess.h"
 #include <database/DatabaseAccessError.h>
 #include <database/FileIsNotDatabase.h>
+#include "services/database/ColumnAccess.h"
 
 #include "StoreTestSupport.h"
 #include "support/TempDir.h"

@@ -2,8 +2,8 @@
 // never changes a byte, a lock is never taken for damage, and a commit waits
 // for readers instead of discarding what it was given.
 
-#include "sqlite/StoreAccess.h"
 #include "StoreTestSupport.h"
+#include "sqlite/StoreAccess.h"
 
 #include <logging/NotALogFileError.h>
 #include <logging/SqliteLogFile.h>
@@ -51,7 +51,8 @@ std::string makeSampleFile(const TempDir& dir, const std::string& name = "sample
     DataSource camera{-1, MV_LogDataSourceType_Generic, "camera"};
     EXPECT_TRUE(file.addDataSource(camera));
     for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(file.logData(makeEntry(camera.id, 7, 1000 + i, patternBytes(4096, static_cast<unsigned>(i)))));
+        EXPECT_TRUE(
+            file.logData(makeEntry(camera.id, 7, 1000 + i, patternBytes(4096, static_cast<unsigned>(i)))));
     }
     EXPECT_TRUE(file.addBookmark(Bookmark{1, "start", "first entry", bytesOf("p1")}));
     EXPECT_TRUE(file.addBookmark(Bookmark{3, "end", "", {}}));
@@ -59,7 +60,9 @@ std::string makeSampleFile(const TempDir& dir, const std::string& name = "sample
 }
 
 // Shortens the wait for locks so that the tests of a busy file stay quick.
-void shortenBusyTimeout(SqliteLogFile& file) { StoreAccess::of(file).database.setBusyTimeout(100); }
+void shortenBusyTimeout(SqliteLogFile& file) {
+    StoreAccess::of(file).database.setBusyTimeout(100);
+}
 
 TEST(ReadOnlyOpen, ReadsEverythingAndChangesNoByte) {
     TempDir dir;
@@ -149,8 +152,9 @@ TEST(BusyFile, OpeningWaitsThenReportsBusyAndNeverRepairs) {
         SqliteLogFile file(path);
         FAIL() << "opened a file that another connection holds exclusively";
     } catch (const DatabaseBusy& error) {
-        EXPECT_EQ(std::string(error.what()),
-                  "The file '" + path + "' is busy: another connection kept it locked for more than 5000 ms.");
+        EXPECT_EQ(
+            std::string(error.what()),
+            "The file '" + path + "' is busy: another connection kept it locked for more than 5000 ms.");
     }
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(4000));
     EXPECT_THROW((void)SqliteLogFile::openReadOnly(path), DatabaseBusy);
@@ -186,7 +190,8 @@ TEST(BusyFile, AFailedReadIsCountedAndSaysBusyInsteadOfLookingEmpty) {
 
     EXPECT_TRUE(file.getBookmarks().empty());
     EXPECT_EQ(file.getFailureCount(), 1u);
-    const std::string busy = "The file '" + path + "' is busy: another connection kept it locked for more than 100 ms.";
+    const std::string busy =
+        "The file '" + path + "' is busy: another connection kept it locked for more than 100 ms.";
     EXPECT_EQ(file.getLastError(), busy);
     EXPECT_EQ(file.getLastFailure(), "Reading the bookmarks of '" + path + "' failed: " + busy);
 

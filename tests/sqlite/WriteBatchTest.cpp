@@ -22,7 +22,8 @@ using Marivane::Testing::TempDir;
 namespace {
 
 struct Recording {
-    explicit Recording(const std::string& path, int8_t level = 0) : file(path, "UTC", "batch", "1", level, 0) {
+    explicit Recording(const std::string& path, int8_t level = 0)
+        : file(path, "UTC", "batch", "1", level, 0) {
         EXPECT_TRUE(file.addDataSource(source));
     }
     bool log(int index) {
@@ -30,7 +31,8 @@ struct Recording {
         entry.dataSourceId = source.id;
         entry.type = index;
         entry.timestamp = index;
-        entry.data = Marivane::Testing::patternBytes(100 + static_cast<std::size_t>(index), static_cast<unsigned>(index));
+        entry.data = Marivane::Testing::patternBytes(100 + static_cast<std::size_t>(index),
+                                                     static_cast<unsigned>(index));
         return file.logData(entry);
     }
     SqliteLogFile file;
@@ -93,7 +95,8 @@ TEST(WriteBatch, AFailingWriteFailsOnlyItselfWithTheUsualText) {
         EXPECT_FALSE(recording.file.logData(orphan));
         EXPECT_EQ(recording.file.getLastError(),
                   "Attempted to log data against a data source that did not exist in the file.");
-        EXPECT_FALSE(recording.file.addDataSource(DataSource{recording.source.id, MV_LogDataSourceType_Generic, "dup"}));
+        EXPECT_FALSE(recording.file.addDataSource(
+            DataSource{recording.source.id, MV_LogDataSourceType_Generic, "dup"}));
         EXPECT_EQ(recording.file.getLastError(), "Unknown internal error");
         ASSERT_TRUE(recording.log(1));
         EXPECT_TRUE(recording.file.isBatchOpen());
@@ -166,7 +169,8 @@ namespace {
 
 bool insertPayload(SqliteLogFilePrivate& file, const ByteBuffer& payload) {
     Marivane::Database::SqliteQuery insert(
-        file.database, "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES (0, 0, 1, 0, :payload);");
+        file.database,
+        "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES (0, 0, 1, 0, :payload);");
     insert.bindParameter(":payload", payload, Marivane::Database::BindMode::NoCopy);
     return file.executeWrite(insert);
 }

@@ -168,8 +168,9 @@ TEST(CatFollow, PrintsEntriesAsTheyAreCommitted) {
                                             Marivane::Logging::Durability::Safe);
     Marivane::Logging::DataSource gnss{-1, MV_LogDataSourceType_Navigation, "gnss"};
     ASSERT_TRUE(writer.addDataSource(gnss));
-    auto follow = std::async(std::launch::async,
-                             [&] { return runMvlog({"cat", path, "--follow", "--idle", "1.5", "--format", "json"}); });
+    auto follow = std::async(std::launch::async, [&] {
+        return runMvlog({"cat", path, "--follow", "--idle", "1.5", "--format", "json"});
+    });
     for (int round = 0; round < 5; ++round) {
         std::this_thread::sleep_for(std::chrono::milliseconds(150));
         auto batch = writer.beginBatch();

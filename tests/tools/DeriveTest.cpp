@@ -109,8 +109,8 @@ TEST_F(DeriveTest, ACloneAtTheSameLevelCopiesPayloadsAsStored) {
 TEST_F(DeriveTest, SliceByTimeAndFilter) {
     // Entries 11..31 lie between +1 s and +3 s; of those, "beta" (source 2)
     // holds 11, 14, ..., 29: seven entries.
-    const RunResult result =
-        runMvlog({"slice", path, "--start", "+1", "--end", "2023-11-14T22:13:23.000Z", "--source", "2", "-o", output});
+    const RunResult result = runMvlog(
+        {"slice", path, "--start", "+1", "--end", "2023-11-14T22:13:23.000Z", "--source", "2", "-o", output});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(result.out, output + "\n");
     const nlohmann::json info = infoJson(output);
@@ -123,9 +123,10 @@ TEST_F(DeriveTest, SliceNeedsARangeAndReadableTimes) {
     EXPECT_EQ(runMvlog({"slice", path, "-o", output}).exitCode, 2);
     const RunResult bad = runMvlog({"slice", path, "--start", "yesterday", "-o", output});
     EXPECT_EQ(bad.exitCode, 2);
-    EXPECT_EQ(bad.err,
-              "mvlog: --start yesterday: not a time (use ISO 8601 such as 2026-11-21T11:58:05.5Z, or seconds after "
-              "the first entry such as +12.5)\n");
+    EXPECT_EQ(
+        bad.err,
+        "mvlog: --start yesterday: not a time (use ISO 8601 such as 2026-11-21T11:58:05.5Z, or seconds after "
+        "the first entry such as +12.5)\n");
     const RunResult reversed = runMvlog({"slice", path, "--start", "+5", "--end", "+1", "-o", output});
     EXPECT_EQ(reversed.exitCode, 1);
     EXPECT_EQ(reversed.err, "mvlog: refused: the time range is reversed (--start is after --end)\n");
@@ -190,15 +191,17 @@ TEST(DeriveFullDisk, AFullDiskIsAFailureAndLeavesNoOutput) {
     }
     const std::string output = directory.file("out.mvlog");
     for (const char* command : {"clone", "slice"}) {
-        std::vector<std::string> arguments = {"-c", std::string("trap \"\" XFSZ; ulimit -f 200; exec \"$0\" \"$@\""), MVLOG_BINARY,
-                                              command,  path};
+        std::vector<std::string> arguments = {
+            "-c", std::string("trap \"\" XFSZ; ulimit -f 200; exec \"$0\" \"$@\""), MVLOG_BINARY, command,
+            path};
         if (std::string(command) == "slice") {
             arguments.insert(arguments.end(), {"--from", "1", "--to", "3000"});
         }
         arguments.insert(arguments.end(), {"-o", output});
         const RunResult result = runProgram("/bin/sh", arguments);
         EXPECT_EQ(result.exitCode, 1) << command << ": " << result.out << result.err;
-        EXPECT_NE(result.err.find("(nothing was written to " + output + ")"), std::string::npos) << result.err;
+        EXPECT_NE(result.err.find("(nothing was written to " + output + ")"), std::string::npos)
+            << result.err;
         EXPECT_FALSE(std::filesystem::exists(output)) << command;
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.path()), {}), 1) << command;
     }

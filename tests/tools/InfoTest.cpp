@@ -185,7 +185,8 @@ TEST(InfoDurability, ASafeFileSaysSo) {
     EXPECT_EQ(infoJson(path)["durability"], "safe");
     const RunResult result = runMvlog({"info", path});
     ASSERT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_TRUE(containsLine(result.outLines(), "Durability         safe (write-ahead log; readable while recorded)"))
+    EXPECT_TRUE(
+        containsLine(result.outLines(), "Durability         safe (write-ahead log; readable while recorded)"))
         << result.out;
 }
 

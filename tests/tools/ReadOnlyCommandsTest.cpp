@@ -54,8 +54,9 @@ TEST(ReadOnlyCommands, NoReadingCommandChangesAByte) {
     writeKnownFile(path);
     // A bookmark on a missing entry: opening for writing would drop the
     // whole bookmarks table to repair it.
-    executeSql(path, "PRAGMA foreign_keys = off; INSERT INTO bookmarks (entryId, title, comments) VALUES "
-                     "(999, 'dangling', '');");
+    executeSql(path,
+               "PRAGMA foreign_keys = off; INSERT INTO bookmarks (entryId, title, comments) VALUES "
+               "(999, 'dangling', '');");
     const ByteBuffer before = readFileBytes(path);
     for (const std::vector<std::string>& command : readingCommands(path)) {
         const RunResult result = runMvlog(command);

@@ -159,7 +159,8 @@ void followNewEntries(const SqliteLogFile& file, const CatOptions& options, int3
             lastArrival = now;
             continue;
         }
-        if (options.idleSeconds > 0 && now - lastArrival >= std::chrono::duration<double>(options.idleSeconds)) {
+        if (options.idleSeconds > 0 &&
+            now - lastArrival >= std::chrono::duration<double>(options.idleSeconds)) {
             return;
         }
         std::this_thread::sleep_for(kPollPeriod);

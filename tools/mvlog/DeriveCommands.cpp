@@ -132,9 +132,10 @@ int runClone(const CloneOptions& options) {
     const auto file = openExistingLogFile(options.file);
     explainOutputRefusal(options.output);
     const std::string output = outputFor(options.output, options.file);
-    return deriveReporting("cloning", output, copyOptions(*file, options.level), [&](const CopyOptions& chosen) {
-        Marivane::Logging::Algorithms::copy(options.file, output, chosen);
-    });
+    return deriveReporting("cloning", output, copyOptions(*file, options.level),
+                           [&](const CopyOptions& chosen) {
+                               Marivane::Logging::Algorithms::copy(options.file, output, chosen);
+                           });
 }
 
 int runMerge(const MergeOptions& options) {

@@ -127,7 +127,7 @@ void appendHeader(std::string& text, const FileSummary& summary) {
          summary.compressionLevel ? compressionLevelText(*summary.compressionLevel) : "(missing)");
     if (summary.durability) {
         line("Durability", *summary.durability == "safe" ? "safe (write-ahead log; readable while recorded)"
-                                                          : "fast (no flushes, journal in memory)");
+                                                         : "fast (no flushes, journal in memory)");
     }
     line("Created", summary.createdDateTime
                         ? fmt::format("{} (stored time zone \"{}\")", isoTimestamp(*summary.createdDateTime),

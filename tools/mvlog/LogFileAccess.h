@@ -35,7 +35,7 @@ enum class Access { ReadOnly, ReadWrite };
 // that only look open read-only, so that looking never changes a byte of the
 // file. Whatever the library throws becomes a ToolError carrying its message.
 std::unique_ptr<Marivane::Logging::SqliteLogFile> openExistingLogFile(const std::filesystem::path& path,
-                                                                     Access access = Access::ReadOnly);
+                                                                      Access access = Access::ReadOnly);
 
 // Throws a ToolError when a read of `file` failed for a reason other than
 // damage (another process holding a lock past the wait, an I/O error): an

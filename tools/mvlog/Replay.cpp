@@ -147,7 +147,7 @@ public:
 private:
     std::chrono::nanoseconds waitBefore(int64_t timestamp) const {
         return Marivane::Logging::Playback::idealFrameGap(timestamp - previousTimestamp_, maxDelayMs_,
-                                                         static_cast<float>(speed_));
+                                                          static_cast<float>(speed_));
     }
 
     double speed_;
@@ -274,8 +274,9 @@ ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplayS
     // The queue must outlive the player, whose worker calls into it.
     std::unique_ptr<DeliveryQueue> queue;
     LogFilePlayer player(
-        std::move(file), settings.sourceTypes, [&queue](int32_t frame, DataEntry entry) { queue->push(frame, entry); },
-        settings.loop, settings.maxDelayMs);
+        std::move(file), settings.sourceTypes,
+        [&queue](int32_t frame, DataEntry entry) { queue->push(frame, entry); }, settings.loop,
+        settings.maxDelayMs);
     // A damaged payload becomes an empty frame, logged for the report.
     player.setUnreadableFrameHandler(
         [damage](int32_t, int32_t entryId, const std::string&) { damage->record(entryId); });

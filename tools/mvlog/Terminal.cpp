@@ -87,7 +87,9 @@ namespace {
 std::atomic<bool> interruptFlag{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 
-extern "C" void requestInterrupt(int) { interruptFlag.store(true); }
+extern "C" void requestInterrupt(int) {
+    interruptFlag.store(true);
+}
 
 }  // namespace
 
@@ -105,6 +107,8 @@ InterruptGuard::~InterruptGuard() {
     sigaction(SIGTERM, &previousTerminate_, nullptr);
 }
 
-bool interruptRequested() { return interruptFlag.load(); }
+bool interruptRequested() {
+    return interruptFlag.load();
+}
 
 }  // namespace Mvlog

@@ -52,7 +52,8 @@ std::optional<int64_t> parseIsoTime(const std::string& text) {
     std::size_t at = static_cast<std::size_t>(consumed);
     if (at < text.size() && text[at] == '.') {
         int64_t scale = 100;
-        for (++at; at < text.size() && std::isdigit(static_cast<unsigned char>(text[at])); ++at, scale /= 10) {
+        for (++at; at < text.size() && std::isdigit(static_cast<unsigned char>(text[at]));
+             ++at, scale /= 10) {
             milliseconds += (text[at] - '0') * scale;
         }
     }
@@ -83,9 +84,10 @@ int64_t parseTime(const std::string& option, const std::string& text, const LogF
     if (std::optional<int64_t> absolute = parseIsoTime(text)) {
         return *absolute;
     }
-    throw UsageError(fmt::format("{} {}: not a time (use ISO 8601 such as 2026-11-21T11:58:05.5Z, or seconds "
-                                 "after the first entry such as +12.5)",
-                                 option, text));
+    throw UsageError(
+        fmt::format("{} {}: not a time (use ISO 8601 such as 2026-11-21T11:58:05.5Z, or seconds "
+                    "after the first entry such as +12.5)",
+                    option, text));
 }
 
 }  // namespace Mvlog

@@ -117,16 +117,18 @@ void addSlice(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<SliceOptions>();
     auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
     CLI::App* slice = app.add_subcommand(
-        "slice", "Write the entries of an id range and/or a time range, optionally filtered, with everything "
-                 "they need to a new file");
+        "slice",
+        "Write the entries of an id range and/or a time range, optionally filtered, with everything "
+        "they need to a new file");
     slice->add_option("FILE", options->file, "Log file")->required();
     CLI::Option* from = slice->add_option("--from", options->from, "First entry id (must exist)");
     CLI::Option* to = slice->add_option("--to", options->to, "Last entry id (must exist)");
     from->needs(to);
     to->needs(from);
-    slice->add_option("--start", options->start,
-                      "First time, inclusive: ISO 8601 (2026-11-21T11:58:05.5Z; UTC unless an offset is given) "
-                      "or seconds after the first entry (+12.5)");
+    slice->add_option(
+        "--start", options->start,
+        "First time, inclusive: ISO 8601 (2026-11-21T11:58:05.5Z; UTC unless an offset is given) "
+        "or seconds after the first entry (+12.5)");
     slice->add_option("--end", options->end, "Last time, inclusive, written like --start");
     addRepeatable(*slice, "--type", options->types, "Only entries of this entry type (repeatable)");
     addRepeatable(*slice, "--source", options->sources, "Only entries of this data-source id (repeatable)")

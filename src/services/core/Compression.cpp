@@ -53,7 +53,8 @@ ByteBuffer uncompressKnownSize(const ByteBuffer& data, std::size_t contentSize) 
     ByteBuffer output(contentSize);
     ZSTD_DCtx* context = threadDecompressionContext();
     ZSTD_DCtx_reset(context, ZSTD_reset_session_only);
-    const std::size_t written = ZSTD_decompressDCtx(context, output.data(), output.size(), data.data(), data.size());
+    const std::size_t written =
+        ZSTD_decompressDCtx(context, output.data(), output.size(), data.data(), data.size());
     if (ZSTD_isError(written)) {
         throwUncompressError(ZSTD_getErrorName(written));
     }
@@ -99,7 +100,8 @@ ByteBuffer compress(const ByteBuffer& data, int level) {
     ZSTD_CCtx_setParameter(context, ZSTD_c_checksumFlag, 1);
 
     ByteBuffer output(ZSTD_compressBound(data.size()));
-    const std::size_t written = ZSTD_compress2(context, output.data(), output.size(), data.data(), data.size());
+    const std::size_t written =
+        ZSTD_compress2(context, output.data(), output.size(), data.data(), data.size());
     if (ZSTD_isError(written)) {
         throw CompressionError(std::string("Cannot compress data: ") + ZSTD_getErrorName(written));
     }

@@ -22,7 +22,8 @@ std::filesystem::path makeUniqueFilePath(const std::filesystem::path& path) {
     const std::string stem = path.stem().string();
     const std::string extension = path.extension().string();
     for (unsigned long counter = 2;; ++counter) {
-        std::filesystem::path candidate = path.parent_path() / (stem + "-" + std::to_string(counter) + extension);
+        std::filesystem::path candidate =
+            path.parent_path() / (stem + "-" + std::to_string(counter) + extension);
         if (!somethingExistsAt(candidate, PathLookup::PathItself)) {
             return candidate;
         }

@@ -28,7 +28,9 @@ constexpr std::size_t kMaxCachedTexts = 128;
 
 struct TransparentHash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>{}(text); }
+    std::size_t operator()(std::string_view text) const noexcept {
+        return std::hash<std::string_view>{}(text);
+    }
 };
 
 }  // namespace
@@ -101,7 +103,9 @@ private:
     std::unordered_map<std::string, StatementSlot, TransparentHash, std::equal_to<>> slots_;
 };
 
-void SqliteDatabase::ConnectionCloser::operator()(sqlite3* connection) const noexcept { sqlite3_close_v2(connection); }
+void SqliteDatabase::ConnectionCloser::operator()(sqlite3* connection) const noexcept {
+    sqlite3_close_v2(connection);
+}
 
 SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode)
     : statements_(std::make_unique<StatementCache>()) {
@@ -110,7 +114,8 @@ SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode)
     // SQLite hands out a connection even when opening fails; it must be closed.
     connection_.reset(opened);
     if (code != SQLITE_OK) {
-        const std::string sqliteMessage = connection_ ? sqlite3_errmsg(connection_.get()) : sqlite3_errstr(code);
+        const std::string sqliteMessage =
+            connection_ ? sqlite3_errmsg(connection_.get()) : sqlite3_errstr(code);
         connection_.reset();
         throwDatabaseError(code, "Cannot open database '" + path + "'", sqliteMessage);
     }
@@ -118,7 +123,9 @@ SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode)
     sqlite3_busy_timeout(connection(), busyTimeoutMs_);
 }
 
-SqliteDatabase::~SqliteDatabase() { close(); }
+SqliteDatabase::~SqliteDatabase() {
+    close();
+}
 
 void SqliteDatabase::close() noexcept {
     statements_->finalizeAll();
@@ -212,15 +219,25 @@ void SqliteDatabase::setBusyTimeout(int32_t milliseconds) {
     sqlite3_busy_timeout(connection(), milliseconds);
 }
 
-bool SqliteDatabase::isReadOnly() const { return sqlite3_db_readonly(connection(), "main") == 1; }
+bool SqliteDatabase::isReadOnly() const {
+    return sqlite3_db_readonly(connection(), "main") == 1;
+}
 
-int32_t SqliteDatabase::getLastErrorCode() const { return lastErrorCode_.load(std::memory_order_relaxed); }
+int32_t SqliteDatabase::getLastErrorCode() const {
+    return lastErrorCode_.load(std::memory_order_relaxed);
+}
 
-int64_t SqliteDatabase::getLastInsertedRowId() const { return sqlite3_last_insert_rowid(connection()); }
+int64_t SqliteDatabase::getLastInsertedRowId() const {
+    return sqlite3_last_insert_rowid(connection());
+}
 
-std::size_t SqliteDatabase::cachedStatementCount() const { return statements_->freeCount(); }
+std::size_t SqliteDatabase::cachedStatementCount() const {
+    return statements_->freeCount();
+}
 
-bool SqliteDatabase::isInTransaction() const { return sqlite3_get_autocommit(connection()) == 0; }
+bool SqliteDatabase::isInTransaction() const {
+    return sqlite3_get_autocommit(connection()) == 0;
+}
 
 void SqliteDatabase::recordStepResult(int extendedCode) const {
     lastErrorCode_.store(extendedCode, std::memory_order_relaxed);

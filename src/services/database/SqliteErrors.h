@@ -10,6 +10,8 @@ namespace Marivane::Database {
 // DatabaseAccessError; `context` says what was being done.
 [[noreturn]] void throwDatabaseError(int code, const std::string& context, const std::string& sqliteMessage);
 
-inline bool isNotADatabase(int code) { return (code & 0xFF) == SQLITE_NOTADB; }
+inline bool isNotADatabase(int code) {
+    return (code & 0xFF) == SQLITE_NOTADB;
+}
 
 }  // namespace Marivane::Database

@@ -97,7 +97,8 @@ void SqliteQuery::bindParameter(const std::string& name, double value) {
 
 void SqliteQuery::bindParameter(const std::string& name, const std::string& value, BindMode mode) {
     if (const int index = parameterIndex(name)) {
-        noteBind(sqlite3_bind_text64(statement_, index, value.data(), value.size(), destructorFor(mode), SQLITE_UTF8));
+        noteBind(sqlite3_bind_text64(statement_, index, value.data(), value.size(), destructorFor(mode),
+                                     SQLITE_UTF8));
     }
 }
 
@@ -132,7 +133,8 @@ ColumnValue SqliteQuery::getValueFromColumn(int column) const {
         case SQLITE_TEXT: {
             const auto* text = static_cast<const char*>(sqlite3_value_blob(value));
             const auto size = static_cast<std::size_t>(sqlite3_value_bytes(value));
-            return ColumnValue{std::in_place, std::in_place_index<2>, text ? std::string(text, size) : std::string()};
+            return ColumnValue{std::in_place, std::in_place_index<2>,
+                               text ? std::string(text, size) : std::string()};
         }
         case SQLITE_BLOB: {
             const auto* bytes = static_cast<const std::byte*>(sqlite3_value_blob(value));

@@ -16,11 +16,17 @@ Transaction::Transaction(SqliteDatabase& database) : database_(&database) {
     }
 }
 
-Transaction::~Transaction() { rollback(); }
+Transaction::~Transaction() {
+    rollback();
+}
 
-Transaction::Transaction(Transaction&& other) noexcept : database_(other.database_) { other.database_ = nullptr; }
+Transaction::Transaction(Transaction&& other) noexcept : database_(other.database_) {
+    other.database_ = nullptr;
+}
 
-bool Transaction::isOpen() const { return database_ != nullptr && database_->isInTransaction(); }
+bool Transaction::isOpen() const {
+    return database_ != nullptr && database_->isInTransaction();
+}
 
 Status Transaction::commit(int32_t maxWaitMs) {
     if (!isOpen()) {
