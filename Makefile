@@ -54,8 +54,9 @@ fuzz:
 	@./scripts/install-deps.sh clang libclang-rt-14-dev
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(DEV_FLAGS) \
 		-DMARIVANE_SANITIZE="address;undefined" -DMARIVANE_BUILD_FUZZERS=ON \
-		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_TOOLS=OFF
-	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_open_file fuzz_uncompress fuzz_operations make_corpus
+		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_EXAMPLES=OFF
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_open_file fuzz_uncompress fuzz_operations \
+		fuzz_tool_commands make_corpus
 	./fuzz/run-fuzzers.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
 
 # A million small and ten thousand 1 MiB entries: record, read back, slice,

@@ -24,4 +24,6 @@ status=0
 run fuzz_open_file "$corpus/open" || status=1
 run fuzz_uncompress "$corpus/uncompress" || status=1
 run fuzz_operations "$corpus/operations" || status=1
+# The tool's commands read the same files as the opening target.
+run fuzz_tool_commands "$corpus/open" || status=1
 exit $status

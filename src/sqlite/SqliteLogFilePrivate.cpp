@@ -24,7 +24,6 @@ using Database::SqliteQuery;
 constexpr Database::OpenMode kOpenMode = Database::OpenReadWrite | Database::OpenCreate;
 constexpr uint32_t kLegacyMagic = 0x11223344;
 
-constexpr int kForeignKeyViolation = 787;
 constexpr int kDiskFull = 13;
 constexpr int kIoErrorRead = 266;
 constexpr int kIoErrorBit = 512;
