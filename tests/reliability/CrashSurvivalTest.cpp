@@ -23,7 +23,10 @@
 #include <csignal>
 #include <cstdio>
 #include <optional>
+#include <cstdlib>
+#include <filesystem>
 #include <random>
+#include <string>
 
 using namespace Marivane::Logging;
 
@@ -31,8 +34,24 @@ namespace {
 
 constexpr int kRuns = 50;
 
-ByteBuffer payloadFor(int64_t index) {
-    ByteBuffer bytes(static_cast<std::size_t>(200 + index % 1800));
+// What one recording does: how many entries per batch (0: none), how large
+// each payload is (0: 200 to 2000 bytes, varying), in which durability mode.
+struct Recording {
+    int batchSize = 0;
+    std::size_t payloadSize = 0;
+    Durability durability = Durability::Fast;
+    int runs = kRuns;
+
+    std::string describe() const {
+        std::string text = durability == Durability::Safe ? "safe, " : "fast, ";
+        text += batchSize == 0 ? std::string("no batches") : "batches of " + std::to_string(batchSize);
+        text += payloadSize == 0 ? std::string(" x 200 B-2 KiB") : " x " + std::to_string(payloadSize / 1024) + " KiB";
+        return text;
+    }
+};
+
+ByteBuffer payloadFor(int64_t index, std::size_t fixedSize = 0) {
+    ByteBuffer bytes(fixedSize != 0 ? fixedSize : static_cast<std::size_t>(200 + index % 1800));
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         bytes[i] = static_cast<std::byte>((static_cast<std::size_t>(index) * 31 + i / 3) & 0xFF);
     }
@@ -48,8 +67,9 @@ void acknowledge(int ackFd, int64_t index) {
 // Child: records entries as fast as it can and reports each acknowledged one
 // on the pipe: at once without batches, after its batch's commit with them.
 // Never returns.
-[[noreturn]] void recordUntilKilled(const std::string& path, int ackFd, int batchSize) {
-    SqliteLogFile file(path, "UTC", "crash", "1", -1, 0);
+[[noreturn]] void recordUntilKilled(const std::string& path, int ackFd, const Recording& recording) {
+    const int batchSize = recording.batchSize;
+    SqliteLogFile file(path, "UTC", "crash", "1", -1, 0, recording.durability);
     DataSource source{-1, MV_LogDataSourceType_Generic, "source"};
     file.addDataSource(source);
     acknowledge(ackFd, -1);
@@ -62,7 +82,7 @@ void acknowledge(int ackFd, int64_t index) {
         entry.dataSourceId = source.id;
         entry.type = static_cast<int32_t>(index % 4);
         entry.timestamp = index;
-        entry.data = payloadFor(index);
+        entry.data = payloadFor(index, recording.payloadSize);
         if (!file.logData(entry)) {
             _exit(3);
         }
@@ -104,20 +124,20 @@ bool integrityCheckPasses(const std::string& path) {
 
 // Every surviving entry must be one the child wrote, with its exact bytes,
 // in order with no gaps: entry k holds recording index k - 1.
-bool entriesAreConsistent(const SqliteLogFile& file, int64_t& count) {
+bool entriesAreConsistent(const SqliteLogFile& file, int64_t& count, std::size_t payloadSize) {
     const std::vector<DataEntry> entries = file.readEntries(-1, -1, EntryIndexFilter{}, -1);
     count = static_cast<int64_t>(entries.size());
     for (std::size_t k = 0; k < entries.size(); ++k) {
         const int64_t index = static_cast<int64_t>(k);
         if (entries[k].entryId != static_cast<int32_t>(k + 1) || entries[k].timestamp != index ||
-            entries[k].data != payloadFor(index)) {
+            entries[k].data != payloadFor(index, payloadSize)) {
             return false;
         }
     }
     return true;
 }
 
-RunResult inspect(const std::string& path, int64_t acknowledged) {
+RunResult inspect(const std::string& path, int64_t acknowledged, std::size_t payloadSize) {
     RunResult result;
     result.acknowledged = acknowledged;
     result.integrityOk = integrityCheckPasses(path);
@@ -125,7 +145,7 @@ RunResult inspect(const std::string& path, int64_t acknowledged) {
         SqliteLogFile file{std::filesystem::path(path)};
         result.opened = true;
         int64_t count = 0;
-        result.entriesConsistent = entriesAreConsistent(file, count);
+        result.entriesConsistent = entriesAreConsistent(file, count, payloadSize);
         result.lost = std::max<int64_t>(0, acknowledged - count);
     } catch (const NotALogFileError& error) {
         result.error = error.what();
@@ -140,13 +160,13 @@ RunResult inspect(const std::string& path, int64_t acknowledged) {
     return result;
 }
 
-RunResult recordAndKill(const std::string& path, std::mt19937& random, int batchSize) {
+RunResult recordAndKill(const std::string& path, std::mt19937& random, const Recording& recording) {
     int fds[2];
     EXPECT_EQ(pipe(fds), 0);
     const pid_t child = fork();
     if (child == 0) {
         close(fds[0]);
-        recordUntilKilled(path, fds[1], batchSize);
+        recordUntilKilled(path, fds[1], recording);
     }
     close(fds[1]);
     // The kill is meant for the recording, not the file's creation: wait until
@@ -178,48 +198,90 @@ RunResult recordAndKill(const std::string& path, std::mt19937& random, int batch
     }
     close(fds[0]);
     EXPECT_TRUE(WIFSIGNALED(status)) << "the recorder ended by itself with status " << status;
-    return inspect(path, last + 1);
+    return inspect(path, last + 1, recording.payloadSize);
 }
 
-void killRecordersAndReport(int batchSize) {
-    Marivane::Testing::TempDir dir;
-    std::mt19937 random(20261121 + static_cast<unsigned>(batchSize));
+// Appends one line of figures to the file named by MVLOG_KILL_FIGURES, when
+// set, so that a run can be turned into the README's table.
+void recordFigures(const std::string& line) {
+    if (const char* target = std::getenv("MVLOG_KILL_FIGURES")) {
+        if (std::FILE* file = std::fopen(target, "a")) {
+            std::fputs(line.c_str(), file);
+            std::fclose(file);
+        }
+    }
+}
+
+struct Figures {
     int opened = 0;
     int intact = 0;
     int consistent = 0;
     int64_t acknowledged = 0;
     int64_t lost = 0;
     int64_t worstLoss = 0;
-    for (int run = 0; run < kRuns; ++run) {
-        const RunResult result =
-            recordAndKill(dir.file("run-" + std::to_string(run) + ".mvlog"), random, batchSize);
-        opened += result.opened ? 1 : 0;
-        intact += result.integrityOk ? 1 : 0;
-        consistent += result.entriesConsistent ? 1 : 0;
-        acknowledged += result.acknowledged;
-        lost += result.lost;
-        worstLoss = std::max(worstLoss, result.lost);
+    int runsWithLoss = 0;
+};
+
+Figures killRecordersAndReport(const Recording& recording) {
+    Marivane::Testing::TempDir dir;
+    std::mt19937 random(20261121 + static_cast<unsigned>(recording.batchSize) +
+                        static_cast<unsigned>(recording.payloadSize) +
+                        (recording.durability == Durability::Safe ? 7u : 0u));
+    Figures figures;
+    for (int run = 0; run < recording.runs; ++run) {
+        const RunResult result = recordAndKill(dir.file("run-" + std::to_string(run) + ".mvlog"), random, recording);
+        figures.opened += result.opened ? 1 : 0;
+        figures.intact += result.integrityOk ? 1 : 0;
+        figures.consistent += result.entriesConsistent ? 1 : 0;
+        figures.acknowledged += result.acknowledged;
+        figures.lost += result.lost;
+        figures.worstLoss = std::max(figures.worstLoss, result.lost);
+        figures.runsWithLoss += result.lost > 0 ? 1 : 0;
         if (!result.opened || !result.entriesConsistent) {
             // A damaged file must still say what is wrong.
             EXPECT_FALSE(result.error.empty()) << "run " << run << " was damaged without an error";
         }
+        std::filesystem::remove(dir.file("run-" + std::to_string(run) + ".mvlog"));
     }
-    std::printf(
-        "crash survival (%s): %d runs, %d files opened, %d passed integrity_check, %d read back "
-        "consistently; "
-        "%lld entries acknowledged, %lld lost (at most %lld in one run)\n",
-        batchSize == 0 ? "no batches" : ("batches of " + std::to_string(batchSize)).c_str(), kRuns, opened,
-        intact, consistent, static_cast<long long>(acknowledged), static_cast<long long>(lost),
-        static_cast<long long>(worstLoss));
-    EXPECT_GT(acknowledged, 0);
+    char line[512];
+    std::snprintf(line, sizeof line,
+                  "| %s | %d / %d | %d / %d | %d / %d | %lld | %lld in %d runs (at most %lld) |\n",
+                  recording.describe().c_str(), figures.opened, recording.runs, figures.intact, recording.runs,
+                  figures.consistent, recording.runs, static_cast<long long>(figures.acknowledged),
+                  static_cast<long long>(figures.lost), figures.runsWithLoss,
+                  static_cast<long long>(figures.worstLoss));
+    std::printf("crash survival %s", line);
+    recordFigures(line);
+    EXPECT_GT(figures.acknowledged, 0);
+    return figures;
+}
+
+// What safe mode promises: a killed process loses nothing that was
+// committed, and the file always opens intact.
+void expectNothingLost(const Recording& recording, const Figures& figures) {
+    EXPECT_EQ(figures.opened, recording.runs);
+    EXPECT_EQ(figures.intact, recording.runs);
+    EXPECT_EQ(figures.consistent, recording.runs);
+    EXPECT_EQ(figures.lost, 0);
 }
 
 }  // namespace
 
 TEST(CrashSurvival, KilledRecordersLeaveFilesThatOpenOrAreRefusedClearly) {
-    killRecordersAndReport(0);
+    killRecordersAndReport(Recording{0, 0, Durability::Fast});
 }
 
 TEST(CrashSurvival, KilledBatchedRecordersLeaveFilesThatOpenOrAreRefusedClearly) {
-    killRecordersAndReport(100);
+    killRecordersAndReport(Recording{100, 0, Durability::Fast});
+}
+
+TEST(CrashSurvival, KilledRecordersOfLargeBatchesLeaveFilesThatOpenOrAreRefusedClearly) {
+    killRecordersAndReport(Recording{64, 64 * 1024, Durability::Fast, 20});
+}
+
+TEST(CrashSurvival, SafeFilesLoseNothingCommittedWhenTheRecorderIsKilled) {
+    for (const Recording recording : {Recording{0, 0, Durability::Safe, 20}, Recording{100, 0, Durability::Safe, 20},
+                                      Recording{64, 64 * 1024, Durability::Safe, 20}}) {
+        expectNothingLost(recording, killRecordersAndReport(recording));
+    }
 }
