@@ -22,9 +22,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <optional>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <random>
 #include <string>
 
@@ -45,7 +45,8 @@ struct Recording {
     std::string describe() const {
         std::string text = durability == Durability::Safe ? "safe, " : "fast, ";
         text += batchSize == 0 ? std::string("no batches") : "batches of " + std::to_string(batchSize);
-        text += payloadSize == 0 ? std::string(" x 200 B-2 KiB") : " x " + std::to_string(payloadSize / 1024) + " KiB";
+        text += payloadSize == 0 ? std::string(" x 200 B-2 KiB")
+                                 : " x " + std::to_string(payloadSize / 1024) + " KiB";
         return text;
     }
 };
@@ -229,7 +230,8 @@ Figures killRecordersAndReport(const Recording& recording) {
                         (recording.durability == Durability::Safe ? 7u : 0u));
     Figures figures;
     for (int run = 0; run < recording.runs; ++run) {
-        const RunResult result = recordAndKill(dir.file("run-" + std::to_string(run) + ".mvlog"), random, recording);
+        const RunResult result =
+            recordAndKill(dir.file("run-" + std::to_string(run) + ".mvlog"), random, recording);
         figures.opened += result.opened ? 1 : 0;
         figures.intact += result.integrityOk ? 1 : 0;
         figures.consistent += result.entriesConsistent ? 1 : 0;
@@ -246,10 +248,10 @@ Figures killRecordersAndReport(const Recording& recording) {
     char line[512];
     std::snprintf(line, sizeof line,
                   "| %s | %d / %d | %d / %d | %d / %d | %lld | %lld in %d runs (at most %lld) |\n",
-                  recording.describe().c_str(), figures.opened, recording.runs, figures.intact, recording.runs,
-                  figures.consistent, recording.runs, static_cast<long long>(figures.acknowledged),
-                  static_cast<long long>(figures.lost), figures.runsWithLoss,
-                  static_cast<long long>(figures.worstLoss));
+                  recording.describe().c_str(), figures.opened, recording.runs, figures.intact,
+                  recording.runs, figures.consistent, recording.runs,
+                  static_cast<long long>(figures.acknowledged), static_cast<long long>(figures.lost),
+                  figures.runsWithLoss, static_cast<long long>(figures.worstLoss));
     std::printf("crash survival %s", line);
     recordFigures(line);
     EXPECT_GT(figures.acknowledged, 0);
@@ -280,8 +282,9 @@ TEST(CrashSurvival, KilledRecordersOfLargeBatchesLeaveFilesThatOpenOrAreRefusedC
 }
 
 TEST(CrashSurvival, SafeFilesLoseNothingCommittedWhenTheRecorderIsKilled) {
-    for (const Recording recording : {Recording{0, 0, Durability::Safe, 20}, Recording{100, 0, Durability::Safe, 20},
-                                      Recording{64, 64 * 1024, Durability::Safe, 20}}) {
+    for (const Recording recording :
+         {Recording{0, 0, Durability::Safe, 20}, Recording{100, 0, Durability::Safe, 20},
+          Recording{64, 64 * 1024, Durability::Safe, 20}}) {
         expectNothingLost(recording, killRecordersAndReport(recording));
     }
 }
