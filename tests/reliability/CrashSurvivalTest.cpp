@@ -44,9 +44,19 @@ struct Recording {
 
     std::string describe() const {
         std::string text = durability == Durability::Safe ? "safe, " : "fast, ";
-        text += batchSize == 0 ? std::string("no batches") : "batches of " + std::to_string(batchSize);
-        text += payloadSize == 0 ? std::string(" x 200 B-2 KiB")
-                                 : " x " + std::to_string(payloadSize / 1024) + " KiB";
+        if (batchSize == 0) {
+            text += "no batches";
+        } else {
+            text += "batches of ";
+            text += std::to_string(batchSize);
+        }
+        if (payloadSize == 0) {
+            text += " x 200 B-2 KiB";
+        } else {
+            text += " x ";
+            text += std::to_string(payloadSize / 1024);
+            text += " KiB";
+        }
         return text;
     }
 };
