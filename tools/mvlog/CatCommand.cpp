@@ -15,6 +15,9 @@
 #include <map>
 #include <thread>
 
+#include <poll.h>
+#include <unistd.h>
+
 namespace Mvlog {
 
 using Marivane::Logging::ByteBuffer;
@@ -133,8 +136,15 @@ void printEntry(CatFormat format, const DataEntry& entry, const SourceNames& nam
 
 }  // namespace
 
+// A reader that went away (the other end of a pipe closed) shows on the
+// output before anything is written to it; following ends then.
+bool outputClosed() {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return ::poll(&output, 1, 0) > 0 && (output.revents & (POLLERR | POLLHUP)) != 0;
+}
+
 // Polls for entries committed after `lastSeen`, a bounded number at a time,
-// until interrupted or idle for the options' limit.
+// until interrupted, idle for the options' limit, or the output is closed.
 void followNewEntries(const SqliteLogFile& file, const CatOptions& options, int32_t lastSeen,
                       const SourceNames& names) {
     constexpr auto kPollPeriod = std::chrono::milliseconds(100);
@@ -142,7 +152,7 @@ void followNewEntries(const SqliteLogFile& file, const CatOptions& options, int3
     InterruptGuard interrupts;
     const EntrySelection selection = selectionOf(options);
     auto lastArrival = std::chrono::steady_clock::now();
-    while (!interruptRequested()) {
+    while (!interruptRequested() && !outputClosed()) {
         const std::vector<DataEntry> entries =
             file.readEntries(lastSeen + 1, -1, selection.filter, kEntriesPerRead);
         requireCompleteReads(file);

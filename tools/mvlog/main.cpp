@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <functional>
@@ -265,6 +266,10 @@ int runParsed(const Subcommands& subcommands) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A closed pipe ends the command at once and quietly, as it does for
+    // cat or head, also when the caller (a script, another program) ignored
+    // SIGPIPE: otherwise a looping replay into a closed pipe would never stop.
+    std::signal(SIGPIPE, SIG_DFL);
     CLI::App app("Inspect, extract, derive, check and replay marivane log files", "mvlog");
     app.set_version_flag("--version",
                          fmt::format("mvlog {} (libmarivane-logging {})", kToolVersion, kToolVersion));
