@@ -15,9 +15,9 @@ using Marivane::Logging::SqliteLogFile;
 namespace {
 
 std::string bookmarkLine(const Bookmark& bookmark) {
-    std::string line = fmt::format("entry {}: \"{}\"", bookmark.entryId, bookmark.title);
+    std::string line = fmt::format("entry {}: \"{}\"", bookmark.entryId, printable(bookmark.title));
     if (!bookmark.comments.empty()) {
-        line += fmt::format(" - {}", bookmark.comments);
+        line += fmt::format(" - {}", printable(bookmark.comments));
     }
     if (!bookmark.payload.empty()) {
         line += fmt::format(" [payload {}]", humanSize(bookmark.payload.size()));

@@ -79,7 +79,7 @@ std::string base64(const ByteBuffer& bytes) {
 std::string entryHeadline(const DataEntry& entry, const SourceNames& names) {
     return fmt::format("#{}  {}  source {} \"{}\"  type {}  {} B", entry.entryId,
                        isoTimestamp(entry.timestamp), entry.dataSourceId,
-                       sourceName(names, entry.dataSourceId), entry.type, entry.data.size());
+                       printable(sourceName(names, entry.dataSourceId)), entry.type, entry.data.size());
 }
 
 void printText(const DataEntry& entry, const SourceNames& names) {
@@ -95,7 +95,7 @@ void printJson(const DataEntry& entry, const SourceNames& names) {
                                          {"type", entry.type},
                                          {"size", entry.data.size()},
                                          {"data", base64(entry.data)}};
-    fmt::print("{}\n", line.dump());
+    fmt::print("{}\n", dumpJson(line));
 }
 
 char printableOrDot(std::byte value) {

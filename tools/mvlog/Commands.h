@@ -43,6 +43,8 @@ struct ExportOptions {
     std::optional<std::string> resource;
     bool thumbnail = false;
     std::string output;
+    // Replace an existing output file (never the log file itself).
+    bool force = false;
 };
 int runExport(const ExportOptions& options);
 

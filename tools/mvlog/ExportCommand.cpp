@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -74,6 +75,19 @@ void writeToStandardOutput(const ByteBuffer& bytes) {
     }
 }
 
+// Never over the log file being read (whatever name reaches it), and over
+// any other existing file only when asked.
+void refuseUnsafeOutput(const ExportOptions& options) {
+    std::error_code error;
+    if (std::filesystem::equivalent(options.output, options.file, error)) {
+        throw ToolError(fmt::format("refused: {} is the log file being read", options.output));
+    }
+    if (!options.force && somethingExistsAt(options.output)) {
+        throw ToolError(
+            fmt::format("refused: {} already exists (use --force to replace it)", options.output));
+    }
+}
+
 void writeToFile(const std::string& path, const ByteBuffer& bytes) {
     std::ofstream stream(path, std::ios::binary | std::ios::trunc);
     stream.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
@@ -87,6 +101,9 @@ void writeToFile(const std::string& path, const ByteBuffer& bytes) {
 
 int runExport(const ExportOptions& options) {
     const auto file = openExistingLogFile(options.file);
+    if (options.output != kStandardOutput) {
+        refuseUnsafeOutput(options);
+    }
     const ByteBuffer bytes = selectedBytes(*file, options);
     requireCompleteReads(*file);
     if (options.output == kStandardOutput) {

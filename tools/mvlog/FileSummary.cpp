@@ -120,7 +120,7 @@ void appendHeader(std::string& text, const FileSummary& summary) {
     auto line = [&](const char* label, const std::string& value) {
         text += fmt::format("{:<19}{}\n", label, value);
     };
-    line("File", summary.path.string());
+    line("File", printable(summary.path.string()));
     line("Size on disk", sizeText(summary.sizeOnDisk));
     line("Format version", summary.formatVersion ? std::to_string(*summary.formatVersion) : "(missing)");
     line("Compression level",
@@ -131,16 +131,16 @@ void appendHeader(std::string& text, const FileSummary& summary) {
     }
     line("Created", summary.createdDateTime
                         ? fmt::format("{} (stored time zone \"{}\")", isoTimestamp(*summary.createdDateTime),
-                                      orUnknown(summary.timeZone))
+                                      printable(orUnknown(summary.timeZone)))
                         : "(missing)");
-    line("Application",
-         fmt::format("{} {}", orUnknown(summary.applicationName), orUnknown(summary.applicationVersion)));
+    line("Application", fmt::format("{} {}", printable(orUnknown(summary.applicationName)),
+                                    printable(orUnknown(summary.applicationVersion))));
     // Derived files record only what changed: a name, a version, or both.
     if (summary.oldApplicationName || summary.oldApplicationVersion) {
         line("Earlier producer",
-             fmt::format(
-                 "{}{}", summary.oldApplicationName.value_or("(same name)"),
-                 summary.oldApplicationVersion ? " " + *summary.oldApplicationVersion : " (same version)"));
+             fmt::format("{} {}", printable(summary.oldApplicationName.value_or("(same name)")),
+                         summary.oldApplicationVersion ? printable(*summary.oldApplicationVersion)
+                                                       : "(same version)"));
     }
     line("Entries", summary.entryCount == 0 ? "0"
                                             : fmt::format("{} (ids {} to {})", summary.entryCount,
@@ -156,7 +156,7 @@ void appendHeader(std::string& text, const FileSummary& summary) {
 void appendMetadata(std::string& text, const FileSummary& summary) {
     text += fmt::format("\nMetadata ({})\n", summary.metadata.size());
     for (const LogMetadataEntry& entry : summary.metadata) {
-        text += fmt::format("  {:<22} {} ({})\n", entry.key, propertyValueText(entry.value),
+        text += fmt::format("  {:<22} {} ({})\n", printable(entry.key), propertyValueText(entry.value),
                             propertyTypeName(entry.value));
     }
 }
@@ -165,10 +165,10 @@ void appendSources(std::string& text, const FileSummary& summary) {
     text += fmt::format("\nData sources ({})\n", summary.sources.size());
     for (const SourceSummary& source : summary.sources) {
         text += fmt::format("  [{}] {} \"{}\": {} entries, {} payload, {}\n", source.source.id,
-                            dataSourceTypeName(source.source.type), source.source.name, source.entryCount,
-                            humanSize(source.payloadBytes), rateText(source));
+                            dataSourceTypeName(source.source.type), printable(source.source.name),
+                            source.entryCount, humanSize(source.payloadBytes), rateText(source));
         for (const DataSourceProperty& property : source.properties) {
-            text += fmt::format("      {} = {} ({})\n", property.propertyName,
+            text += fmt::format("      {} = {} ({})\n", printable(property.propertyName),
                                 propertyValueText(property.value), propertyTypeName(property.value));
         }
     }
@@ -184,7 +184,7 @@ void appendEntryTypes(std::string& text, const FileSummary& summary) {
 void appendResources(std::string& text, const FileSummary& summary) {
     text += fmt::format("\nResources ({})\n", summary.resources.size());
     for (const ResourceSummary& resource : summary.resources) {
-        text += fmt::format("  {}: {}\n", resource.name, sizeText(resource.size));
+        text += fmt::format("  {}: {}\n", printable(resource.name), sizeText(resource.size));
     }
     if (summary.resourceError) {
         text += fmt::format("  cannot be read: {}\n", *summary.resourceError);
@@ -194,9 +194,9 @@ void appendResources(std::string& text, const FileSummary& summary) {
 void appendBookmarks(std::string& text, const FileSummary& summary) {
     text += fmt::format("\nBookmarks ({})\n", summary.bookmarks.size());
     for (const Bookmark& bookmark : summary.bookmarks) {
-        text += fmt::format("  entry {}: \"{}\"", bookmark.entryId, bookmark.title);
+        text += fmt::format("  entry {}: \"{}\"", bookmark.entryId, printable(bookmark.title));
         if (!bookmark.comments.empty()) {
-            text += fmt::format(" - {}", bookmark.comments);
+            text += fmt::format(" - {}", printable(bookmark.comments));
         }
         if (!bookmark.payload.empty()) {
             text += fmt::format(" [payload {}]", humanSize(bookmark.payload.size()));

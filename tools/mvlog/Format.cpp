@@ -136,9 +136,116 @@ std::optional<MV_LogDataSourceType> parseDataSourceType(const std::string& text)
     return static_cast<MV_LogDataSourceType>(number);
 }
 
+namespace {
+
+// Length of the valid UTF-8 sequence starting at `at`, or 0 when the byte
+// there does not start one.
+std::size_t utf8SequenceLength(std::string_view text, std::size_t at) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(at);
+    std::size_t length = 0;
+    unsigned minimum = 0;
+    if (lead < 0x80) {
+        return 1;
+    } else if ((lead & 0xE0) == 0xC0) {
+        length = 2;
+        minimum = 0x80;
+    } else if ((lead & 0xF0) == 0xE0) {
+        length = 3;
+        minimum = 0x800;
+    } else if ((lead & 0xF8) == 0xF0) {
+        length = 4;
+        minimum = 0x10000;
+    } else {
+        return 0;
+    }
+    if (at + length > text.size()) {
+        return 0;
+    }
+    unsigned codePoint = lead & (0x7F >> length);
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(at + i) & 0xC0) != 0x80) {
+            return 0;
+        }
+        codePoint = (codePoint << 6) | (byte(at + i) & 0x3F);
+    }
+    const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
+    return codePoint < minimum || codePoint > 0x10FFFF || surrogate ? 0 : length;
+}
+
+void escapeStrings(nlohmann::ordered_json& value) {
+    if (value.is_string()) {
+        value = utf8Escaped(value.get_ref<const std::string&>());
+    } else if (value.is_array()) {
+        for (auto& element : value) {
+            escapeStrings(element);
+        }
+    } else if (value.is_object()) {
+        nlohmann::ordered_json escaped = nlohmann::ordered_json::object();
+        for (auto& [key, element] : value.items()) {
+            escapeStrings(element);
+            escaped[utf8Escaped(key)] = std::move(element);
+        }
+        value = std::move(escaped);
+    }
+}
+
+}  // namespace
+
+std::string utf8Escaped(std::string_view text) {
+    std::string result;
+    result.reserve(text.size());
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t length = utf8SequenceLength(text, at);
+        if (length == 0) {
+            result += fmt::format("\\x{:02x}", static_cast<unsigned char>(text[at]));
+            ++at;
+            continue;
+        }
+        result.append(text.substr(at, length));
+        at += length;
+    }
+    return result;
+}
+
+std::string dumpJson(const nlohmann::ordered_json& document, int indent) {
+    nlohmann::ordered_json escaped = document;
+    escapeStrings(escaped);
+    return escaped.dump(indent);
+}
+
+std::string printable(std::string_view text) {
+    std::string result;
+    result.reserve(text.size());
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        switch (character) {
+            case '\n':
+                result += "\\n";
+                break;
+            case '\t':
+                result += "\\t";
+                break;
+            case '\r':
+                result += "\\r";
+                break;
+            case '\\':
+                result += "\\\\";
+                break;
+            default:
+                if (byte < 0x20 || byte == 0x7f) {
+                    result += fmt::format("\\x{:02x}", byte);
+                } else {
+                    result += character;
+                }
+        }
+    }
+    return result;
+}
+
 std::string propertyValueText(const Marivane::Logging::PropertyValue& value) {
     if (const auto* text = std::get_if<std::string>(&value)) {
-        return fmt::format("\"{}\"", *text);
+        return fmt::format("\"{}\"", printable(*text));
     }
     if (const auto* real = std::get_if<double>(&value)) {
         return fmt::format("{}", *real);

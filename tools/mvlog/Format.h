@@ -4,8 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
+
 #include <string>
+#include <string_view>
 
 namespace Mvlog {
 
@@ -31,6 +34,20 @@ std::string dataSourceTypeName(MV_LogDataSourceType type);
 std::optional<MV_LogDataSourceType> parseDataSourceType(const std::string& text);
 
 // 42, 2.5, "text" (texts quoted so that they stand out from numbers).
+// Text from a file (names, keys, titles, values) made safe for a terminal:
+// control characters and DEL become escapes (\n, \t, \x1b, ...), and so does
+// a backslash, so nothing in a file can move the cursor or change colours.
+std::string printable(std::string_view text);
+
+// Text for a JSON document: valid UTF-8 stays as it is; every byte that is
+// not part of a valid UTF-8 sequence becomes the four characters \xNN (and a
+// backslash before x... is kept as it is), so that a name the library stored
+// byte for byte still prints instead of failing the whole document.
+std::string utf8Escaped(std::string_view text);
+
+// Dumps `document` with every string and key passed through utf8Escaped.
+std::string dumpJson(const nlohmann::ordered_json& document, int indent = -1);
+
 std::string propertyValueText(const Marivane::Logging::PropertyValue& value);
 
 // "int32", "int64", "double" or "text".

@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "FileSummary.h"
+#include "Format.h"
 #include "LogFileAccess.h"
 
 #include <fmt/format.h>
@@ -11,7 +12,7 @@ int runInfo(const InfoOptions& options) {
     const FileSummary summary = summarizeLogFile(*file);
     requireCompleteReads(*file);
     if (options.json) {
-        fmt::print("{}\n", summaryJson(summary).dump(2));
+        fmt::print("{}\n", dumpJson(summaryJson(summary), 2));
     } else {
         fmt::print("{}", summaryText(summary));
     }

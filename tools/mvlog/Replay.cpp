@@ -251,7 +251,7 @@ private:
 std::map<int8_t, std::string> sourceNamesOf(const LogFileInterface& file) {
     std::map<int8_t, std::string> names;
     for (const DataSource& source : file.getDataSources()) {
-        names[source.id] = source.name;
+        names[source.id] = printable(source.name);
     }
     return names;
 }

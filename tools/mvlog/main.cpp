@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -21,6 +22,20 @@ using namespace Mvlog;
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
+
+// Rejects nan and the infinities, which a floating-point option would
+// otherwise take for a number.
+const CLI::Validator kFiniteNumber(
+    [](std::string& text) -> std::string {
+        try {
+            std::size_t used = 0;
+            const double value = std::stod(text, &used);
+            return used == text.size() && std::isfinite(value) ? std::string() : "not a finite number";
+        } catch (const std::exception&) {
+            return "not a number";
+        }
+    },
+    "NUMBER");
 
 // Accepts the data-source type names mvlog prints, or any 32-bit number.
 const CLI::Validator kDataSourceTypeValidator(
@@ -89,7 +104,7 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
         "read while it is written); Ctrl-C ends");
     cat->add_option("--idle", options->idleSeconds,
                     "With --follow: end after this many seconds without a new entry (default: never)")
-        ->check(CLI::NonNegativeNumber)
+        ->check(kFiniteNumber & CLI::NonNegativeNumber)
         ->needs(follow);
     subcommands.add(cat, [options, sourceTypeNames, format] {
         options->sourceTypes = dataSourceTypes(*sourceTypeNames);
@@ -110,7 +125,11 @@ void addExport(CLI::App& app, Subcommands& subcommands) {
     what->add_option("--resource", options->resource, "Resource with this name");
     what->add_flag("--thumbnail", options->thumbnail, "The file's thumbnail");
     what->require_option(1);
-    exporter->add_option("-o,--output", options->output, "Output file ('-' for standard output)")->required();
+    exporter
+        ->add_option("-o,--output", options->output, "Output file ('-' for standard output; must not exist)")
+        ->required();
+    exporter->add_flag("--force", options->force,
+                       "Replace an existing output file (never the log file itself)");
     subcommands.add(exporter, [options] { return runExport(*options); });
 }
 
@@ -185,7 +204,8 @@ void addPlay(CLI::App& app, Subcommands& subcommands) {
     auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
     CLI::App* play = app.add_subcommand("play", "Replay entries at their recorded pace");
     play->add_option("FILE", options->file, "Log file")->required();
-    play->add_option("--speed", options->speed, "Speed multiplier (default 1)")->check(CLI::PositiveNumber);
+    play->add_option("--speed", options->speed, "Speed multiplier (default 1)")
+        ->check(kFiniteNumber & CLI::PositiveNumber);
     play->add_flag("--loop", options->loop, "Start again after the last frame (Ctrl-C stops)");
     addRepeatable(*play, "--source-type", *sourceTypeNames,
                   "Play only data sources of this type (repeatable; default: all)")
