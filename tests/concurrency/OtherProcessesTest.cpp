@@ -18,8 +18,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <optional>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -145,7 +145,8 @@ struct ReaderTally {
 void lookOnce(const std::string& path, bool readOnly, ReaderTally& tally) {
     std::optional<SqliteLogFile> file;
     try {
-        file.emplace(readOnly ? SqliteLogFile::openReadOnly(path) : SqliteLogFile(std::filesystem::path(path)));
+        file.emplace(readOnly ? SqliteLogFile::openReadOnly(path)
+                              : SqliteLogFile(std::filesystem::path(path)));
     } catch (const DatabaseBusy& error) {
         ++tally.busyOpens;
         EXPECT_NE(std::string(error.what()).find("is busy"), std::string::npos) << error.what();
@@ -155,8 +156,8 @@ void lookOnce(const std::string& path, bool readOnly, ReaderTally& tally) {
     const uint64_t failuresBefore = file->getFailureCount();
     const std::vector<Bookmark> bookmarks = file->getBookmarks();
     const std::vector<int32_t> ids = file->getEntryIndex(EntryIndexFilter{});
-    const std::vector<DataEntry> last = file->readEntries(std::max(1, static_cast<int>(ids.size()) - 20), -1,
-                                                          EntryIndexFilter{}, -1);
+    const std::vector<DataEntry> last =
+        file->readEntries(std::max(1, static_cast<int>(ids.size()) - 20), -1, EntryIndexFilter{}, -1);
     const std::optional<DataEntry> fifth = file->readEntry(5);
     if (file->getFailureCount() != failuresBefore) {
         ++tally.reportedFailures;

@@ -28,7 +28,8 @@ TEST_F(ExportTest, EntryPayloadIsWrittenByteForByte) {
 TEST_F(ExportTest, ResourceAndThumbnailAreWrittenByteForByte) {
     ASSERT_EQ(runMvlog({"export", path, "--resource", "notes.txt", "-o", output}).exitCode, 0);
     EXPECT_EQ(readFileText(output), "hello");
-    ASSERT_EQ(runMvlog({"export", path, "--thumbnail", "--output", output}).exitCode, 0);
+    // The second export replaces the first file, which takes --force.
+    ASSERT_EQ(runMvlog({"export", path, "--thumbnail", "--output", output, "--force"}).exitCode, 0);
     EXPECT_EQ(readFileText(output), "0123456789");
 }
 
