@@ -3,6 +3,7 @@
 #include <core/CoreExport.h>
 
 #include <cstddef>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -33,5 +34,25 @@ MV_CORE_EXPORT ByteBuffer compress(const ByteBuffer& data, int level);
 // Throws CompressionError on corrupt or truncated input; never returns partial
 // data. Thread-safe: each thread reuses its own codec context.
 MV_CORE_EXPORT ByteBuffer uncompress(const ByteBuffer& data);
+
+// As `uncompress`, for `size` bytes at `data`, into `output`, whose capacity
+// is reused: a reader expanding many payloads allocates only when one is
+// larger than every earlier one. On failure `output` is left empty.
+MV_CORE_EXPORT void uncompressInto(const std::byte* data, std::size_t size, ByteBuffer& output);
+
+// Receives consecutive pieces of an expansion; returns false to stop it.
+using PieceHandler = std::function<bool(const std::byte* piece, std::size_t size)>;
+
+// Expands the frames at `data` piece by piece (each piece at most 128 KiB,
+// the same buffer each time): memory stays flat whatever size the frames
+// declare. Returns the number of bytes handed out (all of them unless the
+// handler stopped early). Throws CompressionError on corrupt or truncated
+// input, after handing out the pieces that preceded the damage.
+MV_CORE_EXPORT std::size_t uncompressInPieces(const std::byte* data, std::size_t size,
+                                             const PieceHandler& onPiece);
+
+// True when `data` starts with a frame of the codec (the 4-byte magic of a
+// data frame or of a skippable frame): what a compressed payload looks like.
+MV_CORE_EXPORT bool startsWithFrame(const std::byte* data, std::size_t size);
 
 }  // namespace Marivane::Compression

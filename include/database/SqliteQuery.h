@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -78,6 +79,16 @@ public:
     // The current row's value of column `column` (from 0) in its stored type;
     // absent for NULL or when no row is available.
     ColumnValue getValueFromColumn(int column) const;
+
+    // The current row's blob or text bytes in column `column`, borrowed from
+    // the statement rather than copied: valid until the next step, reset or
+    // destruction of the query. Absent for NULL, for a number, or when no row
+    // is available.
+    struct BorrowedBytes {
+        const std::byte* data;
+        std::size_t size;
+    };
+    std::optional<BorrowedBytes> borrowBytesFromColumn(int column) const;
 
 private:
     MV_DATABASE_HIDDEN int parameterIndex(const std::string& name) const;

@@ -180,6 +180,49 @@ MV_LOGGING_EXPORT bool MV_LogFile_GetAllMetadata(MV_LogFile_p file, MV_LogMetada
 MV_LOGGING_EXPORT bool MV_LogFile_GetAllResources(MV_LogFile_p file, MV_LogResourceCallback callback,
                                                   void* userData);
 
+/* ---- Streaming reads and time ------------------------------------------- */
+/* Beyond the calls above: reads for files of any length, in memory that does
+ * not grow with the file. None of these lets an exception escape. */
+
+/* One entry handed to a visitor. Borrowed: `data` is valid only during the
+ * callback; copy the bytes to keep them. */
+typedef struct MV_LogEntryView {
+    int32_t entryId;
+    int8_t dataSourceId;
+    int32_t type;
+    int64_t timestamp;
+    const uint8_t* data; /* valid only during the callback */
+    size_t size;
+} MV_LogEntryView;
+/* Return false to stop the visit. */
+typedef bool (*MV_LogEntryViewCallback)(void* userData, const MV_LogEntryView* entry);
+/* Ids: -1 is the first/last entry. Timestamps: inclusive; INT64_MIN/INT64_MAX for no bound.
+   filter may be NULL. False, with an error naming the entry id, on a database or
+   decompression failure; true when the visit ended or the visitor stopped it.
+   Never lets an exception escape. */
+MV_LOGGING_EXPORT bool MV_LogFile_VisitEntries(MV_LogFile_p file, int32_t minimumEntryId,
+                                               int32_t maximumEntryId, int64_t startTimestamp,
+                                               int64_t endTimestamp, MV_LogEntryIndexFilter_p filter,
+                                               MV_LogEntryViewCallback callback, void* userData,
+                                               MV_LogError_p* error);
+/* The first and last timestamp of the entries that pass filter (NULL: all).
+ * True with *found false when no entry passes; false with an error when the
+ * read fails. */
+MV_LOGGING_EXPORT bool MV_LogFile_GetTimeRange(MV_LogFile_p file, MV_LogEntryIndexFilter_p filter,
+                                               int64_t* firstTimestamp, int64_t* lastTimestamp, bool* found,
+                                               MV_LogError_p* error);
+/* The entry with the earliest timestamp at or after `timestamp` (lowest id
+ * among equal timestamps) that passes filter (NULL: all). True with *found
+ * false when there is none; false with an error when the read fails. */
+MV_LOGGING_EXPORT bool MV_LogFile_FindEntryAtOrAfter(MV_LogFile_p file, int64_t timestamp,
+                                                     MV_LogEntryIndexFilter_p filter, int32_t* entryId,
+                                                     bool* found, MV_LogError_p* error);
+/* Builds the index on entry timestamps that time-based reads use when it is
+ * there. Idempotent. Fails on a read-only handle. */
+MV_LOGGING_EXPORT bool MV_LogFile_CreateTimeIndex(MV_LogFile_p file, MV_LogError_p* error);
+/* *present tells whether the file holds the time index. */
+MV_LOGGING_EXPORT bool MV_LogFile_HasTimeIndex(MV_LogFile_p file, bool* present, MV_LogError_p* error);
+
 /* ---- Value handles ------------------------------------------------------ */
 
 MV_LOGGING_EXPORT MV_LogBookmark_p MV_LogBookmark_Create(int32_t entryId, const char* title,

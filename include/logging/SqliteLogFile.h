@@ -1,13 +1,21 @@
 #pragma once
 
 #include <logging/Durability.h>
+#include <logging/EntryIndexFilter.h>
+#include <logging/EntryRange.h>
+#include <logging/EntrySummary.h>
+#include <logging/EntryView.h>
 #include <logging/FailureKind.h>
 #include <logging/LogFileInterface.h>
 #include <logging/LoggingExport.h>
+#include <logging/TimeRange.h>
+#include <logging/VisitOptions.h>
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace Marivane::Logging {
@@ -119,6 +127,53 @@ public:
     std::string getLastFailure() const;
     // The kind of the most recent counted failure; None before the first.
     FailureKind getLastFailureKind() const;
+
+    // ---- streaming reads and time -------------------------------------
+    // Beyond the log-file interface: reads for files of any length, in memory
+    // that does not grow with the file. Each counts its failures like every
+    // other read (getFailureCount, getLastFailure).
+
+    // Receives each entry of a streaming read; returns false to stop it.
+    using EntryVisitor = std::function<bool(const EntryView& entry)>;
+    using SummaryVisitor = std::function<bool(const EntrySummary& entry)>;
+
+    // Hands every entry that lies in `range` and passes `filter` to `visitor`,
+    // in ascending id order, as a borrowed view (valid during the call only).
+    // No count pass, no copy per entry: payloads are expanded into one reused
+    // buffer, or passed straight from the database when the file does not
+    // compress. Returns true when every entry was visited or the visitor
+    // stopped the read; false after a database failure or an entry that
+    // cannot be handed out and that options.onDamagedEntry did not skip (the
+    // last failure names the file and the entry). An exception thrown by the
+    // visitor ends the read and reaches the caller.
+    bool visitEntries(const EntryRange& range, const EntryIndexFilter& filter, const EntryVisitor& visitor,
+                      const VisitOptions& options = VisitOptions()) const;
+    // As visitEntries, without reading any payload: the ids, data sources,
+    // types, timestamps and stored sizes of the matching entries.
+    bool visitEntrySummaries(const EntryRange& range, const EntryIndexFilter& filter,
+                             const SummaryVisitor& visitor) const;
+
+    // The first and the last timestamp of the entries that pass `filter`;
+    // absent when none does, or when the read fails (the failure count
+    // grows). Fast with the time index and no filter; a scan otherwise.
+    std::optional<TimeRange> getTimeRange(const EntryIndexFilter& filter = EntryIndexFilter()) const;
+    // The entry with the earliest timestamp at or after `timestamp` (the
+    // lowest id among equal timestamps) that passes `filter`; absent when
+    // there is none or the read fails. Fast with the time index.
+    std::optional<int32_t> findEntryAtOrAfter(int64_t timestamp,
+                                              const EntryIndexFilter& filter = EntryIndexFilter()) const;
+    // Whether entry `entryId` exists, without reading its payload.
+    bool hasEntry(int32_t entryId) const;
+    // The timestamp of entry `entryId`, without reading its payload; absent
+    // when there is no such entry or the read fails.
+    std::optional<int64_t> getEntryTimestamp(int32_t entryId) const;
+
+    // Builds the index on entry timestamps that makes time-based reads answer
+    // without scanning the file. Idempotent; false (with getLastError) on a
+    // read-only file or a failure. Files get it only when asked: it costs
+    // write throughput while recording and some space.
+    bool createTimeIndex();
+    bool hasTimeIndex() const;
 
     // Resource payloads may be compressed (format version above 2).
     bool isResourceCompressionSupported() const;

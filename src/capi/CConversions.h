@@ -49,4 +49,20 @@ MV_LogFile_p returnFileOrError(MakeFile makeFile, MV_LogError_p* error) {
     return nullptr;
 }
 
+// Runs `work` (which answers success); an exception becomes an error object
+// holding its what() text, or "Unknown internal error", and false. Every C
+// call added beside the original family goes through here, so that no
+// exception escapes it.
+template <typename Work>
+bool reportingFailures(MV_LogError_p* error, Work work) {
+    try {
+        return work();
+    } catch (const std::exception& exception) {
+        storeError(error, exception.what());
+    } catch (...) {
+        storeError(error, "Unknown internal error");
+    }
+    return false;
+}
+
 }  // namespace Marivane::Logging::CApi

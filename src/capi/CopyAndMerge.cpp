@@ -8,22 +8,10 @@
 #include <vector>
 
 using namespace Marivane::Logging;
+using Marivane::Logging::CApi::reportingFailures;
 using Marivane::Logging::CApi::storeError;
 
 namespace {
-
-// Every call here reports what it catches instead of letting it escape.
-template <typename Work>
-bool reportingFailures(MV_LogError_p* error, Work work) {
-    try {
-        return work();
-    } catch (const std::exception& exception) {
-        storeError(error, exception.what());
-    } catch (...) {
-        storeError(error, "Unknown internal error");
-    }
-    return false;
-}
 
 const CopyOptions& optionsOrDefaults(MV_LogCopyOptions_p options) {
     static const CopyOptions defaults;

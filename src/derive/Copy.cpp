@@ -264,7 +264,7 @@ CopyReport copy(const std::filesystem::path& source, const std::filesystem::path
         if (bounds) {
             const uint64_t total = entryCountOf(input);
             const int8_t inputLevel = StoreAccess::of(input).compressionLevel;
-            StoredRows rows(input, selectionFor(options, *bounds), RowOrder::ById);
+            StoredRows rows(input, selectionFor(options, *bounds), CursorOrder::ById);
             while (const StoredRow* row = rows.next()) {
                 const int32_t newId = writer.writeEntry(*row, inputLevel, row->dataSourceId, report);
                 bookmarks.entryCopied(row->entryId, newId);
@@ -428,7 +428,7 @@ CopyReport merge(const std::vector<std::filesystem::path>& inputPaths, const std
             }
             total += entryCountOf(input.file);
             input.rows = std::make_unique<StoredRows>(input.file, selectionFor(options, *input.bounds),
-                                                      RowOrder::ByTimestamp);
+                                                      CursorOrder::ByTimestamp);
             if (const StoredRow* row = input.rows->next()) {
                 heads.push(Head{row->timestamp, i});
             }

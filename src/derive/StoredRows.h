@@ -4,7 +4,7 @@
 #include <logging/EntryIndexFilter.h>
 #include <logging/SqliteLogFile.h>
 
-#include <database/SqliteQuery.h>
+#include "cursor/EntryCursor.h"
 
 #include <cstdint>
 #include <string>
@@ -30,25 +30,23 @@ struct RowSelection {
     EntryIndexFilter filter;
 };
 
-enum class RowOrder { ById, ByTimestamp };
-
-// The selected rows of a file, one at a time, in one statement: memory holds
-// one row whatever the size of the file. Joins the data sources only when
-// the filter asks for data-source types. The file must outlive the rows.
+// The selected rows of a file, one at a time, through the file's entry
+// cursor: memory holds one row whatever the size of the file. The file must
+// outlive the rows.
 class StoredRows {
 public:
-    StoredRows(const SqliteLogFile& file, RowSelection selection, RowOrder order);
+    StoredRows(const SqliteLogFile& file, const RowSelection& selection, CursorOrder order);
 
-    // The next row, or null after the last. A failing read throws
-    // std::runtime_error naming the file and the last row read: a failure is
-    // never taken for the end.
+    // The next row, or null after the last. A failing read, or a row whose
+    // stored values do not fit the record types, throws std::runtime_error
+    // naming the file and the row: a failure is never taken for the end, and
+    // nothing is narrowed into a wrong copy.
     const StoredRow* next();
     const StoredRow* current() const { return &row_; }
 
 private:
     const SqliteLogFile& file_;
-    RowSelection selection_;
-    Database::SqliteQuery query_;
+    EntryCursor cursor_;
     StoredRow row_;
 };
 

@@ -458,6 +458,13 @@ void SqliteLogFilePrivate::recordFailure(const char* operation, const Database::
     }
 }
 
+void SqliteLogFilePrivate::recordFailureMessage(FailureKind kind, std::string message) const {
+    std::lock_guard lock(failureMutex_);
+    ++failureCount_;
+    lastFailureKind_ = kind;
+    lastFailure_ = std::move(message);
+}
+
 bool SqliteLogFilePrivate::checkFinished(const SqliteQuery& query, const char* operation) const {
     const Database::Status status = query.status();
     if (status.ok()) {

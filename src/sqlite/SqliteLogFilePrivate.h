@@ -123,6 +123,9 @@ public:
     // so that a read that could not wait long enough never passes for one
     // that found nothing.
     void recordFailure(const char* operation, const Database::Status& status) const;
+    // Records a failure that is not the database's (an entry that cannot be
+    // handed out) with its complete message.
+    void recordFailureMessage(FailureKind kind, std::string message) const;
     // Records the failure of `query`'s last step, if it failed; true when it
     // did not.
     bool checkFinished(const Database::SqliteQuery& query, const char* operation) const;

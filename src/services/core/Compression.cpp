@@ -2,6 +2,7 @@
 
 #include <zstd.h>
 
+#include <cstdint>
 #include <limits>
 #include <memory>
 
@@ -49,42 +50,61 @@ unsigned long long largestPossibleContent(std::size_t compressedSize) {
     throw CompressionError("Cannot uncompress data: " + what);
 }
 
-ByteBuffer uncompressKnownSize(const ByteBuffer& data, std::size_t contentSize) {
-    ByteBuffer output(contentSize);
+void uncompressKnownSize(const std::byte* data, std::size_t size, std::size_t contentSize,
+                         ByteBuffer& output) {
+    output.resize(contentSize);
     ZSTD_DCtx* context = threadDecompressionContext();
     ZSTD_DCtx_reset(context, ZSTD_reset_session_only);
-    const std::size_t written =
-        ZSTD_decompressDCtx(context, output.data(), output.size(), data.data(), data.size());
+    const std::size_t written = ZSTD_decompressDCtx(context, output.data(), output.size(), data, size);
     if (ZSTD_isError(written)) {
         throwUncompressError(ZSTD_getErrorName(written));
     }
     if (written != contentSize) {
         throwUncompressError("the frame is shorter than its declared size");
     }
-    return output;
 }
 
-ByteBuffer uncompressStreaming(const ByteBuffer& data) {
+// Expands as a stream, handing each filled piece of `piece` to `onPiece`.
+std::size_t streamPieces(const std::byte* data, std::size_t size, std::byte* piece, std::size_t pieceSize,
+                         const std::function<bool(std::size_t)>& onPiece) {
     ZSTD_DCtx* context = threadDecompressionContext();
     ZSTD_DCtx_reset(context, ZSTD_reset_session_only);
-    ByteBuffer output;
-    const std::size_t chunk = ZSTD_DStreamOutSize();
-    ZSTD_inBuffer input{data.data(), data.size(), 0};
+    ZSTD_inBuffer input{data, size, 0};
+    std::size_t total = 0;
     std::size_t remaining = 1;
     while (input.pos < input.size || remaining != 0) {
-        const std::size_t used = output.size();
-        output.resize(used + chunk);
-        ZSTD_outBuffer out{output.data() + used, chunk, 0};
+        ZSTD_outBuffer out{piece, pieceSize, 0};
         remaining = ZSTD_decompressStream(context, &out, &input);
-        output.resize(used + out.pos);
         if (ZSTD_isError(remaining)) {
             throwUncompressError(ZSTD_getErrorName(remaining));
+        }
+        if (out.pos > 0) {
+            total += out.pos;
+            if (!onPiece(out.pos)) {
+                return total;
+            }
         }
         if (input.pos == input.size && remaining != 0 && out.pos == 0) {
             throwUncompressError("the data is truncated");
         }
     }
-    return output;
+    return total;
+}
+
+void uncompressStreaming(const std::byte* data, std::size_t size, ByteBuffer& output) {
+    output.clear();
+    const std::size_t chunk = ZSTD_DStreamOutSize();
+    ByteBuffer piece(chunk);
+    streamPieces(data, size, piece.data(), piece.size(), [&](std::size_t filled) {
+        output.insert(output.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(filled));
+        return true;
+    });
+}
+
+void checkNotEmpty(std::size_t size) {
+    if (size == 0) {
+        throwUncompressError("the data is empty");
+    }
 }
 
 }  // namespace
@@ -110,24 +130,53 @@ ByteBuffer compress(const ByteBuffer& data, int level) {
 }
 
 ByteBuffer uncompress(const ByteBuffer& data) {
-    if (data.empty()) {
-        throwUncompressError("the data is empty");
+    ByteBuffer output;
+    uncompressInto(data.data(), data.size(), output);
+    return output;
+}
+
+void uncompressInto(const std::byte* data, std::size_t size, ByteBuffer& output) {
+    try {
+        checkNotEmpty(size);
+        const unsigned long long contentSize = ZSTD_getFrameContentSize(data, size);
+        if (contentSize == ZSTD_CONTENTSIZE_ERROR) {
+            throwUncompressError("the data is not a valid compressed frame or is truncated");
+        }
+        // Only a single frame whose header states its size takes the one-shot
+        // path; concatenated frames and frames without a size expand as a stream.
+        const std::size_t firstFrameSize = ZSTD_findFrameCompressedSize(data, size);
+        const bool singleFrame = !ZSTD_isError(firstFrameSize) && firstFrameSize == size;
+        if (contentSize != ZSTD_CONTENTSIZE_UNKNOWN && contentSize > largestPossibleContent(size)) {
+            throwUncompressError("the frame declares more data than it can hold");
+        }
+        if (!singleFrame || contentSize == ZSTD_CONTENTSIZE_UNKNOWN) {
+            uncompressStreaming(data, size, output);
+        } else {
+            uncompressKnownSize(data, size, static_cast<std::size_t>(contentSize), output);
+        }
+    } catch (...) {
+        output.clear();
+        throw;
     }
-    const unsigned long long contentSize = ZSTD_getFrameContentSize(data.data(), data.size());
-    if (contentSize == ZSTD_CONTENTSIZE_ERROR) {
+}
+
+std::size_t uncompressInPieces(const std::byte* data, std::size_t size, const PieceHandler& onPiece) {
+    checkNotEmpty(size);
+    if (ZSTD_getFrameContentSize(data, size) == ZSTD_CONTENTSIZE_ERROR) {
         throwUncompressError("the data is not a valid compressed frame or is truncated");
     }
-    // Only a single frame whose header states its size takes the one-shot path;
-    // concatenated frames and frames without a size expand as a stream.
-    const std::size_t firstFrameSize = ZSTD_findFrameCompressedSize(data.data(), data.size());
-    const bool singleFrame = !ZSTD_isError(firstFrameSize) && firstFrameSize == data.size();
-    if (contentSize != ZSTD_CONTENTSIZE_UNKNOWN && contentSize > largestPossibleContent(data.size())) {
-        throwUncompressError("the frame declares more data than it can hold");
+    ByteBuffer piece(ZSTD_DStreamOutSize());
+    return streamPieces(data, size, piece.data(), piece.size(),
+                        [&](std::size_t filled) { return onPiece(piece.data(), filled); });
+}
+
+bool startsWithFrame(const std::byte* data, std::size_t size) {
+    if (size < 4) {
+        return false;
     }
-    if (!singleFrame || contentSize == ZSTD_CONTENTSIZE_UNKNOWN) {
-        return uncompressStreaming(data);
-    }
-    return uncompressKnownSize(data, static_cast<std::size_t>(contentSize));
+    const uint32_t magic = static_cast<uint32_t>(data[0]) | static_cast<uint32_t>(data[1]) << 8 |
+                           static_cast<uint32_t>(data[2]) << 16 | static_cast<uint32_t>(data[3]) << 24;
+    return magic == ZSTD_MAGICNUMBER || (magic & ZSTD_MAGIC_SKIPPABLE_MASK) == ZSTD_MAGIC_SKIPPABLE_START;
 }
 
 }  // namespace Marivane::Compression

@@ -115,6 +115,20 @@ void SqliteQuery::bindParameter(const std::string& name, const std::vector<std::
     noteBind(sqlite3_bind_blob64(statement_, index, value.data(), value.size(), destructorFor(mode)));
 }
 
+std::optional<SqliteQuery::BorrowedBytes> SqliteQuery::borrowBytesFromColumn(int column) const {
+    if (!hasRow_) {
+        return std::nullopt;
+    }
+    sqlite3_value* value = sqlite3_column_value(statement_, column);
+    const int type = sqlite3_value_type(value);
+    if (type != SQLITE_BLOB && type != SQLITE_TEXT) {
+        return std::nullopt;
+    }
+    const auto* bytes = static_cast<const std::byte*>(sqlite3_value_blob(value));
+    const auto size = static_cast<std::size_t>(sqlite3_value_bytes(value));
+    return BorrowedBytes{bytes, bytes == nullptr ? 0 : size};
+}
+
 ColumnValue SqliteQuery::getValueFromColumn(int column) const {
     if (!hasRow_) {
         return std::nullopt;

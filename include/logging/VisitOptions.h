@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace Marivane::Logging {
+
+// The form in which a streaming read hands out payloads.
+enum class PayloadForm {
+    // The bytes that were logged: compressed payloads are expanded into a
+    // buffer that the read reuses.
+    Expanded,
+    // The bytes as the file stores them, compressed or not
+    // (EntryView::compressed says which): nothing is expanded, so memory
+    // never depends on what a compressed frame declares. For tools that
+    // expand in pieces, copy payloads unchanged or only look at sizes.
+    Stored,
+};
+
+// How SqliteLogFile::visitEntries reads. A plain value: copy it freely.
+struct VisitOptions {
+    PayloadForm payloadForm = PayloadForm::Expanded;
+    // Called for an entry that cannot be handed out (its payload does not
+    // expand, or a stored value is outside its type's range) with the
+    // entry's id and the reason; return true to go on with the next entry,
+    // false to end the read as failed. Without a handler, the first such
+    // entry ends the read as failed.
+    std::function<bool(int64_t entryId, const std::string& reason)> onDamagedEntry;
+};
+
+}  // namespace Marivane::Logging

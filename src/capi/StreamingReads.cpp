@@ -1,0 +1,104 @@
+#include "CConversions.h"
+#include "CHandles.h"
+
+#include <logging/SqliteLogFile.h>
+
+#include <stdexcept>
+
+using namespace Marivane::Logging;
+using Marivane::Logging::CApi::reportingFailures;
+using Marivane::Logging::CApi::storeError;
+
+namespace {
+
+// Every handle holds a SqliteLogFile; these reads are that class's own.
+SqliteLogFile& sqliteFileOf(MV_LogFile_p file) {
+    auto* sqliteFile = dynamic_cast<SqliteLogFile*>(file->file.get());
+    if (sqliteFile == nullptr) {
+        throw std::logic_error("This log file does not support streaming reads.");
+    }
+    return *sqliteFile;
+}
+
+const EntryIndexFilter& filterOrAll(MV_LogEntryIndexFilter_p filter) {
+    static const EntryIndexFilter all;
+    return filter != nullptr ? filter->value : all;
+}
+
+// A read that returned "nothing" is a failure when the failure count grew.
+bool failedSince(const SqliteLogFile& file, uint64_t failuresBefore, MV_LogError_p* error) {
+    if (file.getFailureCount() == failuresBefore) {
+        return false;
+    }
+    storeError(error, file.getLastFailure());
+    return true;
+}
+
+}  // namespace
+
+bool MV_LogFile_VisitEntries(MV_LogFile_p file, int32_t minimumEntryId, int32_t maximumEntryId,
+                             int64_t startTimestamp, int64_t endTimestamp, MV_LogEntryIndexFilter_p filter,
+                             MV_LogEntryViewCallback callback, void* userData, MV_LogError_p* error) {
+    return reportingFailures(error, [&] {
+        SqliteLogFile& sqliteFile = sqliteFileOf(file);
+        const EntryRange range{minimumEntryId, maximumEntryId, startTimestamp, endTimestamp};
+        const bool completed = sqliteFile.visitEntries(range, filterOrAll(filter), [&](const EntryView& view) {
+            const MV_LogEntryView entry{view.entryId, view.dataSourceId, view.type, view.timestamp,
+                                        reinterpret_cast<const uint8_t*>(view.data), view.size};
+            return callback(userData, &entry);
+        });
+        if (!completed) {
+            storeError(error, sqliteFile.getLastFailure());
+        }
+        return completed;
+    });
+}
+
+bool MV_LogFile_GetTimeRange(MV_LogFile_p file, MV_LogEntryIndexFilter_p filter, int64_t* firstTimestamp,
+                             int64_t* lastTimestamp, bool* found, MV_LogError_p* error) {
+    return reportingFailures(error, [&] {
+        const SqliteLogFile& sqliteFile = sqliteFileOf(file);
+        const uint64_t failuresBefore = sqliteFile.getFailureCount();
+        const std::optional<TimeRange> range = sqliteFile.getTimeRange(filterOrAll(filter));
+        if (failedSince(sqliteFile, failuresBefore, error)) {
+            return false;
+        }
+        *found = range.has_value();
+        if (range) {
+            *firstTimestamp = range->first;
+            *lastTimestamp = range->last;
+        }
+        return true;
+    });
+}
+
+bool MV_LogFile_FindEntryAtOrAfter(MV_LogFile_p file, int64_t timestamp, MV_LogEntryIndexFilter_p filter,
+                                   int32_t* entryId, bool* found, MV_LogError_p* error) {
+    return reportingFailures(error, [&] {
+        const SqliteLogFile& sqliteFile = sqliteFileOf(file);
+        const uint64_t failuresBefore = sqliteFile.getFailureCount();
+        const std::optional<int32_t> entry = sqliteFile.findEntryAtOrAfter(timestamp, filterOrAll(filter));
+        if (failedSince(sqliteFile, failuresBefore, error)) {
+            return false;
+        }
+        *found = entry.has_value();
+        if (entry) {
+            *entryId = *entry;
+        }
+        return true;
+    });
+}
+
+bool MV_LogFile_CreateTimeIndex(MV_LogFile_p file, MV_LogError_p* error) {
+    return reportingFailures(error, [&] {
+        SqliteLogFile& sqliteFile = sqliteFileOf(file);
+        return CApi::populateErrorOnFailure(sqliteFile.createTimeIndex(), file, error);
+    });
+}
+
+bool MV_LogFile_HasTimeIndex(MV_LogFile_p file, bool* present, MV_LogError_p* error) {
+    return reportingFailures(error, [&] {
+        *present = sqliteFileOf(file).hasTimeIndex();
+        return true;
+    });
+}

@@ -1,0 +1,171 @@
+// The streaming reads and time queries of SqliteLogFile: everything here walks
+// the file through EntryCursor or asks the database one small question.
+#include <logging/SqliteLogFile.h>
+
+#include "cursor/EntryCursor.h"
+#include "services/database/ColumnAccess.h"
+#include "sqlite/SqliteLogFilePrivate.h"
+
+#include <core/Compression.h>
+
+#include <limits>
+#include <string>
+
+namespace Marivane::Logging {
+
+namespace {
+
+using Database::SqliteQuery;
+
+std::string entryFailure(const SqliteLogFilePrivate& file, int64_t entryId, const std::string& reason) {
+    return "Entry " + std::to_string(entryId) + " of '" + file.filePath.string() + "' cannot be read: " + reason;
+}
+
+// Reports an entry that cannot be handed out; true when the read goes on.
+bool skipDamaged(const SqliteLogFilePrivate& file, const VisitOptions& options, int64_t entryId,
+                 const std::string& reason) {
+    file.recordFailureMessage(FailureKind::Damaged, entryFailure(file, entryId, reason));
+    return options.onDamagedEntry && options.onDamagedEntry(entryId, reason);
+}
+
+EntryView viewOf(const StoredEntry& row) {
+    EntryView view;
+    view.entryId = static_cast<int32_t>(row.entryId);
+    view.dataSourceId = static_cast<int8_t>(row.dataSourceId);
+    view.type = static_cast<int32_t>(row.type);
+    view.timestamp = row.timestamp;
+    return view;
+}
+
+// The filter's condition on data's own columns for the small questions below;
+// the data sources are joined only when the filter names their types.
+std::string filteredFrom(const EntryIndexFilter& filter) {
+    std::string from = "FROM data";
+    if (!filter.dataSourceTypes.empty()) {
+        from += " INNER JOIN dataSources ON data.dataSourceId = dataSources.dataSourceId";
+    }
+    return from;
+}
+
+std::string andFilter(const EntryIndexFilter& filter) {
+    const std::string clause = filter.toWhereClause();
+    // The filter's clause starts with "WHERE "; its conditions join ours.
+    return clause.empty() ? std::string() : " AND (" + clause.substr(6) + ")";
+}
+
+std::optional<int64_t> singleInteger(const SqliteLogFilePrivate& file, SqliteQuery& query, const char* operation) {
+    if (query.executeStep() == Database::StepRow) {
+        return Database::getValueFromColumn<int64_t>(query, 0);
+    }
+    file.checkFinished(query, operation);
+    return std::nullopt;
+}
+
+}  // namespace
+
+bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter& filter, const EntryVisitor& visitor,
+                                 const VisitOptions& options) const {
+    EntryCursor cursor(*d, range, filter, CursorOrder::ById);
+    ByteBuffer expanded;
+    const bool expand = options.payloadForm == PayloadForm::Expanded && d->compressesPayloads();
+    while (const StoredEntry* row = cursor.next()) {
+        if (!row->outOfRange.empty()) {
+            if (!skipDamaged(*d, options, row->entryId, row->outOfRange)) {
+                return false;
+            }
+            continue;
+        }
+        EntryView view = viewOf(*row);
+        if (expand) {
+            try {
+                Compression::uncompressInto(row->payload, row->payloadSize, expanded);
+            } catch (const Compression::CompressionError& error) {
+                if (!skipDamaged(*d, options, row->entryId, error.what())) {
+                    return false;
+                }
+                continue;
+            }
+            view.data = expanded.data();
+            view.size = expanded.size();
+        } else {
+            view.data = row->payload;
+            view.size = row->payloadSize;
+            view.compressed = d->compressesPayloads();
+        }
+        if (!visitor(view)) {
+            return true;
+        }
+    }
+    return !cursor.failed();
+}
+
+bool SqliteLogFile::visitEntrySummaries(const EntryRange& range, const EntryIndexFilter& filter,
+                                        const SummaryVisitor& visitor) const {
+    EntryCursor cursor(*d, range, filter, CursorOrder::ById, CursorColumns::WithoutPayloads);
+    while (const StoredEntry* row = cursor.next()) {
+        if (!row->outOfRange.empty()) {
+            d->recordFailureMessage(FailureKind::Damaged, entryFailure(*d, row->entryId, row->outOfRange));
+            return false;
+        }
+        const EntryView view = viewOf(*row);
+        const EntrySummary summary{view.entryId, view.dataSourceId, view.type, view.timestamp,
+                                   static_cast<int64_t>(row->payloadSize)};
+        if (!visitor(summary)) {
+            return true;
+        }
+    }
+    return !cursor.failed();
+}
+
+std::optional<TimeRange> SqliteLogFile::getTimeRange(const EntryIndexFilter& filter) const {
+    // Two queries of one aggregate each: SQLite answers a lone min() or max()
+    // on an indexed column from the index's ends.
+    const std::string where = " WHERE 1" + andFilter(filter) + ";";
+    SqliteQuery first(d->database, "SELECT min(data.timestamp) " + filteredFrom(filter) + where);
+    filter.bindParameters(first);
+    const std::optional<int64_t> firstTimestamp = singleInteger(*d, first, "Reading the time range of");
+    if (!firstTimestamp) {
+        return std::nullopt;
+    }
+    SqliteQuery last(d->database, "SELECT max(data.timestamp) " + filteredFrom(filter) + where);
+    filter.bindParameters(last);
+    const std::optional<int64_t> lastTimestamp = singleInteger(*d, last, "Reading the time range of");
+    if (!lastTimestamp) {
+        return std::nullopt;
+    }
+    return TimeRange{*firstTimestamp, *lastTimestamp};
+}
+
+std::optional<int32_t> SqliteLogFile::findEntryAtOrAfter(int64_t timestamp, const EntryIndexFilter& filter) const {
+    SqliteQuery query(d->database, "SELECT data.entryId " + filteredFrom(filter) +
+                                       " WHERE data.timestamp >= :timestamp" + andFilter(filter) +
+                                       " ORDER BY data.timestamp, data.entryId LIMIT 1;");
+    query.bindParameter(":timestamp", timestamp);
+    filter.bindParameters(query);
+    const std::optional<int64_t> entryId = singleInteger(*d, query, "Finding an entry by time in");
+    if (!entryId) {
+        return std::nullopt;
+    }
+    return static_cast<int32_t>(*entryId);
+}
+
+bool SqliteLogFile::hasEntry(int32_t entryId) const {
+    return getEntryTimestamp(entryId).has_value();
+}
+
+std::optional<int64_t> SqliteLogFile::getEntryTimestamp(int32_t entryId) const {
+    SqliteQuery query(d->database, "SELECT timestamp FROM data WHERE entryId = :entryId;");
+    query.bindParameter(":entryId", entryId);
+    return singleInteger(*d, query, "Reading an entry's timestamp of");
+}
+
+bool SqliteLogFile::createTimeIndex() {
+    SqliteQuery query(d->database, std::string("CREATE INDEX IF NOT EXISTS ") + kTimeIndexName + " ON data(timestamp);");
+    return d->executeWrite(query);
+}
+
+bool SqliteLogFile::hasTimeIndex() const {
+    return Logging::hasTimeIndex(*d);
+}
+
+}  // namespace Marivane::Logging
