@@ -15,9 +15,10 @@ FUZZ_SECONDS ?= 600
 SOAK_DIR ?= /tmp/mvlog-soak
 BENCH_DIR ?= build-bench
 
-.PHONY: all deps build test sanitize asan tsan fuzz soak bench demo install clean release format format-check
+.PHONY: all deps build test sanitize asan tsan fuzz soak bench demo install clean release package format format-check
 
 RELEASE_DIR ?= build-release
+PACKAGE_DIR ?= build-package
 # The project's own C and C++ sources, for clang-format.
 FORMAT_FILES = $(shell git ls-files '*.c' '*.h' '*.cpp' '*.hpp' 2>/dev/null)
 
@@ -86,6 +87,15 @@ install: build
 release: deps
 	cmake -S . -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=Release $(DEV_FLAGS)
 	cmake --build $(RELEASE_DIR) -j $(JOBS)
+
+# Debian packages of a Release build: libmarivane-logging4 (the libraries),
+# libmarivane-logging-dev (headers, pkg-config, CMake package) and mvlog, as
+# $(PACKAGE_DIR)/*.deb.
+package: deps
+	cmake -S . -B $(PACKAGE_DIR) -DCMAKE_BUILD_TYPE=Release $(DEV_FLAGS) \
+		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_EXAMPLES=OFF
+	cmake --build $(PACKAGE_DIR) -j $(JOBS)
+	cd $(PACKAGE_DIR) && cpack -G DEB
 
 format:
 	@./scripts/install-deps.sh clang-format

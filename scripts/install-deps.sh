@@ -7,6 +7,7 @@ packages=(
     libsqlite3-dev libzstd-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     libcli11-dev libfmt-dev nlohmann-json3-dev
+    dpkg-dev file
     "$@"
 )
 

@@ -25,7 +25,10 @@ bool hasTimeBounds(const EntryRange& range) {
 std::string integerList(const std::set<int64_t>& values) {
     std::string list;
     for (const int64_t value : values) {
-        list += (list.empty() ? "" : ",") + std::to_string(value);
+        if (!list.empty()) {
+            list += ',';
+        }
+        list += std::to_string(value);
     }
     return list;
 }
@@ -123,7 +126,12 @@ bool useIdList(const SqliteLogFilePrivate& file, const EntryRange& range, Cursor
 std::string describeOutOfRange(int64_t entryId, const Database::ColumnValue& timestamp, int64_t type,
                                int64_t dataSourceId) {
     std::string reasons;
-    const auto add = [&reasons](const std::string& reason) { reasons += (reasons.empty() ? "" : "; ") + reason; };
+    const auto add = [&reasons](const std::string& reason) {
+        if (!reasons.empty()) {
+            reasons += "; ";
+        }
+        reasons += reason;
+    };
     if (entryId < std::numeric_limits<int32_t>::min() || entryId > std::numeric_limits<int32_t>::max()) {
         add("its id " + std::to_string(entryId) + " does not fit in 32 bits");
     }
@@ -233,7 +241,7 @@ void EntryCursor::takeRow(const SqliteQuery& query) {
         row_.payload = payload ? payload->data : nullptr;
         row_.payloadSize = payload ? payload->size : 0;
         if (!payload) {
-            row_.outOfRange += std::string(row_.outOfRange.empty() ? "" : "; ") + "its payload is not a blob";
+            row_.outOfRange += row_.outOfRange.empty() ? "its payload is not a blob" : "; its payload is not a blob";
         }
     } else {
         row_.payload = nullptr;

@@ -1,0 +1,85 @@
+# Debian packages, one per install component:
+#   runtime      libmarivane-logging4     the three shared libraries
+#   development  libmarivane-logging-dev  headers, the unversioned .so links,
+#                                         the pkg-config file, the CMake package
+#   tool         mvlog                    the command-line tool
+# `cpack -G DEB` in a build directory (or `make package` at the top) writes
+# them there. They install under /usr; a plain `cmake --install` keeps its own
+# prefix and installs every component.
+
+set(MARIVANE_PACKAGE_CONTACT "libmarivane-logging maintainers <maintainers@marivane.invalid>"
+    CACHE STRING "Maintainer field of the Debian packages")
+
+set(CPACK_PACKAGE_NAME libmarivane-logging)
+set(CPACK_PACKAGE_VENDOR "libmarivane-logging")
+set(CPACK_PACKAGE_CONTACT "${MARIVANE_PACKAGE_CONTACT}")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_GENERATOR DEB)
+# Stripped like any distribution binary; -DCPACK_STRIP_FILES=OFF keeps symbols.
+if(NOT DEFINED CPACK_STRIP_FILES)
+    set(CPACK_STRIP_FILES ON)
+endif()
+
+# `package_source` exists as soon as CPack does: keep build trees out of it.
+set(CPACK_SOURCE_GENERATOR TXZ)
+set(CPACK_SOURCE_IGNORE_FILES "/\\\\.git/" "/build[^/]*/" "/\\\\.cache/")
+
+set(CPACK_COMPONENTS_ALL runtime development)
+if(MARIVANE_BUILD_TOOLS)
+    list(APPEND CPACK_COMPONENTS_ALL tool)
+endif()
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+
+# Each package's control text is the project's summary line followed by its
+# component's paragraph (lines without leading spaces).
+set(CPACK_COMPONENT_RUNTIME_DISPLAY_NAME "Shared libraries")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+    "Shared libraries: libmarivane-logging, which records and replays log files
+of several data sources (each file an SQLite 3 database of timestamped,
+compressed payloads), with its companions libmarivane-core (compression,
+file helpers) and libmarivane-database (SQLite access).")
+set(CPACK_COMPONENT_DEVELOPMENT_DISPLAY_NAME "Development files")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
+    "Development files: the C and C++ headers, the pkg-config file
+marivane-logging.pc and the CMake package MarivaneLogging
+(find_package(MarivaneLogging) gives Marivane::Logging).")
+set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
+set(CPACK_COMPONENT_TOOL_DISPLAY_NAME "mvlog")
+set(CPACK_COMPONENT_TOOL_DESCRIPTION
+    "The mvlog command-line tool: describes, checks, prints, exports, slices,
+merges, clones and replays log files, edits their bookmarks and records a
+synthetic demo survey.")
+set(CPACK_COMPONENT_TOOL_DEPENDS runtime)
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libmarivane-logging4)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmarivane-logging-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_TOOL_PACKAGE_NAME mvlog)
+set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+
+# The component dependencies above become "libmarivane-logging4 (= <version>)".
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+# dpkg-shlibdeps adds the Debian libraries the binaries link (libsqlite3-0,
+# libzstd1, libstdc++6, ...). The public headers and the pkg-config file use
+# neither SQLite's nor zstd's headers or link flags, so the -dev package needs
+# no -dev packages of them. mvlog needs the project's own libraries, which no
+# installed package describes: dpkg-shlibdeps finds them in the build tree and
+# leaves them to the component dependency.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+get_target_property(_marivane_library_dir marivane-logging LIBRARY_OUTPUT_DIRECTORY)
+if(NOT _marivane_library_dir)
+    get_target_property(_marivane_library_dir marivane-logging BINARY_DIR)
+endif()
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${_marivane_library_dir})
+unset(_marivane_library_dir)
+# The runtime package says which sonames it provides (DEBIAN/shlibs) and runs
+# ldconfig when installed.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+
+include(CPack)

@@ -1,0 +1,205 @@
+#!/usr/bin/env bash
+# package_smoke.sh BUILD_DIR CONSUMER_DIR VERSION
+# Runs CPack on BUILD_DIR into a temporary directory, then checks the three
+# Debian packages: their names, versions and dependencies, which files each
+# one holds, and that no file is in two of them. Unpacked together into a
+# scratch root, they must serve a C and a C++ program built with pkg-config,
+# a CMake project built with find_package(MarivaneLogging), and run mvlog.
+set -euo pipefail
+
+build_dir=$1
+consumer_dir=$2
+version=$3
+: "${CMAKE_COMMAND:=cmake}" "${CPACK_COMMAND:=cpack}" "${CC:=cc}" "${CXX:=c++}"
+
+fail() {
+    echo "package smoke test: $*" >&2
+    exit 1
+}
+
+for tool in dpkg-deb dpkg-shlibdeps file pkg-config; do
+    command -v "$tool" >/dev/null || fail "$tool is not installed (scripts/install-deps.sh installs it)"
+done
+
+work=$(realpath "$(mktemp -d)")
+trap 'rm -rf "$work"' EXIT
+
+# ---- build the packages ------------------------------------------------------
+if ! "$CPACK_COMMAND" --config "$build_dir/CPackConfig.cmake" -G DEB -B "$work/packages" >"$work/cpack.log" 2>&1; then
+    cat "$work/cpack.log" >&2
+    fail "cpack failed"
+fi
+
+runtime_pkg=libmarivane-logging4
+dev_pkg=libmarivane-logging-dev
+tool_pkg=mvlog
+
+package_file() {
+    local matches=("$work/packages/$1_${version}_"*.deb)
+    [[ ${#matches[@]} -eq 1 && -f ${matches[0]} ]] || fail "expected one package $1_${version}_*.deb, found: ${matches[*]}"
+    echo "${matches[0]}"
+}
+runtime_deb=$(package_file "$runtime_pkg")
+dev_deb=$(package_file "$dev_pkg")
+tool_deb=$(package_file "$tool_pkg")
+
+# ---- control fields ----------------------------------------------------------
+# has_dependency DEPENDS NAME: NAME is one of the comma-separated entries.
+has_dependency() {
+    [[ ", $1," =~ ,\ "$2"[\ ,] ]]
+}
+
+check_control() {
+    local deb=$1 name=$2
+    local field
+    field=$(dpkg-deb -f "$deb" Package)
+    [[ $field == "$name" ]] || fail "$deb: Package is '$field', expected '$name'"
+    field=$(dpkg-deb -f "$deb" Version)
+    [[ $field == "$version" ]] || fail "$deb: Version is '$field', expected '$version'"
+    field=$(dpkg-deb -f "$deb" Architecture)
+    [[ $field == "$(dpkg --print-architecture)" ]] || fail "$deb: Architecture is '$field'"
+}
+check_control "$runtime_deb" "$runtime_pkg"
+check_control "$dev_deb" "$dev_pkg"
+check_control "$tool_deb" "$tool_pkg"
+
+runtime_depends=$(dpkg-deb -f "$runtime_deb" Depends)
+dev_depends=$(dpkg-deb -f "$dev_deb" Depends)
+tool_depends=$(dpkg-deb -f "$tool_deb" Depends)
+echo "$runtime_pkg Depends: $runtime_depends"
+echo "$dev_pkg Depends: $dev_depends"
+echo "$tool_pkg Depends: $tool_depends"
+
+for dependency in libsqlite3-0 libzstd1 libstdc++6 libc6; do
+    has_dependency "$runtime_depends" "$dependency" || fail "$runtime_pkg does not depend on $dependency"
+done
+exact_runtime="$runtime_pkg (= $version)"
+[[ ", $dev_depends," == *", $exact_runtime,"* ]] || fail "$dev_pkg does not depend on '$exact_runtime'"
+has_dependency "$tool_depends" "$runtime_pkg" || fail "$tool_pkg does not depend on $runtime_pkg"
+if has_dependency "$tool_depends" "$dev_pkg"; then
+    fail "$tool_pkg depends on $dev_pkg"
+fi
+
+# The runtime package declares its sonames and runs ldconfig.
+dpkg-deb --ctrl-tarfile "$runtime_deb" | tar -x -C "$work" ./shlibs 2>/dev/null ||
+    fail "$runtime_pkg has no shlibs file"
+for soname in "libmarivane-logging 4" "libmarivane-core 1" "libmarivane-database 1"; do
+    grep -q "^$soname $runtime_pkg" "$work/shlibs" || fail "$runtime_pkg's shlibs lacks '$soname'"
+done
+
+# ---- contents ----------------------------------------------------------------
+unpack() {
+    mkdir -p "$work/only/$2"
+    dpkg -x "$1" "$work/only/$2"
+}
+unpack "$runtime_deb" runtime
+unpack "$dev_deb" dev
+unpack "$tool_deb" tool
+
+expect() {
+    local component=$1
+    shift
+    for path in "$@"; do
+        [[ -e $work/only/$component/$path || -L $work/only/$component/$path ]] || fail "$component package lacks /$path"
+    done
+}
+expect runtime usr/lib/libmarivane-logging.so.4 usr/lib/libmarivane-core.so.1 usr/lib/libmarivane-database.so.1
+expect dev usr/lib/libmarivane-logging.so usr/lib/libmarivane-core.so usr/lib/libmarivane-database.so \
+    usr/include/logging/MV_Logging.h usr/include/logging/Logging.h usr/include/core usr/include/database \
+    usr/lib/pkgconfig/marivane-logging.pc \
+    usr/lib/cmake/MarivaneLogging/MarivaneLoggingConfig.cmake \
+    usr/lib/cmake/MarivaneLogging/MarivaneLoggingConfigVersion.cmake \
+    usr/lib/cmake/MarivaneLogging/MarivaneLoggingTargets.cmake
+expect tool usr/bin/mvlog
+[[ -x $work/only/tool/usr/bin/mvlog ]] || fail "/usr/bin/mvlog is not executable"
+[[ ! -e $work/only/runtime/usr/include && ! -e $work/only/runtime/usr/lib/libmarivane-logging.so ]] ||
+    fail "$runtime_pkg holds development files"
+[[ ! -e $work/only/runtime/usr/bin ]] || fail "$runtime_pkg holds programs"
+
+# Nothing but directories may be in two packages: dpkg refuses such a pair.
+shared=$(cd "$work/only" && for component in runtime dev tool; do (cd "$component" && find . ! -type d); done | sort | uniq -d)
+[[ -z $shared ]] || fail "files in more than one package: $shared"
+
+# The -dev package needs SQLite's or zstd's development package only when its
+# headers or its pkg-config file use them.
+dev_root=$work/only/dev/usr
+for pair in "sqlite3:libsqlite3-dev" "zstd:libzstd-dev"; do
+    module=${pair%%:*}
+    dev_dependency=${pair##*:}
+    needed=no
+    if grep -rqE "#[[:space:]]*include[[:space:]]*[<\"]$module\.h[>\"]" "$dev_root/include" ||
+        grep -qE "^Requires.*\b(lib)?$module\b" "$dev_root/lib/pkgconfig/marivane-logging.pc"; then
+        needed=yes
+    fi
+    if [[ $needed == yes ]]; then
+        has_dependency "$dev_depends" "$dev_dependency" || fail "$dev_pkg needs $dev_dependency: its files use $module"
+    else
+        if has_dependency "$dev_depends" "$dev_dependency"; then
+            fail "$dev_pkg depends on $dev_dependency, which nothing in it uses"
+        fi
+    fi
+done
+
+# ---- consumers against the unpacked packages -----------------------------------
+root=$work/root
+mkdir -p "$root"
+for deb in "$runtime_deb" "$dev_deb" "$tool_deb"; do
+    dpkg -x "$deb" "$root"
+done
+libdir=$root/usr/lib
+
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+cflags=$(pkg-config --cflags marivane-logging)
+libs=$(pkg-config --libs marivane-logging)
+# The .pc file locates the prefix from its own place: the flags must name the
+# unpacked directories.
+pkg_config_dir() {
+    local flag
+    for flag in $2; do
+        if [[ $flag == "$1"* ]]; then
+            realpath -m "${flag#"$1"}"
+            return
+        fi
+    done
+}
+[[ $(pkg_config_dir -I "$cflags") == "$root/usr/include" ]] ||
+    fail "pkg-config gives '$cflags', not the unpacked include directory"
+[[ $(pkg_config_dir -L "$libs") == "$libdir" ]] || fail "pkg-config gives '$libs', not the unpacked library directory"
+
+# uses_unpacked PROGRAM: the program loads the logging library from the root.
+uses_unpacked() {
+    local resolved
+    resolved=$(LD_LIBRARY_PATH=$libdir ldd "$1")
+    [[ $resolved == *"$libdir/libmarivane-logging.so.4"* ]] ||
+        fail "$1 does not load the unpacked library:"$'\n'"$resolved"
+}
+
+# shellcheck disable=SC2086
+"$CC" -std=c99 -Wall -Wextra -Wpedantic -Werror $cflags "$consumer_dir/c_consumer.c" -o "$work/c_consumer" $libs ||
+    fail "the C program does not build against the packages"
+uses_unpacked "$work/c_consumer"
+LD_LIBRARY_PATH=$libdir "$work/c_consumer" "$work/from_c.mvlog" || fail "the C program failed"
+
+# shellcheck disable=SC2086
+"$CXX" -std=c++17 -Wall -Wextra -Wpedantic -Werror $cflags "$consumer_dir/cpp_consumer.cpp" \
+    -o "$work/cpp_consumer" $libs || fail "the C++ program does not build against the packages"
+uses_unpacked "$work/cpp_consumer"
+LD_LIBRARY_PATH=$libdir "$work/cpp_consumer" "$work/from_cpp.mvlog" || fail "the C++ program failed"
+
+"$CMAKE_COMMAND" -S "$consumer_dir" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$root/usr" \
+    >"$work/cmake-consumer.log" 2>&1 || { cat "$work/cmake-consumer.log" >&2; fail "the CMake project does not configure"; }
+package_dir=$(sed -n 's/^MarivaneLogging_DIR:PATH=//p' "$work/cmake-build/CMakeCache.txt")
+[[ $package_dir == "$libdir/cmake/MarivaneLogging" ]] || fail "find_package found '$package_dir', not the unpacked package"
+"$CMAKE_COMMAND" --build "$work/cmake-build" >>"$work/cmake-consumer.log" 2>&1 ||
+    { cat "$work/cmake-consumer.log" >&2; fail "the CMake project does not build"; }
+uses_unpacked "$work/cmake-build/cmake_consumer"
+LD_LIBRARY_PATH=$libdir "$work/cmake-build/cmake_consumer" "$work/from_cmake.mvlog" || fail "the CMake program failed"
+
+# ---- the packaged tool -----------------------------------------------------------
+mvlog=$root/usr/bin/mvlog
+uses_unpacked "$mvlog"
+tool_version=$(LD_LIBRARY_PATH=$libdir "$mvlog" --version) || fail "mvlog --version failed"
+[[ $tool_version == *"$version"* ]] || fail "mvlog --version says '$tool_version', expected version $version"
+LD_LIBRARY_PATH=$libdir "$mvlog" info "$work/from_c.mvlog" >/dev/null || fail "mvlog info on the C program's file failed"
+
+echo "package smoke test passed: $(basename "$runtime_deb") $(basename "$dev_deb") $(basename "$tool_deb")"
