@@ -42,11 +42,16 @@ bool MV_LogFile_VisitEntries(MV_LogFile_p file, int32_t minimumEntryId, int32_t 
     return reportingFailures(error, [&] {
         SqliteLogFile& sqliteFile = sqliteFileOf(file);
         const EntryRange range{minimumEntryId, maximumEntryId, startTimestamp, endTimestamp};
-        const bool completed = sqliteFile.visitEntries(range, filterOrAll(filter), [&](const EntryView& view) {
-            const MV_LogEntryView entry{view.entryId, view.dataSourceId, view.type, view.timestamp,
-                                        reinterpret_cast<const uint8_t*>(view.data), view.size};
-            return callback(userData, &entry);
-        });
+        const bool completed =
+            sqliteFile.visitEntries(range, filterOrAll(filter), [&](const EntryView& view) {
+                const MV_LogEntryView entry{view.entryId,
+                                            view.dataSourceId,
+                                            view.type,
+                                            view.timestamp,
+                                            reinterpret_cast<const uint8_t*>(view.data),
+                                            view.size};
+                return callback(userData, &entry);
+            });
         if (!completed) {
             storeError(error, sqliteFile.getLastFailure());
         }

@@ -84,7 +84,8 @@ std::optional<std::string> filterConditions(const SqliteLogFilePrivate& file, co
         }
     }
     if (sources) {
-        conditions += sources->empty() ? " AND 0" : " AND data.dataSourceId IN (" + integerList(*sources) + ")";
+        conditions +=
+            sources->empty() ? " AND 0" : " AND data.dataSourceId IN (" + integerList(*sources) + ")";
     }
     return conditions;
 }
@@ -107,9 +108,11 @@ std::string walkStatement(const std::string& conditions, CursorOrder order, Curs
     // source must not make the planner walk that index and sort the rows,
     // payloads and all, to restore id order.
     if (order == CursorOrder::ById) {
-        return selectColumns(columns) + "FROM data NOT INDEXED WHERE " + conditions + " ORDER BY data.entryId;";
+        return selectColumns(columns) + "FROM data NOT INDEXED WHERE " + conditions +
+               " ORDER BY data.entryId;";
     }
-    return selectColumns(columns) + "FROM data WHERE " + conditions + " ORDER BY data.timestamp, data.entryId;";
+    return selectColumns(columns) + "FROM data WHERE " + conditions +
+           " ORDER BY data.timestamp, data.entryId;";
 }
 
 void bindRange(SqliteQuery& query, const EntryRange& range) {
@@ -141,7 +144,8 @@ std::string describeOutOfRange(int64_t entryId, const Database::ColumnValue& tim
     if (type < std::numeric_limits<int32_t>::min() || type > std::numeric_limits<int32_t>::max()) {
         add("its type " + std::to_string(type) + " does not fit in 32 bits");
     }
-    if (dataSourceId < std::numeric_limits<int8_t>::min() || dataSourceId > std::numeric_limits<int8_t>::max()) {
+    if (dataSourceId < std::numeric_limits<int8_t>::min() ||
+        dataSourceId > std::numeric_limits<int8_t>::max()) {
         add("its data-source id " + std::to_string(dataSourceId) + " does not fit in 8 bits");
     }
     return reasons;
@@ -155,8 +159,8 @@ bool hasTimeIndex(const SqliteLogFilePrivate& file) {
     return query.executeStep() == Database::StepRow;
 }
 
-EntryCursor::EntryCursor(const SqliteLogFilePrivate& file, const EntryRange& range, const EntryIndexFilter& filter,
-                         CursorOrder order, CursorColumns columns)
+EntryCursor::EntryCursor(const SqliteLogFilePrivate& file, const EntryRange& range,
+                         const EntryIndexFilter& filter, CursorOrder order, CursorColumns columns)
     : file_(file), columns_(columns) {
     const std::optional<std::string> filtered = filterConditions(file, filter, status_);
     if (!filtered) {
@@ -170,8 +174,8 @@ EntryCursor::EntryCursor(const SqliteLogFilePrivate& file, const EntryRange& ran
         bindRange(*query_, range);
         return;
     }
-    SqliteQuery idQuery(file.database, std::string("SELECT data.entryId FROM data INDEXED BY ") + kTimeIndexName +
-                                           " WHERE " + conditions + ";");
+    SqliteQuery idQuery(file.database, std::string("SELECT data.entryId FROM data INDEXED BY ") +
+                                           kTimeIndexName + " WHERE " + conditions + ";");
     bindRange(idQuery, range);
     ids_.emplace();
     while (idQuery.executeStep() == Database::StepRow) {
@@ -241,11 +245,13 @@ void EntryCursor::takeRow(const SqliteQuery& query) {
         row_.payload = payload ? payload->data : nullptr;
         row_.payloadSize = payload ? payload->size : 0;
         if (!payload) {
-            row_.outOfRange += row_.outOfRange.empty() ? "its payload is not a blob" : "; its payload is not a blob";
+            row_.outOfRange +=
+                row_.outOfRange.empty() ? "its payload is not a blob" : "; its payload is not a blob";
         }
     } else {
         row_.payload = nullptr;
-        row_.payloadSize = static_cast<std::size_t>(std::max<int64_t>(0, Database::getValueFromColumn<int64_t>(query, 4).value_or(0)));
+        row_.payloadSize = static_cast<std::size_t>(
+            std::max<int64_t>(0, Database::getValueFromColumn<int64_t>(query, 4).value_or(0)));
     }
 }
 

@@ -18,7 +18,8 @@ namespace {
 using Database::SqliteQuery;
 
 std::string entryFailure(const SqliteLogFilePrivate& file, int64_t entryId, const std::string& reason) {
-    return "Entry " + std::to_string(entryId) + " of '" + file.filePath.string() + "' cannot be read: " + reason;
+    return "Entry " + std::to_string(entryId) + " of '" + file.filePath.string() +
+           "' cannot be read: " + reason;
 }
 
 // Reports an entry that cannot be handed out; true when the read goes on.
@@ -53,7 +54,8 @@ std::string andFilter(const EntryIndexFilter& filter) {
     return clause.empty() ? std::string() : " AND (" + clause.substr(6) + ")";
 }
 
-std::optional<int64_t> singleInteger(const SqliteLogFilePrivate& file, SqliteQuery& query, const char* operation) {
+std::optional<int64_t> singleInteger(const SqliteLogFilePrivate& file, SqliteQuery& query,
+                                     const char* operation) {
     if (query.executeStep() == Database::StepRow) {
         return Database::getValueFromColumn<int64_t>(query, 0);
     }
@@ -63,8 +65,8 @@ std::optional<int64_t> singleInteger(const SqliteLogFilePrivate& file, SqliteQue
 
 }  // namespace
 
-bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter& filter, const EntryVisitor& visitor,
-                                 const VisitOptions& options) const {
+bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter& filter,
+                                 const EntryVisitor& visitor, const VisitOptions& options) const {
     EntryCursor cursor(*d, range, filter, CursorOrder::ById);
     ByteBuffer expanded;
     const bool expand = options.payloadForm == PayloadForm::Expanded && d->compressesPayloads();
@@ -136,7 +138,8 @@ std::optional<TimeRange> SqliteLogFile::getTimeRange(const EntryIndexFilter& fil
     return TimeRange{*firstTimestamp, *lastTimestamp};
 }
 
-std::optional<int32_t> SqliteLogFile::findEntryAtOrAfter(int64_t timestamp, const EntryIndexFilter& filter) const {
+std::optional<int32_t> SqliteLogFile::findEntryAtOrAfter(int64_t timestamp,
+                                                         const EntryIndexFilter& filter) const {
     SqliteQuery query(d->database, "SELECT data.entryId " + filteredFrom(filter) +
                                        " WHERE data.timestamp >= :timestamp" + andFilter(filter) +
                                        " ORDER BY data.timestamp, data.entryId LIMIT 1;");
@@ -160,7 +163,8 @@ std::optional<int64_t> SqliteLogFile::getEntryTimestamp(int32_t entryId) const {
 }
 
 bool SqliteLogFile::createTimeIndex() {
-    SqliteQuery query(d->database, std::string("CREATE INDEX IF NOT EXISTS ") + kTimeIndexName + " ON data(timestamp);");
+    SqliteQuery query(d->database,
+                      std::string("CREATE INDEX IF NOT EXISTS ") + kTimeIndexName + " ON data(timestamp);");
     return d->executeWrite(query);
 }
 

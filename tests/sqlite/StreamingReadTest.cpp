@@ -58,8 +58,8 @@ void makeFile(const std::string& path, int32_t count, int8_t level) {
     ASSERT_TRUE(file.addDataSource(gnss));
     auto batch = file.beginBatch();
     for (int32_t id = 1; id <= count; ++id) {
-        ASSERT_TRUE(file.logData(DataEntry{0, id % 2 == 1 ? camera.id : gnss.id, id % 4, bytesOf(payloadText(id)),
-                                           1000 + 10 * int64_t{id}}));
+        ASSERT_TRUE(file.logData(DataEntry{0, id % 2 == 1 ? camera.id : gnss.id, id % 4,
+                                           bytesOf(payloadText(id)), 1000 + 10 * int64_t{id}}));
     }
     ASSERT_TRUE(batch.commit());
 }
@@ -135,9 +135,8 @@ TEST_P(StreamingRead, TheVisitorStopsTheReadAndItsExceptionsReachTheCaller) {
     makeFile(path, 30, static_cast<int8_t>(GetParam()));
     const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
     int visited = 0;
-    EXPECT_TRUE(file.visitEntries(EntryRange::all(), EntryIndexFilter(), [&](const EntryView&) {
-        return ++visited < 4;
-    }));
+    EXPECT_TRUE(file.visitEntries(EntryRange::all(), EntryIndexFilter(),
+                                  [&](const EntryView&) { return ++visited < 4; }));
     EXPECT_EQ(visited, 4);
     EXPECT_THROW(file.visitEntries(EntryRange::all(), EntryIndexFilter(),
                                    [](const EntryView&) -> bool { throw std::runtime_error("visitor"); }),
@@ -153,16 +152,17 @@ TEST_P(StreamingRead, SummariesCarryStoredSizesWithoutPayloads) {
     const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
     std::vector<EntrySummary> summaries;
-    ASSERT_TRUE(file.visitEntrySummaries(EntryRange{3, 9}, EntryIndexFilter(), [&](const EntrySummary& summary) {
-        summaries.push_back(summary);
-        return true;
-    }));
+    ASSERT_TRUE(
+        file.visitEntrySummaries(EntryRange{3, 9}, EntryIndexFilter(), [&](const EntrySummary& summary) {
+            summaries.push_back(summary);
+            return true;
+        }));
     ASSERT_EQ(summaries.size(), 7u);
     for (const EntrySummary& summary : summaries) {
         EXPECT_EQ(summary.timestamp, 1000 + 10 * int64_t{summary.entryId});
         EXPECT_EQ(summary.type, summary.entryId % 4);
-        EXPECT_EQ(summary.storedSize,
-                  raw.integer("SELECT length(payload) FROM data WHERE entryId = " + std::to_string(summary.entryId)));
+        EXPECT_EQ(summary.storedSize, raw.integer("SELECT length(payload) FROM data WHERE entryId = " +
+                                                  std::to_string(summary.entryId)));
         if (level == 0) {
             EXPECT_EQ(summary.storedSize, static_cast<int64_t>(payloadText(summary.entryId).size()));
         }
@@ -233,8 +233,9 @@ TEST_F(StreamingDamage, ADamagedPayloadEndsTheReadNamingTheEntry) {
     }));
     EXPECT_EQ(ids, idsFrom(1, 3));
     EXPECT_EQ(file.getLastFailureKind(), FailureKind::Damaged);
-    EXPECT_EQ(file.getLastFailure().rfind("Entry 4 of '" + path + "' cannot be read: Cannot uncompress data: ", 0),
-              0u)
+    EXPECT_EQ(
+        file.getLastFailure().rfind("Entry 4 of '" + path + "' cannot be read: Cannot uncompress data: ", 0),
+        0u)
         << file.getLastFailure();
 }
 

@@ -33,6 +33,21 @@ protected:
     std::string path = directory.file("known.mvlog");
 };
 
+TEST_F(CatTest, StartAndEndSelectATimeWindow) {
+    // Entry n is logged at kKnownStart + 100 * (n - 1) ms.
+    RunResult result = runMvlog({"cat", path, "--start", "+1", "--end", "+1.25"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(idsOf(result), (std::vector<int>{11, 12, 13}));
+    result = runMvlog({"cat", path, "--start", "2023-11-14T22:13:29.95Z", "--source", "2"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(idsOf(result), (std::vector<int>{101}));
+    result = runMvlog({"cat", path, "--start", "+3", "--end", "+1"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "mvlog: refused: the time range is reversed (--start is after --end)\n");
+    result = runMvlog({"cat", path, "--start", "yesterday"});
+    EXPECT_EQ(result.exitCode, 2);
+}
+
 TEST_F(CatTest, TextLineShowsIdTimeSourceTypeSizeAndFirstBytes) {
     const RunResult result = runMvlog({"cat", path, "--from", "2", "--to", "3"});
     ASSERT_EQ(result.exitCode, 0) << result.err;

@@ -3,6 +3,7 @@
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "Terminal.h"
+#include "TimeArguments.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -21,7 +22,6 @@
 namespace Mvlog {
 
 using Marivane::Logging::ByteBuffer;
-using Marivane::Logging::DataEntry;
 using Marivane::Logging::DataSource;
 using Marivane::Logging::EntryIndexFilter;
 using Marivane::Logging::SqliteLogFile;
@@ -76,25 +76,31 @@ std::string base64(const ByteBuffer& bytes) {
     return text;
 }
 
-std::string entryHeadline(const DataEntry& entry, const SourceNames& names) {
+std::string entryHeadline(const ScannedEntry& entry, std::size_t size, const SourceNames& names) {
     return fmt::format("#{}  {}  source {} \"{}\"  type {}  {} B", entry.entryId,
                        isoTimestamp(entry.timestamp), entry.dataSourceId,
-                       printable(sourceName(names, entry.dataSourceId)), entry.type, entry.data.size());
+                       printable(sourceName(names, entry.dataSourceId)), entry.type, size);
 }
 
-void printText(const DataEntry& entry, const SourceNames& names) {
-    fmt::print("{}  {}\n", entryHeadline(entry, names), hexPrefix(entry.data, kTextPreviewBytes));
+// The size and the first bytes, expanded piece by piece: a line never needs
+// more memory than a piece, whatever size the payload has or declares.
+void printText(const ScannedEntry& entry, const SourceNames& names) {
+    // One byte more than shown, so that the preview knows to say "...".
+    ByteBuffer prefix;
+    const std::size_t size = entry.sizeAndPrefix(kTextPreviewBytes + 1, prefix);
+    fmt::print("{}  {}\n", entryHeadline(entry, size, names), hexPrefix(prefix, kTextPreviewBytes));
 }
 
-void printJson(const DataEntry& entry, const SourceNames& names) {
+void printJson(const ScannedEntry& entry, const SourceNames& names) {
+    const ByteBuffer data = entry.payload();
     const nlohmann::ordered_json line = {{"entryId", entry.entryId},
                                          {"timestamp", entry.timestamp},
                                          {"time", isoTimestamp(entry.timestamp)},
                                          {"dataSourceId", entry.dataSourceId},
                                          {"dataSourceName", sourceName(names, entry.dataSourceId)},
                                          {"type", entry.type},
-                                         {"size", entry.data.size()},
-                                         {"data", base64(entry.data)}};
+                                         {"size", data.size()},
+                                         {"data", base64(data)}};
     fmt::print("{}\n", dumpJson(line));
 }
 
@@ -103,15 +109,16 @@ char printableOrDot(std::byte value) {
     return std::isprint(character) ? static_cast<char>(character) : '.';
 }
 
-void printHexDump(const DataEntry& entry, const SourceNames& names) {
-    fmt::print("{}\n", entryHeadline(entry, names));
-    for (std::size_t offset = 0; offset < entry.data.size(); offset += kHexDumpWidth) {
+void printHexDump(const ScannedEntry& entry, const SourceNames& names) {
+    const ByteBuffer data = entry.payload();
+    fmt::print("{}\n", entryHeadline(entry, data.size(), names));
+    for (std::size_t offset = 0; offset < data.size(); offset += kHexDumpWidth) {
         std::string hex;
         std::string characters;
         for (std::size_t i = offset; i < offset + kHexDumpWidth; ++i) {
-            if (i < entry.data.size()) {
-                hex += fmt::format("{:02x} ", std::to_integer<unsigned>(entry.data[i]));
-                characters += printableOrDot(entry.data[i]);
+            if (i < data.size()) {
+                hex += fmt::format("{:02x} ", std::to_integer<unsigned>(data[i]));
+                characters += printableOrDot(data[i]);
             } else {
                 hex += "   ";
             }
@@ -120,7 +127,7 @@ void printHexDump(const DataEntry& entry, const SourceNames& names) {
     }
 }
 
-void printEntry(CatFormat format, const DataEntry& entry, const SourceNames& names) {
+void printEntry(CatFormat format, const ScannedEntry& entry, const SourceNames& names) {
     switch (format) {
         case CatFormat::Text:
             printText(entry, names);
@@ -145,27 +152,42 @@ bool outputClosed() {
 
 // Polls for entries committed after `lastSeen`, a bounded number at a time,
 // until interrupted, idle for the options' limit, or the output is closed.
-void followNewEntries(const SqliteLogFile& file, const CatOptions& options, int32_t lastSeen,
-                      const SourceNames& names) {
+void followNewEntries(const SqliteLogFile& file, const CatOptions& options, const EntrySelection& selection,
+                      int32_t lastSeen, const SourceNames& names) {
     constexpr auto kPollPeriod = std::chrono::milliseconds(100);
     constexpr int32_t kEntriesPerRead = 1000;
     InterruptGuard interrupts;
-    const EntrySelection selection = selectionOf(options);
     auto lastArrival = std::chrono::steady_clock::now();
-    while (!interruptRequested() && !outputClosed()) {
-        const std::vector<DataEntry> entries =
-            file.readEntries(lastSeen + 1, -1, selection.filter, kEntriesPerRead);
-        requireCompleteReads(file);
-        for (const DataEntry& entry : entries) {
-            if (options.to != -1 && entry.entryId > options.to) {
-                return;
-            }
-            printEntry(options.format, entry, names);
-            lastSeen = entry.entryId;
-        }
+    Marivane::Logging::VisitOptions visitOptions;
+    visitOptions.payloadForm = Marivane::Logging::PayloadForm::Stored;
+    visitOptions.onDamagedEntry = [](int64_t entryId, const std::string& reason) {
         std::fflush(stdout);
+        fmt::print(stderr, "mvlog: entry {}: {}\n", entryId, reason);
+        return true;
+    };
+    while (!interruptRequested() && !outputClosed()) {
+        int32_t printed = 0;
+        bool pastEnd = false;
+        file.visitEntries(
+            Marivane::Logging::EntryRange{lastSeen + 1, -1, selection.startTimestamp, selection.endTimestamp},
+            selection.filter,
+            [&](const Marivane::Logging::EntryView& view) {
+                if (options.to != -1 && view.entryId > options.to) {
+                    pastEnd = true;
+                    return false;
+                }
+                printEntry(options.format, scannedFrom(view), names);
+                lastSeen = view.entryId;
+                return ++printed < kEntriesPerRead;
+            },
+            visitOptions);
+        requireCompleteReads(file);
+        std::fflush(stdout);
+        if (pastEnd) {
+            return;
+        }
         const auto now = std::chrono::steady_clock::now();
-        if (!entries.empty()) {
+        if (printed > 0) {
             lastArrival = now;
             continue;
         }
@@ -180,9 +202,19 @@ void followNewEntries(const SqliteLogFile& file, const CatOptions& options, int3
 int runCat(const CatOptions& options) {
     const auto file = openExistingLogFile(options.file);
     const SourceNames names = sourceNamesOf(*file);
-    EntryScanner scanner(*file, selectionOf(options));
+    EntrySelection selection = selectionOf(options);
+    if (options.start) {
+        selection.startTimestamp = parseTime("--start", *options.start, *file);
+    }
+    if (options.end) {
+        selection.endTimestamp = parseTime("--end", *options.end, *file);
+    }
+    if (selection.endTimestamp < selection.startTimestamp) {
+        throw ToolError("refused: the time range is reversed (--start is after --end)");
+    }
+    EntryScanner scanner(*file, selection);
     std::size_t damaged = 0;
-    scanner.run([&](DataEntry&& entry) { printEntry(options.format, entry, names); },
+    scanner.run([&](const ScannedEntry& entry) { printEntry(options.format, entry, names); },
                 [&](const DamagedEntry& entry) {
                     ++damaged;
                     std::fflush(stdout);
@@ -199,7 +231,8 @@ int runCat(const CatOptions& options) {
     }
     if (options.follow) {
         const std::vector<int32_t>& seen = scanner.selectedIds();
-        followNewEntries(*file, options, seen.empty() ? std::max(0, options.from - 1) : seen.back(), names);
+        followNewEntries(*file, options, selection,
+                         seen.empty() ? std::max(0, options.from - 1) : seen.back(), names);
     }
     return 0;
 }

@@ -4,6 +4,8 @@
 
 #include <logging/Logging.h>
 
+#include <core/Compression.h>
+
 #include <fmt/format.h>
 #include <sqlite3.h>
 
@@ -18,7 +20,6 @@
 namespace Mvlog {
 
 using Marivane::Logging::Bookmark;
-using Marivane::Logging::DataEntry;
 using Marivane::Logging::LogFileInterface;
 using Marivane::Logging::PropertyValue;
 using Marivane::Logging::SqliteLogFile;
@@ -100,6 +101,13 @@ void checkDatabase(const std::string& path, ProblemReport& problems) {
             }
         }
     });
+    runPragma(
+        database.get(),
+        "SELECT dataSourceId FROM dataSources WHERE typeof(dataSourceId) != 'integer' OR dataSourceId NOT "
+        "BETWEEN -128 AND 127;",
+        problems, [&](sqlite3_stmt* row) {
+            problems.add(fmt::format("data source {}: its id does not fit in 8 bits", columnText(row, 0)));
+        });
     runPragma(database.get(), "PRAGMA foreign_key_check;", problems, [&](sqlite3_stmt* row) {
         problems.add(fmt::format("foreign_key_check: row {} of table {} refers to a missing row of table {}",
                                  columnText(row, 1), columnText(row, 0), columnText(row, 2)));
@@ -153,7 +161,36 @@ std::string idRangeText(int32_t first, int32_t last) {
 // The index read stops silently at a page it cannot read, so entries after
 // the damage are missing from it. They are looked up by id instead, up to the
 // file's highest id: readable ones still count, the others are named.
-std::size_t probeBeyondIndex(const LogFileInterface& file, int32_t lastListedId, ProblemReport& problems) {
+// What a lookup of one id finds: nothing (its row cannot be read), a readable
+// entry, or an entry whose payload does not expand (`reason` says why).
+enum class Probe { Missing, Readable, Damaged };
+
+Probe probeEntry(const SqliteLogFile& file, int32_t entryId, std::string& reason) {
+    Probe found = Probe::Missing;
+    Marivane::Logging::VisitOptions options;
+    options.payloadForm = Marivane::Logging::PayloadForm::Stored;
+    options.onDamagedEntry = [&](int64_t, const std::string& why) {
+        found = Probe::Damaged;
+        reason = why;
+        return true;
+    };
+    file.visitEntries(
+        Marivane::Logging::EntryRange{entryId, entryId}, Marivane::Logging::EntryIndexFilter(),
+        [&](const Marivane::Logging::EntryView& view) {
+            try {
+                scannedFrom(view).forEachPiece([](const std::byte*, std::size_t) { return true; });
+                found = Probe::Readable;
+            } catch (const std::exception& error) {
+                found = Probe::Damaged;
+                reason = fmt::format("payload cannot be expanded: {}", error.what());
+            }
+            return false;
+        },
+        options);
+    return found;
+}
+
+std::size_t probeBeyondIndex(const SqliteLogFile& file, int32_t lastListedId, ProblemReport& problems) {
     constexpr int64_t kMaximumProbes = 10'000'000;
     const int32_t lastId = file.getLastEntryId();
     if (lastId <= lastListedId) {
@@ -174,25 +211,38 @@ std::size_t probeBeyondIndex(const LogFileInterface& file, int32_t lastListedId,
         }
     };
     for (int32_t id = lastListedId + 1; id <= lastId; ++id) {
-        try {
-            if (file.readEntry(id)) {
+        std::string reason;
+        switch (probeEntry(file, id, reason)) {
+            case Probe::Readable:
                 closeUnreadable(id - 1);
                 ++readable;
-                continue;
-            }
-        } catch (const std::exception& error) {
-            closeUnreadable(id - 1);
-            problems.add(fmt::format("entry {}: payload cannot be expanded: {}", id, error.what()));
-            continue;
+                break;
+            case Probe::Damaged:
+                closeUnreadable(id - 1);
+                problems.add(fmt::format("entry {}: {}", id, reason));
+                break;
+            case Probe::Missing:
+                unreadableFrom = unreadableFrom.value_or(id);
+                break;
         }
-        unreadableFrom = unreadableFrom.value_or(id);
     }
     closeUnreadable(lastId);
     return readable;
 }
 
+// A payload that looks like a compressed frame in a file whose level says
+// payloads are stored as they are: readers hand it out compressed.
+void checkStoredForm(const ScannedEntry& entry, ProblemReport& problems) {
+    if (!entry.compressed && Marivane::Compression::startsWithFrame(entry.stored, entry.storedSize)) {
+        problems.add(
+            fmt::format("entry {}: the payload is a compressed frame but the file's compression level "
+                        "is 0 (payloads stored uncompressed): readers hand it out compressed",
+                        entry.entryId));
+    }
+}
+
 // Returns the number of entries that could be read in full.
-std::size_t checkEntries(const LogFileInterface& file, ProblemReport& problems) {
+std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems) {
     const int32_t counted = file.getEntryCount();
     if (counted < 0) {
         problems.add(fmt::format("cannot count the entries: {}", file.getLastError()));
@@ -200,10 +250,15 @@ std::size_t checkEntries(const LogFileInterface& file, ProblemReport& problems) 
     std::size_t readable = 0;
     try {
         EntryScanner scanner(file, EntrySelection{});
-        scanner.run([&](DataEntry&&) { ++readable; },
-                    [&](const DamagedEntry& damaged) {
-                        problems.add(fmt::format("entry {}: {}", damaged.entryId, damaged.reason));
-                    });
+        scanner.run(
+            [&](const ScannedEntry& entry) {
+                checkStoredForm(entry, problems);
+                entry.forEachPiece([](const std::byte*, std::size_t) { return true; });
+                ++readable;
+            },
+            [&](const DamagedEntry& damaged) {
+                problems.add(fmt::format("entry {}: {}", damaged.entryId, damaged.reason));
+            });
         if (counted >= 0 && scanner.selectedCount() != static_cast<std::size_t>(counted)) {
             problems.add(fmt::format("the entry index lists {} entries but the file counts {}",
                                      scanner.selectedCount(), counted));
@@ -218,15 +273,11 @@ std::size_t checkEntries(const LogFileInterface& file, ProblemReport& problems) 
 
 // For ids the (possibly cut) index does not list: a row that exists, even
 // with a damaged payload, counts as stored.
-bool entryIsStored(const LogFileInterface& file, int32_t entryId) {
-    try {
-        return file.readEntry(entryId).has_value();
-    } catch (const std::exception&) {
-        return true;
-    }
+bool entryIsStored(const SqliteLogFile& file, int32_t entryId) {
+    return file.hasEntry(entryId);
 }
 
-std::size_t checkBookmarks(const LogFileInterface& file, ProblemReport& problems) {
+std::size_t checkBookmarks(const SqliteLogFile& file, ProblemReport& problems) {
     try {
         const std::vector<Bookmark> bookmarks = file.getBookmarks();
         const std::vector<int32_t> ids = file.getEntryIndex(Marivane::Logging::EntryIndexFilter{});

@@ -24,6 +24,9 @@ struct CatOptions {
     std::string file;
     int32_t from = -1;
     int32_t to = -1;
+    // Times as slice takes them: ISO 8601 or seconds from the first entry.
+    std::optional<std::string> start;
+    std::optional<std::string> end;
     std::vector<int32_t> types;
     std::vector<int> sources;
     std::vector<MV_LogDataSourceType> sourceTypes;

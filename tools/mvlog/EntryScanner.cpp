@@ -3,22 +3,44 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <exception>
 #include <utility>
 
 namespace Mvlog {
 
-using Marivane::Logging::DataEntry;
-using Marivane::Logging::LogFileInterface;
+using Marivane::Logging::ByteBuffer;
+using Marivane::Logging::EntryRange;
+using Marivane::Logging::EntryView;
+using Marivane::Logging::SqliteLogFile;
+using Marivane::Logging::VisitOptions;
 
 namespace {
 
-// Before any payload has been seen the chunk is sized for large payloads.
-constexpr std::size_t kFirstChunkLength = 16;
-constexpr std::size_t kMaximumChunkLength = 4096;
+bool hasTimeBounds(const EntrySelection& selection) {
+    return selection.startTimestamp != std::numeric_limits<int64_t>::min() ||
+           selection.endTimestamp != std::numeric_limits<int64_t>::max();
+}
 
-std::vector<int32_t> selectIds(const LogFileInterface& file, const EntrySelection& selection) {
+// The ids of a time window come from the library's payload-free read, which
+// uses the time index when the file has one.
+std::vector<int32_t> idsInTimeWindow(const SqliteLogFile& file, const EntrySelection& selection) {
+    std::vector<int32_t> ids;
+    const EntryRange range{selection.from, selection.to, selection.startTimestamp, selection.endTimestamp};
+    file.visitEntrySummaries(range, selection.filter, [&](const Marivane::Logging::EntrySummary& entry) {
+        ids.push_back(entry.entryId);
+        return selection.limit < 0 || ids.size() < static_cast<std::size_t>(selection.limit);
+    });
+    return ids;
+}
+
+std::vector<int32_t> selectIds(const SqliteLogFile& file, const EntrySelection& selection) {
+    if (hasTimeBounds(selection)) {
+        return idsInTimeWindow(file, selection);
+    }
     std::vector<int32_t> ids = file.getEntryIndex(selection.filter);
+    // A crafted file can list an id twice (ids beyond 32 bits narrowed onto
+    // small ones); each entry is visited once.
+    std::sort(ids.begin(), ids.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
     auto first = ids.begin();
     auto last = ids.end();
     if (selection.from != -1) {
@@ -36,79 +58,123 @@ std::vector<int32_t> selectIds(const LogFileInterface& file, const EntrySelectio
 
 }  // namespace
 
-EntryScanner::EntryScanner(const LogFileInterface& file, EntrySelection selection, std::size_t chunkBytes)
-    : file_(file),
-      selection_(std::move(selection)),
-      chunkBytes_(chunkBytes),
-      ids_(selectIds(file, selection_)) {}
+ScannedEntry scannedFrom(const EntryView& view) {
+    return ScannedEntry{view.entryId, view.dataSourceId, view.type,      view.timestamp,
+                        view.data,    view.size,         view.compressed};
+}
+
+std::size_t ScannedEntry::forEachPiece(const Marivane::Compression::PieceHandler& onPiece) const {
+    if (!compressed) {
+        onPiece(stored, storedSize);
+        return storedSize;
+    }
+    return Marivane::Compression::uncompressInPieces(stored, storedSize, onPiece);
+}
+
+std::size_t ScannedEntry::sizeAndPrefix(std::size_t prefixLength, ByteBuffer& prefix) const {
+    prefix.clear();
+    return forEachPiece([&](const std::byte* piece, std::size_t size) {
+        const std::size_t wanted = std::min(size, prefixLength - std::min(prefixLength, prefix.size()));
+        prefix.insert(prefix.end(), piece, piece + wanted);
+        return true;
+    });
+}
+
+ByteBuffer ScannedEntry::payload() const {
+    ByteBuffer bytes;
+    forEachPiece([&](const std::byte* piece, std::size_t size) {
+        bytes.insert(bytes.end(), piece, piece + size);
+        return true;
+    });
+    return bytes;
+}
+
+EntryScanner::EntryScanner(const SqliteLogFile& file, EntrySelection selection)
+    : file_(file), selection_(std::move(selection)), ids_(selectIds(file, selection_)) {}
 
 void EntryScanner::run(const EntryHandler& onEntry, const DamageHandler& onDamaged) {
-    std::size_t begin = 0;
-    while (begin < ids_.size()) {
-        const std::size_t end = std::min(ids_.size(), begin + nextChunkLength());
-        readChunk(begin, end, onEntry, onDamaged);
-        begin = end;
-    }
-}
-
-std::size_t EntryScanner::nextChunkLength() const {
-    if (entriesSeen_ == 0) {
-        return kFirstChunkLength;
-    }
-    const uint64_t meanBytes = std::max<uint64_t>(1, bytesSeen_ / entriesSeen_);
-    return static_cast<std::size_t>(std::clamp<uint64_t>(chunkBytes_ / meanBytes, 1, kMaximumChunkLength));
-}
-
-void EntryScanner::readChunk(std::size_t begin, std::size_t end, const EntryHandler& onEntry,
-                             const DamageHandler& onDamaged) {
-    std::vector<DataEntry> entries;
-    try {
-        entries = file_.readEntries(ids_[begin], ids_[end - 1], selection_.filter,
-                                    static_cast<int32_t>(end - begin));
-    } catch (const std::exception&) {
-        readOneByOne(begin, end, onEntry, onDamaged);
+    if (ids_.empty()) {
         return;
     }
-    // A read that stops early inside the database (an unreadable page) returns
-    // what it had, so every id the chunk should have held is accounted for.
-    auto delivered = entries.begin();
-    for (std::size_t i = begin; i < end; ++i) {
-        if (delivered != entries.end() && delivered->entryId == ids_[i]) {
-            bytesSeen_ += delivered->data.size();
-            ++entriesSeen_;
-            onEntry(std::move(*delivered));
-            ++delivered;
-        } else {
-            readSingle(ids_[i], onEntry, onDamaged);
+    // Without a limit the read runs over the whole selection, so that rows the
+    // index cannot list (ids beyond 32 bits) are still reported.
+    const bool limited = selection_.limit >= 0;
+    const EntryRange range{selection_.from, limited ? ids_.back() : selection_.to, selection_.startTimestamp,
+                           selection_.endTimestamp};
+    std::size_t next = 0;
+    const auto readSkippedBefore = [&](int64_t entryId) {
+        while (next < ids_.size() && ids_[next] < entryId) {
+            readSingle(ids_[next++], onEntry, onDamaged);
         }
+    };
+    VisitOptions options = optionsReportingTo(onDamaged);
+    options.onDamagedEntry = [&](int64_t entryId, const std::string& reason) {
+        readSkippedBefore(entryId);
+        if (next < ids_.size() && ids_[next] == entryId) {
+            ++next;
+        }
+        onDamaged({entryId, reason});
+        return true;
+    };
+    file_.visitEntries(
+        range, selection_.filter,
+        [&](const EntryView& view) {
+            readSkippedBefore(view.entryId);
+            // Only the listed entries: a writer may have added more since.
+            if (next < ids_.size() && ids_[next] == view.entryId) {
+                ++next;
+                deliver(view, onEntry, onDamaged);
+            }
+            return !limited || next < ids_.size();
+        },
+        options);
+    // After a failure inside the database: what the read did not reach.
+    while (next < ids_.size()) {
+        readSingle(ids_[next++], onEntry, onDamaged);
     }
 }
 
-void EntryScanner::readOneByOne(std::size_t begin, std::size_t end, const EntryHandler& onEntry,
-                                const DamageHandler& onDamaged) {
-    for (std::size_t i = begin; i < end; ++i) {
-        readSingle(ids_[i], onEntry, onDamaged);
-    }
+VisitOptions EntryScanner::optionsReportingTo(const DamageHandler& onDamaged) const {
+    VisitOptions options;
+    options.payloadForm = Marivane::Logging::PayloadForm::Stored;
+    options.onDamagedEntry = [&onDamaged](int64_t entryId, const std::string& reason) {
+        onDamaged({entryId, reason});
+        return true;
+    };
+    return options;
 }
 
-void EntryScanner::readSingle(int32_t entryId, const EntryHandler& onEntry, const DamageHandler& onDamaged) {
-    std::optional<DataEntry> entry;
+void EntryScanner::deliver(const EntryView& view, const EntryHandler& onEntry,
+                           const DamageHandler& onDamaged) const {
     try {
-        entry = file_.readEntry(entryId);
-    } catch (const std::exception& error) {
-        onDamaged({entryId, fmt::format("payload cannot be expanded: {}", error.what())});
-        return;
+        onEntry(scannedFrom(view));
+    } catch (const Marivane::Compression::CompressionError& error) {
+        onDamaged({view.entryId, fmt::format("payload cannot be expanded: {}", error.what())});
     }
-    if (!entry) {
-        // The store records no error for a failing single read; an id from
-        // the index that yields no row sits on a page that cannot be read.
+}
+
+void EntryScanner::readSingle(int32_t entryId, const EntryHandler& onEntry,
+                              const DamageHandler& onDamaged) const {
+    bool found = false;
+    VisitOptions options = optionsReportingTo(onDamaged);
+    options.onDamagedEntry = [&](int64_t damagedId, const std::string& reason) {
+        found = true;
+        onDamaged({damagedId, reason});
+        return true;
+    };
+    file_.visitEntries(
+        EntryRange{entryId, entryId}, Marivane::Logging::EntryIndexFilter(),
+        [&](const EntryView& view) {
+            found = true;
+            deliver(view, onEntry, onDamaged);
+            return false;
+        },
+        options);
+    if (!found) {
+        // An id from the index that yields no row sits on a page that cannot
+        // be read (or had its stored values reported above).
         onDamaged({entryId, "listed in the index but its row cannot be read"});
-        return;
     }
-    bytesSeen_ += entry->data.size();
-    ++entriesSeen_;
-    // Outside the try: a failing handler is not a damaged entry.
-    onEntry(std::move(*entry));
 }
 
 }  // namespace Mvlog

@@ -2,43 +2,73 @@
 
 #include <logging/Logging.h>
 
+#include <core/Compression.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <string>
 #include <vector>
 
 namespace Mvlog {
 
 // Which entries a scan visits: ids in [from, to] (-1 for the file's first or
-// last), admitted by the filter, at most `limit` of them (-1: all).
+// last) and timestamps in [startTimestamp, endTimestamp], admitted by the
+// filter, at most `limit` of them (-1: all).
 struct EntrySelection {
     int32_t from = -1;
     int32_t to = -1;
+    int64_t startTimestamp = std::numeric_limits<int64_t>::min();
+    int64_t endTimestamp = std::numeric_limits<int64_t>::max();
     Marivane::Logging::EntryIndexFilter filter;
     int64_t limit = -1;
 };
 
-// An entry in the index whose payload could not be read or expanded.
+// An entry whose payload could not be read or expanded, or whose stored
+// values no record can carry (an id beyond 32 bits, say).
 struct DamagedEntry {
-    int32_t entryId = 0;
+    int64_t entryId = 0;
     std::string reason;
 };
 
-// Visits entries in id order through readEntries, a bounded chunk at a time,
-// so that a file of any size needs only about `chunkBytes` of payloads in
-// memory. A chunk that fails (a payload that does not expand, a page that
-// cannot be read) is read again entry by entry, which names the damaged ones
-// and still delivers the rest.
+// One entry as a scan hands it out, its payload as the file stores it.
+// Borrowed: valid only during the handler's call.
+struct ScannedEntry {
+    int32_t entryId = 0;
+    int8_t dataSourceId = 0;
+    int32_t type = 0;
+    int64_t timestamp = 0;
+    const std::byte* stored = nullptr;
+    std::size_t storedSize = 0;
+    bool compressed = false;
+
+    // Hands the payload to `onPiece` piece by piece, expanding a compressed
+    // one 128 KiB at a time: memory never depends on the size a frame
+    // declares. Returns the payload's size (up to where `onPiece` stopped).
+    // Throws Marivane::Compression::CompressionError for a payload that does
+    // not expand; the scan reports that entry as damaged.
+    std::size_t forEachPiece(const Marivane::Compression::PieceHandler& onPiece) const;
+    // The payload's size, and up to `prefixLength` of its first bytes.
+    std::size_t sizeAndPrefix(std::size_t prefixLength, Marivane::Logging::ByteBuffer& prefix) const;
+    // The whole payload, for output that holds all of it.
+    Marivane::Logging::ByteBuffer payload() const;
+};
+
+ScannedEntry scannedFrom(const Marivane::Logging::EntryView& view);
+
+// Visits the entries that the file's index lists for a selection, in id
+// order, through the library's streaming read: payloads stay as stored until
+// a handler asks for them. An entry that the read cannot hand out is reported
+// as damaged and the scan goes on; after a database failure (a damaged page)
+// the remaining listed entries are read one by one, which names the ones
+// behind the damage and still delivers the rest.
 class EntryScanner {
 public:
-    using EntryHandler = std::function<void(Marivane::Logging::DataEntry&&)>;
+    using EntryHandler = std::function<void(const ScannedEntry&)>;
     using DamageHandler = std::function<void(const DamagedEntry&)>;
 
-    static constexpr std::size_t kDefaultChunkBytes = 8u << 20;
-
-    EntryScanner(const Marivane::Logging::LogFileInterface& file, EntrySelection selection,
-                 std::size_t chunkBytes = kDefaultChunkBytes);
+    EntryScanner(const Marivane::Logging::SqliteLogFile& file, EntrySelection selection);
 
     // Number of entries the selection names (from the index, before reading).
     std::size_t selectedCount() const { return ids_.size(); }
@@ -47,19 +77,14 @@ public:
     void run(const EntryHandler& onEntry, const DamageHandler& onDamaged);
 
 private:
-    void readChunk(std::size_t begin, std::size_t end, const EntryHandler& onEntry,
-                   const DamageHandler& onDamaged);
-    void readOneByOne(std::size_t begin, std::size_t end, const EntryHandler& onEntry,
-                      const DamageHandler& onDamaged);
-    void readSingle(int32_t entryId, const EntryHandler& onEntry, const DamageHandler& onDamaged);
-    std::size_t nextChunkLength() const;
+    void deliver(const Marivane::Logging::EntryView& view, const EntryHandler& onEntry,
+                 const DamageHandler& onDamaged) const;
+    void readSingle(int32_t entryId, const EntryHandler& onEntry, const DamageHandler& onDamaged) const;
+    Marivane::Logging::VisitOptions optionsReportingTo(const DamageHandler& onDamaged) const;
 
-    const Marivane::Logging::LogFileInterface& file_;
+    const Marivane::Logging::SqliteLogFile& file_;
     EntrySelection selection_;
-    std::size_t chunkBytes_;
     std::vector<int32_t> ids_;
-    uint64_t bytesSeen_ = 0;
-    uint64_t entriesSeen_ = 0;
 };
 
 }  // namespace Mvlog

@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "EntryScanner.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 
@@ -7,30 +8,60 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include <unistd.h>
 #include <utility>
 
 namespace Mvlog {
 
 using Marivane::Logging::ByteBuffer;
-using Marivane::Logging::DataEntry;
 using Marivane::Logging::LogFileInterface;
+using Marivane::Logging::SqliteLogFile;
 
 namespace {
 
 // "-" sends the bytes to stdout, for pipes.
 constexpr const char* kStandardOutput = "-";
 
-ByteBuffer readEntryBytes(const LogFileInterface& file, int32_t entryId) {
-    std::optional<DataEntry> entry;
-    try {
-        entry = file.readEntry(entryId);
-    } catch (const std::exception& error) {
-        throw ToolError(fmt::format("entry {}: payload cannot be expanded: {}", entryId, error.what()));
+// Hands entry `entryId`'s payload to `write` piece by piece (expanded 128 KiB
+// at a time): an export never holds a whole payload. Returns its size.
+std::size_t streamEntry(const SqliteLogFile& file, int32_t entryId,
+                        const std::function<void(const std::byte*, std::size_t)>& write) {
+    bool found = false;
+    std::size_t size = 0;
+    std::string damage;
+    Marivane::Logging::VisitOptions options;
+    options.payloadForm = Marivane::Logging::PayloadForm::Stored;
+    options.onDamagedEntry = [&](int64_t, const std::string& reason) {
+        damage = reason;
+        return false;
+    };
+    file.visitEntries(
+        Marivane::Logging::EntryRange{entryId, entryId}, Marivane::Logging::EntryIndexFilter(),
+        [&](const Marivane::Logging::EntryView& view) {
+            found = true;
+            try {
+                size = scannedFrom(view).forEachPiece([&](const std::byte* piece, std::size_t length) {
+                    write(piece, length);
+                    return true;
+                });
+            } catch (const Marivane::Compression::CompressionError& error) {
+                damage = fmt::format("payload cannot be expanded: {}", error.what());
+            }
+            return false;
+        },
+        options);
+    if (!damage.empty()) {
+        throw ToolError(fmt::format("entry {}: {}", entryId, damage));
     }
-    if (!entry) {
+    requireCompleteReads(file);
+    if (!found) {
         throw ToolError(fmt::format("{}: no entry with id {}", file.getFilePath().string(), entryId));
     }
-    return std::move(entry->data);
+    return size;
 }
 
 ByteBuffer readResourceBytes(const LogFileInterface& file, const std::string& name) {
@@ -60,17 +91,20 @@ ByteBuffer readThumbnailBytes(const LogFileInterface& file) {
 }
 
 ByteBuffer selectedBytes(const LogFileInterface& file, const ExportOptions& options) {
-    if (options.entry) {
-        return readEntryBytes(file, *options.entry);
-    }
     if (options.resource) {
         return readResourceBytes(file, *options.resource);
     }
     return readThumbnailBytes(file);
 }
 
-void writeToStandardOutput(const ByteBuffer& bytes) {
-    if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() || std::fflush(stdout) != 0) {
+void writeToStandardOutput(const std::byte* bytes, std::size_t size) {
+    if (std::fwrite(bytes, 1, size, stdout) != size) {
+        throw ToolError("cannot write to standard output");
+    }
+}
+
+void flushStandardOutput() {
+    if (std::fflush(stdout) != 0) {
         throw ToolError("cannot write to standard output");
     }
 }
@@ -88,30 +122,82 @@ void refuseUnsafeOutput(const ExportOptions& options) {
     }
 }
 
-void writeToFile(const std::string& path, const ByteBuffer& bytes) {
-    std::ofstream stream(path, std::ios::binary | std::ios::trunc);
-    stream.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    stream.close();
-    if (!stream) {
-        throw ToolError(fmt::format("cannot write {}", path));
+// The bytes go to a temporary name beside the output and take its name only
+// when complete: a failure half way leaves no partial file under it.
+class PendingExport {
+public:
+    explicit PendingExport(std::string path)
+        : path_(std::move(path)), temporary_(fmt::format("{}.partial-{}", path_, ::getpid())) {
+        stream_.open(temporary_, std::ios::binary | std::ios::trunc);
+        if (!stream_) {
+            throw ToolError(fmt::format("cannot write {}", path_));
+        }
     }
-}
+    ~PendingExport() {
+        if (!committed_) {
+            std::error_code ignored;
+            std::filesystem::remove(temporary_, ignored);
+        }
+    }
+    PendingExport(const PendingExport&) = delete;
+    PendingExport& operator=(const PendingExport&) = delete;
+
+    void write(const std::byte* bytes, std::size_t size) {
+        stream_.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(size));
+        if (!stream_) {
+            throw ToolError(fmt::format("cannot write {}", path_));
+        }
+    }
+    void commit() {
+        stream_.close();
+        std::error_code error;
+        if (!stream_ || (std::filesystem::rename(temporary_, path_, error), error)) {
+            throw ToolError(fmt::format("cannot write {}", path_));
+        }
+        committed_ = true;
+    }
+
+private:
+    std::string path_;
+    std::string temporary_;
+    std::ofstream stream_;
+    bool committed_ = false;
+};
 
 }  // namespace
 
 int runExport(const ExportOptions& options) {
     const auto file = openExistingLogFile(options.file);
-    if (options.output != kStandardOutput) {
+    const bool toStandardOutput = options.output == kStandardOutput;
+    if (!toStandardOutput) {
         refuseUnsafeOutput(options);
     }
-    const ByteBuffer bytes = selectedBytes(*file, options);
-    requireCompleteReads(*file);
-    if (options.output == kStandardOutput) {
-        writeToStandardOutput(bytes);
+    std::optional<PendingExport> pending;
+    if (!toStandardOutput) {
+        pending.emplace(options.output);
+    }
+    const auto write = [&](const std::byte* bytes, std::size_t size) {
+        if (pending) {
+            pending->write(bytes, size);
+        } else {
+            writeToStandardOutput(bytes, size);
+        }
+    };
+    std::size_t size = 0;
+    if (options.entry) {
+        size = streamEntry(*file, *options.entry, write);
+    } else {
+        const ByteBuffer bytes = selectedBytes(*file, options);
+        requireCompleteReads(*file);
+        write(bytes.data(), bytes.size());
+        size = bytes.size();
+    }
+    if (!pending) {
+        flushStandardOutput();
         return 0;
     }
-    writeToFile(options.output, bytes);
-    fmt::print("Wrote {} bytes ({}) to {}\n", bytes.size(), humanSize(bytes.size()), options.output);
+    pending->commit();
+    fmt::print("Wrote {} bytes ({}) to {}\n", size, humanSize(size), options.output);
     return 0;
 }
 

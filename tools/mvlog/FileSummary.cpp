@@ -13,11 +13,11 @@
 namespace Mvlog {
 
 using Marivane::Logging::Bookmark;
-using Marivane::Logging::DataEntry;
 using Marivane::Logging::DataSource;
 using Marivane::Logging::DataSourceProperty;
 using Marivane::Logging::LogFileInterface;
 using Marivane::Logging::PropertyValue;
+using Marivane::Logging::SqliteLogFile;
 using nlohmann::ordered_json;
 
 namespace {
@@ -50,21 +50,23 @@ void noteTimestamp(std::optional<int64_t>& first, std::optional<int64_t>& last, 
     last = last ? std::max(*last, timestamp) : timestamp;
 }
 
-void scanEntries(const LogFileInterface& file, FileSummary& summary) {
+void scanEntries(const SqliteLogFile& file, FileSummary& summary) {
     std::unordered_map<int8_t, SourceSummary*> byId;
     for (SourceSummary& source : summary.sources) {
         byId[source.source.id] = &source;
     }
     EntryScanner scanner(file, EntrySelection{});
     scanner.run(
-        [&](DataEntry&& entry) {
-            summary.payloadBytes += entry.data.size();
+        [&](const ScannedEntry& entry) {
+            // Sizes come from expanding in pieces: nothing holds a payload.
+            const std::size_t size = entry.forEachPiece([](const std::byte*, std::size_t) { return true; });
+            summary.payloadBytes += size;
             noteTimestamp(summary.firstTimestamp, summary.lastTimestamp, entry.timestamp);
             ++summary.entryTypes[entry.type];
             if (auto found = byId.find(entry.dataSourceId); found != byId.end()) {
                 SourceSummary& source = *found->second;
                 ++source.entryCount;
-                source.payloadBytes += entry.data.size();
+                source.payloadBytes += size;
                 noteTimestamp(source.firstTimestamp, source.lastTimestamp, entry.timestamp);
             }
         },
@@ -289,7 +291,7 @@ std::optional<int64_t> FileSummary::durationMs() const {
     return *lastTimestamp - *firstTimestamp;
 }
 
-FileSummary summarizeLogFile(const LogFileInterface& file) {
+FileSummary summarizeLogFile(const SqliteLogFile& file) {
     FileSummary summary;
     summary.path = file.getFilePath();
     summary.sizeOnDisk = fileSizeOnDisk(summary.path);

@@ -70,7 +70,7 @@ struct FileSummary {
 
 // Reads everything, payloads included (a chunk at a time). Damaged payloads
 // and unreadable resources or bookmarks are recorded, not thrown.
-FileSummary summarizeLogFile(const Marivane::Logging::LogFileInterface& file);
+FileSummary summarizeLogFile(const Marivane::Logging::SqliteLogFile& file);
 
 std::string summaryText(const FileSummary& summary);
 nlohmann::ordered_json summaryJson(const FileSummary& summary);

@@ -12,12 +12,12 @@
 
 namespace Mvlog {
 
-using Marivane::Logging::LogFileInterface;
+using Marivane::Logging::SqliteLogFile;
 
 namespace {
 
 // "+12.5": seconds after the file's first entry.
-std::optional<int64_t> parseRelativeTime(const std::string& text, const LogFileInterface& file) {
+std::optional<int64_t> parseRelativeTime(const std::string& text, const SqliteLogFile& file) {
     if (text.empty() || text[0] != '+') {
         return std::nullopt;
     }
@@ -31,11 +31,12 @@ std::optional<int64_t> parseRelativeTime(const std::string& text, const LogFileI
     if (used + 1 != text.size() || !std::isfinite(seconds)) {
         return std::nullopt;
     }
-    const std::optional<Marivane::Logging::DataEntry> first = file.readEntry(file.getFirstEntryId());
+    // The first entry's timestamp alone: no payload is read.
+    const std::optional<int64_t> first = file.getEntryTimestamp(file.getFirstEntryId());
     if (!first) {
         throw ToolError("refused: a time relative to the first entry needs a file with entries");
     }
-    return first->timestamp + std::llround(seconds * 1000.0);
+    return *first + std::llround(seconds * 1000.0);
 }
 
 // "2026-11-21T11:58:05.5Z", "2026-11-21T12:58:05+01:00" or without a zone (UTC).
@@ -77,7 +78,7 @@ std::optional<int64_t> parseIsoTime(const std::string& text) {
 
 }  // namespace
 
-int64_t parseTime(const std::string& option, const std::string& text, const LogFileInterface& file) {
+int64_t parseTime(const std::string& option, const std::string& text, const SqliteLogFile& file) {
     if (std::optional<int64_t> relative = parseRelativeTime(text, file)) {
         return *relative;
     }

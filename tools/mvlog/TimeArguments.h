@@ -13,6 +13,6 @@ namespace Mvlog {
 // UsageError naming `option` for anything else, and ToolError for a relative
 // time in a file without entries.
 int64_t parseTime(const std::string& option, const std::string& text,
-                  const Marivane::Logging::LogFileInterface& file);
+                  const Marivane::Logging::SqliteLogFile& file);
 
 }  // namespace Mvlog

@@ -89,6 +89,10 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
     cat->add_option("FILE", options->file, "Log file")->required();
     cat->add_option("--from", options->from, "First entry id (default: the file's first)");
     cat->add_option("--to", options->to, "Last entry id (default: the file's last)");
+    cat->add_option("--start", options->start,
+                    "First time, inclusive: ISO 8601 (2026-11-21T11:58:05.5Z; UTC without a zone) or seconds "
+                    "after the first entry (+12.5)");
+    cat->add_option("--end", options->end, "Last time, inclusive, written like --start");
     addRepeatable(*cat, "--type", options->types, "Only entries of this entry type (repeatable)");
     addRepeatable(*cat, "--source", options->sources, "Only entries of this data-source id (repeatable)")
         ->check(CLI::Range(-128, 127));
