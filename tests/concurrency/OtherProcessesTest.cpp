@@ -159,6 +159,19 @@ void lookOnce(const std::string& path, bool readOnly, ReaderTally& tally) {
     const std::vector<DataEntry> last =
         file->readEntries(std::max(1, static_cast<int>(ids.size()) - 20), -1, EntryIndexFilter{}, -1);
     const std::optional<DataEntry> fifth = file->readEntry(5);
+    std::vector<int32_t> visited;
+    const bool visitCompleted =
+        file->visitEntries(EntryRange::all(), EntryIndexFilter{}, [&](const EntryView& view) {
+            if (view.size != payloadFor(view.entryId).size() ||
+                !std::equal(view.data, view.data + view.size, payloadFor(view.entryId).begin())) {
+                ADD_FAILURE() << "the streaming read handed out wrong bytes for entry " << view.entryId;
+            }
+            visited.push_back(view.entryId);
+            return true;
+        });
+    if (!visitCompleted) {
+        EXPECT_NE(file->getFailureCount(), failuresBefore) << "a failed visit must be counted";
+    }
     if (file->getFailureCount() != failuresBefore) {
         ++tally.reportedFailures;
         EXPECT_NE(file->getLastFailure(), "");
@@ -177,7 +190,84 @@ void lookOnce(const std::string& path, bool readOnly, ReaderTally& tally) {
     }
     ASSERT_TRUE(fifth.has_value());
     EXPECT_EQ(fifth->data, payloadFor(5));
+    // The visit ran after the index: it saw at least as many entries, in order.
+    ASSERT_GE(visited.size(), ids.size());
+    for (std::size_t i = 0; i < visited.size(); ++i) {
+        if (visited[i] != static_cast<int32_t>(i + 1)) {
+            ADD_FAILURE() << "the streaming read skipped to entry " << visited[i] << " at position " << i;
+            break;
+        }
+    }
 }
+
+#ifdef MVLOG_BINARY
+// Runs the tool and returns its exit code, with standard output and error
+// together in `output`.
+int runTool(const std::string& arguments, std::string& output) {
+    const std::string command = std::string(MVLOG_BINARY) + " " + arguments + " 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return -1;
+    }
+    output.clear();
+    char buffer[4096];
+    std::size_t read = 0;
+    while ((read = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+        output.append(buffer, read);
+    }
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+struct ToolTally {
+    int runs = 0;
+    int busy = 0;
+};
+
+// Every run either answers right (exit 0) or says that the file is busy
+// (exit 1): never a wrong or empty answer with success.
+void runToolOnce(const std::string& path, ToolTally& tally) {
+    static const std::vector<std::string> kCommands = {"bookmarks", "info --json", "cat --limit 3", "check"};
+    const std::string& command = kCommands[static_cast<std::size_t>(tally.runs) % kCommands.size()];
+    std::string output;
+    const int exitCode =
+        runTool(command.substr(0, command.find(' ')) + " '" + path + "'" +
+                    (command.find(' ') == std::string::npos ? "" : command.substr(command.find(' '))),
+                output);
+    ++tally.runs;
+    if (exitCode != 0) {
+        EXPECT_NE(output.find("busy"), std::string::npos) << "mvlog " << command << " failed: " << output;
+        ++tally.busy;
+        return;
+    }
+    if (command == "bookmarks") {
+        EXPECT_EQ(output, "entry 2: \"two\"\nentry 7: \"seven\"\n") << output;
+    } else if (command == "cat --limit 3") {
+        EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 3) << output;
+        EXPECT_EQ(output.rfind("#1  ", 0), 0u) << output;
+    } else if (command == "check") {
+        EXPECT_NE(output.find("OK\n"), std::string::npos) << output;
+    } else {
+        EXPECT_NE(output.find("\"lidar\""), std::string::npos) << output;
+    }
+}
+
+TEST(OtherProcesses, TheToolBesideAWriterAnswersRightOrSaysBusy) {
+    TempDir dir;
+    const std::string path = dir.file("tool.mvlog");
+    createFile(path);
+    const pid_t writer = startWriter(path, 200);
+    ToolTally tally;
+    int status = 0;
+    while (waitpid(writer, &status, WNOHANG) == 0) {
+        runToolOnce(path, tally);
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the writer failed: " << status;
+    EXPECT_GT(tally.runs, 4);
+    EXPECT_TRUE(integrityOk(path));
+    std::printf("tool: %d runs, %d said busy\n", tally.runs, tally.busy);
+}
+#endif
 
 class OtherProcesses : public ::testing::TestWithParam<int> {};
 

@@ -53,10 +53,16 @@ using StatementHandle = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
 // A second, read-only connection used for nothing but the two pragmas: the
 // class interface does not run SQL, and these must see the file as it is
 // before the store opens (and possibly repairs) it.
+// As long as the library waits for another connection's lock.
+constexpr int kBusyTimeoutMs = 5000;
+
 DatabaseHandle openReadOnly(const std::string& path, ProblemReport& problems) {
     sqlite3* raw = nullptr;
     const int result = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
     DatabaseHandle database(raw);
+    if (raw != nullptr) {
+        sqlite3_busy_timeout(raw, kBusyTimeoutMs);
+    }
     if (result != SQLITE_OK) {
         problems.add(fmt::format("cannot open as an SQLite database: {}",
                                  raw ? sqlite3_errmsg(raw) : sqlite3_errstr(result)));
@@ -70,10 +76,21 @@ std::string columnText(sqlite3_stmt* statement, int column) {
     return text ? reinterpret_cast<const char*>(text) : "NULL";
 }
 
+// A lock held past the wait says nothing about the file's health: the check
+// ends as incomplete instead of listing it as a problem.
+void refuseBusy(sqlite3* database, int result) {
+    if ((result & 0xff) == SQLITE_BUSY || (result & 0xff) == SQLITE_LOCKED) {
+        throw ToolError(
+            fmt::format("The file '{}' is busy: another connection kept it locked for more than {} ms.",
+                        sqlite3_db_filename(database, "main"), kBusyTimeoutMs));
+    }
+}
+
 template <typename RowHandler>
 void runPragma(sqlite3* database, const char* pragma, ProblemReport& problems, RowHandler onRow) {
     sqlite3_stmt* raw = nullptr;
-    if (sqlite3_prepare_v2(database, pragma, -1, &raw, nullptr) != SQLITE_OK) {
+    if (const int prepared = sqlite3_prepare_v2(database, pragma, -1, &raw, nullptr); prepared != SQLITE_OK) {
+        refuseBusy(database, sqlite3_extended_errcode(database));
         problems.add(fmt::format("{} cannot run: {}", pragma, sqlite3_errmsg(database)));
         return;
     }
@@ -83,6 +100,7 @@ void runPragma(sqlite3* database, const char* pragma, ProblemReport& problems, R
         onRow(statement.get());
     }
     if (result != SQLITE_DONE) {
+        refuseBusy(database, result);
         problems.add(fmt::format("{} stopped: {}", pragma, sqlite3_errmsg(database)));
     }
 }
@@ -259,7 +277,9 @@ std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems) {
             [&](const DamagedEntry& damaged) {
                 problems.add(fmt::format("entry {}: {}", damaged.entryId, damaged.reason));
             });
-        if (counted >= 0 && scanner.selectedCount() != static_cast<std::size_t>(counted)) {
+        // The count was taken first: entries that a writer appended since can
+        // only make the index longer. A shorter index hides entries.
+        if (counted >= 0 && scanner.selectedCount() < static_cast<std::size_t>(counted)) {
             problems.add(fmt::format("the entry index lists {} entries but the file counts {}",
                                      scanner.selectedCount(), counted));
             const std::vector<int32_t>& ids = scanner.selectedIds();
