@@ -1,5 +1,7 @@
 #include "playback/LogFilePlayerPrivate.h"
 
+#include <logging/SqliteLogFile.h>
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -188,7 +190,7 @@ int32_t LogFilePlayerPrivate::seekToTime(int64_t timestamp, const FrameCallback&
     int32_t high = frameCount();
     while (low < high) {
         const int32_t middle = low + (high - low) / 2;
-        if (timestampOfFrame(middle) < timestamp) {
+        if (timestampOnlyOfFrame(middle) < timestamp) {
             low = middle + 1;
         } else {
             high = middle;
@@ -233,6 +235,16 @@ int64_t LogFilePlayerPrivate::timestampOfFrame(int32_t frame) {
     currentFrame = frame - 1;
     readNextFrame();
     return currentEntry->timestamp;
+}
+
+int64_t LogFilePlayerPrivate::timestampOnlyOfFrame(int32_t frame) {
+    if (const auto* sqliteFile = dynamic_cast<const SqliteLogFile*>(logFile.get())) {
+        if (const std::optional<int64_t> timestamp =
+                sqliteFile->getEntryTimestamp(frames[static_cast<std::size_t>(frame)])) {
+            return *timestamp;
+        }
+    }
+    return timestampOfFrame(frame);
 }
 
 bool LogFilePlayerPrivate::readNextFrame() {

@@ -111,6 +111,9 @@ private:
     DataEntry takeCurrentEntry();
     void deliverSought(int32_t frame, const FrameCallback& callback);
     int64_t timestampOfFrame(int32_t frame);
+    // A frame's timestamp without reading its payload when the file can tell
+    // it (a SqliteLogFile); otherwise through timestampOfFrame.
+    int64_t timestampOnlyOfFrame(int32_t frame);
 };
 
 }  // namespace Marivane::Logging::Playback

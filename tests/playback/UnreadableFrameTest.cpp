@@ -115,3 +115,20 @@ TEST(UnreadableFrames, WithoutAHandlerTheFilesExceptionStillReachesTheCaller) {
 }
 
 }  // namespace
+
+namespace {
+
+// Finding a frame by time reads timestamps only: a damaged payload on the
+// way does not stop the search.
+TEST(UnreadableFrames, SeekingByTimeReadsNoPayloadOnTheWay) {
+    TempDir dir;
+    FrameRecorder recorder;
+    LogFilePlayer player(makeFileWithDamagedEntry(dir.file("damaged.mvlog")), {MV_LogDataSourceType_Camera},
+                         recorder.callback(), false, 50);
+    EXPECT_EQ(player.seekToTime(1030, {}), 3);
+    const auto deliveries = recorder.deliveries();
+    ASSERT_EQ(deliveries.size(), 1u);
+    EXPECT_EQ(deliveries[0].entry.timestamp, 1030);
+}
+
+}  // namespace
