@@ -1,10 +1,12 @@
 #include <logging/Algorithms.h>
 
 #include "algorithms/MetadataHistory.h"
+#include "sqlite/StoreAccess.h"
 
 #include <logging/SqliteLogFile.h>
 
 #include <core/Chrono.h>
+#include <core/Compression.h>
 #include <core/Filesystem.h>
 #include <database/DatabaseAccessError.h>
 
@@ -118,6 +120,82 @@ void commitOrThrow(SqliteLogFile::WriteBatch& batch, const SqliteLogFile& output
     }
 }
 
+// Writes in batches of bounded size, committing each: a failure part-way
+// keeps every batch before it and reaches the caller.
+class BatchedWrites {
+public:
+    explicit BatchedWrites(SqliteLogFile& output) : output_(output), batch_(output.beginBatch()) {}
+
+    void written(std::size_t bytes) {
+        bytesInBatch_ += bytes;
+        if (++entriesInBatch_ == kBatchEntries || bytesInBatch_ >= kBatchBytes) {
+            commitOrThrow(batch_, output_);
+            batch_ = output_.beginBatch();
+            entriesInBatch_ = 0;
+            bytesInBatch_ = 0;
+        }
+    }
+    void finish() { commitOrThrow(batch_, output_); }
+
+private:
+    SqliteLogFile& output_;
+    SqliteLogFile::WriteBatch batch_;
+    std::size_t entriesInBatch_ = 0;
+    std::size_t bytesInBatch_ = 0;
+};
+
+// A SqliteLogFile source is streamed entry by entry, in memory that does not
+// depend on the range; the entries written are those the one read of the
+// range would return. A payload whose levels match is copied as stored once
+// it is known to expand (as the read would have expanded it), which spares
+// compressing it again.
+void streamEntries(const SqliteLogFile& source, SqliteLogFile& output, EntryRange range) {
+    const bool copyStored =
+        StoreAccess::of(source).compressionLevel == StoreAccess::of(output).compressionLevel;
+    VisitOptions options;
+    // Payloads are expanded here rather than by the read, so that a payload
+    // that does not expand throws the codec's own error, as the read would.
+    options.payloadForm = PayloadForm::Stored;
+    std::string damage;
+    options.onDamagedEntry = [&](int64_t entryId, const std::string& reason) {
+        damage = "entry " + std::to_string(entryId) + ": " + reason;
+        return false;
+    };
+    BatchedWrites writes(output);
+    ByteBuffer expanded;
+    DataEntry entry;
+    const bool completed = source.visitEntries(
+        Marivane::Logging::EntryRange{range.front(), range.back()}, EntryIndexFilter{},
+        [&](const EntryView& view) {
+            if (view.compressed) {
+                Compression::uncompressInto(view.data, view.size, expanded);
+            }
+            if (copyStored) {
+                entry.data.assign(view.data, view.data + view.size);
+                StoreAccess::of(output).insertStoredEntry(view.timestamp, view.type, view.dataSourceId,
+                                                          entry.data);
+            } else {
+                entry.dataSourceId = view.dataSourceId;
+                entry.type = view.type;
+                entry.timestamp = view.timestamp;
+                if (view.compressed) {
+                    entry.data.swap(expanded);
+                } else {
+                    entry.data.assign(view.data, view.data + view.size);
+                }
+                output.logData(entry);
+            }
+            writes.written(view.size);
+            return true;
+        },
+        options);
+    if (!completed) {
+        throw Database::DatabaseAccessError("Cannot read '" + source.getFilePath().string() +
+                                            "': " + (damage.empty() ? source.getLastFailure() : damage));
+    }
+    writes.finish();
+}
+
 // One read for the whole range: the new file numbers entries in write order,
 // so they must arrive ascending, and splitting the read would only add round
 // trips.
@@ -125,22 +203,18 @@ void copyEntries(const LogFileInterface& logFile, SqliteLogFile& output, EntryRa
     if (range.empty()) {
         return;
     }
+    if (const auto* source = dynamic_cast<const SqliteLogFile*>(&logFile)) {
+        streamEntries(*source, output, range);
+        return;
+    }
     const std::vector<DataEntry> entries =
         logFile.readEntries(range.front(), range.back(), EntryIndexFilter{}, -1);
-    SqliteLogFile::WriteBatch batch = output.beginBatch();
-    std::size_t entriesInBatch = 0;
-    std::size_t bytesInBatch = 0;
+    BatchedWrites writes(output);
     for (const DataEntry& entry : entries) {
         output.logData(entry);
-        bytesInBatch += entry.data.size();
-        if (++entriesInBatch == kBatchEntries || bytesInBatch >= kBatchBytes) {
-            commitOrThrow(batch, output);
-            batch = output.beginBatch();
-            entriesInBatch = 0;
-            bytesInBatch = 0;
-        }
+        writes.written(entry.data.size());
     }
-    commitOrThrow(batch, output);
+    writes.finish();
 }
 
 // The new file numbers the copied entries 1, 2, ... in range order, so an id

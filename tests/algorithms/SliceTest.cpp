@@ -577,3 +577,76 @@ TEST(SliceBatches, AFailurePartWayKeepsEveryEntryWrittenBeforeIt) {
     EXPECT_EQ(partial.readEntry(4321)->data, ByteBuffer(32, static_cast<std::byte>(4320)));
     EXPECT_TRUE(partial.getBookmarks().empty());
 }
+
+namespace {
+
+std::vector<std::string> storedPayloads(const std::string& path) {
+    sqlite3* db = nullptr;
+    EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+    sqlite3_stmt* statement = nullptr;
+    EXPECT_EQ(sqlite3_prepare_v2(db, "SELECT payload FROM data ORDER BY entryId;", -1, &statement, nullptr),
+              SQLITE_OK);
+    std::vector<std::string> payloads;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        payloads.emplace_back(static_cast<const char*>(sqlite3_column_blob(statement, 0)),
+                              static_cast<std::size_t>(sqlite3_column_bytes(statement, 0)));
+    }
+    sqlite3_finalize(statement);
+    sqlite3_close(db);
+    return payloads;
+}
+
+void writeCountingFile(const std::string& path, int8_t level, int count) {
+    SqliteLogFile file(path, "UTC", "recorder", "1.0", level, 0);
+    DataSource camera{-1, MV_LogDataSourceType_Camera, "camera"};
+    ASSERT_TRUE(file.addDataSource(camera));
+    for (int i = 1; i <= count; ++i) {
+        DataEntry entry;
+        entry.dataSourceId = camera.id;
+        entry.timestamp = i;
+        entry.data = ByteBuffer(static_cast<std::size_t>(100 + i), static_cast<std::byte>(i));
+        ASSERT_TRUE(file.logData(entry));
+    }
+}
+
+}  // namespace
+
+// At the source's own level the stored payloads are carried over as they are,
+// which is what compressing the expanded bytes again would give.
+TEST(SliceStreaming, AtTheSameLevelTheStoredBytesAreTheSame) {
+    Marivane::Testing::TempDir dir;
+    const std::string source = dir.file("source.mvlog");
+    const std::string output = dir.file("output.mvlog");
+    writeCountingFile(source, 5, 50);
+    {
+        SqliteLogFile file{std::filesystem::path(source)};
+        ASSERT_NE(Algorithms::slice(file, 11, 40, output, "slicer", "2.0", 5), nullptr);
+    }
+    const std::vector<std::string> sourcePayloads = storedPayloads(source);
+    const std::vector<std::string> slicePayloads = storedPayloads(output);
+    ASSERT_EQ(slicePayloads.size(), 30u);
+    for (std::size_t i = 0; i < slicePayloads.size(); ++i) {
+        EXPECT_EQ(slicePayloads[i], sourcePayloads[i + 10]) << "entry " << i + 1;
+    }
+}
+
+// A payload that does not expand stops the slice with the codec's error, as
+// the one read of the range would, after the entries before it.
+TEST(SliceStreaming, ADamagedPayloadThrowsTheCodecsErrorAtEveryLevel) {
+    for (const int8_t outputLevel : {int8_t{5}, int8_t{0}}) {
+        Marivane::Testing::TempDir dir;
+        const std::string source = dir.file("source.mvlog");
+        const std::string output = dir.file("output.mvlog");
+        writeCountingFile(source, 5, 20);
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(source.c_str(), &db), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(db, "UPDATE data SET payload = x'28b52ffd00' WHERE entryId = 12;", nullptr,
+                               nullptr, nullptr),
+                  SQLITE_OK);
+        sqlite3_close(db);
+        SqliteLogFile file{std::filesystem::path(source)};
+        EXPECT_THROW(Algorithms::slice(file, 1, 20, output, "slicer", "2.0", outputLevel),
+                     Marivane::Compression::CompressionError);
+        EXPECT_EQ(SqliteLogFile{std::filesystem::path(output)}.getEntryCount(), 11);
+    }
+}
