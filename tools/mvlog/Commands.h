@@ -110,6 +110,11 @@ struct CheckOptions {
 };
 int runCheck(const CheckOptions& options);
 
+struct IndexOptions {
+    std::string file;
+};
+int runIndex(const IndexOptions& options);
+
 struct DemoOptions {
     std::optional<std::string> directory;
 };

@@ -271,6 +271,16 @@ void addCheck(CLI::App& app, Subcommands& subcommands) {
     subcommands.add(check, [options] { return runCheck(*options); });
 }
 
+void addIndex(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<IndexOptions>();
+    CLI::App* index = app.add_subcommand(
+        "index",
+        "Build the time index in FILE, so that reads by time (cat/slice --start/--end, play --start) find "
+        "their window without scanning; files get it only when asked");
+    index->add_option("FILE", options->file, "Log file (changed in place)")->required();
+    subcommands.add(index, [options] { return runIndex(*options); });
+}
+
 void addDemo(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<DemoOptions>();
     CLI::App* demo = app.add_subcommand("demo", "Record a synthetic survey, describe, slice and replay it");
@@ -308,6 +318,7 @@ int main(int argc, char** argv) {
     addPlay(app, subcommands);
     addBookmarks(app, subcommands);
     addCheck(app, subcommands);
+    addIndex(app, subcommands);
     addDemo(app, subcommands);
 
     try {
