@@ -144,8 +144,20 @@ void throughputSettings(benchmark::internal::Benchmark* benchmark) {
     benchmark->MinTime(kMinTime)->Unit(benchmark::kMicrosecond);
 }
 
-std::string playerName() {
-    return "player/pacing/100Hz";
+std::string playerName(const std::string& pacing) {
+    return "player/" + pacing + "/100Hz";
+}
+
+std::string memoryName(const std::string& what) {
+    return "memory/" + what + "/1GiB";
+}
+
+std::string mergeName() {
+    return "derive/merge/library/2x512MiB";
+}
+
+std::string windowName() {
+    return "window/library/5M";
 }
 
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size) {

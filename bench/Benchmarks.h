@@ -52,7 +52,12 @@ std::string readName(const std::string& kind, const std::string& reader, int lev
 std::string indexName(const std::string& reader);
 // operation: "clone" or "slice"; writer: "raw" or "library".
 std::string deriveName(const std::string& operation, const std::string& writer);
-std::string playerName();
+// pacing: "pacing" (the described default) or "exact".
+std::string playerName(const std::string& pacing = "pacing");
+// what: "stream" or "copy": the peak memory of that work on the 1 GiB file.
+std::string memoryName(const std::string& what);
+std::string mergeName();
+std::string windowName();
 // mode: "autocommit" or "transaction".
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size);
 
@@ -67,6 +72,18 @@ void registerDerivedFileBenchmarks(int round);
 void registerPageSizeSweep(int round);
 // One run, no rounds: its figures are distributions over 300 frames already.
 void registerPlayerBenchmark();
+// One run each: peak memory, the merge, the time windows.
+void registerScaleBenchmarks();
+
+// The 1 GiB file of the derived-file figures: 4096 entries of 256 KiB, level 0.
+inline constexpr std::size_t kDerivedSourceEntries = 4096;
+inline constexpr std::size_t kDerivedSourcePayloadSize = 256 * 1024;
+const std::string& derivedSourceFile();
+
+// With this first argument the program runs one task instead of the
+// benchmarks and prints its peak resident memory in KiB (runPeakMemoryTask).
+inline constexpr const char* kPeakMemoryFlag = "--peak-memory-of";
+int runPeakMemoryTask(int argc, char** argv);
 
 // The raw baseline's writers, one entry per statement or entriesPerTransaction
 // per transaction; pageSize 0 keeps SQLite's default.

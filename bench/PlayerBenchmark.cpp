@@ -53,7 +53,7 @@ struct Delivery {
     int64_t timestamp = 0;
 };
 
-void playerPacing(benchmark::State& state) {
+void playerPacing(benchmark::State& state, Logging::Playback::Pacing pacing) {
     const std::string path = freshPath("player-100Hz");
     Raw::buildLogFile(path, 0, 64, kFrames);
 
@@ -90,6 +90,7 @@ void playerPacing(benchmark::State& state) {
         Logging::Playback::LogFilePlayer player(
             std::make_unique<Logging::SqliteLogFile>(std::filesystem::path(path)),
             {MV_LogDataSourceType_Generic}, onFrame, false, kMaxFrameDelayMs);
+        player.setPacing(pacing);
         {
             std::unique_lock<std::mutex> lock(mutex);
             player.play();
@@ -131,10 +132,16 @@ void playerPacing(benchmark::State& state) {
 }  // namespace
 
 void registerPlayerBenchmark() {
-    benchmark::RegisterBenchmark(playerName().c_str(), playerPacing)
-        ->Iterations(1)
-        ->UseRealTime()
-        ->Unit(benchmark::kMillisecond);
+    using Logging::Playback::Pacing;
+    for (const auto& [name, pacing] : {std::pair{std::string("pacing"), Pacing::CarryMilliseconds},
+                                       std::pair{std::string("exact"), Pacing::Exact}}) {
+        benchmark::RegisterBenchmark(
+            playerName(name).c_str(),
+            [pacing = pacing](benchmark::State& state) { playerPacing(state, pacing); })
+            ->Iterations(1)
+            ->UseRealTime()
+            ->Unit(benchmark::kMillisecond);
+    }
 }
 
 }  // namespace Marivane::Bench

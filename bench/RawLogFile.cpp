@@ -253,6 +253,49 @@ std::vector<int32_t> EntryReader::readIds() {
     return ids;
 }
 
+ViewScan::ViewScan(const Connection& connection, int level)
+    : all_(connection, "SELECT entryId, timestamp, type, dataSourceId, payload FROM data ORDER BY entryId;"),
+      level_(level),
+      decompressor_(ZSTD_createDCtx()) {}
+
+ViewScan::~ViewScan() = default;
+
+std::size_t ViewScan::run(const std::function<void(const RawView&)>& onEntry) {
+    sqlite3_stmt* query = all_.get();
+    sqlite3_reset(query);
+    std::size_t count = 0;
+    while (sqlite3_step(query) == SQLITE_ROW) {
+        RawView view{sqlite3_column_int(query, 0),
+                     static_cast<int8_t>(sqlite3_column_int(query, 3)),
+                     sqlite3_column_int(query, 2),
+                     sqlite3_column_int64(query, 1),
+                     nullptr,
+                     0};
+        const auto* blob = static_cast<const std::byte*>(sqlite3_column_blob(query, 4));
+        const auto size = static_cast<std::size_t>(sqlite3_column_bytes(query, 4));
+        if (level_ == 0) {
+            view.data = blob;
+            view.size = size;
+        } else {
+            const unsigned long long contentSize = ZSTD_getFrameContentSize(blob, size);
+            if (contentSize == ZSTD_CONTENTSIZE_ERROR || contentSize == ZSTD_CONTENTSIZE_UNKNOWN) {
+                throw std::runtime_error("zstd: a stored payload has no content size");
+            }
+            expanded_.resize(static_cast<std::size_t>(contentSize));
+            const std::size_t written =
+                ZSTD_decompressDCtx(decompressor_.get(), expanded_.data(), expanded_.size(), blob, size);
+            if (ZSTD_isError(written) || written != expanded_.size()) {
+                throw std::runtime_error("zstd: cannot expand a stored payload");
+            }
+            view.data = expanded_.data();
+            view.size = expanded_.size();
+        }
+        onEntry(view);
+        ++count;
+    }
+    return count;
+}
+
 void buildLogFile(const std::string& path, int level, std::size_t size, std::size_t count) {
     Connection connection = createLogFile(path, level);
     const ByteBuffer& data = payload(size);

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -122,6 +123,36 @@ private:
     Statement ids_;
     int level_;
     std::unique_ptr<ZSTD_DCtx_s, ZstdDecompressorDeleter> decompressor_;
+};
+
+// One view of an entry handed out by ViewScan: borrowed until the next one.
+struct RawView {
+    int32_t entryId;
+    int8_t dataSourceId;
+    int32_t type;
+    int64_t timestamp;
+    const std::byte* data;
+    std::size_t size;
+};
+
+// The streaming baseline: one statement over the whole file in id order,
+// payloads handed out where SQLite keeps them (level 0) or expanded into one
+// reused buffer (level -1). No copy, no allocation per entry.
+class ViewScan {
+public:
+    ViewScan(const Connection& connection, int level);
+    ~ViewScan();
+    ViewScan(const ViewScan&) = delete;
+    ViewScan& operator=(const ViewScan&) = delete;
+
+    // Calls `onEntry` for every entry; returns the number of entries.
+    std::size_t run(const std::function<void(const RawView&)>& onEntry);
+
+private:
+    Statement all_;
+    int level_;
+    std::unique_ptr<ZSTD_DCtx_s, ZstdDecompressorDeleter> decompressor_;
+    ByteBuffer expanded_;
 };
 
 // Writes a log file of `count` entries of payload(size), 10 ms apart, in one

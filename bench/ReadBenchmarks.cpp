@@ -121,6 +121,52 @@ void libraryReadEntries(benchmark::State& state, int level, std::size_t size) {
     setThroughput(state, entries, size);
 }
 
+// A checksum of what a visitor saw, so that nothing is optimised away.
+uint64_t touch(const std::byte* data, std::size_t size) {
+    return size == 0 ? 0 : static_cast<uint64_t>(data[0]) + static_cast<uint64_t>(data[size - 1]) + size;
+}
+
+void rawStream(benchmark::State& state, int level, std::size_t size) {
+    const std::string& path = readFile(level, size);
+    const std::size_t entries = readFileEntries(size);
+    Raw::Connection connection = Raw::openLogFile(path);
+    Raw::ViewScan scan(connection, level);
+    for (auto _ : state) {
+        uint64_t sum = 0;
+        const std::size_t seen =
+            scan.run([&](const Raw::RawView& view) { sum += touch(view.data, view.size); });
+        if (seen != entries) {
+            state.SkipWithError("raw view scan came short");
+            break;
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    setThroughput(state, entries, size);
+}
+
+void libraryStream(benchmark::State& state, int level, std::size_t size) {
+    const std::string& path = readFile(level, size);
+    const std::size_t entries = readFileEntries(size);
+    const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
+    const Logging::EntryIndexFilter everything;
+    for (auto _ : state) {
+        uint64_t sum = 0;
+        std::size_t seen = 0;
+        const bool completed =
+            file.visitEntries(Logging::EntryRange::all(), everything, [&](const Logging::EntryView& view) {
+                sum += touch(view.data, view.size);
+                ++seen;
+                return true;
+            });
+        if (!completed || seen != entries) {
+            state.SkipWithError("visitEntries came short");
+            break;
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    setThroughput(state, entries, size);
+}
+
 void rawIndex(benchmark::State& state) {
     Raw::Connection connection = Raw::openLogFile(indexFile());
     Raw::EntryReader reader(connection, 0);
@@ -164,6 +210,8 @@ void registerReadBenchmarks(int round) {
             registerRound({member("byId", "raw", rawReadById), member("byId", "library", libraryReadEntry)},
                           round, throughputSettings);
             registerRound({member("scan", "raw", rawScan), member("scan", "library", libraryReadEntries)},
+                          round, throughputSettings);
+            registerRound({member("stream", "raw", rawStream), member("stream", "library", libraryStream)},
                           round, throughputSettings);
         }
     }

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <iterator>
 #include <optional>
+#include <string>
+#include <utility>
 
 namespace Marivane::Bench {
 
@@ -337,6 +339,23 @@ void printSummary(const Figures& figures, std::ostream& out) {
         }
     }
 
+    table.section("Streaming reads, whole file (baseline: one statement handing out views, reused buffer)");
+    for (int level : kCompressionLevels) {
+        for (std::size_t size : kPayloadSizes) {
+            table.pair(figures, label("visitEntries", level, size),
+                       readName("stream", "library", level, size), readName("stream", "raw", level, size),
+                       0.95);
+        }
+    }
+    table.section("Streaming against readEntries (library: visitEntries; baseline column: readEntries)");
+    for (int level : kCompressionLevels) {
+        for (std::size_t size : kPayloadSizes) {
+            table.pair(figures, label("gain of visitEntries", level, size),
+                       readName("stream", "library", level, size), readName("scan", "library", level, size),
+                       std::nullopt);
+        }
+    }
+
     table.section("Entry index of a 1M-entry file (ids per second)");
     table.pair(figures, "getEntryIndex", indexName("library"), indexName("raw"), std::nullopt);
 
@@ -345,15 +364,40 @@ void printSummary(const Figures& figures, std::ostream& out) {
                deriveName("clone", "raw"), std::nullopt);
     table.pair(figures, "Algorithms::slice (middle 512 MiB)", deriveName("slice", "library"),
                deriveName("slice", "raw"), std::nullopt);
+    table.pair(figures, "Algorithms::copy, filtered (1 GiB)", deriveName("copy", "library"),
+               deriveName("clone", "raw"), 0.9);
 
-    out << "\nPlayer at 100 Hz (maxFrameDelay 1000 ms)\n";
-    table.bound("median pacing error", counter(figures, playerName(), "median_error_ms"), "ms", 1.0);
-    table.bound("p99 pacing error", counter(figures, playerName(), "p99_error_ms"), "ms", 5.0);
-    table.bound("max pacing error", counter(figures, playerName(), "max_error_ms"), "ms", std::nullopt);
-    table.bound("signed error of the last frame (drift)", counter(figures, playerName(), "drift_ms"), "ms",
+    out << "\nPeak resident memory, each in a process of its own (1 GiB file of 256 KiB entries)\n";
+    table.bound("visitEntries over the whole file", counter(figures, memoryName("stream"), "peak_rss_mib"),
+                "MiB", 64.0);
+    table.bound("Algorithms::copy, filtered", counter(figures, memoryName("copy"), "peak_rss_mib"), "MiB",
+                64.0);
+    table.bound("Algorithms::merge of two 512 MiB files", counter(figures, mergeName(), "peak_rss_mib"),
+                "MiB", std::nullopt);
+    table.bound("Algorithms::merge, entries per second", counter(figures, mergeName(), "items_per_second"),
+                "/s", std::nullopt);
+
+    out << "\nOne-second windows (100 entries) in a file of 5M entries of 64 B, mean of 20\n";
+    table.bound("with the time index", counter(figures, windowName(), "indexed_window_ms"), "ms", 2.0);
+    table.bound("without it (a scan)", counter(figures, windowName(), "scan_window_ms"), "ms", std::nullopt);
+    table.bound("building the time index", counter(figures, windowName(), "index_build_s"), "s",
                 std::nullopt);
-    table.bound("process CPU per second of playback", counter(figures, playerName(), "cpu_ms_per_s"), "ms",
-                std::nullopt);
+
+    for (const auto& [pacing, title] : {std::pair{"exact", "exact pacing (Pacing::Exact)"},
+                                        std::pair{"pacing", "default pacing (whole milliseconds carried)"}}) {
+        const bool exact = std::string(pacing) == "exact";
+        const std::string name = playerName(pacing);
+        out << "\nPlayer at 100 Hz (maxFrameDelay 1000 ms), " << title << "\n";
+        table.bound("median pacing error", counter(figures, name, "median_error_ms"), "ms",
+                    exact ? std::optional<double>(1.0) : std::nullopt);
+        table.bound("p99 pacing error", counter(figures, name, "p99_error_ms"), "ms",
+                    exact ? std::optional<double>(5.0) : std::nullopt);
+        table.bound("max pacing error", counter(figures, name, "max_error_ms"), "ms", std::nullopt);
+        table.bound("signed error of the last frame (drift)", counter(figures, name, "drift_ms"), "ms",
+                    std::nullopt);
+        table.bound("process CPU per second of playback", counter(figures, name, "cpu_ms_per_s"), "ms",
+                    std::nullopt);
+    }
 
     table.totals();
     for (const auto& [name, runs] : figures) {

@@ -14,9 +14,13 @@
 
 #include <exception>
 #include <iostream>
+#include <string>
 
 int main(int argc, char** argv) {
     using namespace Marivane::Bench;
+    if (argc > 1 && std::string(argv[1]) == kPeakMemoryFlag) {
+        return runPeakMemoryTask(argc, argv);
+    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
@@ -31,6 +35,7 @@ int main(int argc, char** argv) {
         registerPageSizeSweep(round);
         if (round == 1) {
             registerPlayerBenchmark();
+            registerScaleBenchmarks();
         }
     }
 

@@ -84,10 +84,30 @@ public:
     // the statement rather than copied: valid until the next step, reset or
     // destruction of the query. Absent for NULL, for a number, or when no row
     // is available.
+    // The current row's integer in column `column`; absent for NULL, any
+    // other stored type, or when no row is available. Nothing is converted.
+    // Cheaper than getValueFromColumn for readers that touch every row.
+    std::optional<int64_t> getIntegerFromColumn(int column) const;
+
     struct BorrowedBytes {
         const std::byte* data;
         std::size_t size;
     };
+
+    // One column of the current row as readColumns finds it: an integer, or
+    // borrowed bytes (blob or text; valid like borrowBytesFromColumn's), or
+    // neither (NULL, a real, no row).
+    // readColumns sets every field; left uninitialised on purpose, so that a
+    // reader's array of them costs nothing before it is filled.
+    struct RawColumn {
+        bool isInteger;
+        bool isBytes;
+        int64_t integer;
+        BorrowedBytes bytes;
+    };
+    // Columns 0 to count - 1 of the current row in one call: for readers of
+    // every row of a table, where a call per column costs as much as the row.
+    void readColumns(RawColumn* columns, int count) const;
     std::optional<BorrowedBytes> borrowBytesFromColumn(int column) const;
 
 private:

@@ -4,6 +4,7 @@
 #include "sqlite/SqliteLogFilePrivate.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <limits>
 #include <set>
@@ -90,8 +91,15 @@ std::optional<std::string> filterConditions(const SqliteLogFilePrivate& file, co
     return conditions;
 }
 
+// Only the bounds that are set: a condition costs every row a comparison.
 std::string rangeConditions(const EntryRange& range) {
-    std::string conditions = "data.entryId BETWEEN :minimumEntryId AND :maximumEntryId";
+    std::string conditions = "1";
+    if (range.minimumEntryId != -1) {
+        conditions += " AND data.entryId >= :minimumEntryId";
+    }
+    if (range.maximumEntryId != -1) {
+        conditions += " AND data.entryId <= :maximumEntryId";
+    }
     if (hasTimeBounds(range)) {
         conditions += " AND data.timestamp BETWEEN :startTimestamp AND :endTimestamp";
     }
@@ -126,8 +134,16 @@ bool useIdList(const SqliteLogFilePrivate& file, const EntryRange& range, Cursor
     return order == CursorOrder::ById && hasTimeBounds(range) && hasTimeIndex(file);
 }
 
-std::string describeOutOfRange(int64_t entryId, const Database::ColumnValue& timestamp, int64_t type,
-                               int64_t dataSourceId) {
+bool fitsRecordTypes(const StoredEntry& row) {
+    return row.entryId >= std::numeric_limits<int32_t>::min() &&
+           row.entryId <= std::numeric_limits<int32_t>::max() &&
+           row.type >= std::numeric_limits<int32_t>::min() &&
+           row.type <= std::numeric_limits<int32_t>::max() &&
+           row.dataSourceId >= std::numeric_limits<int8_t>::min() &&
+           row.dataSourceId <= std::numeric_limits<int8_t>::max();
+}
+
+std::string describeOutOfRange(int64_t entryId, bool timestampIsInteger, int64_t type, int64_t dataSourceId) {
     std::string reasons;
     const auto add = [&reasons](const std::string& reason) {
         if (!reasons.empty()) {
@@ -138,7 +154,7 @@ std::string describeOutOfRange(int64_t entryId, const Database::ColumnValue& tim
     if (entryId < std::numeric_limits<int32_t>::min() || entryId > std::numeric_limits<int32_t>::max()) {
         add("its id " + std::to_string(entryId) + " does not fit in 32 bits");
     }
-    if (!timestamp || timestamp->index() != 0) {
+    if (!timestampIsInteger) {
         add("its timestamp is not an integer");
     }
     if (type < std::numeric_limits<int32_t>::min() || type > std::numeric_limits<int32_t>::max()) {
@@ -234,24 +250,28 @@ bool EntryCursor::stepThroughIdList() {
 }
 
 void EntryCursor::takeRow(const SqliteQuery& query) {
-    const Database::ColumnValue timestamp = query.getValueFromColumn(1);
-    row_.entryId = Database::getValueFromColumn<int64_t>(query, 0).value_or(0);
-    row_.timestamp = timestamp && timestamp->index() == 0 ? std::get<0>(*timestamp) : 0;
-    row_.type = Database::getValueFromColumn<int64_t>(query, 2).value_or(0);
-    row_.dataSourceId = Database::getValueFromColumn<int64_t>(query, 3).value_or(0);
-    row_.outOfRange = describeOutOfRange(row_.entryId, timestamp, row_.type, row_.dataSourceId);
+    // Filled by readColumns; not initialised here, which would cost as much.
+    std::array<SqliteQuery::RawColumn, 5> columns;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+    query.readColumns(columns.data(), static_cast<int>(columns.size()));
+    row_.entryId = columns[0].integer;
+    row_.timestamp = columns[1].integer;
+    row_.type = columns[2].integer;
+    row_.dataSourceId = columns[3].integer;
+    row_.outOfRange.clear();
+    if (!columns[1].isInteger || !fitsRecordTypes(row_)) {
+        row_.outOfRange =
+            describeOutOfRange(row_.entryId, columns[1].isInteger, row_.type, row_.dataSourceId);
+    }
     if (columns_ == CursorColumns::WithPayloads) {
-        const auto payload = query.borrowBytesFromColumn(4);
-        row_.payload = payload ? payload->data : nullptr;
-        row_.payloadSize = payload ? payload->size : 0;
-        if (!payload) {
+        row_.payload = columns[4].bytes.data;
+        row_.payloadSize = columns[4].bytes.size;
+        if (!columns[4].isBytes) {
             row_.outOfRange +=
                 row_.outOfRange.empty() ? "its payload is not a blob" : "; its payload is not a blob";
         }
     } else {
         row_.payload = nullptr;
-        row_.payloadSize = static_cast<std::size_t>(
-            std::max<int64_t>(0, Database::getValueFromColumn<int64_t>(query, 4).value_or(0)));
+        row_.payloadSize = static_cast<std::size_t>(std::max<int64_t>(0, columns[4].integer));
     }
 }
 

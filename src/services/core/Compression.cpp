@@ -1,6 +1,7 @@
 #include <core/Compression.h>
 
 #include <zstd.h>
+#include <zstd_errors.h>
 
 #include <cstdint>
 #include <limits>
@@ -50,18 +51,26 @@ unsigned long long largestPossibleContent(std::size_t compressedSize) {
     throw CompressionError("Cannot uncompress data: " + what);
 }
 
-void uncompressKnownSize(const std::byte* data, std::size_t size, std::size_t contentSize,
+// False when the data is not exactly one frame (more frames follow, or it is
+// cut or followed by other bytes): the stream then expands it, or names what
+// is wrong with it.
+bool uncompressKnownSize(const std::byte* data, std::size_t size, std::size_t contentSize,
                          ByteBuffer& output) {
     output.resize(contentSize);
     ZSTD_DCtx* context = threadDecompressionContext();
     ZSTD_DCtx_reset(context, ZSTD_reset_session_only);
     const std::size_t written = ZSTD_decompressDCtx(context, output.data(), output.size(), data, size);
     if (ZSTD_isError(written)) {
+        const ZSTD_ErrorCode code = ZSTD_getErrorCode(written);
+        if (code == ZSTD_error_dstSize_tooSmall || code == ZSTD_error_srcSize_wrong) {
+            return false;
+        }
         throwUncompressError(ZSTD_getErrorName(written));
     }
     if (written != contentSize) {
         throwUncompressError("the frame is shorter than its declared size");
     }
+    return true;
 }
 
 // Expands as a stream, handing each filled piece of `piece` to `onPiece`.
@@ -142,17 +151,15 @@ void uncompressInto(const std::byte* data, std::size_t size, ByteBuffer& output)
         if (contentSize == ZSTD_CONTENTSIZE_ERROR) {
             throwUncompressError("the data is not a valid compressed frame or is truncated");
         }
-        // Only a single frame whose header states its size takes the one-shot
-        // path; concatenated frames and frames without a size expand as a stream.
-        const std::size_t firstFrameSize = ZSTD_findFrameCompressedSize(data, size);
-        const bool singleFrame = !ZSTD_isError(firstFrameSize) && firstFrameSize == size;
         if (contentSize != ZSTD_CONTENTSIZE_UNKNOWN && contentSize > largestPossibleContent(size)) {
             throwUncompressError("the frame declares more data than it can hold");
         }
-        if (!singleFrame || contentSize == ZSTD_CONTENTSIZE_UNKNOWN) {
+        // The first frame's header states its size: one call expands it. Data
+        // beyond it (concatenated frames) no longer fits and expands as a
+        // stream, as do frames without a size.
+        if (contentSize == ZSTD_CONTENTSIZE_UNKNOWN ||
+            !uncompressKnownSize(data, size, static_cast<std::size_t>(contentSize), output)) {
             uncompressStreaming(data, size, output);
-        } else {
-            uncompressKnownSize(data, size, static_cast<std::size_t>(contentSize), output);
         }
     } catch (...) {
         output.clear();

@@ -115,6 +115,47 @@ void SqliteQuery::bindParameter(const std::string& name, const std::vector<std::
     noteBind(sqlite3_bind_blob64(statement_, index, value.data(), value.size(), destructorFor(mode)));
 }
 
+void SqliteQuery::readColumns(RawColumn* columns, int count) const {
+    for (int column = 0; column < count; ++column) {
+        RawColumn& out = columns[column];
+        out.isInteger = false;
+        out.isBytes = false;
+        out.integer = 0;
+        out.bytes = BorrowedBytes{nullptr, 0};
+        if (!hasRow_) {
+            continue;
+        }
+        sqlite3_value* value = sqlite3_column_value(statement_, column);
+        switch (sqlite3_value_type(value)) {
+            case SQLITE_INTEGER:
+                out.isInteger = true;
+                out.integer = sqlite3_value_int64(value);
+                break;
+            case SQLITE_BLOB:
+            case SQLITE_TEXT: {
+                const auto* bytes = static_cast<const std::byte*>(sqlite3_value_blob(value));
+                const auto size = static_cast<std::size_t>(sqlite3_value_bytes(value));
+                out.isBytes = true;
+                out.bytes = BorrowedBytes{bytes, bytes == nullptr ? 0 : size};
+                break;
+            }
+            default:
+                break;
+        }
+    }
+}
+
+std::optional<int64_t> SqliteQuery::getIntegerFromColumn(int column) const {
+    if (!hasRow_) {
+        return std::nullopt;
+    }
+    sqlite3_value* value = sqlite3_column_value(statement_, column);
+    if (sqlite3_value_type(value) != SQLITE_INTEGER) {
+        return std::nullopt;
+    }
+    return sqlite3_value_int64(value);
+}
+
 std::optional<SqliteQuery::BorrowedBytes> SqliteQuery::borrowBytesFromColumn(int column) const {
     if (!hasRow_) {
         return std::nullopt;
