@@ -23,6 +23,7 @@
 #include <logging/PlaybackPacing.h>
 #include <logging/PlayerBookmark.h>
 #include <logging/PropertyValue.h>
+#include <logging/Recorder.h>
 #include <logging/SqliteLogFile.h>
 
 #include <database/DatabaseAccessError.h>

@@ -223,6 +223,67 @@ MV_LOGGING_EXPORT bool MV_LogFile_CreateTimeIndex(MV_LogFile_p file, MV_LogError
 /* *present tells whether the file holds the time index. */
 MV_LOGGING_EXPORT bool MV_LogFile_HasTimeIndex(MV_LogFile_p file, bool* present, MV_LogError_p* error);
 
+/* ---- Recorder -------------------------------------------------------------- */
+/* Records into a new file from any number of threads: MV_LogRecorder_Record
+ * only enqueues; compression runs on a pool of threads and one writer thread
+ * inserts the entries in the order the recorder accepted them. None of these
+ * lets an exception escape. */
+
+typedef struct MV_LogRecorder* MV_LogRecorder_p;
+typedef struct MV_LogRecorderOptions* MV_LogRecorderOptions_p;
+typedef enum MV_LogOverflowPolicy {
+    MV_LOG_OVERFLOW_BLOCK = 0,
+    MV_LOG_OVERFLOW_DROP_NEWEST = 1,
+    MV_LOG_OVERFLOW_REFUSE = 2
+} MV_LogOverflowPolicy;
+typedef struct MV_LogRecorderStats {
+    uint64_t accepted, written, dropped, failed;
+    uint64_t bytesIn, bytesStored, queueHighWaterBytes;
+    int64_t maxLatencyMicroseconds;
+} MV_LogRecorderStats;
+/* Defaults: 256 MiB of queue, the cores minus one compression threads, 100 ms
+ * of commit delay, MV_LOG_OVERFLOW_BLOCK. Null when out of memory. */
+MV_LOGGING_EXPORT MV_LogRecorderOptions_p MV_LogRecorderOptions_Create(void);
+MV_LOGGING_EXPORT void MV_LogRecorderOptions_Destroy(MV_LogRecorderOptions_p options);
+/* At least 1. */
+MV_LOGGING_EXPORT bool MV_LogRecorderOptions_SetQueueBytes(MV_LogRecorderOptions_p options, uint64_t bytes,
+                                                           MV_LogError_p* error);
+/* 0 picks the default; otherwise 1 to 256. */
+MV_LOGGING_EXPORT bool MV_LogRecorderOptions_SetCompressionThreads(MV_LogRecorderOptions_p options,
+                                                                   int32_t threads, MV_LogError_p* error);
+/* 1 ms or more. */
+MV_LOGGING_EXPORT bool MV_LogRecorderOptions_SetMaxCommitDelay(MV_LogRecorderOptions_p options,
+                                                               int32_t milliseconds, MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogRecorderOptions_SetOverflowPolicy(MV_LogRecorderOptions_p options,
+                                                               MV_LogOverflowPolicy policy,
+                                                               MV_LogError_p* error);
+/* Refuses an existing path like MV_LogFile_Create; options may be NULL for the defaults. */
+MV_LOGGING_EXPORT MV_LogRecorder_p MV_LogRecorder_Create(const char* path, MV_LogConfig_p config,
+                                                         MV_LogRecorderOptions_p options,
+                                                         MV_LogError_p* error);
+/* Writes the assigned id back into the data-source handle, as MV_LogFile_AddDataSource does. */
+MV_LOGGING_EXPORT bool MV_LogRecorder_AddDataSource(MV_LogRecorder_p recorder, MV_LogDataSource_p dataSource,
+                                                    MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogRecorder_AddDataSourceProperty(MV_LogRecorder_p recorder,
+                                                            MV_LogDataSourceProperty_p property,
+                                                            MV_LogError_p* error);
+/* Metadata, resources and bookmarks keep their place among the entries. */
+MV_LOGGING_EXPORT bool MV_LogRecorder_AddMetadata(MV_LogRecorder_p recorder, MV_LogMetadata_p metadata,
+                                                  MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogRecorder_AddResource(MV_LogRecorder_p recorder, MV_LogResource_p resource,
+                                                  MV_LogError_p* error);
+MV_LOGGING_EXPORT bool MV_LogRecorder_AddBookmark(MV_LogRecorder_p recorder, MV_LogBookmark_p bookmark,
+                                                  MV_LogError_p* error);
+/* Thread-safe. False when the entry was dropped or refused, or the recorder has stopped. */
+MV_LOGGING_EXPORT bool MV_LogRecorder_Record(MV_LogRecorder_p recorder, int8_t dataSourceId, int32_t type,
+                                             int64_t timestamp, const uint8_t* data, size_t size);
+MV_LOGGING_EXPORT bool MV_LogRecorder_Flush(MV_LogRecorder_p recorder, MV_LogError_p* error);
+/* `dropped` counts the entries dropped and refused. */
+MV_LOGGING_EXPORT void MV_LogRecorder_GetStats(MV_LogRecorder_p recorder, MV_LogRecorderStats* stats);
+/* Flushes, stops the threads and closes the file; Record answers false afterwards. */
+MV_LOGGING_EXPORT bool MV_LogRecorder_Close(MV_LogRecorder_p recorder, MV_LogError_p* error);
+MV_LOGGING_EXPORT void MV_LogRecorder_Destroy(MV_LogRecorder_p recorder); /* closes if needed; accepts NULL */
+
 /* ---- Value handles ------------------------------------------------------ */
 
 MV_LOGGING_EXPORT MV_LogBookmark_p MV_LogBookmark_Create(int32_t entryId, const char* title,

@@ -15,6 +15,8 @@
 #include <logging/LogFileInterface.h>
 #include <logging/LogMetadataEntry.h>
 #include <logging/LogResourceEntry.h>
+#include <logging/Recorder.h>
+#include <logging/RecorderOptions.h>
 #include <logging/SqliteLogFile.h>
 
 #include <cstdint>
@@ -70,6 +72,14 @@ struct MV_LogResource {
 
 struct MV_LogEntryIndexFilter {
     Marivane::Logging::EntryIndexFilter value;
+};
+
+struct MV_LogRecorderOptions {
+    Marivane::Logging::RecorderOptions value;
+};
+
+struct MV_LogRecorder {
+    std::unique_ptr<Marivane::Logging::Recorder> recorder;
 };
 
 struct MV_LogCopyOptions {

@@ -1,0 +1,539 @@
+#include <logging/Recorder.h>
+
+#include <logging/SqliteLogFile.h>
+
+#include "sqlite/StoreAccess.h"
+
+#include <core/Chrono.h>
+#include <core/Compression.h>
+#include <core/Filesystem.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace Marivane::Logging {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// One item of the queue: an entry, or an operation on the file that must keep
+// its place among the entries (a data source, a flush, ...).
+struct Job {
+    enum class Kind { Entry, Operation, Flush };
+    Kind kind = Kind::Entry;
+    uint64_t sequence = 0;
+    Clock::time_point acceptedAt;
+    // Entries.
+    int8_t dataSourceId = 0;
+    int32_t type = 0;
+    int64_t timestamp = 0;
+    ByteBuffer payload;
+    // What the queue's budget counted for it.
+    std::size_t acceptedSize = 0;
+    // The payload as the file stores it; ready once compressed (at once at
+    // level 0, where it is the payload itself).
+    ByteBuffer stored;
+    bool needsCompression = false;
+    bool compressionClaimed = false;
+    bool ready = false;
+    std::string compressionError;
+    // Operations run by the writer; their answer goes back to the waiting caller.
+    std::function<bool(SqliteLogFile&)> operation;
+    std::shared_ptr<std::optional<bool>> answer;
+};
+
+int32_t compressionThreadsFor(int32_t requested) {
+    if (requested > 0) {
+        return requested;
+    }
+    const auto cores = static_cast<int32_t>(std::thread::hardware_concurrency());
+    return std::max(1, cores - 1);
+}
+
+}  // namespace
+
+class RecorderPrivate {
+public:
+    RecorderPrivate(const std::filesystem::path& path, const RecorderOptions& options)
+        : options_(options), path_(path), file_(createFile(path, options)) {
+        compresses_ = StoreAccess::of(*file_).compressesPayloads();
+        writer_ = std::thread([this] { runWriter(); });
+        if (compresses_) {
+            for (int32_t i = 0; i < compressionThreadsFor(options.compressionThreads); ++i) {
+                compressors_.emplace_back([this] { runCompressor(); });
+            }
+        }
+    }
+
+    ~RecorderPrivate() {
+        try {
+            close();
+        } catch (...) {
+            // Only allocation can throw here; the threads are joined either
+            // way below.
+            emergencyStop();
+        }
+    }
+
+    bool record(int8_t dataSourceId, int32_t type, int64_t timestamp, ByteBuffer&& payload) {
+        const std::size_t size = payload.size();
+        std::unique_lock lock(mutex_);
+        if (!waitForRoom(lock, size)) {
+            return false;
+        }
+        Job& job = jobs_.emplace_back();
+        job.kind = Job::Kind::Entry;
+        job.sequence = nextSequence_++;
+        job.acceptedAt = Clock::now();
+        job.dataSourceId = dataSourceId;
+        job.type = type;
+        job.timestamp = timestamp;
+        job.payload = std::move(payload);
+        job.acceptedSize = size;
+        if (compresses_) {
+            job.needsCompression = true;
+            ++waitingForCompression_;
+        } else {
+            job.stored = std::move(job.payload);
+            job.ready = true;
+        }
+        queuedBytes_ += size;
+        stats_.queueHighWaterBytes = std::max<uint64_t>(stats_.queueHighWaterBytes, queuedBytes_);
+        ++stats_.accepted;
+        stats_.bytesIn += size;
+        lock.unlock();
+        if (compresses_) {
+            compressionWanted_.notify_one();
+        } else {
+            writerWanted_.notify_one();
+        }
+        return true;
+    }
+
+    // Runs `operation` on the writer thread in queue order and waits for it.
+    bool runInOrder(std::function<bool(SqliteLogFile&)> operation, Job::Kind kind = Job::Kind::Operation) {
+        auto answer = std::make_shared<std::optional<bool>>();
+        std::unique_lock lock(mutex_);
+        if (stopped_) {
+            return false;
+        }
+        Job& job = jobs_.emplace_back();
+        job.kind = kind;
+        job.sequence = nextSequence_++;
+        job.acceptedAt = Clock::now();
+        job.operation = std::move(operation);
+        job.answer = answer;
+        job.ready = true;
+        writerWanted_.notify_one();
+        answered_.wait(lock, [&] { return answer->has_value(); });
+        return **answer;
+    }
+
+    bool flush() {
+        return runInOrder([](SqliteLogFile&) { return true; }, Job::Kind::Flush);
+    }
+
+    bool close() {
+        {
+            std::unique_lock lock(mutex_);
+            if (closed_) {
+                return closedCleanly_;
+            }
+        }
+        const bool flushed = flush();
+        {
+            std::lock_guard lock(mutex_);
+            stopped_ = true;
+            closed_ = true;
+        }
+        compressionWanted_.notify_all();
+        writerWanted_.notify_all();
+        roomAvailable_.notify_all();
+        for (std::thread& compressor : compressors_) {
+            compressor.join();
+        }
+        writer_.join();
+        file_.reset();
+        std::lock_guard lock(mutex_);
+        closedCleanly_ = flushed && stats_.failed == 0 && failure_.empty();
+        return closedCleanly_;
+    }
+
+    void emergencyStop() noexcept {
+        {
+            std::lock_guard lock(mutex_);
+            stopped_ = true;
+            closed_ = true;
+        }
+        compressionWanted_.notify_all();
+        writerWanted_.notify_all();
+        roomAvailable_.notify_all();
+        for (std::thread& compressor : compressors_) {
+            if (compressor.joinable()) {
+                compressor.join();
+            }
+        }
+        if (writer_.joinable()) {
+            writer_.join();
+        }
+    }
+
+    RecorderStats stats() const {
+        std::lock_guard lock(mutex_);
+        RecorderStats copy = stats_;
+        copy.lastError = failure_.empty() ? lastRefusal_ : failure_;
+        return copy;
+    }
+
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    static std::unique_ptr<SqliteLogFile> createFile(const std::filesystem::path& path,
+                                                     const RecorderOptions& options) {
+        if (Filesystem::somethingExistsAt(path.string(), Filesystem::PathLookup::PathItself)) {
+            throw std::runtime_error("Cannot record into '" + path.string() + "': the file already exists.");
+        }
+        return std::make_unique<SqliteLogFile>(path.string(), options.timeZone, options.applicationName,
+                                               options.applicationVersion, options.compressionLevel,
+                                               Chrono::msSinceUnixEpoch(), options.durability);
+    }
+
+    // Under the overflow policy: true when the entry may be queued.
+    bool waitForRoom(std::unique_lock<std::mutex>& lock, std::size_t size) {
+        const auto fits = [&] { return queuedBytes_ == 0 || queuedBytes_ + size <= options_.queueBytes; };
+        if (stopped_) {
+            ++stats_.refused;
+            return false;
+        }
+        if (fits()) {
+            return true;
+        }
+        switch (options_.overflowPolicy) {
+            case OverflowPolicy::DropNewest:
+                ++stats_.dropped;
+                return false;
+            case OverflowPolicy::Refuse:
+                ++stats_.refused;
+                return false;
+            case OverflowPolicy::Block:
+                break;
+        }
+        roomAvailable_.wait(lock, [&] { return stopped_ || fits(); });
+        if (stopped_) {
+            ++stats_.refused;
+            return false;
+        }
+        return true;
+    }
+
+    // ---- compression threads -------------------------------------------
+    void runCompressor() {
+        std::unique_lock lock(mutex_);
+        while (true) {
+            compressionWanted_.wait(lock, [&] { return stopped_ || waitingForCompression_ > 0; });
+            if (waitingForCompression_ == 0) {
+                return;  // stopped, and nothing left to compress
+            }
+            Job* job = claimNextCompression();
+            lock.unlock();
+            compressJob(*job);
+            lock.lock();
+            job->ready = true;
+            writerWanted_.notify_one();
+        }
+    }
+
+    // The oldest entry nobody compresses yet. Jobs stay where they are until
+    // the writer takes them, which it does only once they are ready.
+    // Claims go in queue order, so the search starts where the last one ended.
+    Job* claimNextCompression() {
+        const uint64_t front = jobs_.front().sequence;
+        for (std::size_t i = nextClaim_ > front ? static_cast<std::size_t>(nextClaim_ - front) : 0;
+             i < jobs_.size(); ++i) {
+            Job& job = jobs_[i];
+            if (job.needsCompression && !job.compressionClaimed) {
+                job.compressionClaimed = true;
+                --waitingForCompression_;
+                nextClaim_ = job.sequence + 1;
+                return &job;
+            }
+        }
+        throw std::logic_error("no entry waits for compression");
+    }
+
+    void compressJob(Job& job) {
+        try {
+            job.stored = Compression::compress(job.payload, options_.compressionLevel);
+        } catch (const std::exception& error) {
+            job.compressionError = error.what();
+        }
+        job.payload = ByteBuffer();
+    }
+
+    // ---- the writer ------------------------------------------------------
+    void runWriter() {
+        std::optional<SqliteLogFile::WriteBatch> batch;
+        std::vector<Job> taken;
+        std::vector<Clock::time_point> uncommitted;
+        std::unique_lock lock(mutex_);
+        while (true) {
+            const auto workOrStop = [&] {
+                return (!jobs_.empty() && jobs_.front().ready) || (stopped_ && jobs_.empty());
+            };
+            std::optional<Clock::time_point> deadline;
+            if (!uncommitted.empty()) {
+                deadline = uncommitted.front() + options_.maxCommitDelay;
+                writerWanted_.wait_until(lock, *deadline, workOrStop);
+            } else {
+                writerWanted_.wait(lock, workOrStop);
+            }
+            takeReadyJobs(taken);
+            const bool finished = stopped_ && jobs_.empty();
+            lock.unlock();
+            bool commitNow = finished || (deadline && Clock::now() >= *deadline);
+            for (Job& job : taken) {
+                commitNow = writeJob(job, batch, uncommitted) || commitNow;
+                if (uncommitted.size() >= options_.maxTransactionEntries) {
+                    commitNow = true;
+                }
+            }
+            if (commitNow) {
+                commit(batch, uncommitted);
+            }
+            lock.lock();
+            answerWaiting(taken);
+            taken.clear();
+            if (finished) {
+                return;
+            }
+        }
+    }
+
+    void takeReadyJobs(std::vector<Job>& taken) {
+        while (!jobs_.empty() && jobs_.front().ready && taken.size() < 4096) {
+            taken.push_back(std::move(jobs_.front()));
+            jobs_.pop_front();
+        }
+    }
+
+    // Writes one job; true when it asks for a commit (a flush).
+    bool writeJob(Job& job, std::optional<SqliteLogFile::WriteBatch>& batch,
+                  std::vector<Clock::time_point>& uncommitted) {
+        if (job.kind == Job::Kind::Flush) {
+            return true;
+        }
+        if (hasFailed()) {
+            settleAfterFailure(job);
+            return false;
+        }
+        if (!batch) {
+            batch.emplace(file_->beginBatch());
+        }
+        if (job.kind == Job::Kind::Operation) {
+            const bool done = job.operation(*file_);
+            std::lock_guard lock(mutex_);
+            *job.answer = done;
+            if (!done) {
+                noteRefusal(file_->getLastError());
+            }
+            return false;
+        }
+        writeEntry(job, uncommitted);
+        return false;
+    }
+
+    void writeEntry(Job& job, std::vector<Clock::time_point>& uncommitted) {
+        bool written = false;
+        if (job.compressionError.empty()) {
+            written = StoreAccess::of(*file_).insertStoredEntry(job.timestamp, job.type, job.dataSourceId,
+                                                                job.stored);
+        }
+        std::lock_guard lock(mutex_);
+        queuedBytes_ -= std::min<uint64_t>(queuedBytes_, job.acceptedSize);
+        roomAvailable_.notify_all();
+        if (written) {
+            uncommitted.push_back(job.acceptedAt);
+            pendingStoredBytes_ += job.stored.size();
+            return;
+        }
+        ++stats_.failed;
+        if (!job.compressionError.empty()) {
+            noteRefusal(job.compressionError);
+            return;
+        }
+        const FailureKind kind = file_->getLastFailureKind();
+        if (kind == FailureKind::Refused) {
+            noteRefusal(file_->getLastError());
+        } else {
+            fail("Cannot write entry " + std::to_string(job.sequence + 1) + " to '" + path_.string() +
+                 "': " + file_->getLastError());
+        }
+    }
+
+    void commit(std::optional<SqliteLogFile::WriteBatch>& batch,
+                std::vector<Clock::time_point>& uncommitted) {
+        if (!batch) {
+            return;
+        }
+        const bool committed = batch->commit();
+        batch.reset();
+        const auto now = Clock::now();
+        std::lock_guard lock(mutex_);
+        if (!committed) {
+            stats_.failed += uncommitted.size();
+            fail("Cannot commit to '" + path_.string() + "': " + file_->getLastError());
+        } else {
+            stats_.written += uncommitted.size();
+            stats_.bytesStored += pendingStoredBytes_;
+            for (const Clock::time_point acceptedAt : uncommitted) {
+                const auto latency = std::chrono::duration_cast<std::chrono::microseconds>(now - acceptedAt);
+                stats_.maxLatencyMicroseconds =
+                    std::max<int64_t>(stats_.maxLatencyMicroseconds, latency.count());
+            }
+        }
+        pendingStoredBytes_ = 0;
+        uncommitted.clear();
+    }
+
+    // Operations were answered when they ran; a flush is answered here, after
+    // the commit it asked for, with whether everything so far was written.
+    // Called with the mutex held.
+    void answerWaiting(std::vector<Job>& taken) {
+        bool any = false;
+        for (Job& job : taken) {
+            if (job.answer) {
+                if (!job.answer->has_value()) {
+                    *job.answer = job.kind == Job::Kind::Flush && failure_.empty();
+                }
+                any = true;
+            }
+        }
+        if (any) {
+            answered_.notify_all();
+        }
+    }
+
+    bool hasFailed() {
+        std::lock_guard lock(mutex_);
+        return !failure_.empty();
+    }
+
+    // After a failure nothing more is written: entries count as failed and
+    // operations answer false.
+    void settleAfterFailure(Job& job) {
+        std::lock_guard lock(mutex_);
+        if (job.kind == Job::Kind::Entry) {
+            ++stats_.failed;
+            queuedBytes_ -= std::min<uint64_t>(queuedBytes_, job.acceptedSize);
+            roomAvailable_.notify_all();
+        } else if (job.answer) {
+            *job.answer = false;
+        }
+    }
+
+    // Called with the mutex held.
+    void fail(const std::string& reason) {
+        if (failure_.empty()) {
+            failure_ = reason;
+        }
+        stopped_ = true;
+        roomAvailable_.notify_all();
+        compressionWanted_.notify_all();
+    }
+
+    void noteRefusal(const std::string& reason) { lastRefusal_ = reason; }
+
+    const RecorderOptions options_;
+    const std::filesystem::path path_;
+    std::unique_ptr<SqliteLogFile> file_;
+    bool compresses_ = false;
+
+    mutable std::mutex mutex_;
+    std::condition_variable compressionWanted_;
+    std::condition_variable writerWanted_;
+    std::condition_variable roomAvailable_;
+    std::condition_variable answered_;
+    std::deque<Job> jobs_;
+    uint64_t nextSequence_ = 0;
+    uint64_t nextClaim_ = 0;
+    std::size_t waitingForCompression_ = 0;
+    uint64_t queuedBytes_ = 0;
+    uint64_t pendingStoredBytes_ = 0;
+    bool stopped_ = false;
+    bool closed_ = false;
+    bool closedCleanly_ = false;
+    RecorderStats stats_;
+    std::string failure_;
+    std::string lastRefusal_;
+
+    std::vector<std::thread> compressors_;
+    std::thread writer_;
+};
+
+Recorder::Recorder(const std::filesystem::path& path, const RecorderOptions& options)
+    : d(std::make_unique<RecorderPrivate>(path, options)) {}
+
+Recorder::~Recorder() = default;
+
+bool Recorder::record(int8_t dataSourceId, int32_t type, int64_t timestamp, ByteBuffer&& payload) {
+    return d->record(dataSourceId, type, timestamp, std::move(payload));
+}
+
+bool Recorder::record(int8_t dataSourceId, int32_t type, int64_t timestamp, const void* data,
+                      std::size_t size) {
+    const auto* bytes = static_cast<const std::byte*>(data);
+    return d->record(dataSourceId, type, timestamp, ByteBuffer(bytes, bytes + size));
+}
+
+bool Recorder::addDataSource(DataSource& source) {
+    DataSource added = source;
+    const bool done = d->runInOrder([&added](SqliteLogFile& file) { return file.addDataSource(added); });
+    if (done) {
+        source.id = added.id;
+    }
+    return done;
+}
+
+bool Recorder::addDataSourceProperty(const DataSourceProperty& property) {
+    return d->runInOrder([&property](SqliteLogFile& file) { return file.addDataSourceProperty(property); });
+}
+
+bool Recorder::addMetadata(const std::string& key, const PropertyValue& value) {
+    return d->runInOrder([&](SqliteLogFile& file) { return file.addMetadata(key, value); });
+}
+
+bool Recorder::addResource(const std::string& name, const ByteBuffer& data) {
+    return d->runInOrder([&](SqliteLogFile& file) { return file.addResource(name, data); });
+}
+
+bool Recorder::addBookmark(const Bookmark& bookmark) {
+    return d->runInOrder([&bookmark](SqliteLogFile& file) { return file.addBookmark(bookmark); });
+}
+
+bool Recorder::flush() {
+    return d->flush();
+}
+
+bool Recorder::close() {
+    return d->close();
+}
+
+RecorderStats Recorder::stats() const {
+    return d->stats();
+}
+
+std::filesystem::path Recorder::path() const {
+    return d->path();
+}
+
+}  // namespace Marivane::Logging
