@@ -156,6 +156,18 @@ std::string mergeName() {
     return "derive/merge/library/2x512MiB";
 }
 
+std::string recorderName(const std::string& writer, int level, std::size_t size) {
+    return "recorder/" + writer + "/" + levelLabel(level) + "/" + sizeLabel(size);
+}
+
+std::string recorderLatencyName(std::size_t size) {
+    return "recorder/latency/" + sizeLabel(size);
+}
+
+std::string recorderOverloadName() {
+    return "recorder/overload/dropNewest";
+}
+
 std::string windowName() {
     return "window/library/5M";
 }

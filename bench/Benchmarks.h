@@ -58,6 +58,10 @@ std::string playerName(const std::string& pacing = "pacing");
 std::string memoryName(const std::string& what);
 std::string mergeName();
 std::string windowName();
+// writer: "recorder", "batch" (logData in write batches) or "autocommit".
+std::string recorderName(const std::string& writer, int level, std::size_t size);
+std::string recorderLatencyName(std::size_t size);
+std::string recorderOverloadName();
 // mode: "autocommit" or "transaction".
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size);
 
@@ -74,6 +78,16 @@ void registerPageSizeSweep(int round);
 void registerPlayerBenchmark();
 // One run each: peak memory, the merge, the time windows.
 void registerScaleBenchmarks();
+// The recorder against logData, round by round; and its one-run probes
+// (record() latency, overload, memory).
+void registerRecorderBenchmarks(int round);
+void registerRecorderProbes();
+// The queue budget of the recorder's memory figure.
+inline constexpr std::size_t kRecorderMemoryBudget = 64u << 20;
+void recordForPeakMemory(const std::string& path);
+// Runs this program again for one task of runPeakMemoryTask and returns the
+// peak resident memory of that process in MiB.
+double peakMemoryOf(const std::string& task, const std::vector<std::string>& arguments);
 
 // The 1 GiB file of the derived-file figures: 4096 entries of 256 KiB, level 0.
 inline constexpr std::size_t kDerivedSourceEntries = 4096;

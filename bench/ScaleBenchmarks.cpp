@@ -31,8 +31,8 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kWindowFileEntries = 5'000'000;
 constexpr int kWindowRepeats = 20;
 
-// Runs this program again for one task (see runPeakMemoryTask) and returns the
-// peak resident memory that process reached, in MiB.
+}  // namespace
+
 double peakMemoryOf(const std::string& task, const std::vector<std::string>& arguments) {
     std::string command = "/proc/" + std::to_string(::getpid()) + "/exe " + kPeakMemoryFlag + " " + task;
     for (const std::string& argument : arguments) {
@@ -51,6 +51,8 @@ double peakMemoryOf(const std::string& task, const std::vector<std::string>& arg
     }
     return kibibytes / 1024.0;
 }
+
+namespace {
 
 const std::string& mergeInput(int half) {
     static std::string paths[2];
@@ -160,6 +162,8 @@ int runPeakMemoryTask(int argc, char** argv) {
             Logging::CopyOptions options;
             options.filter.dataSourceTypes = {MV_LogDataSourceType_Generic};
             Logging::Algorithms::copy(argv[3], argv[4], options);
+        } else if (task == "record" && argc == 4) {
+            recordForPeakMemory(argv[3]);
         } else if (task == "merge" && argc == 6) {
             Logging::Algorithms::merge({argv[3], argv[4]}, argv[5], Logging::CopyOptions());
         } else {

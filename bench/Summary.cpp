@@ -383,6 +383,43 @@ void printSummary(const Figures& figures, std::ostream& out) {
     table.bound("building the time index", counter(figures, windowName(), "index_build_s"), "s",
                 std::nullopt);
 
+    table.section("Recorder, open to close, wall time (baseline: logData in write batches)");
+    for (int level : {-1, 1}) {
+        for (std::size_t size : {std::size_t{16 * 1024}, std::size_t{256 * 1024}}) {
+            table.pair(figures, label("Recorder", level, size), recorderName("recorder", level, size),
+                       recorderName("batch", level, size), 1.7);
+        }
+    }
+    for (std::size_t size : {std::size_t{64}, std::size_t{1024}}) {
+        table.pair(figures, label("Recorder", 0, size), recorderName("recorder", 0, size),
+                   recorderName("batch", 0, size), 0.9);
+        table.pair(figures, label("Recorder vs logData, no batch", 0, size),
+                   recorderName("recorder", 0, size), recorderName("autocommit", 0, size), 10.0);
+    }
+    out << "\nrecord() on the capture thread (level -1, writer busy)\n";
+    for (std::size_t size : {std::size_t{64}, std::size_t{16 * 1024}}) {
+        const std::string name = recorderLatencyName(size);
+        table.bound("median " + sizeLabel(size), counter(figures, name, "median_us"), "us", std::nullopt);
+        table.bound("p99 " + sizeLabel(size), counter(figures, name, "p99_us"), "us", 20.0);
+        table.bound("max " + sizeLabel(size), counter(figures, name, "max_us"), "us", std::nullopt);
+    }
+    out << "\nOverload: 40000 calls of 16 KiB at level -1 into a 1 MiB queue, drop-newest\n";
+    table.bound("p99 of record()", counter(figures, recorderOverloadName(), "p99_us"), "us", 20.0);
+    table.bound("max of record()", counter(figures, recorderOverloadName(), "max_us"), "us", std::nullopt);
+    table.bound("accepted", counter(figures, recorderOverloadName(), "accepted"), "", std::nullopt);
+    table.bound("dropped", counter(figures, recorderOverloadName(), "dropped"), "", std::nullopt);
+    const std::optional<double> accounted = counter(figures, recorderOverloadName(), "accounted");
+    const std::optional<double> matches = counter(figures, recorderOverloadName(), "file_matches");
+    // 1 when true: "below 0.5" would read as false, so the bound is on 1 - x.
+    table.bound("accepted + dropped != calls (0 = exact)",
+                accounted ? std::optional<double>(1.0 - *accounted) : std::nullopt, "", 0.5);
+    table.bound("file differs from what was accepted (0 = same)",
+                matches ? std::optional<double>(1.0 - *matches) : std::nullopt, "", 0.5);
+    out << "\nRecorder peak memory (16 KiB at level -1, 20000 entries, queue budget "
+        << (kRecorderMemoryBudget >> 20) << " MiB)\n";
+    table.bound("peak resident memory", counter(figures, memoryName("recorder"), "peak_rss_mib"), "MiB",
+                std::nullopt);
+
     for (const auto& [pacing, title] : {std::pair{"exact", "exact pacing (Pacing::Exact)"},
                                         std::pair{"pacing", "default pacing (whole milliseconds carried)"}}) {
         const bool exact = std::string(pacing) == "exact";

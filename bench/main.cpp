@@ -32,10 +32,12 @@ int main(int argc, char** argv) {
         if (round <= kDerivedRounds) {
             registerDerivedFileBenchmarks(round);
         }
+        registerRecorderBenchmarks(round);
         registerPageSizeSweep(round);
         if (round == 1) {
             registerPlayerBenchmark();
             registerScaleBenchmarks();
+            registerRecorderProbes();
         }
     }
 

@@ -9,6 +9,7 @@
 #include <core/Filesystem.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -111,10 +112,14 @@ public:
         stats_.queueHighWaterBytes = std::max<uint64_t>(stats_.queueHighWaterBytes, queuedBytes_);
         ++stats_.accepted;
         stats_.bytesIn += size;
+        // The writer drains everything ready each time it wakes, so it needs a
+        // wake-up only when the queue was empty; notifying on every entry costs
+        // a system call per entry at high rates.
+        const bool wasEmpty = jobs_.size() == 1;
         lock.unlock();
         if (compresses_) {
             compressionWanted_.notify_one();
-        } else {
+        } else if (wasEmpty) {
             writerWanted_.notify_one();
         }
         return true;
@@ -249,7 +254,10 @@ private:
             compressJob(*job);
             lock.lock();
             job->ready = true;
-            writerWanted_.notify_one();
+            // The writer waits for the oldest entry only.
+            if (&jobs_.front() == job) {
+                writerWanted_.notify_one();
+            }
         }
     }
 
@@ -307,6 +315,7 @@ private:
                     commitNow = true;
                 }
             }
+            publishWrites();
             if (commitNow) {
                 commit(batch, uncommitted);
             }
@@ -358,14 +367,15 @@ private:
             written = StoreAccess::of(*file_).insertStoredEntry(job.timestamp, job.type, job.dataSourceId,
                                                                 job.stored);
         }
-        std::lock_guard lock(mutex_);
-        queuedBytes_ -= std::min<uint64_t>(queuedBytes_, job.acceptedSize);
-        roomAvailable_.notify_all();
+        // Counted here and published once per round (publishWrites): a lock
+        // per entry would cost the capture threads as much as the insert.
+        freedBytes_ += job.acceptedSize;
         if (written) {
             uncommitted.push_back(job.acceptedAt);
             pendingStoredBytes_ += job.stored.size();
             return;
         }
+        std::lock_guard lock(mutex_);
         ++stats_.failed;
         if (!job.compressionError.empty()) {
             noteRefusal(job.compressionError);
@@ -378,6 +388,19 @@ private:
             fail("Cannot write entry " + std::to_string(job.sequence + 1) + " to '" + path_.string() +
                  "': " + file_->getLastError());
         }
+    }
+
+    // Gives the queue back the room of the entries written this round.
+    void publishWrites() {
+        if (freedBytes_ == 0) {
+            return;
+        }
+        {
+            std::lock_guard lock(mutex_);
+            queuedBytes_ -= std::min<uint64_t>(queuedBytes_, freedBytes_);
+        }
+        freedBytes_ = 0;
+        roomAvailable_.notify_all();
     }
 
     void commit(std::optional<SqliteLogFile::WriteBatch>& batch,
@@ -423,10 +446,7 @@ private:
         }
     }
 
-    bool hasFailed() {
-        std::lock_guard lock(mutex_);
-        return !failure_.empty();
-    }
+    bool hasFailed() const { return failed_.load(std::memory_order_acquire); }
 
     // After a failure nothing more is written: entries count as failed and
     // operations answer false.
@@ -434,8 +454,7 @@ private:
         std::lock_guard lock(mutex_);
         if (job.kind == Job::Kind::Entry) {
             ++stats_.failed;
-            queuedBytes_ -= std::min<uint64_t>(queuedBytes_, job.acceptedSize);
-            roomAvailable_.notify_all();
+            freedBytes_ += job.acceptedSize;
         } else if (job.answer) {
             *job.answer = false;
         }
@@ -446,6 +465,7 @@ private:
         if (failure_.empty()) {
             failure_ = reason;
         }
+        failed_.store(true, std::memory_order_release);
         stopped_ = true;
         roomAvailable_.notify_all();
         compressionWanted_.notify_all();
@@ -468,7 +488,10 @@ private:
     uint64_t nextClaim_ = 0;
     std::size_t waitingForCompression_ = 0;
     uint64_t queuedBytes_ = 0;
+    // Written by the writer thread only.
     uint64_t pendingStoredBytes_ = 0;
+    uint64_t freedBytes_ = 0;
+    std::atomic<bool> failed_{false};
     bool stopped_ = false;
     bool closed_ = false;
     bool closedCleanly_ = false;
