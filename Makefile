@@ -8,6 +8,8 @@ JOBS ?= $(shell nproc)
 # Development builds treat warnings as errors; a plain CMake build does not.
 DEV_FLAGS ?= -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo $(DEV_FLAGS)
+# The development build and its tests include the Python package.
+PYTHON_FLAGS ?= -DMARIVANE_BUILD_PYTHON=ON
 
 FUZZ_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 600
@@ -28,7 +30,7 @@ deps:
 	@./scripts/install-deps.sh
 
 build: deps
-	cmake -S . -B $(BUILD_DIR) $(CMAKE_FLAGS)
+	cmake -S . -B $(BUILD_DIR) $(CMAKE_FLAGS) $(PYTHON_FLAGS)
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 test: build
@@ -89,10 +91,10 @@ release: deps
 	cmake --build $(RELEASE_DIR) -j $(JOBS)
 
 # Debian packages of a Release build: libmarivane-logging4 (the libraries),
-# libmarivane-logging-dev (headers, pkg-config, CMake package) and mvlog, as
-# $(PACKAGE_DIR)/*.deb.
+# libmarivane-logging-dev (headers, pkg-config, CMake package), mvlog and
+# python3-marivane-logging, as $(PACKAGE_DIR)/*.deb.
 package: deps
-	cmake -S . -B $(PACKAGE_DIR) -DCMAKE_BUILD_TYPE=Release $(DEV_FLAGS) \
+	cmake -S . -B $(PACKAGE_DIR) -DCMAKE_BUILD_TYPE=Release $(DEV_FLAGS) $(PYTHON_FLAGS) \
 		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_EXAMPLES=OFF
 	cmake --build $(PACKAGE_DIR) -j $(JOBS)
 	cd $(PACKAGE_DIR) && cpack -G DEB

@@ -3,6 +3,7 @@
 #   development  libmarivane-logging-dev  headers, the unversioned .so links,
 #                                         the pkg-config file, the CMake package
 #   tool         mvlog                    the command-line tool
+#   python       python3-marivane-logging the Python package (MARIVANE_BUILD_PYTHON)
 # `cpack -G DEB` in a build directory (or `make package` at the top) writes
 # them there. They install under /usr; a plain `cmake --install` keeps its own
 # prefix and installs every component.
@@ -30,6 +31,9 @@ set(CPACK_COMPONENTS_ALL runtime development)
 if(MARIVANE_BUILD_TOOLS)
     list(APPEND CPACK_COMPONENTS_ALL tool)
 endif()
+if(TARGET marivane_python_core)
+    list(APPEND CPACK_COMPONENTS_ALL python)
+endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 
@@ -53,6 +57,12 @@ set(CPACK_COMPONENT_TOOL_DESCRIPTION
 merges, clones and replays log files, edits their bookmarks and records a
 synthetic demo survey.")
 set(CPACK_COMPONENT_TOOL_DEPENDS runtime)
+set(CPACK_COMPONENT_PYTHON_DISPLAY_NAME "Python package")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+    "The Python 3 package marivane_logging: reads, writes, slices, copies,
+merges and replays log files from Python, with numpy and pandas indexes,
+Dask functions for fleets of files and a timeline picture.")
+set(CPACK_COMPONENT_PYTHON_DEPENDS runtime)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libmarivane-logging4)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
@@ -60,6 +70,18 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmarivane-logging-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME mvlog)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-marivane-logging)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+# The native module is built for one minor version of the interpreter.
+if(MARIVANE_PYTHON_EXECUTABLE)
+    execute_process(COMMAND ${MARIVANE_PYTHON_EXECUTABLE} -c
+            "import sys; print(f'{sys.version_info[0]}.{sys.version_info[1]};{sys.version_info[0]}.{sys.version_info[1] + 1}')"
+        OUTPUT_VARIABLE _marivane_python_versions OUTPUT_STRIP_TRAILING_WHITESPACE)
+    list(GET _marivane_python_versions 0 _marivane_python_minor)
+    list(GET _marivane_python_versions 1 _marivane_python_next)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+        "python3 (>= ${_marivane_python_minor}), python3 (<< ${_marivane_python_next}), python3-numpy")
+endif()
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
 # The component dependencies above become "libmarivane-logging4 (= <version>)".

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # package_smoke.sh BUILD_DIR CONSUMER_DIR VERSION
 # Runs CPack on BUILD_DIR into a temporary directory, then checks the three
-# Debian packages: their names, versions and dependencies, which files each
+# Debian packages (four when the build has the Python package): their names, versions and dependencies, which files each
 # one holds, and that no file is in two of them. Unpacked together into a
 # scratch root, they must serve a C and a C++ program built with pkg-config,
 # a CMake project built with find_package(MarivaneLogging), and run mvlog.
@@ -33,6 +33,12 @@ fi
 runtime_pkg=libmarivane-logging4
 dev_pkg=libmarivane-logging-dev
 tool_pkg=mvlog
+python_pkg=python3-marivane-logging
+# The build tree packages the Python module when it was configured with it.
+with_python=no
+if grep -q 'CPACK_COMPONENTS_ALL "[^"]*python' "$build_dir/CPackConfig.cmake"; then
+    with_python=yes
+fi
 
 package_file() {
     local matches=("$work/packages/$1_${version}_"*.deb)
@@ -42,6 +48,11 @@ package_file() {
 runtime_deb=$(package_file "$runtime_pkg")
 dev_deb=$(package_file "$dev_pkg")
 tool_deb=$(package_file "$tool_pkg")
+python_debs=()
+if [[ $with_python == yes ]]; then
+    python_deb=$(package_file "$python_pkg")
+    python_debs=("$python_deb")
+fi
 
 # ---- control fields ----------------------------------------------------------
 # has_dependency DEPENDS NAME: NAME is one of the comma-separated entries.
@@ -62,6 +73,14 @@ check_control() {
 check_control "$runtime_deb" "$runtime_pkg"
 check_control "$dev_deb" "$dev_pkg"
 check_control "$tool_deb" "$tool_pkg"
+if [[ $with_python == yes ]]; then
+    check_control "$python_deb" "$python_pkg"
+    python_depends=$(dpkg-deb -f "$python_deb" Depends)
+    echo "$python_pkg Depends: $python_depends"
+    [[ ", $python_depends," == *", $runtime_pkg (= $version),"* ]] ||
+        fail "$python_pkg does not depend on '$runtime_pkg (= $version)'"
+    has_dependency "$python_depends" python3-numpy || fail "$python_pkg does not depend on python3-numpy"
+fi
 
 runtime_depends=$(dpkg-deb -f "$runtime_deb" Depends)
 dev_depends=$(dpkg-deb -f "$dev_deb" Depends)
@@ -95,6 +114,16 @@ unpack() {
 unpack "$runtime_deb" runtime
 unpack "$dev_deb" dev
 unpack "$tool_deb" tool
+if [[ $with_python == yes ]]; then
+    unpack "$python_deb" python
+    expect_python=(usr/lib/python3/dist-packages/marivane_logging/__init__.py
+        usr/lib/python3/dist-packages/marivane_logging/py.typed)
+    for path in "${expect_python[@]}"; do
+        [[ -e $work/only/python/$path ]] || fail "python package lacks /$path"
+    done
+    compgen -G "$work/only/python/usr/lib/python3/dist-packages/marivane_logging/_core*.so" >/dev/null ||
+        fail "python package lacks the native module"
+fi
 
 expect() {
     local component=$1
@@ -117,7 +146,7 @@ expect tool usr/bin/mvlog
 [[ ! -e $work/only/runtime/usr/bin ]] || fail "$runtime_pkg holds programs"
 
 # Nothing but directories may be in two packages: dpkg refuses such a pair.
-shared=$(cd "$work/only" && for component in runtime dev tool; do (cd "$component" && find . ! -type d); done | sort | uniq -d)
+shared=$(cd "$work/only" && for component in runtime dev tool ${python_debs:+python}; do (cd "$component" && find . ! -type d); done | sort | uniq -d)
 [[ -z $shared ]] || fail "files in more than one package: $shared"
 
 # The -dev package needs SQLite's or zstd's development package only when its
@@ -143,7 +172,7 @@ done
 # ---- consumers against the unpacked packages -----------------------------------
 root=$work/root
 mkdir -p "$root"
-for deb in "$runtime_deb" "$dev_deb" "$tool_deb"; do
+for deb in "$runtime_deb" "$dev_deb" "$tool_deb" "${python_debs[@]}"; do
     dpkg -x "$deb" "$root"
 done
 libdir=$root/usr/lib
@@ -202,4 +231,14 @@ tool_version=$(LD_LIBRARY_PATH=$libdir "$mvlog" --version) || fail "mvlog --vers
 [[ $tool_version == *"$version"* ]] || fail "mvlog --version says '$tool_version', expected version $version"
 LD_LIBRARY_PATH=$libdir "$mvlog" info "$work/from_c.mvlog" >/dev/null || fail "mvlog info on the C program's file failed"
 
-echo "package smoke test passed: $(basename "$runtime_deb") $(basename "$dev_deb") $(basename "$tool_deb")"
+# The packaged Python module finds the packaged library beside it.
+if [[ $with_python == yes ]]; then
+    PYTHONPATH=$root/usr/lib/python3/dist-packages /usr/bin/python3 -c "
+import sys, marivane_logging as ml
+assert ml.__file__.startswith('$root'), ml.__file__
+with ml.LogFile.open(sys.argv[1]) as f:
+    assert len(f) > 0
+" "$work/from_c.mvlog" || fail "the packaged Python module does not read the C program's file"
+fi
+
+echo "package smoke test passed: $(basename "$runtime_deb") $(basename "$dev_deb") $(basename "$tool_deb")${python_deb:+ $(basename "$python_deb")}"

@@ -88,6 +88,25 @@ TEST_F(ExamplesTest, RecorderRefusesAnExistingFile) {
     EXPECT_EQ(result.err.rfind("recorder: cannot create the log file: ", 0), 0u) << result.err;
 }
 
+TEST(ExamplesThreaded, ThreeCaptureThreadsRecordEveryReading) {
+    TempDir directory;
+    const std::string path = directory.file("threaded.mvlog");
+    const RunResult recorded = runProgram(THREADED_RECORDER_EXAMPLE, {path});
+    ASSERT_EQ(recorded.exitCode, 0) << recorded.err;
+    EXPECT_EQ(recorded.out,
+              "camera 150, lidar 50, gnss 100 readings\naccepted 300, written 300, dropped 0, failed 0\n");
+    const RunResult info = runMvlog({"info", path, "--json"});
+    ASSERT_EQ(info.exitCode, 0) << info.err;
+    const nlohmann::json document = nlohmann::json::parse(info.out);
+    EXPECT_EQ(document["entries"]["count"], 300);
+    EXPECT_EQ(document["dataSources"][0]["entryCount"], 150);
+    EXPECT_EQ(document["dataSources"][0]["payloadBytes"], 150 * 16384);
+    EXPECT_EQ(runMvlog({"check", path}).outLines().back(), "OK");
+    const RunResult again = runProgram(THREADED_RECORDER_EXAMPLE, {path});
+    EXPECT_EQ(again.exitCode, 1);
+    EXPECT_EQ(again.err, "cannot record into " + path + ": Cannot create file as file already exists.\n");
+}
+
 TEST(ExamplesErrors, ReaderAndReplayerRefuseAMissingFile) {
     TempDir directory;
     const std::string missing = directory.file("missing.mvlog");

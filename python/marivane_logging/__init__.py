@@ -1,0 +1,93 @@
+"""marivane_logging: record and replay multi-source sensor log files from Python.
+
+A log file is one SQLite database of timestamped, compressed payloads from
+several data sources, with typed properties, file metadata, named resources
+(the thumbnail among them) and bookmarks.
+
+Reading::
+
+    import marivane_logging as ml
+
+    with ml.LogFile.open("survey.mvlog") as f:
+        f.metadata                       # {"applicationName": "...", ...}
+        f.data_sources                   # [DataSource(id=1, type=CAMERA, name="cam", properties={...}), ...]
+        len(f), f.time_range()           # entry count, TimeRange(first=..., last=...)
+        f[1]                             # Entry(id=1, ...); KeyError when absent
+        for e in f.entries(sources="gnss", time=(t0, t1)):
+            e.id, e.source, e.type, e.timestamp, e.datetime, e.payload
+        f.index()                        # numpy structured array, no payloads
+        f.to_pandas()                    # the same as a DataFrame
+
+Writing::
+
+    with ml.LogFile.create("new.mvlog", application="probe", version="1.0") as f:
+        cam = f.add_data_source(ml.SourceType.CAMERA, "cam")
+        with f.batch():
+            f.log(cam, type=1, payload=b"...", timestamp=1_700_000_000_000)
+
+Derived files: :func:`slice`, :func:`clone`, :func:`copy`, :func:`merge`.
+Replay: :class:`Player`. Many files at once on Dask: :mod:`marivane_logging.dask`.
+Command line: ``python3 -m marivane_logging info FILE`` and
+``python3 -m marivane_logging timeline FILE -o timeline.png``.
+
+Errors are :class:`LogFileError` subclasses carrying the library's messages.
+"""
+
+from __future__ import annotations
+
+from ._core import LIBRARY_VERSION as __version__
+from ._core import CopyReport, Durability, Entry, EntryIterator, FailureKind, Pacing
+from ._errors import (
+    BusyError,
+    DamagedError,
+    DatabaseError,
+    DiskError,
+    DiskFullError,
+    LegacyLogFileError,
+    LogFileError,
+    NotALogFileError,
+    ReadOnlyError,
+    RefusedError,
+)
+from ._selection import SourceType, TimeRange
+from ._logfile import Bookmark, DataSource, LogFile
+
+# Derived files.
+from ._derive import clone, copy, merge, slice  # noqa: A004
+
+# Playback.
+from ._player import Player, PlayerBookmark
+
+# Recording and recovery, when the library offers them, belong in their own
+# modules (_recorder, _recover) imported here beside the ones above.
+
+__all__ = [
+    "__version__",
+    "LogFile",
+    "Entry",
+    "EntryIterator",
+    "DataSource",
+    "Bookmark",
+    "SourceType",
+    "TimeRange",
+    "Durability",
+    "FailureKind",
+    "slice",
+    "clone",
+    "copy",
+    "merge",
+    "CopyReport",
+    "Player",
+    "PlayerBookmark",
+    "Pacing",
+    "LogFileError",
+    "NotALogFileError",
+    "LegacyLogFileError",
+    "DatabaseError",
+    "BusyError",
+    "DamagedError",
+    "DiskError",
+    "DiskFullError",
+    "ReadOnlyError",
+    "RefusedError",
+]

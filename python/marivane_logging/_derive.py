@@ -1,0 +1,182 @@
+"""New files from existing ones: slice, clone, copy, merge."""
+
+from __future__ import annotations
+
+import os
+from typing import Any, Callable, Optional, Sequence, Tuple, Union
+
+from . import _core
+from ._core import CopyReport, Durability
+from ._errors import RefusedError
+from ._logfile import LogFile
+from ._selection import Ids, Ints, Time, entry_id, filter_lists, time_bounds
+
+PathLike = Union[str, "os.PathLike[str]"]
+Source = Union[LogFile, PathLike]
+
+APPLICATION = "marivane_logging"
+
+
+def _open(source: Source) -> Tuple[LogFile, bool]:
+    if isinstance(source, LogFile):
+        return source, False
+    return LogFile.open(source, read_only=True), True
+
+
+def _refused(what: str, source: LogFile, output: str) -> RefusedError:
+    reason = "something exists there" if output and os.path.exists(output) else (
+        "the range is reversed or a bound is not an entry of the file, or the output cannot be created"
+    )
+    return RefusedError(f"{what} of '{source.path}' into '{output}' was refused: {reason}.")
+
+
+def slice(  # noqa: A001 - the library's name for it
+    source: Source,
+    first_id: int,
+    last_id: int,
+    output: Optional[PathLike] = None,
+    *,
+    application: str = APPLICATION,
+    version: Optional[str] = None,
+    level: int = -1,
+) -> LogFile:
+    """Writes entries `first_id`..`last_id` of `source` to a new file, renumbered from 1.
+
+    Metadata, resources, data sources and their properties come along, with
+    the bookmarks inside the range. Without `output` the new file is
+    "<stem>_exported<ext>" beside the source. Answers the new file, open for
+    writing (close it, or use it in a ``with``). Raises :class:`RefusedError`
+    when the output exists, the range is reversed, or a bound is not an entry.
+    """
+    from . import __version__
+
+    file, owned = _open(source)
+    try:
+        out = "" if output is None else os.fspath(output)
+        native = _core._slice(
+            file._native, int(first_id), int(last_id), out, application, version or __version__, int(level)
+        )
+        if native is None:
+            raise _refused("A slice", file, out)
+        return LogFile(native)
+    finally:
+        if owned:
+            file.close()
+
+
+def clone(
+    source: Source,
+    output: PathLike,
+    *,
+    application: str = APPLICATION,
+    version: Optional[str] = None,
+    level: int = -1,
+) -> LogFile:
+    """A slice over the whole file: every entry, re-compressed at `level`. Answers the new file, open."""
+    from . import __version__
+
+    file, owned = _open(source)
+    try:
+        out = os.fspath(output)
+        native = _core._clone(file._native, out, application, version or __version__, int(level))
+        if native is None:
+            raise _refused("A clone", file, out)
+        return LogFile(native)
+    finally:
+        if owned:
+            file.close()
+
+
+def _copy_arguments(
+    first_id: Optional[int],
+    last_id: Optional[int],
+    time: Optional[Tuple[Optional[Time], Optional[Time]]],
+    sources: Ids,
+    types: Ints,
+    source_types: Ints,
+    compression_level: Optional[int],
+    durability: Durability,
+    application: str,
+    version: Optional[str],
+    progress: Optional[Callable[[int, int], Any]],
+) -> dict:
+    from . import __version__
+
+    start_ms, end_ms = time_bounds(time)
+    return dict(
+        first_id=entry_id(first_id, "first_id"),
+        last_id=entry_id(last_id, "last_id"),
+        start_ms=start_ms,
+        end_ms=end_ms,
+        **filter_lists(sources, types, source_types),
+        compression_level=compression_level,
+        durability=durability,
+        application=application,
+        version=version or __version__,
+        progress=progress,
+    )
+
+
+def copy(
+    source: PathLike,
+    output: PathLike,
+    *,
+    first_id: Optional[int] = None,
+    last_id: Optional[int] = None,
+    time: Optional[Tuple[Optional[Time], Optional[Time]]] = None,
+    sources: Ids = None,
+    types: Ints = None,
+    source_types: Ints = None,
+    compression_level: Optional[int] = None,
+    durability: Durability = Durability.FAST,
+    application: str = APPLICATION,
+    version: Optional[str] = None,
+    progress: Optional[Callable[[int, int], Any]] = None,
+) -> CopyReport:
+    """Writes the selected entries of `source` to a new file at `output`, in flat memory.
+
+    Selects by id range, `time` (start, end), data-source ids, entry types and
+    data-source types at once. `compression_level` None keeps the source's
+    level (payloads are then copied as stored). `progress(written, total)` is
+    called now and then; an exception from it stops the copy. Nothing is left
+    at `output` on failure. Answers a :class:`CopyReport`; raises
+    :class:`LogFileError` with the library's message (also when `output`
+    exists).
+    """
+    arguments = _copy_arguments(
+        first_id, last_id, time, sources, types, source_types, compression_level, durability, application,
+        version, progress,
+    )
+    return _core._copy(os.fspath(source), os.fspath(output), **arguments)
+
+
+def merge(
+    inputs: Sequence[PathLike],
+    output: PathLike,
+    *,
+    first_id: Optional[int] = None,
+    last_id: Optional[int] = None,
+    time: Optional[Tuple[Optional[Time], Optional[Time]]] = None,
+    sources: Ids = None,
+    types: Ints = None,
+    source_types: Ints = None,
+    compression_level: Optional[int] = None,
+    durability: Durability = Durability.FAST,
+    application: str = APPLICATION,
+    version: Optional[str] = None,
+    progress: Optional[Callable[[int, int], Any]] = None,
+) -> CopyReport:
+    """Writes the selected entries of every input to one new file, interleaved by timestamp.
+
+    Data sources keep their ids unless an earlier input uses the id for
+    another source (they are then renumbered, and a note says so); see
+    :func:`copy` for the selection and the other arguments.
+    """
+    arguments = _copy_arguments(
+        first_id, last_id, time, sources, types, source_types, compression_level, durability, application,
+        version, progress,
+    )
+    return _core._merge([os.fspath(path) for path in inputs], os.fspath(output), **arguments)
+
+
+__all__ = ["slice", "clone", "copy", "merge", "CopyReport"]

@@ -1,0 +1,157 @@
+"""Player: replays a log file's entries at their recorded pace."""
+
+from __future__ import annotations
+
+import os
+from typing import Any, Callable, List, NamedTuple, Optional, Sequence, Tuple, Union
+
+from . import _core
+from ._core import Entry, Pacing
+from ._selection import SourceType, Time, source_type, to_ms
+
+FrameCallback = Callable[[int, Entry], Any]
+
+
+class PlayerBookmark(NamedTuple):
+    """A bookmark as the player shows it: with the frame at which playback reaches it."""
+
+    entry_id: int
+    title: str
+    comments: str
+    frame: int
+
+
+class Player:
+    """Replays a log file on a worker thread, calling `callback(frame, entry)` per frame.
+
+    Frames are the entries whose data source has one of `source_types` (every
+    entry when none matches or the list is empty), in id order. The worker
+    waits for each entry's timestamp gap to the previous one, divided by
+    `speed` (at most `max_frame_delay_ms`), then calls the callback with the
+    GIL held; the player otherwise runs without it::
+
+        def show(frame, entry):
+            print(frame, entry.source, entry.timestamp, len(entry.payload))
+
+        with Player("run.mvlog", show, speed=4.0) as player:
+            player.play()
+            player.wait()          # until the last frame was delivered
+
+    Errors are never lost: an exception raised by the callback stops the
+    delivery of further frames, is kept, and is raised again by the next
+    :meth:`stop`, :meth:`wait`, :meth:`seek` or on leaving the ``with`` block.
+    Give ``on_error=function`` to receive such exceptions instead (playback
+    then goes on). A frame the file cannot read is delivered as a placeholder
+    and reported as :class:`DamagedError` the same way, or to
+    ``on_unreadable(frame, entry_id, reason)``.
+
+    Do not call the player's methods from inside the callback.
+    """
+
+    def __init__(
+        self,
+        path: Union[str, "os.PathLike[str]"],
+        callback: FrameCallback,
+        *,
+        source_types: Sequence[int] = (),
+        loop: bool = False,
+        max_frame_delay_ms: int = 1000,
+        speed: float = 1.0,
+        pacing: Pacing = Pacing.CARRY_MILLISECONDS,
+        on_error: Optional[Callable[[BaseException], Any]] = None,
+        on_unreadable: Optional[Callable[[int, int, str], Any]] = None,
+    ) -> None:
+        if not callable(callback):
+            raise TypeError("callback must be callable as callback(frame, entry)")
+        self._native = _core._Player(
+            os.fspath(path),
+            callback,
+            [int(t) for t in source_types],
+            bool(loop),
+            int(max_frame_delay_ms),
+            float(speed),
+            pacing,
+            on_error,
+            on_unreadable,
+        )
+
+    def __enter__(self) -> "Player":
+        return self
+
+    def __exit__(self, exc_type: Any, *rest: Any) -> None:
+        try:
+            self._native.stop()
+        finally:
+            self._native.close()
+
+    def play(self) -> None:
+        """Starts (or resumes) playback on the worker thread."""
+        self._native.play()
+
+    def stop(self) -> None:
+        """Stops playback and waits for the worker; raises an error the callback raised."""
+        self._native.stop()
+
+    def close(self) -> None:
+        """Stops playback and closes the file."""
+        self._native.close()
+
+    def wait(self, timeout: Optional[float] = None) -> bool:
+        """Waits until the last frame has been delivered; False when `timeout` (seconds) passed first.
+
+        Raises the error the callback raised, if any (playback is stopped first).
+        """
+        return self._native.wait(timeout)
+
+    def seek(self, frame: int) -> None:
+        """Positions on `frame` and delivers it to the callback on this thread."""
+        self._native.seek(int(frame))
+
+    def seek_to_time(self, timestamp: Time) -> int:
+        """Seeks to the first frame at or after `timestamp`; answers its number."""
+        return self._native.seek_to_time(to_ms(timestamp))
+
+    @property
+    def frame_count(self) -> int:
+        return self._native.frame_count
+
+    @property
+    def delivered(self) -> int:
+        """How many frames have reached the callback so far."""
+        return self._native.delivered
+
+    @property
+    def total_play_time_ms(self) -> int:
+        """The last frame's timestamp minus the first's."""
+        return self._native.total_play_time_ms()
+
+    @property
+    def data_sources(self) -> List[Tuple[int, Union[SourceType, int], str]]:
+        """The (id, type, name) of the data sources of the chosen types."""
+        return [(id, source_type(type), name) for id, type, name in self._native.data_sources]
+
+    @property
+    def bookmarks(self) -> List[PlayerBookmark]:
+        return [PlayerBookmark(*fields) for fields in self._native.bookmarks]
+
+    def set_loop(self, loop: bool) -> None:
+        self._native.set_loop(bool(loop))
+
+    def set_speed(self, speed: float) -> None:
+        self._native.set_speed(float(speed))
+
+    def set_pacing(self, pacing: Pacing) -> None:
+        """Call while stopped."""
+        self._native.set_pacing(pacing)
+
+    def add_bookmark(self, entry_id: int, title: str, comments: str = "") -> None:
+        self._native.add_bookmark(int(entry_id), title, comments)
+
+    def update_bookmark(self, entry_id: int, title: str, comments: str = "") -> None:
+        self._native.update_bookmark(int(entry_id), title, comments)
+
+    def remove_bookmark(self, entry_id: int) -> None:
+        self._native.remove_bookmark(int(entry_id))
+
+
+__all__ = ["Player", "PlayerBookmark", "Pacing"]

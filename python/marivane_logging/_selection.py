@@ -1,0 +1,171 @@
+"""Times and entry selections as the native module takes them."""
+
+from __future__ import annotations
+
+import datetime as _dt
+import enum
+from typing import Any, Iterable, NamedTuple, Optional, Sequence, Tuple, Union
+
+import numpy as np
+
+INT64_MIN = -(2**63)
+INT64_MAX = 2**63 - 1
+
+#: A point in time: milliseconds since the Unix epoch (UTC), a timezone-aware
+#: ``datetime`` or a ``numpy.datetime64``.
+Time = Union[int, _dt.datetime, np.datetime64]
+
+_EPOCH = _dt.datetime(1970, 1, 1, tzinfo=_dt.timezone.utc)
+
+
+class SourceType(enum.IntEnum):
+    """The common vocabulary of data-source types.
+
+    The library stores any 32-bit value as a type; these are only the usual
+    ones. Every function taking a type takes a plain ``int`` as well.
+    """
+
+    INVALID = -1
+    GENERIC = 0
+    CAMERA = 1
+    LIDAR = 2
+    RADAR = 3
+    NAVIGATION = 4
+    INERTIAL = 5
+    VEHICLE_BUS = 6
+    ENVIRONMENT = 7
+    TEXT = 8
+
+
+def source_type(value: int) -> Union[SourceType, int]:
+    """The value as a SourceType when it is one of the usual types, else the int."""
+    try:
+        return SourceType(value)
+    except ValueError:
+        return value
+
+
+def to_ms(value: Time) -> int:
+    """Milliseconds since the Unix epoch for an int, an aware datetime or a datetime64."""
+    if isinstance(value, (bool, np.bool_)):
+        raise TypeError("a time is an int (milliseconds), a datetime or a numpy.datetime64, not a bool")
+    if isinstance(value, (int, np.integer)):
+        return int(value)
+    if isinstance(value, _dt.datetime):
+        if value.tzinfo is None or value.utcoffset() is None:
+            raise ValueError(
+                f"naive datetime {value.isoformat()}: give a timezone-aware one (for example tzinfo=timezone.utc)"
+            )
+        delta = value - _EPOCH
+        return (delta.days * 86_400 + delta.seconds) * 1000 + delta.microseconds // 1000
+    if isinstance(value, np.datetime64):
+        return int(value.astype("datetime64[ms]").astype(np.int64))
+    raise TypeError(f"a time is an int (milliseconds), a datetime or a numpy.datetime64, not {type(value).__name__}")
+
+
+def to_datetime(ms: int) -> _dt.datetime:
+    """The timezone-aware UTC datetime of milliseconds since the Unix epoch."""
+    return _EPOCH + _dt.timedelta(milliseconds=int(ms))
+
+
+class TimeRange(NamedTuple):
+    """The first and the last timestamp of some entries (milliseconds, inclusive)."""
+
+    first: int
+    last: int
+
+    @property
+    def duration_ms(self) -> int:
+        return self.last - self.first
+
+    @property
+    def start(self) -> _dt.datetime:
+        """The first timestamp as a UTC datetime."""
+        return to_datetime(self.first)
+
+    @property
+    def end(self) -> _dt.datetime:
+        """The last timestamp as a UTC datetime."""
+        return to_datetime(self.last)
+
+
+def time_bounds(time: Optional[Tuple[Optional[Time], Optional[Time]]]) -> Tuple[int, int]:
+    """The inclusive (start, end) of a ``time=(start, end)`` argument; None is unbounded."""
+    if time is None:
+        return INT64_MIN, INT64_MAX
+    try:
+        start, end = time
+    except (TypeError, ValueError):
+        raise TypeError("time is a (start, end) pair; either may be None") from None
+    return (INT64_MIN if start is None else to_ms(start), INT64_MAX if end is None else to_ms(end))
+
+
+def int_list(values: Any, what: str) -> list:
+    """A list of ints from None, one int or an iterable of them."""
+    if values is None:
+        return []
+    if isinstance(values, (int, np.integer)):
+        return [int(values)]
+    if isinstance(values, (str, bytes)):
+        raise TypeError(f"{what} takes ints, not {values!r}")
+    return [int(v) for v in values]
+
+
+def entry_id(value: Optional[int], what: str) -> int:
+    if value is None:
+        return -1
+    value = int(value)
+    if value < 1:
+        raise ValueError(f"{what} must be an entry id (1 or more), not {value}")
+    return value
+
+
+def source_ids(values: Any, names: Optional[dict]) -> list:
+    """Data-source ids from ids or, when `names` maps names to ids, names."""
+    if values is None:
+        return []
+    if isinstance(values, (str, int, np.integer)):
+        values = [values]
+    result = []
+    for value in values:
+        if isinstance(value, str):
+            if names is None or value not in names:
+                raise KeyError(f"no data source named {value!r}")
+            result.append(names[value])
+        else:
+            result.append(int(value))
+    return result
+
+
+def selection(
+    start: Optional[int],
+    end: Optional[int],
+    sources: Any,
+    types: Any,
+    source_types: Any,
+    time: Optional[Tuple[Optional[Time], Optional[Time]]],
+    names: Optional[dict] = None,
+) -> dict:
+    """The native selection keywords."""
+    start_ms, end_ms = time_bounds(time)
+    return dict(
+        first_id=entry_id(start, "start"),
+        last_id=entry_id(end, "end"),
+        start_ms=start_ms,
+        end_ms=end_ms,
+        sources=source_ids(sources, names),
+        types=int_list(types, "types"),
+        source_types=int_list(source_types, "source_types"),
+    )
+
+
+def filter_lists(sources: Any, types: Any, source_types: Any, names: Optional[dict] = None) -> dict:
+    return dict(
+        sources=source_ids(sources, names),
+        types=int_list(types, "types"),
+        source_types=int_list(source_types, "source_types"),
+    )
+
+
+Ids = Union[None, int, str, Iterable[Union[int, str]]]
+Ints = Union[None, int, Sequence[int]]

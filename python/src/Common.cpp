@@ -1,0 +1,157 @@
+#include "Common.h"
+
+#include <core/Compression.h>
+#include <database/DatabaseAccessError.h>
+#include <database/DatabaseBusy.h>
+#include <database/FileIsNotDatabase.h>
+#include <logging/LegacyLogFileError.h>
+#include <logging/NotALogFileError.h>
+
+#include <cstring>
+#include <stdexcept>
+
+namespace marivane_python {
+
+void raiseError(const char* className, const std::string& message) {
+    py::object cls = py::module_::import("marivane_logging._errors").attr(className);
+    PyErr_SetString(cls.ptr(), message.c_str());
+    throw py::error_already_set();
+}
+
+const char* errorClassFor(ml::FailureKind kind) {
+    switch (kind) {
+        case ml::FailureKind::Busy:
+            return "BusyError";
+        case ml::FailureKind::Damaged:
+            return "DamagedError";
+        case ml::FailureKind::IoError:
+            return "DiskError";
+        case ml::FailureKind::Full:
+            return "DiskFullError";
+        case ml::FailureKind::ReadOnly:
+            return "ReadOnlyError";
+        case ml::FailureKind::Refused:
+            return "RefusedError";
+        case ml::FailureKind::None:
+        case ml::FailureKind::Other:
+            break;
+    }
+    return "LogFileError";
+}
+
+void registerExceptionTranslator() {
+    // One translator, so that the most derived class is caught first.
+    py::register_exception_translator([](std::exception_ptr pointer) {
+        if (!pointer) {
+            return;
+        }
+        auto set = [](const char* className, const char* message) {
+            py::object cls = py::module_::import("marivane_logging._errors").attr(className);
+            PyErr_SetString(cls.ptr(), message);
+        };
+        try {
+            std::rethrow_exception(pointer);
+        } catch (const Marivane::Database::DatabaseBusy& error) {
+            set("BusyError", error.what());
+        } catch (const Marivane::Database::FileIsNotDatabase& error) {
+            set("NotALogFileError", error.what());
+        } catch (const Marivane::Database::DatabaseAccessError& error) {
+            set("DatabaseError", error.what());
+        } catch (const ml::NotALogFileError& error) {
+            set("NotALogFileError", error.what());
+        } catch (const ml::LegacyLogFileError& error) {
+            set("LegacyLogFileError", error.what());
+        } catch (const Marivane::Compression::CompressionError& error) {
+            // A stored payload or resource that does not expand.
+            set("DamagedError", error.what());
+        }
+        // Anything else falls through to pybind11's own translation.
+    });
+}
+
+ml::SqliteLogFile& OpenLogFile::file() {
+    if (!file_) {
+        throw py::value_error("I/O operation on a closed log file");
+    }
+    return *file_;
+}
+
+const ml::SqliteLogFile& OpenLogFile::file() const {
+    if (!file_) {
+        throw py::value_error("I/O operation on a closed log file");
+    }
+    return *file_;
+}
+
+void OpenLogFile::close() {
+    if (batch) {
+        batch->commit();
+        batch.reset();
+    }
+    file_.reset();
+}
+
+void OpenLogFile::raiseFailure(uint64_t failuresBefore, const std::string& fallback) const {
+    const ml::SqliteLogFile& f = file();
+    if (f.getFailureCount() > failuresBefore) {
+        // The last error is the text the failing call itself wrote; the
+        // failure text is the fallback for the reads that only count.
+        std::string message = f.getLastError();
+        if (message.empty() || message == "No error") {
+            message = f.getLastFailure();
+        }
+        raiseError(errorClassFor(f.getLastFailureKind()), message);
+    }
+    // Refusals that the file does not count (a duplicate metadata key, for
+    // example) leave the last error untouched: the caller's text explains.
+    raiseError(f.isReadOnly() ? "ReadOnlyError" : "RefusedError",
+               fallback.empty() ? f.getLastError() : fallback);
+}
+
+ml::EntryIndexFilter makeFilter(const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
+                                const std::vector<int32_t>& sourceTypes) {
+    ml::EntryIndexFilter filter;
+    for (int32_t source : sources) {
+        if (source < -128 || source > 127) {
+            throw py::value_error("data source ids are 8-bit: " + std::to_string(source) +
+                                  " is out of range");
+        }
+        filter.dataSources.push_back(static_cast<int8_t>(source));
+    }
+    filter.dataTypes = types;
+    for (int32_t type : sourceTypes) {
+        filter.dataSourceTypes.push_back(static_cast<MV_LogDataSourceType>(type));
+    }
+    return filter;
+}
+
+Selection makeSelection(int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
+                        const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
+                        const std::vector<int32_t>& sourceTypes) {
+    Selection selection;
+    selection.range.minimumEntryId = firstId;
+    selection.range.maximumEntryId = lastId;
+    selection.range.startTimestamp = startMs;
+    selection.range.endTimestamp = endMs;
+    selection.filter = makeFilter(sources, types, sourceTypes);
+    return selection;
+}
+
+py::bytes toBytes(const std::byte* data, std::size_t size) {
+    return py::bytes(reinterpret_cast<const char*>(data), size);
+}
+
+ml::ByteBuffer toByteBuffer(const py::buffer& buffer) {
+    py::buffer_info info = buffer.request();
+    if (!PyBuffer_IsContiguous(info.view(), 'C')) {
+        throw py::value_error("payloads must be contiguous buffers");
+    }
+    const auto size = static_cast<std::size_t>(info.size * info.itemsize);
+    ml::ByteBuffer result(size);
+    if (size > 0) {
+        std::memcpy(result.data(), info.ptr, size);
+    }
+    return result;
+}
+
+}  // namespace marivane_python

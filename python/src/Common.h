@@ -1,0 +1,106 @@
+#pragma once
+
+// Shared by the binding's translation units: the owner of an open file, the
+// error mapping and the conversions between the library's values and Python's.
+
+#include <logging/EntryIndexFilter.h>
+#include <logging/EntryRange.h>
+#include <logging/FailureKind.h>
+#include <logging/SqliteLogFile.h>
+
+#include <pybind11/pybind11.h>
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace marivane_python {
+
+namespace py = pybind11;
+namespace ml = Marivane::Logging;
+
+// Raises the exception class `className` of marivane_logging._errors with
+// `message`.
+[[noreturn]] void raiseError(const char* className, const std::string& message);
+// The exception class for a failure kind.
+const char* errorClassFor(ml::FailureKind kind);
+
+// Translates the library's exceptions into the package's exception classes.
+void registerExceptionTranslator();
+
+// An open log file as Python holds it. SqliteLogFile serves one thread at a
+// time, while long reads here run without the GIL: every call takes the lock,
+// which is recursive so that a visitor's Python code may read the same file.
+class OpenLogFile {
+public:
+    explicit OpenLogFile(ml::SqliteLogFile file) : file_(std::move(file)) {}
+
+    // The lock for a call that keeps the GIL. Waiting for it without the GIL
+    // keeps a thread that holds it and wants the GIL back from deadlocking.
+    std::unique_lock<std::recursive_mutex> lockHoldingGil() const {
+        std::unique_lock<std::recursive_mutex> lock(mutex_, std::try_to_lock);
+        if (!lock.owns_lock()) {
+            py::gil_scoped_release release;
+            lock.lock();
+        }
+        return lock;
+    }
+    // For calls that run without the GIL: take it after releasing the GIL.
+    std::unique_lock<std::recursive_mutex> lockWithoutGil() const {
+        return std::unique_lock<std::recursive_mutex>(mutex_);
+    }
+
+    // The file; ValueError once closed.
+    ml::SqliteLogFile& file();
+    const ml::SqliteLogFile& file() const;
+    bool isOpen() const { return file_.has_value(); }
+    void close();
+
+    // A failed write or read: the exception class follows the kind of the
+    // failure counted since `failuresBefore`, the message is the file's text
+    // (`fallback`, or the last error, for a refusal the file does not count).
+    [[noreturn]] void raiseFailure(uint64_t failuresBefore, const std::string& fallback = {}) const;
+    // Raises unless `ok`.
+    void check(bool ok, uint64_t failuresBefore) const {
+        if (!ok) {
+            raiseFailure(failuresBefore);
+        }
+    }
+    uint64_t failures() const { return file().getFailureCount(); }
+
+    std::optional<ml::SqliteLogFile::WriteBatch> batch;
+
+private:
+    std::optional<ml::SqliteLogFile> file_;
+    mutable std::recursive_mutex mutex_;
+};
+
+// An entry as Python sees it: a named tuple (id, source, type, timestamp,
+// payload), where the payload is bytes, a memoryview or an array. A struct
+// sequence rather than a bound class: streaming reads make millions of them,
+// and a tuple costs a fraction of a class instance.
+void createEntryType(py::module_& module);
+py::object makeEntry(int32_t id, int8_t source, int32_t type, int64_t timestamp, py::object payload);
+
+// The selection arguments shared by the reads.
+struct Selection {
+    ml::EntryRange range;
+    ml::EntryIndexFilter filter;
+};
+Selection makeSelection(int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
+                        const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
+                        const std::vector<int32_t>& sourceTypes);
+ml::EntryIndexFilter makeFilter(const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
+                                const std::vector<int32_t>& sourceTypes);
+
+py::bytes toBytes(const std::byte* data, std::size_t size);
+ml::ByteBuffer toByteBuffer(const py::buffer& buffer);
+
+void bindLogFile(py::module_& module);
+void bindEntries(py::module_& module);
+void bindDerived(py::module_& module);
+void bindPlayer(py::module_& module);
+
+}  // namespace marivane_python

@@ -1,0 +1,188 @@
+#include "Common.h"
+
+#include <database/DatabaseAccessError.h>
+#include <logging/Algorithms.h>
+#include <logging/Copy.h>
+
+#include <pybind11/stl.h>
+
+#include <memory>
+#include <stdexcept>
+
+namespace marivane_python {
+namespace {
+
+using Handle = std::shared_ptr<OpenLogFile>;
+
+// The derived file as an open handle: the algorithms answer the interface,
+// which for this library is always a SqliteLogFile.
+Handle adopt(std::unique_ptr<ml::LogFileInterface> result) {
+    if (auto* sqlite = dynamic_cast<ml::SqliteLogFile*>(result.get())) {
+        return std::make_shared<OpenLogFile>(std::move(*sqlite));
+    }
+    std::filesystem::path path = result->getFilePath();
+    result.reset();
+    return std::make_shared<OpenLogFile>(ml::SqliteLogFile(path));
+}
+
+int8_t compressionLevel(int level) {
+    if (level < -128 || level > 127) {
+        throw py::value_error("compression level out of range: " + std::to_string(level));
+    }
+    return static_cast<int8_t>(level);
+}
+
+// A Python progress callback called from the copy: the copy runs without the
+// GIL, so the callback takes it, and a Python exception stops the copy and is
+// raised again once the copy has unwound.
+struct Progress {
+    py::object callback;
+    std::optional<py::error_already_set> error;
+};
+
+ml::CopyOptions makeOptions(int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
+                            const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
+                            const std::vector<int32_t>& sourceTypes, std::optional<int> level,
+                            ml::Durability durability, const std::string& application,
+                            const std::string& version, Progress& progress) {
+    ml::CopyOptions options;
+    options.firstEntryId = firstId;
+    options.lastEntryId = lastId;
+    options.startTimestamp = startMs;
+    options.endTimestamp = endMs;
+    options.filter = makeFilter(sources, types, sourceTypes);
+    if (level) {
+        options.compressionLevel = compressionLevel(*level);
+    }
+    options.durability = durability;
+    options.applicationName = application;
+    options.applicationVersion = version;
+    if (!progress.callback.is_none()) {
+        options.progress = [&progress](uint64_t written, uint64_t total) {
+            py::gil_scoped_acquire acquire;
+            try {
+                progress.callback(written, total);
+            } catch (py::error_already_set& error) {
+                progress.error = error;
+                throw std::runtime_error("stopped by the progress callback");
+            }
+        };
+    }
+    return options;
+}
+
+template <typename Run>
+ml::CopyReport runCopy(Progress& progress, Run&& run) {
+    try {
+        py::gil_scoped_release release;
+        return run();
+    } catch (const Marivane::Database::DatabaseAccessError&) {
+        // The translator maps the database layer's errors.
+        if (progress.error) {
+            throw *progress.error;
+        }
+        throw;
+    } catch (const std::runtime_error& error) {
+        if (progress.error) {
+            throw *progress.error;
+        }
+        raiseError("LogFileError", error.what());
+    }
+}
+
+}  // namespace
+
+void bindDerived(py::module_& m) {
+    py::class_<ml::CopyReport>(m, "CopyReport", "What copy() or merge() wrote.")
+        .def_readonly("entries", &ml::CopyReport::entries)
+        .def_readonly("data_sources", &ml::CopyReport::dataSources)
+        .def_readonly("bookmarks", &ml::CopyReport::bookmarks)
+        .def_readonly("resources", &ml::CopyReport::resources)
+        .def_readonly("payloads_copied_as_stored", &ml::CopyReport::payloadsCopiedAsStored,
+                      "Payloads copied as stored rather than expanded and compressed again.")
+        .def_readonly("notes", &ml::CopyReport::notes, "What was not carried over, one sentence each.")
+        .def("__repr__", [](const ml::CopyReport& report) {
+            return "CopyReport(entries=" + std::to_string(report.entries) +
+                   ", data_sources=" + std::to_string(report.dataSources) +
+                   ", bookmarks=" + std::to_string(report.bookmarks) +
+                   ", resources=" + std::to_string(report.resources) +
+                   ", notes=" + std::to_string(report.notes.size()) + ")";
+        });
+
+    m.def(
+        "_slice",
+        [](const Handle& file, int32_t first, int32_t last, const std::string& output,
+           const std::string& application, const std::string& version, int level) -> std::optional<Handle> {
+            int8_t checkedLevel = compressionLevel(level);
+            std::unique_ptr<ml::LogFileInterface> result;
+            {
+                py::gil_scoped_release release;
+                auto lock = file->lockWithoutGil();
+                result = ml::Algorithms::slice(file->file(), first, last, output, application, version,
+                                               checkedLevel);
+            }
+            if (!result) {
+                return std::nullopt;
+            }
+            return adopt(std::move(result));
+        },
+        py::arg("file"), py::arg("first"), py::arg("last"), py::arg("output"), py::arg("application"),
+        py::arg("version"), py::arg("level"));
+
+    m.def(
+        "_clone",
+        [](const Handle& file, const std::string& output, const std::string& application,
+           const std::string& version, int level) -> std::optional<Handle> {
+            int8_t checkedLevel = compressionLevel(level);
+            std::unique_ptr<ml::LogFileInterface> result;
+            {
+                py::gil_scoped_release release;
+                auto lock = file->lockWithoutGil();
+                result = ml::Algorithms::clone(file->file(), output, application, version, checkedLevel);
+            }
+            if (!result) {
+                return std::nullopt;
+            }
+            return adopt(std::move(result));
+        },
+        py::arg("file"), py::arg("output"), py::arg("application"), py::arg("version"), py::arg("level"));
+
+    m.def(
+        "_copy",
+        [](const std::string& source, const std::string& output, int32_t firstId, int32_t lastId,
+           int64_t startMs, int64_t endMs, const std::vector<int32_t>& sources,
+           const std::vector<int32_t>& types, const std::vector<int32_t>& sourceTypes,
+           std::optional<int> level, ml::Durability durability, const std::string& application,
+           const std::string& version, py::object progressCallback) {
+            Progress progress{std::move(progressCallback), std::nullopt};
+            ml::CopyOptions options =
+                makeOptions(firstId, lastId, startMs, endMs, sources, types, sourceTypes, level, durability,
+                            application, version, progress);
+            return runCopy(progress, [&] { return ml::Algorithms::copy(source, output, options); });
+        },
+        py::arg("source"), py::arg("output"), py::arg("first_id"), py::arg("last_id"), py::arg("start_ms"),
+        py::arg("end_ms"), py::arg("sources"), py::arg("types"), py::arg("source_types"),
+        py::arg("compression_level"), py::arg("durability"), py::arg("application"), py::arg("version"),
+        py::arg("progress"));
+
+    m.def(
+        "_merge",
+        [](const std::vector<std::string>& inputs, const std::string& output, int32_t firstId, int32_t lastId,
+           int64_t startMs, int64_t endMs, const std::vector<int32_t>& sources,
+           const std::vector<int32_t>& types, const std::vector<int32_t>& sourceTypes,
+           std::optional<int> level, ml::Durability durability, const std::string& application,
+           const std::string& version, py::object progressCallback) {
+            Progress progress{std::move(progressCallback), std::nullopt};
+            ml::CopyOptions options =
+                makeOptions(firstId, lastId, startMs, endMs, sources, types, sourceTypes, level, durability,
+                            application, version, progress);
+            std::vector<std::filesystem::path> paths(inputs.begin(), inputs.end());
+            return runCopy(progress, [&] { return ml::Algorithms::merge(paths, output, options); });
+        },
+        py::arg("inputs"), py::arg("output"), py::arg("first_id"), py::arg("last_id"), py::arg("start_ms"),
+        py::arg("end_ms"), py::arg("sources"), py::arg("types"), py::arg("source_types"),
+        py::arg("compression_level"), py::arg("durability"), py::arg("application"), py::arg("version"),
+        py::arg("progress"));
+}
+
+}  // namespace marivane_python

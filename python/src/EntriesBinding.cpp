@@ -1,0 +1,387 @@
+#include "Common.h"
+
+#include <logging/EntrySummary.h>
+#include <logging/EntryView.h>
+
+#include <pybind11/numpy.h>
+#include <pybind11/stl.h>
+
+#include <chrono>
+#include <limits>
+#include <memory>
+
+namespace marivane_python {
+
+// One row of an index array; the dtype is built from it.
+struct IndexRow {
+    int32_t id;
+    int8_t source;
+    int32_t type;
+    int64_t timestamp;
+    int64_t size;
+};
+
+}  // namespace marivane_python
+
+namespace marivane_python {
+namespace {
+
+using Handle = std::shared_ptr<OpenLogFile>;
+
+PyTypeObject* entryType = nullptr;
+
+PyStructSequence_Field entryFields[] = {
+    {"id", "The entry's id in its file (the first entry is 1)."},
+    {"source", "The id of the data source that produced it."},
+    {"type", "The application-defined payload type."},
+    {"timestamp", "Milliseconds since the Unix epoch (UTC)."},
+    {"payload", "The payload: bytes, or a read-only memoryview or numpy array when asked for."},
+    {nullptr, nullptr}};
+
+PyStructSequence_Desc entryDescription = {
+    "marivane_logging._core.Entry",
+    "One entry of a log file: (id, source, type, timestamp, payload); the timestamp is in milliseconds "
+    "since\n"
+    "the Unix epoch (UTC). A named tuple: entry.id or id, source, type, timestamp, payload = entry.",
+    entryFields, 5};
+
+enum class PayloadAs { Bytes, MemoryView, Numpy };
+
+PayloadAs parsePayloadAs(const std::string& text) {
+    if (text == "bytes") {
+        return PayloadAs::Bytes;
+    }
+    if (text == "memoryview") {
+        return PayloadAs::MemoryView;
+    }
+    if (text == "numpy") {
+        return PayloadAs::Numpy;
+    }
+    throw py::value_error("payload_as must be 'bytes', 'memoryview' or 'numpy', not '" + text + "'");
+}
+
+// A read-only uint8 array that owns `bytes` (no copy).
+py::array arrayOwning(std::vector<std::byte>&& bytes) {
+    auto* owned = new std::vector<std::byte>(std::move(bytes));
+    py::capsule owner(owned, [](void* pointer) { delete static_cast<std::vector<std::byte>*>(pointer); });
+    py::array_t<uint8_t> array(static_cast<py::ssize_t>(owned->size()),
+                               reinterpret_cast<const uint8_t*>(owned->data()), owner);
+    array.attr("setflags")(py::arg("write") = false);
+    return array;
+}
+
+// Streams the selected entries by visiting them a chunk at a time: each
+// visit stops after `chunkEntries` entries or `chunkBytes` of payload, and
+// the next one starts after the last id handed out, so memory stays bounded
+// whatever the file's length.
+class EntryIterator {
+public:
+    EntryIterator(Handle file, Selection selection, PayloadAs payloadAs, std::size_t chunkEntries,
+                  std::size_t chunkBytes)
+        : file_(std::move(file)),
+          selection_(std::move(selection)),
+          payloadAs_(payloadAs),
+          chunkEntries_(std::max<std::size_t>(chunkEntries, 1)),
+          chunkBytes_(std::max<std::size_t>(chunkBytes, 1)) {}
+
+    py::object next() {
+        if (position_ == chunk_.size()) {
+            if (finished_) {
+                throw py::stop_iteration();
+            }
+            fill();
+            if (chunk_.empty()) {
+                throw py::stop_iteration();
+            }
+        }
+        py::object entry = std::move(chunk_[position_]);
+        ++position_;
+        return entry;
+    }
+
+private:
+    // An entry whose payload is still a span of the chunk's arena.
+    struct Pending {
+        int32_t id;
+        int8_t source;
+        int32_t type;
+        int64_t timestamp;
+        std::size_t start;
+        std::size_t size;
+    };
+
+    void fill() {
+        chunk_.clear();
+        position_ = 0;
+        auto lock = file_->lockHoldingGil();
+        ml::SqliteLogFile& file = file_->file();
+        std::size_t bytes = 0;
+        std::size_t count = 0;
+        int32_t lastId = 0;
+        bool stopped = false;
+        std::vector<std::byte> arena;
+        std::vector<Pending> pending;
+        const bool copyToArena = payloadAs_ != PayloadAs::Bytes;
+        uint64_t before = file.getFailureCount();
+        bool ok = file.visitEntries(selection_.range, selection_.filter, [&](const ml::EntryView& view) {
+            if (copyToArena) {
+                pending.push_back(Pending{view.entryId, view.dataSourceId, view.type, view.timestamp,
+                                          arena.size(), view.size});
+                arena.insert(arena.end(), view.data, view.data + view.size);
+            } else {
+                // Copied while the reader's buffer is still in the cache.
+                chunk_.push_back(makeEntry(view.entryId, view.dataSourceId, view.type, view.timestamp,
+                                           toBytes(view.data, view.size)));
+            }
+            ++count;
+            lastId = view.entryId;
+            bytes += view.size;
+            if (count >= chunkEntries_ || bytes >= chunkBytes_) {
+                stopped = true;
+                return false;
+            }
+            return true;
+        });
+        if (!ok) {
+            chunk_.clear();
+            finished_ = true;
+            file_->raiseFailure(before);
+        }
+        if (!stopped || lastId == std::numeric_limits<int32_t>::max()) {
+            finished_ = true;
+        } else {
+            selection_.range.minimumEntryId = lastId + 1;
+        }
+        if (copyToArena && !pending.empty()) {
+            py::array whole = arrayOwning(std::move(arena));
+            py::object base = whole;
+            if (payloadAs_ == PayloadAs::MemoryView) {
+                base = py::reinterpret_steal<py::object>(PyMemoryView_FromObject(whole.ptr()));
+                if (!base) {
+                    throw py::error_already_set();
+                }
+            }
+            for (const Pending& entry : pending) {
+                py::object payload = base[py::slice(static_cast<py::ssize_t>(entry.start),
+                                                    static_cast<py::ssize_t>(entry.start + entry.size), 1)];
+                chunk_.push_back(
+                    makeEntry(entry.id, entry.source, entry.type, entry.timestamp, std::move(payload)));
+            }
+        }
+    }
+
+    Handle file_;
+    Selection selection_;
+    PayloadAs payloadAs_;
+    std::size_t chunkEntries_;
+    std::size_t chunkBytes_;
+    std::vector<py::object> chunk_;
+    std::size_t position_ = 0;
+    bool finished_ = false;
+};
+
+Selection selectionFrom(int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
+                        const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
+                        const std::vector<int32_t>& sourceTypes) {
+    return makeSelection(firstId, lastId, startMs, endMs, sources, types, sourceTypes);
+}
+
+}  // namespace
+
+void createEntryType(py::module_& module) {
+    entryType = PyStructSequence_NewType(&entryDescription);
+    if (entryType == nullptr) {
+        throw py::error_already_set();
+    }
+    // The module keeps the type alive for as long as entries can be made.
+    module.attr("Entry") = py::reinterpret_borrow<py::object>(reinterpret_cast<PyObject*>(entryType));
+}
+
+py::object makeEntry(int32_t id, int8_t source, int32_t type, int64_t timestamp, py::object payload) {
+    PyObject* entry = PyStructSequence_New(entryType);
+    if (entry == nullptr) {
+        throw py::error_already_set();
+    }
+    PyStructSequence_SetItem(entry, 0, PyLong_FromLong(id));
+    PyStructSequence_SetItem(entry, 1, PyLong_FromLong(source));
+    PyStructSequence_SetItem(entry, 2, PyLong_FromLong(type));
+    PyStructSequence_SetItem(entry, 3, PyLong_FromLongLong(timestamp));
+    PyStructSequence_SetItem(entry, 4, payload.release().ptr());
+    return py::reinterpret_steal<py::object>(entry);
+}
+
+namespace {
+
+#define MV_SELECTION_ARGS                                                                                \
+    py::arg("first_id"), py::arg("last_id"), py::arg("start_ms"), py::arg("end_ms"), py::arg("sources"), \
+        py::arg("types"), py::arg("source_types")
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
+
+void bindEntries(py::module_& m) {
+    PYBIND11_NUMPY_DTYPE(IndexRow, id, source, type, timestamp, size);
+
+    createEntryType(m);
+
+    py::class_<EntryIterator>(m, "EntryIterator", "Streams the selected entries of a log file, in id order.")
+        .def("__iter__", [](py::object self) { return self; })
+        .def("__next__", &EntryIterator::next);
+
+    m.def(
+        "_entries",
+        [](const Handle& file, int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
+           const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
+           const std::vector<int32_t>& sourceTypes, const std::string& payloadAs, std::size_t chunkEntries,
+           std::size_t chunkBytes) {
+            file->file();  // a closed file fails here, not at the first next()
+            return EntryIterator(file,
+                                 selectionFrom(firstId, lastId, startMs, endMs, sources, types, sourceTypes),
+                                 parsePayloadAs(payloadAs), chunkEntries, chunkBytes);
+        },
+        py::arg("file"), MV_SELECTION_ARGS, py::arg("payload_as"), py::arg("chunk_entries"),
+        py::arg("chunk_bytes"));
+
+    m.def(
+        "_visit",
+        [](const Handle& file, const py::function& callback, int32_t firstId, int32_t lastId, int64_t startMs,
+           int64_t endMs, const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
+           const std::vector<int32_t>& sourceTypes, const std::string& payloadAs) {
+            PayloadAs as = parsePayloadAs(payloadAs);
+            if (as == PayloadAs::Numpy) {
+                throw py::value_error("visit hands out payload_as='bytes' or 'memoryview'");
+            }
+            Selection selection = selectionFrom(firstId, lastId, startMs, endMs, sources, types, sourceTypes);
+            auto lock = file->lockHoldingGil();
+            ml::SqliteLogFile& f = file->file();
+            uint64_t before = f.getFailureCount();
+            int64_t visited = 0;
+            bool ok = f.visitEntries(selection.range, selection.filter, [&](const ml::EntryView& view) {
+                py::memoryview borrowed =
+                    py::memoryview::from_memory(view.data, static_cast<py::ssize_t>(view.size));
+                py::object payload = borrowed;
+                if (as == PayloadAs::Bytes) {
+                    payload = toBytes(view.data, view.size);
+                }
+                py::object entry =
+                    makeEntry(view.entryId, view.dataSourceId, view.type, view.timestamp, std::move(payload));
+                ++visited;
+                py::object answer;
+                try {
+                    answer = callback(std::move(entry));
+                } catch (...) {
+                    // The traceback may hold the entry: its view must not
+                    // outlive the reader's buffer.
+                    PyObject* released = PyObject_CallMethod(borrowed.ptr(), "release", nullptr);
+                    if (released == nullptr) {
+                        PyErr_Clear();
+                    }
+                    Py_XDECREF(released);
+                    throw;
+                }
+                // The view's bytes belong to the reader: nothing may use them
+                // after the call.
+                borrowed.attr("release")();
+                return answer.is_none() || answer.cast<bool>();
+            });
+            if (!ok) {
+                file->raiseFailure(before);
+            }
+            return visited;
+        },
+        py::arg("file"), py::arg("callback"), MV_SELECTION_ARGS, py::arg("payload_as"));
+
+    m.def(
+        "_read_entry",
+        [](const Handle& file, int32_t id) -> py::object {
+            auto lock = file->lockHoldingGil();
+            ml::SqliteLogFile& f = file->file();
+            uint64_t before = f.getFailureCount();
+            auto entry = f.readEntry(id);
+            if (!entry) {
+                if (f.getFailureCount() > before) {
+                    file->raiseFailure(before);
+                }
+                return py::none();
+            }
+            return makeEntry(entry->entryId, entry->dataSourceId, entry->type, entry->timestamp,
+                             toBytes(entry->data.data(), entry->data.size()));
+        },
+        py::arg("file"), py::arg("id"));
+
+    m.def(
+        "_index",
+        [](const Handle& file, int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
+           const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
+           const std::vector<int32_t>& sourceTypes) {
+            Selection selection = selectionFrom(firstId, lastId, startMs, endMs, sources, types, sourceTypes);
+            auto rows = std::make_unique<std::vector<IndexRow>>();
+            bool ok = false;
+            uint64_t before = 0;
+            {
+                py::gil_scoped_release release;
+                auto lock = file->lockWithoutGil();
+                ml::SqliteLogFile& f = file->file();
+                before = f.getFailureCount();
+                ok = f.visitEntrySummaries(selection.range, selection.filter, [&](const ml::EntrySummary& s) {
+                    rows->push_back(IndexRow{s.entryId, s.dataSourceId, s.type, s.timestamp, s.storedSize});
+                    return true;
+                });
+            }
+            if (!ok) {
+                file->raiseFailure(before);
+            }
+            rows->shrink_to_fit();
+            auto* owned = rows.release();
+            py::capsule owner(owned,
+                              [](void* pointer) { delete static_cast<std::vector<IndexRow>*>(pointer); });
+            return py::array_t<IndexRow>(static_cast<py::ssize_t>(owned->size()), owned->data(), owner);
+        },
+        py::arg("file"), MV_SELECTION_ARGS);
+
+    // For the benchmark only: the same reads in C++ alone, timed there.
+    m.def(
+        "_bench_visit",
+        [](const Handle& file, bool summariesOnly) {
+            uint64_t count = 0;
+            uint64_t bytes = 0;
+            uint64_t checksum = 0;
+            double seconds = 0;
+            bool ok = false;
+            {
+                py::gil_scoped_release release;
+                auto lock = file->lockWithoutGil();
+                ml::SqliteLogFile& f = file->file();
+                auto start = std::chrono::steady_clock::now();
+                if (summariesOnly) {
+                    std::vector<IndexRow> rows;
+                    ok = f.visitEntrySummaries(ml::EntryRange::all(), {}, [&](const ml::EntrySummary& s) {
+                        rows.push_back(
+                            IndexRow{s.entryId, s.dataSourceId, s.type, s.timestamp, s.storedSize});
+                        return true;
+                    });
+                    count = rows.size();
+                } else {
+                    ok = f.visitEntries(ml::EntryRange::all(), {}, [&](const ml::EntryView& view) {
+                        ++count;
+                        bytes += view.size;
+                        if (view.size > 0) {
+                            checksum += static_cast<uint8_t>(view.data[view.size - 1]);
+                        }
+                        return true;
+                    });
+                }
+                seconds = secondsSince(start);
+            }
+            if (!ok) {
+                file->raiseFailure(0);
+            }
+            return py::make_tuple(count, bytes, seconds, checksum);
+        },
+        py::arg("file"), py::arg("summaries_only"));
+}
+
+}  // namespace marivane_python
