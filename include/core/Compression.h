@@ -49,7 +49,7 @@ using PieceHandler = std::function<bool(const std::byte* piece, std::size_t size
 // handler stopped early). Throws CompressionError on corrupt or truncated
 // input, after handing out the pieces that preceded the damage.
 MV_CORE_EXPORT std::size_t uncompressInPieces(const std::byte* data, std::size_t size,
-                                             const PieceHandler& onPiece);
+                                              const PieceHandler& onPiece);
 
 // True when `data` starts with a frame of the codec (the 4-byte magic of a
 // data frame or of a skippable frame): what a compressed payload looks like.

@@ -205,7 +205,8 @@ TEST(time_index_is_refused_on_a_read_only_handle) {
     file = MV_LogFile_OpenReadOnly(path, &error);
     CHECK(file != NULL);
     CHECK(!MV_LogFile_CreateTimeIndex(file, &error));
-    snprintf(expected, sizeof expected, "The log file '%s' was opened read-only: it cannot be changed.", path);
+    snprintf(expected, sizeof expected, "The log file '%s' was opened read-only: it cannot be changed.",
+             path);
     CHECK_ERROR(error, expected);
     MV_LogFile_Destroy(file);
 }

@@ -42,7 +42,8 @@ TEST_F(HostileInputTest, ControlCharactersFromTheFileAreEscaped) {
 }
 
 TEST_F(HostileInputTest, JsonEscapesBytesThatAreNotUtf8) {
-    executeSql(path, "UPDATE dataSources SET dataSourceName = CAST(x'61ff62c3' AS TEXT) WHERE dataSourceId = 2;");
+    executeSql(path,
+               "UPDATE dataSources SET dataSourceName = CAST(x'61ff62c3' AS TEXT) WHERE dataSourceId = 2;");
     const RunResult info = runMvlog({"info", path, "--json"});
     ASSERT_EQ(info.exitCode, 0) << info.err;
     const nlohmann::json document = nlohmann::json::parse(info.out);
@@ -54,9 +55,7 @@ TEST_F(HostileInputTest, JsonEscapesBytesThatAreNotUtf8) {
 
 TEST_F(HostileInputTest, ExportNeverOverwritesWithoutForceAndNeverTheLogItself) {
     const std::string output = directory.file("out.bin");
-    {
-        std::ofstream(output) << "keep";
-    }
+    { std::ofstream(output) << "keep"; }
     const RunResult refused = runMvlog({"export", path, "--entry", "3", "-o", output});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_EQ(refused.err, "mvlog: refused: " + output + " already exists (use --force to replace it)\n");

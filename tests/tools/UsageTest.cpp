@@ -18,16 +18,16 @@ TEST(UsageTest, VersionNamesToolAndLibrary) {
 }
 
 TEST(UsageTest, EverySubcommandHasHelp) {
-    for (const char* command :
-         {"info", "cat", "export", "slice", "clone", "merge", "play", "bookmarks", "check", "index", "demo"}) {
+    for (const char* command : {"info", "cat", "export", "slice", "clone", "merge", "play", "bookmarks",
+                                "check", "index", "demo"}) {
         const RunResult result = runMvlog({command, "--help"});
         EXPECT_EQ(result.exitCode, 0) << command;
         EXPECT_NE(result.out.find("Usage:"), std::string::npos) << command << ": " << result.out;
     }
     const RunResult top = runMvlog({"--help"});
     EXPECT_EQ(top.exitCode, 0);
-    for (const char* command :
-         {"info", "cat", "export", "slice", "clone", "merge", "play", "bookmarks", "check", "index", "demo"}) {
+    for (const char* command : {"info", "cat", "export", "slice", "clone", "merge", "play", "bookmarks",
+                                "check", "index", "demo"}) {
         EXPECT_NE(top.out.find(std::string("  ") + command), std::string::npos) << command;
     }
     const RunResult nested = runMvlog({"bookmarks", "file.mvlog", "add", "--help"});
