@@ -7,13 +7,19 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fstream>
+#include <mutex>
 #include <numbers>
+#include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace Mvlog {
 
@@ -162,54 +168,60 @@ std::string localTimeZoneName() {
     return "UTC";
 }
 
+// Records through the library's recorder: each sensor has a capture thread of
+// its own, as on a real vessel, and none of them waits for compression or the
+// disk.
 class SurveyWriter {
 public:
     SurveyWriter(const std::filesystem::path& path, int64_t startTimestamp)
-        : file_(path.string(), localTimeZoneName(), "mvlog-demo", kToolVersion, -1,
-                std::chrono::duration_cast<std::chrono::milliseconds>(
-                    std::chrono::system_clock::now().time_since_epoch())
-                    .count()),
-          start_(startTimestamp) {}
+        : recorder_(path, recorderOptions()), start_(startTimestamp) {}
 
-    SqliteLogFile& file() { return file_; }
+    Marivane::Logging::Recorder& recorder() { return recorder_; }
 
     int8_t addSource(MV_LogDataSourceType type, const std::string& name,
                      const std::vector<std::pair<std::string, PropertyValue>>& properties) {
         DataSource source{-1, type, name};
-        require(file_.addDataSource(source), "add a data source");
+        require(recorder_.addDataSource(source), "add a data source");
         for (const auto& [key, value] : properties) {
-            require(file_.addDataSourceProperty({source.id, key, value}), "add a data-source property");
+            require(recorder_.addDataSourceProperty({source.id, key, value}), "add a data-source property");
         }
         return source.id;
     }
 
-    // A new file numbers its entries 1, 2, ..., so the count is the id of
-    // the entry logged last.
+    // Called from the capture threads at once.
     void log(int8_t source, int32_t type, int64_t timeMs, ByteBuffer payload) {
-        payloadBytes_ += payload.size();
-        DataEntry entry;
-        entry.dataSourceId = source;
-        entry.type = type;
-        entry.timestamp = start_ + timeMs;
-        entry.data = std::move(payload);
-        require(file_.logData(entry), "log an entry");
-        ++entries_;
+        const std::size_t size = payload.size();
+        if (!recorder_.record(source, type, start_ + timeMs, std::move(payload))) {
+            throw ToolError(
+                fmt::format("demo: the recorder refused an entry: {}", recorder_.stats().lastError));
+        }
+        entries_.fetch_add(1, std::memory_order_relaxed);
+        payloadBytes_.fetch_add(size, std::memory_order_relaxed);
     }
 
     void require(bool succeeded, const char* what) {
         if (!succeeded) {
-            throw ToolError(fmt::format("demo: cannot {}: {}", what, file_.getLastError()));
+            throw ToolError(fmt::format("demo: cannot {}: {}", what, recorder_.stats().lastError));
         }
     }
 
-    int64_t entries() const { return entries_; }
-    uint64_t payloadBytes() const { return payloadBytes_; }
+    int64_t entries() const { return entries_.load(); }
+    uint64_t payloadBytes() const { return payloadBytes_.load(); }
 
 private:
-    SqliteLogFile file_;
+    static Marivane::Logging::RecorderOptions recorderOptions() {
+        Marivane::Logging::RecorderOptions options;
+        options.timeZone = localTimeZoneName();
+        options.applicationName = "mvlog-demo";
+        options.applicationVersion = kToolVersion;
+        options.compressionLevel = -1;
+        return options;
+    }
+
+    Marivane::Logging::Recorder recorder_;
     int64_t start_;
-    int64_t entries_ = 0;
-    uint64_t payloadBytes_ = 0;
+    std::atomic<int64_t> entries_{0};
+    std::atomic<uint64_t> payloadBytes_{0};
 };
 
 struct SurveySources {
@@ -237,14 +249,96 @@ SurveySources addSurveySources(SurveyWriter& writer) {
 }
 
 void addSurveyMetadata(SurveyWriter& writer, int64_t durationMs) {
-    SqliteLogFile& file = writer.file();
-    file.addMetadata("vessel", std::string("RV Demo"));
-    file.addMetadata("survey", std::string("Synthetic harbour survey"));
-    file.addMetadata("operator", std::string("mvlog demo"));
-    file.addMetadata("syntheticDurationMs", durationMs);
-    writer.require(file.addResource("calibration.json",
-                                    bytesOf(R"({"camera-front":{"fx":412.5,"fy":412.5,"cx":128,"cy":128}})")),
-                   "add a resource");
+    Marivane::Logging::Recorder& recorder = writer.recorder();
+    recorder.addMetadata("vessel", std::string("RV Demo"));
+    recorder.addMetadata("survey", std::string("Synthetic harbour survey"));
+    recorder.addMetadata("operator", std::string("mvlog demo"));
+    recorder.addMetadata("syntheticDurationMs", durationMs);
+    writer.require(
+        recorder.addResource("calibration.json",
+                             bytesOf(R"({"camera-front":{"fx":412.5,"fy":412.5,"cx":128,"cy":128}})")),
+        "add a resource");
+}
+
+// The three capture loops. Each sensor keeps its own noise, so that its
+// payloads are the same in every run whatever the threads' interleaving.
+void captureCamera(SurveyWriter& writer, int8_t source, int64_t durationMs, ByteBuffer& firstFrame) {
+    NoiseSource noise(0x9E3779B97F4A7C15ULL);
+    int64_t frameNumber = 0;
+    for (int64_t t = 0; t < durationMs; t += kCameraPeriodMs) {
+        ByteBuffer frame = cameraFrame(t, noise);
+        if (firstFrame.empty()) {
+            firstFrame = frame;
+        }
+        // Exposure ends a few milliseconds after the trigger, never twice the
+        // same, as with real cameras.
+        writer.log(source, kImageFrame, t + 2 + (frameNumber++ * 7) % 5, std::move(frame));
+    }
+}
+
+void captureNavigation(SurveyWriter& writer, int8_t source, int64_t durationMs) {
+    NoiseSource noise(0xD1B54A32D192ED03ULL);
+    for (int64_t t = 0; t < durationMs; t += kTickMs) {
+        writer.log(source, kNavigationFix, t, navigationFix(t, noise));
+        if (t % kEnvironmentPeriodMs == 0) {
+            writer.log(source, kNavigationStatus, t, navigationStatus(t, noise));
+        }
+    }
+}
+
+void captureEnvironment(SurveyWriter& writer, int8_t source, int64_t durationMs) {
+    NoiseSource noise(0x8CB92BA72F3D8DD7ULL);
+    for (int64_t t = 0; t < durationMs; t += kEnvironmentPeriodMs) {
+        writer.log(source, kEnvironmentReading, t + 9, environmentReading(t, noise));
+    }
+}
+
+// Runs the three capture loops on threads of their own; the first failure of
+// any of them is thrown here once all have ended.
+void captureAll(SurveyWriter& writer, const SurveySources& sources, int64_t durationMs,
+                ByteBuffer& firstFrame) {
+    std::mutex failureMutex;
+    std::exception_ptr failure;
+    const auto guarded = [&](auto&& loop) {
+        return std::thread([&, loop] {
+            try {
+                loop();
+            } catch (...) {
+                std::lock_guard lock(failureMutex);
+                failure = failure ? failure : std::current_exception();
+            }
+        });
+    };
+    std::vector<std::thread> threads;
+    threads.push_back(guarded([&] { captureCamera(writer, sources.camera, durationMs, firstFrame); }));
+    threads.push_back(guarded([&] { captureNavigation(writer, sources.navigation, durationMs); }));
+    threads.push_back(guarded([&] { captureEnvironment(writer, sources.environment, durationMs); }));
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+}
+
+// Thumbnail and bookmarks once the entries are in: the bookmarks name entries
+// by id, which the recorder assigns in acceptance order.
+void finishSurvey(const std::filesystem::path& path, int64_t startTimestamp, const ByteBuffer& firstFrame) {
+    SqliteLogFile file{path};
+    const auto require = [&file](bool succeeded, const char* what) {
+        if (!succeeded) {
+            throw ToolError(fmt::format("demo: cannot {}: {}", what, file.getLastError()));
+        }
+    };
+    require(file.setThumbnail(thumbnailOf(firstFrame)), "set the thumbnail");
+    require(file.addBookmark({file.getFirstEntryId(), "Start of survey", "All sensors running", {}}),
+            "add a bookmark");
+    if (const std::optional<int32_t> turn = file.findEntryAtOrAfter(startTimestamp + kTurnAtMs)) {
+        require(file.addBookmark({*turn, "Turn to port", "Heading 045 to 315",
+                                  bytesOf(R"({"headingFrom":45,"headingTo":315})")}),
+                "add a bookmark");
+    }
+    require(file.addBookmark({file.getLastEntryId(), "End of survey", "", {}}), "add a bookmark");
 }
 
 }  // namespace
@@ -254,60 +348,25 @@ SurveyRecording recordSyntheticSurvey(const std::filesystem::path& path, int64_t
     if (somethingExistsAt(path)) {
         throw ToolError(fmt::format("demo: {} already exists", path.string()));
     }
-    SurveyWriter writer(path, startTimestamp);
-    const SurveySources sources = addSurveySources(writer);
-    addSurveyMetadata(writer, durationMs);
-
     SurveyRecording recording;
     recording.startTimestamp = startTimestamp;
-    NoiseSource noise(0x9E3779B97F4A7C15ULL);
+    recording.middleStartTimestamp = startTimestamp + kMiddleStartMs;
+    recording.middleEndTimestamp = startTimestamp + kMiddleEndMs - 1;
     ByteBuffer firstFrame;
-    int32_t turnId = -1;
-    int64_t frameNumber = 0;
-    const auto wallStart = std::chrono::steady_clock::now();
-    for (int64_t t = 0; t < durationMs; t += kTickMs) {
-        const int32_t tickFirstId = static_cast<int32_t>(writer.entries() + 1);
-        writer.log(sources.navigation, kNavigationFix, t, navigationFix(t, noise));
-        if (t % kEnvironmentPeriodMs == 0) {
-            writer.log(sources.navigation, kNavigationStatus, t, navigationStatus(t, noise));
-        }
-        if (t % kCameraPeriodMs == 0) {
-            ByteBuffer frame = cameraFrame(t, noise);
-            if (firstFrame.empty()) {
-                firstFrame = frame;
-            }
-            // Exposure ends a few milliseconds after the trigger, never twice
-            // the same, as with real cameras.
-            writer.log(sources.camera, kImageFrame, t + 2 + (frameNumber++ * 7) % 5, std::move(frame));
-        }
-        if (t % kEnvironmentPeriodMs == 0) {
-            writer.log(sources.environment, kEnvironmentReading, t + 9, environmentReading(t, noise));
-        }
-        if (t >= kMiddleStartMs && recording.middleFirstId == -1) {
-            recording.middleFirstId = tickFirstId;
-        }
-        if (t < kMiddleEndMs) {
-            recording.middleLastId = static_cast<int32_t>(writer.entries());
-        }
-        if (t == kTurnAtMs) {
-            turnId = tickFirstId;
-        }
+    {
+        SurveyWriter writer(path, startTimestamp);
+        const SurveySources sources = addSurveySources(writer);
+        addSurveyMetadata(writer, durationMs);
+        const auto wallStart = std::chrono::steady_clock::now();
+        captureAll(writer, sources, durationMs, firstFrame);
+        writer.require(writer.recorder().close(), "close the recorder");
+        recording.wallSeconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
+        recording.entries = writer.entries();
+        recording.payloadBytes = writer.payloadBytes();
+        recording.recorder = writer.recorder().stats();
     }
-    recording.wallSeconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
-    recording.entries = writer.entries();
-    recording.payloadBytes = writer.payloadBytes();
-
-    SqliteLogFile& file = writer.file();
-    writer.require(file.setThumbnail(thumbnailOf(firstFrame)), "set the thumbnail");
-    writer.require(file.addBookmark({1, "Start of survey", "All sensors running", {}}), "add a bookmark");
-    if (turnId != -1) {
-        writer.require(file.addBookmark({turnId, "Turn to port", "Heading 045 to 315",
-                                         bytesOf(R"({"headingFrom":45,"headingTo":315})")}),
-                       "add a bookmark");
-    }
-    writer.require(file.addBookmark({static_cast<int32_t>(recording.entries), "End of survey", "", {}}),
-                   "add a bookmark");
+    finishSurvey(path, startTimestamp, firstFrame);
     return recording;
 }
 
