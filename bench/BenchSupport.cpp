@@ -164,6 +164,10 @@ std::string recorderLatencyName(std::size_t size) {
     return "recorder/latency/" + sizeLabel(size);
 }
 
+std::string liveLagName() {
+    return "live/lag/safe";
+}
+
 std::string recorderOverloadName() {
     return "recorder/overload/dropNewest";
 }

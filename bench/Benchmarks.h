@@ -62,6 +62,7 @@ std::string windowName();
 std::string recorderName(const std::string& writer, int level, std::size_t size);
 std::string recorderLatencyName(std::size_t size);
 std::string recorderOverloadName();
+std::string liveLagName();
 // mode: "autocommit" or "transaction".
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size);
 

@@ -11,11 +11,13 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Marivane::Bench {
@@ -33,8 +35,9 @@ std::size_t entriesPerRun(std::size_t size) {
     return std::clamp<std::size_t>((48u << 20) / size, 128, 200'000);
 }
 
-RecorderOptions recorderOptions(int level) {
+RecorderOptions recorderOptions(int level, Logging::Durability durability = Logging::Durability::Fast) {
     RecorderOptions options;
+    options.durability = durability;
     if (const char* threads = std::getenv("MARIVANE_BENCH_COMPRESSION_THREADS")) {
         options.compressionThreads = std::atoi(threads);
     }
@@ -51,13 +54,14 @@ void addSource(Recorder& recorder) {
     }
 }
 
-void recorderThroughput(benchmark::State& state, int level, std::size_t size) {
+void recorderThroughput(benchmark::State& state, int level, std::size_t size,
+                        Logging::Durability durability = Logging::Durability::Fast) {
     const std::size_t entries = entriesPerRun(size);
     const ByteBuffer& data = payload(size);
     for (auto _ : state) {
         const std::string path = freshPath("recorder");
         {
-            Recorder recorder(path, recorderOptions(level));
+            Recorder recorder(path, recorderOptions(level, durability));
             addSource(recorder);
             for (std::size_t i = 0; i < entries; ++i) {
                 recorder.record(kDataSourceId, kEntryType, kFirstTimestamp + static_cast<int64_t>(i),
@@ -198,6 +202,53 @@ void overload(benchmark::State& state) {
     state.counters["max_us"] = percentileOf(micros, 1.0);
 }
 
+// A recording in safe mode read while it runs: the time from record() to a
+// second connection, polling every millisecond, seeing the entry.
+void liveReadLag(benchmark::State& state) {
+    constexpr int kEntries = 1000;
+    std::vector<double> lagMs;
+    for (auto _ : state) {
+        const std::string path = freshPath("live");
+        RecorderOptions options = recorderOptions(-1, Logging::Durability::Safe);
+        options.maxCommitDelay = std::chrono::milliseconds(10);
+        Recorder recorder(path, options);
+        addSource(recorder);
+        // Reads until it has seen every entry: the flush below commits the last.
+        std::thread reader([&] {
+            const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
+            int32_t next = 1;
+            while (next <= kEntries) {
+                file.visitEntries(Logging::EntryRange{next, -1}, Logging::EntryIndexFilter(),
+                                  [&](const Logging::EntryView& view) {
+                                      int64_t recordedAt = 0;
+                                      std::memcpy(&recordedAt, view.data, sizeof recordedAt);
+                                      const int64_t now = Clock::now().time_since_epoch().count();
+                                      lagMs.push_back(static_cast<double>(now - recordedAt) / 1e6);
+                                      next = view.entryId + 1;
+                                      return true;
+                                  });
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+        ByteBuffer data(64);
+        for (int i = 0; i < kEntries; ++i) {
+            const int64_t now = Clock::now().time_since_epoch().count();
+            std::memcpy(data.data(), &now, sizeof now);
+            recorder.record(kDataSourceId, kEntryType, i, data.data(), data.size());
+            std::this_thread::sleep_for(std::chrono::microseconds(1000));
+        }
+        recorder.flush();
+        reader.join();
+        recorder.close();
+        removeLogFile(path);
+    }
+    if (!lagMs.empty()) {
+        state.counters["median_lag_ms"] = percentileOf(lagMs, 0.5);
+        state.counters["p99_lag_ms"] = percentileOf(lagMs, 0.99);
+        state.counters["seen"] = static_cast<double>(lagMs.size());
+    }
+}
+
 void recorderMemory(benchmark::State& state) {
     for (auto _ : state) {
         const std::string path = freshPath("recorder-memory");
@@ -261,6 +312,7 @@ void registerRecorderProbes() {
     }
     benchmark::RegisterBenchmark(recorderOverloadName().c_str(), overload)->Apply(oneShot);
     benchmark::RegisterBenchmark(memoryName("recorder").c_str(), recorderMemory)->Apply(oneShot);
+    benchmark::RegisterBenchmark(liveLagName().c_str(), liveReadLag)->Apply(oneShot);
 }
 
 }  // namespace Marivane::Bench

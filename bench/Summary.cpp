@@ -396,6 +396,22 @@ void printSummary(const Figures& figures, std::ostream& out) {
         table.pair(figures, label("Recorder vs logData, no batch", 0, size),
                    recorderName("recorder", 0, size), recorderName("autocommit", 0, size), 10.0);
     }
+    table.section("Safe against fast durability, wall time (library: safe; baseline column: fast)");
+    for (std::size_t size : kPayloadSizes) {
+        table.pair(figures, label("logData, no batch", -1, size),
+                   writeName("durability", "logDataSafe", -1, size),
+                   writeName("durability", "logDataFast", -1, size), std::nullopt);
+        table.pair(figures, label("logData in a batch", -1, size),
+                   writeName("durability", "batchSafe", -1, size),
+                   writeName("durability", "batchFast", -1, size), std::nullopt);
+    }
+    for (int level : {-1, 1}) {
+        for (std::size_t size : {std::size_t{16 * 1024}, std::size_t{256 * 1024}}) {
+            table.pair(figures, label("Recorder", level, size), recorderName("recorderSafe", level, size),
+                       recorderName("recorder", level, size), 0.8);
+        }
+    }
+
     out << "\nrecord() on the capture thread (level -1, writer busy)\n";
     for (std::size_t size : {std::size_t{64}, std::size_t{16 * 1024}}) {
         const std::string name = recorderLatencyName(size);
@@ -415,6 +431,12 @@ void printSummary(const Figures& figures, std::ostream& out) {
                 accounted ? std::optional<double>(1.0 - *accounted) : std::nullopt, "", 0.5);
     table.bound("file differs from what was accepted (0 = same)",
                 matches ? std::optional<double>(1.0 - *matches) : std::nullopt, "", 0.5);
+    out << "\nLive reading: a safe-mode recording (commits every 10 ms) read by a second connection polling "
+           "every 1 ms\n";
+    table.bound("median lag from record() to the reader", counter(figures, liveLagName(), "median_lag_ms"),
+                "ms", std::nullopt);
+    table.bound("p99 lag", counter(figures, liveLagName(), "p99_lag_ms"), "ms", std::nullopt);
+    table.bound("entries seen (of 1000)", counter(figures, liveLagName(), "seen"), "", std::nullopt);
     out << "\nRecorder peak memory (16 KiB at level -1, 20000 entries, queue budget "
         << (kRecorderMemoryBudget >> 20) << " MiB)\n";
     table.bound("peak resident memory", counter(figures, memoryName("recorder"), "peak_rss_mib"), "MiB",

@@ -26,8 +26,10 @@ int64_t timestampOf(int64_t index) {
     return kFirstTimestamp + index * kEntryPeriodMs;
 }
 
-SqliteLogFile createLibraryFile(const std::string& path, int level) {
-    SqliteLogFile file(path, "UTC", "marivane_bench", "1", static_cast<int8_t>(level), kFirstTimestamp);
+SqliteLogFile createLibraryFile(const std::string& path, int level,
+                                Logging::Durability durability = Logging::Durability::Fast) {
+    SqliteLogFile file(path, "UTC", "marivane_bench", "1", static_cast<int8_t>(level), kFirstTimestamp,
+                       durability);
     DataSource source;
     source.name = "bench";
     if (!file.addDataSource(source) || source.id != kDataSourceId) {
@@ -97,10 +99,10 @@ void rawTransaction(benchmark::State& state, int level, std::size_t size) {
     rawTransactionWrites(state, level, size, 0);
 }
 
-void libraryLogData(benchmark::State& state, int level, std::size_t size) {
+void libraryLogDataIn(benchmark::State& state, int level, std::size_t size, Logging::Durability durability) {
     const std::string path = freshPath("logdata");
     {
-        SqliteLogFile file = createLibraryFile(path, level);
+        SqliteLogFile file = createLibraryFile(path, level, durability);
         DataEntry entry = makeEntry(size);
         int64_t index = 0;
         for (auto _ : state) {
@@ -115,11 +117,11 @@ void libraryLogData(benchmark::State& state, int level, std::size_t size) {
     removeLogFile(path);
 }
 
-void libraryBatch(benchmark::State& state, int level, std::size_t size) {
+void libraryBatchIn(benchmark::State& state, int level, std::size_t size, Logging::Durability durability) {
     const std::string path = freshPath("batch");
     const std::size_t perTransaction = entriesPerTransaction(size);
     {
-        SqliteLogFile file = createLibraryFile(path, level);
+        SqliteLogFile file = createLibraryFile(path, level, durability);
         DataEntry entry = makeEntry(size);
         int64_t index = 0;
         for (auto _ : state) {
@@ -172,6 +174,14 @@ void cInterfaceLogData(benchmark::State& state, int level, std::size_t size) {
     removeLogFile(path);
 }
 
+void libraryLogData(benchmark::State& state, int level, std::size_t size) {
+    libraryLogDataIn(state, level, size, Logging::Durability::Fast);
+}
+
+void libraryBatch(benchmark::State& state, int level, std::size_t size) {
+    libraryBatchIn(state, level, size, Logging::Durability::Fast);
+}
+
 }  // namespace
 
 void registerWriteBenchmarks(int round) {
@@ -190,6 +200,27 @@ void registerWriteBenchmarks(int round) {
                 {member("transaction", "raw", rawTransaction), member("transaction", "batch", libraryBatch)},
                 round, throughputSettings);
         }
+    }
+    // Safe against fast, in wall time: a safe file's cost is waiting for the
+    // disk, which CPU time does not see. Level -1, every payload size.
+    for (std::size_t size : kPayloadSizes) {
+        constexpr int kLevel = -1;
+        const auto durable = [size](
+                                 const std::string& mode, const std::string& writer,
+                                 void (*function)(benchmark::State&, int, std::size_t, Logging::Durability),
+                                 Logging::Durability durability) {
+            return Member{writeName(mode, writer, kLevel, size),
+                          [=](benchmark::State& state) { function(state, kLevel, size, durability); }};
+        };
+        const auto wallClock = [](benchmark::internal::Benchmark* benchmark) {
+            benchmark->MinTime(kMinTime)->UseRealTime()->Unit(benchmark::kMicrosecond);
+        };
+        registerRound({durable("durability", "logDataFast", libraryLogDataIn, Logging::Durability::Fast),
+                       durable("durability", "logDataSafe", libraryLogDataIn, Logging::Durability::Safe)},
+                      round, wallClock);
+        registerRound({durable("durability", "batchFast", libraryBatchIn, Logging::Durability::Fast),
+                       durable("durability", "batchSafe", libraryBatchIn, Logging::Durability::Safe)},
+                      round, wallClock);
     }
 }
 
