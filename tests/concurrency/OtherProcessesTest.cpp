@@ -3,6 +3,8 @@
 // cost a bookmark or an entry, no file may be damaged, and every read is
 // either right or reported as failed, never a silently empty or short answer.
 
+#include <logging/NotALogFileError.h>
+#include <logging/Recorder.h>
 #include <logging/SqliteLogFile.h>
 
 #include <database/DatabaseBusy.h>
@@ -21,6 +23,7 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -198,6 +201,81 @@ void lookOnce(const std::string& path, bool readOnly, ReaderTally& tally) {
             break;
         }
     }
+}
+
+// A recorder in safe mode in another process, and a reader here that opens
+// the file again and again while it grows: each look sees a prefix of what
+// was recorded, exact bytes, never less than the look before.
+TEST(OtherProcesses, ALiveSafeRecordingReadsAsAGrowingPrefix) {
+    TempDir dir;
+    const std::string path = dir.file("live.mvlog");
+    const pid_t recorderProcess = fork();
+    ASSERT_GE(recorderProcess, 0);
+    if (recorderProcess == 0) {
+        int status = 0;
+        try {
+            RecorderOptions options;
+            options.durability = Durability::Safe;
+            options.maxCommitDelay = std::chrono::milliseconds(5);
+            Recorder recorder(path, options);
+            DataSource source{-1, MV_LogDataSourceType_Lidar, "lidar"};
+            recorder.addDataSource(source);
+            const auto end = Clock::now() + std::chrono::milliseconds(1500);
+            for (int32_t id = 1; Clock::now() < end; ++id) {
+                if (!recorder.record(source.id, 0, id, payloadFor(id))) {
+                    status = 3;
+                    break;
+                }
+                if (id % 64 == 0) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                }
+            }
+            status = recorder.close() && status == 0 ? 0 : 4;
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "recorder: %s\n", error.what());
+            status = 5;
+        }
+        _exit(status);
+    }
+    int looks = 0;
+    std::size_t previous = 0;
+    int status = 0;
+    while (waitpid(recorderProcess, &status, WNOHANG) == 0) {
+        if (!std::filesystem::exists(path)) {
+            continue;
+        }
+        try {
+            const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
+            std::size_t seen = 0;
+            const bool completed =
+                file.visitEntries(EntryRange::all(), EntryIndexFilter{}, [&](const EntryView& view) {
+                    const ByteBuffer expected = payloadFor(view.entryId);
+                    EXPECT_EQ(view.entryId, static_cast<int32_t>(seen + 1));
+                    EXPECT_TRUE(view.size == expected.size() &&
+                                std::equal(expected.begin(), expected.end(), view.data))
+                        << "entry " << view.entryId;
+                    ++seen;
+                    return true;
+                });
+            if (completed) {
+                EXPECT_GE(seen, previous);
+                previous = seen;
+                ++looks;
+            } else {
+                EXPECT_EQ(file.getLastFailureKind(), FailureKind::Busy) << file.getLastFailure();
+            }
+        } catch (const NotALogFileError&) {
+            // The file exists before its tables: not yet a log file.
+        } catch (const DatabaseBusy&) {
+        }
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_GT(looks, 3);
+    EXPECT_GT(previous, 0u);
+    const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
+    EXPECT_GE(static_cast<std::size_t>(file.getEntryCount()), previous);
+    EXPECT_TRUE(integrityOk(path));
+    std::printf("live: %d looks, last saw %zu of %d entries\n", looks, previous, file.getEntryCount());
 }
 
 #ifdef MVLOG_BINARY
