@@ -80,9 +80,8 @@ public:
         try {
             close();
         } catch (...) {
-            // Only allocation can throw here; the threads are joined either
-            // way below.
-            emergencyStop();
+            // Only allocation can throw here; the threads are joined anyway.
+            stopThreads();
         }
     }
 
@@ -156,25 +155,16 @@ public:
             }
         }
         const bool flushed = flush();
-        {
-            std::lock_guard lock(mutex_);
-            stopped_ = true;
-            closed_ = true;
-        }
-        compressionWanted_.notify_all();
-        writerWanted_.notify_all();
-        roomAvailable_.notify_all();
-        for (std::thread& compressor : compressors_) {
-            compressor.join();
-        }
-        writer_.join();
+        stopThreads();
         file_.reset();
         std::lock_guard lock(mutex_);
         closedCleanly_ = flushed && stats_.failed == 0 && failure_.empty();
         return closedCleanly_;
     }
 
-    void emergencyStop() noexcept {
+    // Stops accepting, wakes every thread and joins it; what is queued is
+    // still written (the writer drains the queue before it ends).
+    void stopThreads() noexcept {
         {
             std::lock_guard lock(mutex_);
             stopped_ = true;
