@@ -254,7 +254,7 @@ std::size_t probeBeyondIndex(const SqliteLogFile& file, int32_t lastListedId, Pr
 // A payload that looks like a compressed frame in a file whose level says
 // payloads are stored as they are: readers hand it out compressed.
 void checkStoredForm(const ScannedEntry& entry, ProblemReport& problems) {
-    if (!entry.compressed && Marivane::Compression::startsWithFrame(entry.stored, entry.storedSize)) {
+    if (!entry.compressed && Marivane::Compression::startsWithFrame(entry.data, entry.size)) {
         problems.add(
             fmt::format("entry {}: the payload is a compressed frame but the file's compression level "
                         "is 0 (payloads stored uncompressed): readers hand it out compressed",

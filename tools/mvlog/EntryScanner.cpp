@@ -59,16 +59,15 @@ std::vector<int32_t> selectIds(const SqliteLogFile& file, const EntrySelection& 
 }  // namespace
 
 ScannedEntry scannedFrom(const EntryView& view) {
-    return ScannedEntry{view.entryId, view.dataSourceId, view.type,      view.timestamp,
-                        view.data,    view.size,         view.compressed};
+    return ScannedEntry{view};
 }
 
 std::size_t ScannedEntry::forEachPiece(const Marivane::Compression::PieceHandler& onPiece) const {
     if (!compressed) {
-        onPiece(stored, storedSize);
-        return storedSize;
+        onPiece(data, size);
+        return size;
     }
-    return Marivane::Compression::uncompressInPieces(stored, storedSize, onPiece);
+    return Marivane::Compression::uncompressInPieces(data, size, onPiece);
 }
 
 std::size_t ScannedEntry::sizeAndPrefix(std::size_t prefixLength, ByteBuffer& prefix) const {

@@ -32,17 +32,10 @@ struct DamagedEntry {
     std::string reason;
 };
 
-// One entry as a scan hands it out, its payload as the file stores it.
-// Borrowed: valid only during the handler's call.
-struct ScannedEntry {
-    int32_t entryId = 0;
-    int8_t dataSourceId = 0;
-    int32_t type = 0;
-    int64_t timestamp = 0;
-    const std::byte* stored = nullptr;
-    std::size_t storedSize = 0;
-    bool compressed = false;
-
+// One entry as a scan hands it out: the library's view, whose payload is as
+// the file stores it (`compressed` says whether it is a frame). Borrowed:
+// valid only during the handler's call.
+struct ScannedEntry : Marivane::Logging::EntryView {
     // Hands the payload to `onPiece` piece by piece, expanding a compressed
     // one 128 KiB at a time: memory never depends on the size a frame
     // declares. Returns the payload's size (up to where `onPiece` stopped).
