@@ -72,12 +72,14 @@ soak: build
 	ASAN_OPTIONS=detect_leaks=1 ./$(ASAN_DIR)/tests/soak/soak $(SOAK_DIR) 20
 
 # Release build of the libraries and the benchmark, then one run: the library
-# beside a raw SQLite/zstd baseline, with ratios and targets (a few minutes).
+# beside a raw SQLite/zstd baseline, with ratios and targets (a few minutes);
+# then the Python package beside the C++ reads it wraps.
 bench: deps
 	cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DMARIVANE_BUILD_BENCH=ON \
-		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_TOOLS=OFF
-	cmake --build $(BENCH_DIR) -j $(JOBS) --target marivane_bench
+		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_TOOLS=OFF $(PYTHON_FLAGS)
+	cmake --build $(BENCH_DIR) -j $(JOBS) --target marivane_bench marivane_python_core marivane_python_files
 	./$(BENCH_DIR)/bench/marivane_bench
+	PYTHONPATH=$(BENCH_DIR)/python /usr/bin/python3 python/bench/bench_python.py
 
 demo: build
 	./$(BUILD_DIR)/tools/mvlog demo
