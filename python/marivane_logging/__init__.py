@@ -25,6 +25,15 @@ Writing::
         with f.batch():
             f.log(cam, type=1, payload=b"...", timestamp=1_700_000_000_000)
 
+Recording from capture threads (record() queues and returns; native threads
+compress and write)::
+
+    with ml.Recorder("run.mvlog", application="probe", version="1.0", overflow="drop_newest") as rec:
+        cam = rec.add_data_source(ml.SourceType.CAMERA, "cam")
+        rec.record(cam, 1, frame)            # from any thread; False when dropped
+        rec.flush()                          # committed: visible to readers
+        rec.stats                            # RecorderStats(accepted=..., written=..., ...)
+
 Derived files: :func:`slice`, :func:`clone`, :func:`copy`, :func:`merge`.
 Replay: :class:`Player`. Many files at once on Dask: :mod:`marivane_logging.dask`.
 Command line: ``python3 -m marivane_logging info FILE`` and
@@ -58,8 +67,11 @@ from ._derive import clone, copy, merge, slice  # noqa: A004
 # Playback.
 from ._player import Player, PlayerBookmark
 
-# Recording and recovery, when the library offers them, belong in their own
-# modules (_recorder, _recover) imported here beside the ones above.
+# Recording from many threads.
+from ._recorder import OverflowPolicy, Recorder, RecorderStats
+
+# Recovery, when the library offers it, belongs in its own module (_recover)
+# imported here beside the ones above.
 
 __all__ = [
     "__version__",
@@ -80,6 +92,9 @@ __all__ = [
     "Player",
     "PlayerBookmark",
     "Pacing",
+    "Recorder",
+    "RecorderStats",
+    "OverflowPolicy",
     "LogFileError",
     "NotALogFileError",
     "LegacyLogFileError",

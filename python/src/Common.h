@@ -102,5 +102,6 @@ void bindLogFile(py::module_& module);
 void bindEntries(py::module_& module);
 void bindDerived(py::module_& module);
 void bindPlayer(py::module_& module);
+void bindRecorder(py::module_& module);
 
 }  // namespace marivane_python

@@ -11,5 +11,6 @@ PYBIND11_MODULE(_core, module) {
     marivane_python::bindEntries(module);
     marivane_python::bindDerived(module);
     marivane_python::bindPlayer(module);
+    marivane_python::bindRecorder(module);
     module.attr("LIBRARY_VERSION") = MARIVANE_VERSION;
 }

@@ -300,14 +300,14 @@ private:
             lock.unlock();
             bool commitNow = finished || (deadline && Clock::now() >= *deadline);
             for (Job& job : taken) {
-                commitNow = writeJob(job, batch, uncommitted) || commitNow;
+                commitNow = writeJobSafely(job, batch, uncommitted) || commitNow;
                 if (uncommitted.size() >= options_.maxTransactionEntries) {
                     commitNow = true;
                 }
             }
             publishWrites();
             if (commitNow) {
-                commit(batch, uncommitted);
+                commitSafely(batch, uncommitted);
             }
             lock.lock();
             answerWaiting(taken);
@@ -323,6 +323,38 @@ private:
             taken.push_back(std::move(jobs_.front()));
             jobs_.pop_front();
         }
+    }
+
+    // Nothing may escape the writer thread: a transaction that cannot begin
+    // (another connection holding the file past the wait) or an operation
+    // that throws stops the recorder with the reason instead.
+    bool writeJobSafely(Job& job, std::optional<SqliteLogFile::WriteBatch>& batch,
+                        std::vector<Clock::time_point>& uncommitted) {
+        try {
+            return writeJob(job, batch, uncommitted);
+        } catch (const std::exception& error) {
+            failOnWriter("Cannot write to '" + path_.string() + "': " + error.what());
+            settleAfterFailure(job);
+            return false;
+        }
+    }
+
+    void commitSafely(std::optional<SqliteLogFile::WriteBatch>& batch,
+                      std::vector<Clock::time_point>& uncommitted) {
+        try {
+            commit(batch, uncommitted);
+        } catch (const std::exception& error) {
+            failOnWriter("Cannot commit to '" + path_.string() + "': " + error.what());
+            std::lock_guard lock(mutex_);
+            stats_.failed += uncommitted.size();
+            uncommitted.clear();
+            pendingStoredBytes_ = 0;
+        }
+    }
+
+    void failOnWriter(const std::string& reason) {
+        std::lock_guard lock(mutex_);
+        fail(reason);
     }
 
     // Writes one job; true when it asks for a commit (a flush).

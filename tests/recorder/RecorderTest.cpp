@@ -465,3 +465,30 @@ INSTANTIATE_TEST_SUITE_P(Durabilities, RecorderKill, ::testing::Values(Durabilit
                          });
 
 }  // namespace
+
+namespace {
+
+// Another connection keeps the file locked past the library's wait: the
+// writer cannot begin its transaction. The recorder stops and says so; the
+// process and the capture thread go on.
+TEST(RecorderFailure, AFileLockedPastTheWaitStopsTheRecorderWithoutEndingTheProcess) {
+    TempDir dir;
+    const std::string path = dir.file("locked.mvlog");
+    Recorder recorder(path, optionsAt(0));
+    DataSource source{-1, MV_LogDataSourceType_Generic, "generic"};
+    ASSERT_TRUE(recorder.addDataSource(source));
+    ASSERT_TRUE(recorder.flush());
+    {
+        ForeignLock lock(path);
+        ASSERT_TRUE(recorder.record(source.id, 0, 1, bytesOf("waits")));
+        EXPECT_FALSE(recorder.flush());
+    }
+    const RecorderStats stats = recorder.stats();
+    EXPECT_EQ(stats.lastError.rfind("Cannot write to '" + path + "': The file '" + path + "' is busy", 0), 0u)
+        << stats.lastError;
+    EXPECT_EQ(stats.failed, 1u);
+    EXPECT_FALSE(recorder.record(source.id, 0, 2, bytesOf("refused")));
+    EXPECT_FALSE(recorder.close());
+}
+
+}  // namespace
