@@ -24,6 +24,7 @@
 #include <logging/PlayerBookmark.h>
 #include <logging/PropertyValue.h>
 #include <logging/Recorder.h>
+#include <logging/Recover.h>
 #include <logging/SqliteLogFile.h>
 
 #include <database/DatabaseAccessError.h>

@@ -284,6 +284,30 @@ MV_LOGGING_EXPORT void MV_LogRecorder_GetStats(MV_LogRecorder_p recorder, MV_Log
 MV_LOGGING_EXPORT bool MV_LogRecorder_Close(MV_LogRecorder_p recorder, MV_LogError_p* error);
 MV_LOGGING_EXPORT void MV_LogRecorder_Destroy(MV_LogRecorder_p recorder); /* closes if needed; accepts NULL */
 
+/* ---- Salvage of damaged files ---------------------------------------------
+ * Writes a new log file at outputPath with everything of damagedPath whose
+ * stored bytes are intact: entries keep their ids and stored bytes (at the
+ * damaged file's compression level), and the readable data sources,
+ * properties, metadata, resources and bookmarks come along. The damaged file
+ * and its side files are never written; an existing outputPath is refused;
+ * the output takes its name only when complete. False (with an error) when
+ * the damaged file cannot be read at all or the output cannot be written. */
+
+typedef struct MV_LogRecoveryReport {
+    uint64_t entriesRecovered, entriesLost;
+    uint64_t dataSourcesRecovered;
+    uint64_t resourcesRecovered, resourcesLost;
+    uint64_t bookmarksRecovered, bookmarksLost;
+    uint64_t metadataRecovered;
+} MV_LogRecoveryReport;
+MV_LOGGING_EXPORT bool MV_LogAlgorithms_Recover(const char* damagedPath, const char* outputPath,
+                                                MV_LogError_p* error);
+/* As MV_LogAlgorithms_Recover; on success fills *report (which may be NULL).
+ * The lost ids themselves are listed by `mvlog recover` and the class
+ * interface. */
+MV_LOGGING_EXPORT bool MV_LogAlgorithms_RecoverWithReport(const char* damagedPath, const char* outputPath,
+                                                          MV_LogRecoveryReport* report, MV_LogError_p* error);
+
 /* ---- Value handles ------------------------------------------------------ */
 
 MV_LOGGING_EXPORT MV_LogBookmark_p MV_LogBookmark_Create(int32_t entryId, const char* title,

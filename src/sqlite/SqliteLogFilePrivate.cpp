@@ -495,9 +495,27 @@ FailureKind SqliteLogFilePrivate::lastFailureKind() const {
 
 bool SqliteLogFilePrivate::insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId,
                                              const ByteBuffer& stored) {
-    SqliteQuery query(database,
-                      "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES (:timestamp, "
-                      ":type, :dataSourceId, :length, :payload);");
+    return insertStored(std::nullopt, timestamp, type, dataSourceId, stored);
+}
+
+bool SqliteLogFilePrivate::insertStoredEntryWithId(int32_t entryId, int64_t timestamp, int32_t type,
+                                                   int8_t dataSourceId, const ByteBuffer& stored) {
+    return insertStored(entryId, timestamp, type, dataSourceId, stored);
+}
+
+// One insert for both: without an id the file numbers the entry, as logData
+// always has it; with one (a salvage keeping ids) the id is the given one.
+bool SqliteLogFilePrivate::insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
+                                        int8_t dataSourceId, const ByteBuffer& stored) {
+    SqliteQuery query(
+        database, entryId
+                      ? "INSERT INTO data (entryId, timestamp, type, dataSourceId, length, payload) VALUES "
+                        "(:entryId, :timestamp, :type, :dataSourceId, :length, :payload);"
+                      : "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES "
+                        "(:timestamp, :type, :dataSourceId, :length, :payload);");
+    if (entryId) {
+        query.bindParameter(":entryId", *entryId);
+    }
     query.bindParameter(":timestamp", timestamp);
     query.bindParameter(":type", type);
     query.bindParameter(":dataSourceId", int32_t{dataSourceId});

@@ -109,6 +109,10 @@ public:
     // at the file's level when the file compresses). logData and the recorder
     // both end here, so the stored bytes are the same whichever wrote them.
     bool insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId, const ByteBuffer& stored);
+    // As insertStoredEntry, under the id `entryId`: a salvage keeps the ids
+    // of the file it salvages, so bookmarks and references stay valid.
+    bool insertStoredEntryWithId(int32_t entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
+                                 const ByteBuffer& stored);
 
     // Payload bytes as read from the file, expanded when the file compresses.
     ByteBuffer expandPayload(ByteBuffer stored) const;
@@ -138,6 +142,8 @@ public:
     std::optional<int32_t> readOpeningMetadataInteger(const std::string& key);
 
 private:
+    bool insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
+                      const ByteBuffer& stored);
     void openAsLogFile(Durability newFileDurability);
     bool journalIsWriteAheadLog();
     void applyConnectionSettings();

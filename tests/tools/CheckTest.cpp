@@ -43,7 +43,10 @@ TEST(CheckTest, DamagedPayloadIsNamed) {
     const std::vector<std::string> problems = problemLines(result);
     ASSERT_EQ(problems.size(), 1u) << result.out;
     EXPECT_EQ(problems[0].rfind("problem: entry 7: payload cannot be expanded: ", 0), 0u) << problems[0];
-    EXPECT_EQ(result.outLines().back(), "1 problem found in " + path);
+    const std::vector<std::string> lines = result.outLines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[lines.size() - 2], "1 problem found in " + path);
+    EXPECT_EQ(lines.back(), "hint: mvlog recover " + path + " -o NEW salvages what is intact");
 }
 
 TEST(CheckTest, EveryDamagedPayloadIsNamed) {
@@ -61,7 +64,10 @@ TEST(CheckTest, EveryDamagedPayloadIsNamed) {
     EXPECT_EQ(problems[1].rfind("problem: entry 3: ", 0), 0u);
     EXPECT_EQ(problems[2].rfind("problem: entry 60: ", 0), 0u);
     EXPECT_EQ(problems[3].rfind("problem: entry 101: ", 0), 0u);
-    EXPECT_EQ(result.outLines().back(), "4 problems found in " + path);
+    const std::vector<std::string> lines = result.outLines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[lines.size() - 2], "4 problems found in " + path);
+    EXPECT_EQ(lines.back(), "hint: mvlog recover " + path + " -o NEW salvages what is intact");
 }
 
 // Enough pages that half the file loses tables' pages, not just free space.
@@ -88,7 +94,10 @@ TEST(CheckTest, FileTruncatedMidPageIsReportedWithoutACrash) {
     EXPECT_EQ(result.terminatingSignal, 0);
     EXPECT_EQ(result.exitCode, 1) << result.out << result.err;
     EXPECT_FALSE(problemLines(result).empty()) << result.out;
-    EXPECT_NE(result.outLines().back().find(" found in " + path), std::string::npos) << result.out;
+    const std::vector<std::string> lines = result.outLines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_NE(lines[lines.size() - 2].find(" found in " + path), std::string::npos) << result.out;
+    EXPECT_EQ(lines.back().rfind("hint: mvlog recover ", 0), 0u) << result.out;
 }
 
 // Garbage over two pages in the middle of the entries: the index read stops
@@ -109,8 +118,8 @@ TEST(CheckTest, DamagedPagesInTheMiddleAreReportedWithTheEntriesTheyHide) {
     EXPECT_TRUE(integrityProblem) << result.out;
     EXPECT_TRUE(entryProblem) << result.out;
     const std::vector<std::string> lines = result.outLines();
-    ASSERT_GE(lines.size(), 2u);
-    const std::string checked = lines[lines.size() - 2];
+    ASSERT_GE(lines.size(), 3u);
+    const std::string checked = lines[lines.size() - 3];
     ASSERT_EQ(checked.rfind("Checked ", 0), 0u) << result.out;
     EXPECT_LT(std::stoi(checked.substr(8)), 400) << checked;
     EXPECT_GT(std::stoi(checked.substr(8)), 300) << checked;

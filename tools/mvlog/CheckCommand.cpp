@@ -35,10 +35,26 @@ public:
         std::fflush(stdout);
         ++count_;
     }
+    // A problem that damaged bytes cause: the report then points to
+    // `mvlog recover`, which salvages what is intact.
+    void addDamage(const std::string& problem) {
+        add(problem);
+        damaged_ = true;
+    }
+    // Damage when SQLite's message says the file is malformed.
+    void addNamingDamage(const std::string& problem, const std::string& message) {
+        if (message.find("malformed") != std::string::npos) {
+            addDamage(problem);
+        } else {
+            add(problem);
+        }
+    }
     std::size_t count() const { return count_; }
+    bool foundDamage() const { return damaged_; }
 
 private:
     std::size_t count_ = 0;
+    bool damaged_ = false;
 };
 
 struct DatabaseCloser {
@@ -91,7 +107,8 @@ void runPragma(sqlite3* database, const char* pragma, ProblemReport& problems, R
     sqlite3_stmt* raw = nullptr;
     if (const int prepared = sqlite3_prepare_v2(database, pragma, -1, &raw, nullptr); prepared != SQLITE_OK) {
         refuseBusy(database, sqlite3_extended_errcode(database));
-        problems.add(fmt::format("{} cannot run: {}", pragma, sqlite3_errmsg(database)));
+        const std::string message = sqlite3_errmsg(database);
+        problems.addNamingDamage(fmt::format("{} cannot run: {}", pragma, message), message);
         return;
     }
     StatementHandle statement(raw);
@@ -101,7 +118,8 @@ void runPragma(sqlite3* database, const char* pragma, ProblemReport& problems, R
     }
     if (result != SQLITE_DONE) {
         refuseBusy(database, result);
-        problems.add(fmt::format("{} stopped: {}", pragma, sqlite3_errmsg(database)));
+        const std::string message = sqlite3_errmsg(database);
+        problems.addNamingDamage(fmt::format("{} stopped: {}", pragma, message), message);
     }
 }
 
@@ -115,7 +133,7 @@ void checkDatabase(const std::string& path, ProblemReport& problems) {
         std::istringstream lines(columnText(row, 0));
         for (std::string line; std::getline(lines, line);) {
             if (line != "ok" && line.rfind("*** in database", 0) != 0) {
-                problems.add("integrity_check: " + line);
+                problems.addDamage("integrity_check: " + line);
             }
         }
     });
@@ -226,8 +244,8 @@ std::size_t probeBeyondIndex(const SqliteLogFile& file, int32_t lastListedId, Pr
     int32_t unreadableFrom = 0;
     auto closeUnreadable = [&](int32_t before) {
         if (unreadableFrom != 0) {
-            problems.add(fmt::format("{}: cannot be read (a damaged page hides them from the index)",
-                                     idRangeText(unreadableFrom, before)));
+            problems.addDamage(fmt::format("{}: cannot be read (a damaged page hides them from the index)",
+                                           idRangeText(unreadableFrom, before)));
             unreadableFrom = 0;
         }
     };
@@ -240,7 +258,7 @@ std::size_t probeBeyondIndex(const SqliteLogFile& file, int32_t lastListedId, Pr
                 break;
             case Probe::Damaged:
                 closeUnreadable(id - 1);
-                problems.add(fmt::format("entry {}: {}", id, reason));
+                problems.addDamage(fmt::format("entry {}: {}", id, reason));
                 break;
             case Probe::Missing:
                 unreadableFrom = unreadableFrom != 0 ? unreadableFrom : id;
@@ -278,18 +296,18 @@ std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems) {
                 ++readable;
             },
             [&](const DamagedEntry& damaged) {
-                problems.add(fmt::format("entry {}: {}", damaged.entryId, damaged.reason));
+                problems.addDamage(fmt::format("entry {}: {}", damaged.entryId, damaged.reason));
             });
         // The count was taken first: entries that a writer appended since can
         // only make the index longer. A shorter index hides entries.
         if (counted >= 0 && scanner.selectedCount() < static_cast<std::size_t>(counted)) {
-            problems.add(fmt::format("the entry index lists {} entries but the file counts {}",
-                                     scanner.selectedCount(), counted));
+            problems.addDamage(fmt::format("the entry index lists {} entries but the file counts {}",
+                                           scanner.selectedCount(), counted));
             const std::vector<int32_t>& ids = scanner.selectedIds();
             readable += probeBeyondIndex(file, ids.empty() ? 0 : ids.back(), problems);
         }
     } catch (const std::exception& error) {
-        problems.add(fmt::format("cannot read the entry index: {}", error.what()));
+        problems.addDamage(fmt::format("cannot read the entry index: {}", error.what()));
     }
     return readable;
 }
@@ -338,7 +356,7 @@ std::unique_ptr<SqliteLogFile> openForCheck(const std::string& path, ProblemRepo
     try {
         return std::make_unique<SqliteLogFile>(SqliteLogFile::openReadOnly(path));
     } catch (const std::exception& error) {
-        problems.add(fmt::format("cannot open as a log file: {}", error.what()));
+        problems.addNamingDamage(fmt::format("cannot open as a log file: {}", error.what()), error.what());
         return nullptr;
     }
 }
@@ -346,6 +364,9 @@ std::unique_ptr<SqliteLogFile> openForCheck(const std::string& path, ProblemRepo
 int finishReport(const std::string& path, const ProblemReport& problems) {
     if (problems.count() != 0) {
         fmt::print("{} problem{} found in {}\n", problems.count(), problems.count() == 1 ? "" : "s", path);
+        if (problems.foundDamage()) {
+            fmt::print("hint: mvlog recover {} -o NEW salvages what is intact\n", path);
+        }
         return 1;
     }
     fmt::print("OK\n");

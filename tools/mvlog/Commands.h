@@ -110,6 +110,12 @@ struct CheckOptions {
 };
 int runCheck(const CheckOptions& options);
 
+struct RecoverOptions {
+    std::string file;
+    std::string output;
+};
+int runRecover(const RecoverOptions& options);
+
 struct IndexOptions {
     std::string file;
 };

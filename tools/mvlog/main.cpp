@@ -271,6 +271,19 @@ void addCheck(CLI::App& app, Subcommands& subcommands) {
     subcommands.add(check, [options] { return runCheck(*options); });
 }
 
+void addRecover(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<RecoverOptions>();
+    CLI::App* recover = app.add_subcommand(
+        "recover",
+        "Salvage a damaged log file into a new one: every entry whose stored bytes are intact keeps its id, "
+        "with the readable data sources, properties, metadata, resources and bookmarks; prints what came "
+        "back and the ids that did not. DAMAGED (and its journal) is only read. Exit 0 when something was "
+        "recovered, 1 otherwise");
+    recover->add_option("DAMAGED", options->file, "Damaged log file (never changed)")->required();
+    recover->add_option("-o,--output", options->output, "New log file (must not exist)")->required();
+    subcommands.add(recover, [options] { return runRecover(*options); });
+}
+
 void addIndex(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<IndexOptions>();
     CLI::App* index = app.add_subcommand(
@@ -318,6 +331,7 @@ int main(int argc, char** argv) {
     addPlay(app, subcommands);
     addBookmarks(app, subcommands);
     addCheck(app, subcommands);
+    addRecover(app, subcommands);
     addIndex(app, subcommands);
     addDemo(app, subcommands);
 

@@ -1,0 +1,1049 @@
+#include <logging/Recover.h>
+
+#include "derive/PendingOutput.h"
+#include "model/FixedMetadataKeys.h"
+#include "recover/PageScanner.h"
+#include "sqlite/ReturnPropertyValueVisitor.h"
+#include "sqlite/StoreAccess.h"
+
+#include <logging/SqliteLogFile.h>
+
+#include <core/Chrono.h>
+#include <core/Compression.h>
+#include <database/SqliteDatabase.h>
+#include <database/SqliteQuery.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace Marivane::Logging::Algorithms {
+
+namespace {
+
+using Database::SqliteDatabase;
+using Database::SqliteQuery;
+using Recovery::PageScanner;
+using Recovery::RecordValue;
+using Recovery::ScannedCell;
+using Kind = Recovery::RecordValue::Kind;
+
+constexpr std::size_t kBatchEntries = 4096;
+constexpr std::size_t kBatchBytes = 64 * 1024 * 1024;
+constexpr uint64_t kProgressEvery = 1024;
+// Rowids of the log tables stay within 32 bits (entry ids are int32_t, data
+// source ids int8_t); probing past damage never looks beyond.
+constexpr int64_t kLowestRowid = std::numeric_limits<int32_t>::min();
+constexpr int64_t kHighestRowid = std::numeric_limits<int32_t>::max();
+// Payloads looked at to tell compressed files from uncompressed ones when
+// the metadata that says so is lost.
+constexpr int kCompressionSamples = 64;
+
+// ---- the damaged file's bytes, copied where SQLite may work on them --------
+
+// SQLite may have to apply a hot journal or a write-ahead log before it can
+// read a file, which writes to the file and removes the side files. The
+// damaged file and its side files are therefore copied into a private
+// directory beside the output, and only the copies are opened.
+class Snapshot {
+public:
+    Snapshot(const std::filesystem::path& damaged, const std::filesystem::path& output) {
+        std::error_code error;
+        if (!std::filesystem::is_regular_file(damaged, error)) {
+            throw std::runtime_error("Cannot read '" + damaged.string() + "': it is missing or not a regular file.");
+        }
+        static std::atomic<unsigned> counter{0};
+        const std::filesystem::path parent = output.parent_path();
+        for (;;) {
+            std::string name = ".";
+            name += output.filename().string();
+            name += ".salvage-";
+            name += std::to_string(::getpid());
+            name += '-';
+            name += std::to_string(counter++);
+            directory_ = parent / name;
+            if (std::filesystem::create_directory(directory_, error)) {
+                break;
+            }
+            if (error) {
+                throw std::runtime_error("Cannot write '" + output.string() + "': " + error.message());
+            }
+        }
+        path_ = directory_ / "damaged.log";
+        copy(damaged, path_, output);
+        for (const char* suffix : {"-journal", "-wal"}) {
+            const std::filesystem::path side = damaged.string() + suffix;
+            if (std::filesystem::is_regular_file(side, error)) {
+                copy(side, path_.string() + suffix, output);
+            }
+        }
+    }
+    ~Snapshot() {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
+    }
+    Snapshot(const Snapshot&) = delete;
+    Snapshot& operator=(const Snapshot&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    void copy(const std::filesystem::path& from, const std::filesystem::path& to,
+              const std::filesystem::path& output) {
+        std::error_code error;
+        if (!std::filesystem::copy_file(from, to, error)) {
+            std::error_code ignored;
+            std::filesystem::remove_all(directory_, ignored);
+            throw std::runtime_error("Cannot copy '" + from.string() + "' beside '" + output.string() +
+                                     "' to salvage it: " + error.message());
+        }
+    }
+
+    std::filesystem::path directory_;
+    std::filesystem::path path_;
+};
+
+// ---- rows as they are found, before they are written ------------------------
+
+struct MetadataRow {
+    std::string key;
+    PropertyValue value;
+};
+
+struct ResourceRow {
+    std::string name;
+    ByteBuffer stored;
+};
+
+struct BookmarkRow {
+    int64_t entryId = 0;
+    std::string title;
+    std::string comments;
+    std::optional<ByteBuffer> stored;
+};
+
+// The small tables, by rowid; a rowid read through SQLite is never replaced
+// by one found in the pages.
+struct SmallTables {
+    std::map<int64_t, DataSource> sources;
+    std::map<int64_t, DataSourceProperty> properties;
+    std::map<int64_t, MetadataRow> metadata;
+    std::map<int64_t, ResourceRow> resources;
+    std::map<int64_t, BookmarkRow> bookmarks;
+    // Rows seen whose bytes are damaged, by table.
+    std::set<int64_t> damagedSources, damagedProperties, damagedMetadata, damagedResources, damagedBookmarks;
+    bool sourcesClean = false;
+    bool propertiesClean = false;
+    bool metadataClean = false;
+    bool resourcesClean = false;
+    bool bookmarksClean = false;
+
+    bool allClean() const {
+        return sourcesClean && propertiesClean && metadataClean && resourcesClean && bookmarksClean;
+    }
+
+    const PropertyValue* metadataValue(const std::string& key) const {
+        for (const auto& [rowid, row] : metadata) {
+            if (row.key == key) {
+                return &row.value;
+            }
+        }
+        return nullptr;
+    }
+    std::optional<int64_t> metadataInteger(const std::string& key) const {
+        const PropertyValue* value = metadataValue(key);
+        if (value == nullptr) {
+            return std::nullopt;
+        }
+        if (const auto* wide = std::get_if<int64_t>(value)) {
+            return *wide;
+        }
+        if (const auto* narrow = std::get_if<int32_t>(value)) {
+            return *narrow;
+        }
+        return std::nullopt;
+    }
+    std::string metadataText(const std::string& key) const {
+        const PropertyValue* value = metadataValue(key);
+        const auto* text = value != nullptr ? std::get_if<std::string>(value) : nullptr;
+        return text != nullptr ? *text : std::string();
+    }
+};
+
+std::string textOf(const ByteBuffer& bytes) {
+    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+bool fitsDataSourceId(int64_t id) {
+    return id >= std::numeric_limits<int8_t>::min() && id <= std::numeric_limits<int8_t>::max();
+}
+
+bool fitsInt32(int64_t value) {
+    return value >= std::numeric_limits<int32_t>::min() && value <= std::numeric_limits<int32_t>::max();
+}
+
+// ---- reading through SQLite, past damaged pages ----------------------------
+
+// Reads a table in rowid order. SQLite stops at the first page it cannot
+// read, and a scan started again just after the last good row descends to
+// the same page; so the start moves ahead in doubling steps until a scan can
+// begin, then back by halves to the first start that still can, which is
+// just past the damaged subtree. Whatever SQLite cannot reach this way is
+// left to the page scan.
+class ResilientTableReader {
+public:
+    using RowHandler = std::function<void(const SqliteQuery& query, int64_t rowid)>;
+
+    ResilientTableReader(const SqliteDatabase& database, const std::string& table, const std::string& columns)
+        : database_(database),
+          sql_("SELECT rowid, " + columns + " FROM " + table + " WHERE rowid >= :from ORDER BY rowid;") {}
+
+    // True when the table was read to its end without a failure.
+    bool read(const RowHandler& onRow) {
+        bool clean = true;
+        int64_t from = kLowestRowid;
+        for (;;) {
+            int64_t lastRead = from - 1;
+            const Outcome outcome = readFrom(from, onRow, lastRead);
+            if (outcome == Outcome::Done) {
+                return clean;
+            }
+            clean = false;
+            if (outcome == Outcome::Unusable) {
+                return false;
+            }
+            const std::optional<int64_t> next = nextReadableStart(std::max(lastRead + 1, from));
+            if (!next) {
+                return false;
+            }
+            from = *next;
+        }
+    }
+
+private:
+    enum class Outcome { Done, Failed, Unusable };
+
+    Outcome readFrom(int64_t from, const RowHandler& onRow, int64_t& lastRead) {
+        try {
+            SqliteQuery query(database_, sql_);
+            query.bindParameter(":from", from);
+            for (;;) {
+                const int32_t step = query.executeStep();
+                if (step == Database::StepDone) {
+                    return Outcome::Done;
+                }
+                if (step != Database::StepRow) {
+                    return Outcome::Failed;
+                }
+                const std::optional<int64_t> rowid = query.getIntegerFromColumn(0);
+                if (!rowid || *rowid <= lastRead) {
+                    return Outcome::Failed;
+                }
+                lastRead = *rowid;
+                onRow(query, *rowid);
+            }
+        } catch (const std::exception&) {
+            // The statement cannot even be prepared: the schema is lost.
+            return Outcome::Unusable;
+        }
+    }
+
+    // A first step from `from`: true unless it fails.
+    bool canStartAt(int64_t from) {
+        try {
+            SqliteQuery query(database_, sql_);
+            query.bindParameter(":from", from);
+            return query.executeStep() != Database::StepFailed;
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+
+    std::optional<int64_t> nextReadableStart(int64_t failingStart) {
+        int64_t failing = failingStart;
+        int64_t step = 1;
+        int64_t working = 0;
+        for (;;) {
+            const int64_t probe = failing + step;
+            if (probe > kHighestRowid) {
+                return std::nullopt;
+            }
+            if (canStartAt(probe)) {
+                working = probe;
+                break;
+            }
+            failing = probe;
+            step *= 2;
+        }
+        while (working - failing > 1) {
+            const int64_t middle = failing + (working - failing) / 2;
+            if (canStartAt(middle)) {
+                working = middle;
+            } else {
+                failing = middle;
+            }
+        }
+        return working;
+    }
+
+    const SqliteDatabase& database_;
+    std::string sql_;
+};
+
+std::optional<PropertyValue> propertyValueOf(const SqliteQuery& query, int column) {
+    Database::ColumnValue value = query.getValueFromColumn(column);
+    if (!value) {
+        return std::nullopt;
+    }
+    return std::visit(Database::ReturnPropertyValueVisitor{}, *value);
+}
+
+std::optional<std::string> textColumn(const SqliteQuery& query, int column) {
+    Database::ColumnValue value = query.getValueFromColumn(column);
+    if (!value) {
+        return std::nullopt;
+    }
+    if (auto* text = std::get_if<std::string>(&*value)) {
+        return std::move(*text);
+    }
+    return std::nullopt;
+}
+
+std::optional<ByteBuffer> bytesColumn(const SqliteQuery& query, int column) {
+    const std::optional<SqliteQuery::BorrowedBytes> bytes = query.borrowBytesFromColumn(column);
+    if (!bytes) {
+        return std::nullopt;
+    }
+    return ByteBuffer(bytes->data, bytes->data + bytes->size);
+}
+
+void readSmallTablesWithSqlite(const SqliteDatabase& database, SmallTables& tables) {
+    tables.sourcesClean = ResilientTableReader(database, "dataSources", "dataSourceType, dataSourceName")
+                              .read([&](const SqliteQuery& query, int64_t rowid) {
+                                  const std::optional<int64_t> type = query.getIntegerFromColumn(1);
+                                  std::optional<std::string> name = textColumn(query, 2);
+                                  if (!fitsDataSourceId(rowid) || !type || !fitsInt32(*type) || !name) {
+                                      tables.damagedSources.insert(rowid);
+                                      return;
+                                  }
+                                  tables.sources[rowid] =
+                                      DataSource{static_cast<int8_t>(rowid),
+                                                 static_cast<MV_LogDataSourceType>(*type), std::move(*name)};
+                              });
+    tables.propertiesClean =
+        ResilientTableReader(database, "dataSourceProperties", "dataSourceId, key, value")
+            .read([&](const SqliteQuery& query, int64_t rowid) {
+                const std::optional<int64_t> source = query.getIntegerFromColumn(1);
+                std::optional<std::string> key = textColumn(query, 2);
+                std::optional<PropertyValue> value = propertyValueOf(query, 3);
+                if (!source || !fitsDataSourceId(*source) || !key || !value) {
+                    tables.damagedProperties.insert(rowid);
+                    return;
+                }
+                tables.properties[rowid] =
+                    DataSourceProperty{static_cast<int8_t>(*source), std::move(*key), std::move(*value)};
+            });
+    tables.metadataClean = ResilientTableReader(database, "metadata", "key, value")
+                               .read([&](const SqliteQuery& query, int64_t rowid) {
+                                   std::optional<std::string> key = textColumn(query, 1);
+                                   std::optional<PropertyValue> value = propertyValueOf(query, 2);
+                                   if (!key || !value) {
+                                       tables.damagedMetadata.insert(rowid);
+                                       return;
+                                   }
+                                   tables.metadata[rowid] = MetadataRow{std::move(*key), std::move(*value)};
+                               });
+    tables.resourcesClean =
+        ResilientTableReader(database, "resources", "name, payload")
+            .read([&](const SqliteQuery& query, int64_t rowid) {
+                std::optional<std::string> name = textColumn(query, 1);
+                std::optional<ByteBuffer> stored = bytesColumn(query, 2);
+                if (!name || !stored) {
+                    tables.damagedResources.insert(rowid);
+                    return;
+                }
+                tables.resources[rowid] = ResourceRow{std::move(*name), std::move(*stored)};
+            });
+    // Files older than format version 4 have no payload column; their
+    // bookmarks are read without it.
+    const bool withPayload = [&] {
+        try {
+            SqliteQuery probe(database, "SELECT payload FROM bookmarks LIMIT 0;");
+            return true;
+        } catch (const std::exception&) {
+            return false;
+        }
+    }();
+    tables.bookmarksClean =
+        ResilientTableReader(database, "bookmarks",
+                             withPayload ? "entryId, title, comments, payload" : "entryId, title, comments")
+            .read([&](const SqliteQuery& query, int64_t rowid) {
+                const std::optional<int64_t> entryId = query.getIntegerFromColumn(1);
+                std::optional<std::string> title = textColumn(query, 2);
+                if (!entryId || !fitsInt32(*entryId) || !title) {
+                    tables.damagedBookmarks.insert(rowid);
+                    return;
+                }
+                BookmarkRow row{*entryId, std::move(*title), textColumn(query, 3).value_or(std::string()),
+                                std::nullopt};
+                if (withPayload) {
+                    row.stored = bytesColumn(query, 4);
+                }
+                tables.bookmarks[rowid] = std::move(row);
+            });
+}
+
+// ---- recognising records in raw pages ---------------------------------------
+
+// Each log table's records have a shape of their own: the number of columns
+// and their kinds. An INTEGER PRIMARY KEY column is stored as NULL in the
+// record (its value is the rowid), which tells data and dataSources apart
+// from tables with an ordinary integer first column.
+enum class Shape { Other, Data, DataSource, Property, Metadata, Resource, Bookmark };
+
+bool isValueKind(Kind kind) {
+    return kind == Kind::Integer || kind == Kind::Real || kind == Kind::Text;
+}
+
+Shape shapeOf(const std::vector<uint64_t>& serialTypes) {
+    std::vector<Kind> kinds;
+    kinds.reserve(serialTypes.size());
+    for (const uint64_t type : serialTypes) {
+        kinds.push_back(Recovery::kindOfSerialType(type));
+    }
+    if (kinds.size() == 6 && kinds[0] == Kind::Null && kinds[1] == Kind::Integer &&
+        kinds[2] == Kind::Integer && kinds[3] == Kind::Integer && kinds[4] == Kind::Integer &&
+        kinds[5] == Kind::Blob) {
+        return Shape::Data;
+    }
+    if (kinds.size() == 3 && kinds[0] == Kind::Null && kinds[1] == Kind::Integer && kinds[2] == Kind::Text) {
+        return Shape::DataSource;
+    }
+    if (kinds.size() == 3 && kinds[0] == Kind::Integer && kinds[1] == Kind::Text && isValueKind(kinds[2])) {
+        return Shape::Property;
+    }
+    if (kinds.size() == 2 && kinds[0] == Kind::Text && isValueKind(kinds[1])) {
+        return Shape::Metadata;
+    }
+    if (kinds.size() == 2 && kinds[0] == Kind::Text && kinds[1] == Kind::Blob) {
+        return Shape::Resource;
+    }
+    if (kinds.size() == 4 && kinds[0] == Kind::Integer && kinds[1] == Kind::Text &&
+        (kinds[2] == Kind::Text || kinds[2] == Kind::Null) &&
+        (kinds[3] == Kind::Blob || kinds[3] == Kind::Null)) {
+        return Shape::Bookmark;
+    }
+    return Shape::Other;
+}
+
+PropertyValue propertyValueOf(const RecordValue& value) {
+    switch (value.kind) {
+        case Kind::Integer:
+            return value.integer;
+        case Kind::Real:
+            return value.real;
+        default:
+            return textOf(value.bytes);
+    }
+}
+
+// Adds what a cell holds to the tables whose SQLite read was incomplete.
+void takeSmallTableCell(const ScannedCell& cell, Shape shape, SmallTables& tables) {
+    auto take = [&](bool clean, auto& rows, std::set<int64_t>& damaged, auto makeRow) {
+        if (clean || rows.count(cell.rowid) != 0) {
+            return;
+        }
+        if (!cell.complete || cell.values.empty()) {
+            damaged.insert(cell.rowid);
+            return;
+        }
+        damaged.erase(cell.rowid);
+        makeRow();
+    };
+    const std::vector<RecordValue>& v = cell.values;
+    switch (shape) {
+        case Shape::DataSource:
+            if (fitsDataSourceId(cell.rowid)) {
+                take(tables.sourcesClean, tables.sources, tables.damagedSources, [&] {
+                    if (fitsInt32(v[1].integer)) {
+                        tables.sources[cell.rowid] =
+                            DataSource{static_cast<int8_t>(cell.rowid),
+                                       static_cast<MV_LogDataSourceType>(v[1].integer), textOf(v[2].bytes)};
+                    }
+                });
+            }
+            break;
+        case Shape::Property:
+            take(tables.propertiesClean, tables.properties, tables.damagedProperties, [&] {
+                if (fitsDataSourceId(v[0].integer)) {
+                    tables.properties[cell.rowid] = DataSourceProperty{
+                        static_cast<int8_t>(v[0].integer), textOf(v[1].bytes), propertyValueOf(v[2])};
+                }
+            });
+            break;
+        case Shape::Metadata:
+            take(tables.metadataClean, tables.metadata, tables.damagedMetadata, [&] {
+                tables.metadata[cell.rowid] = MetadataRow{textOf(v[0].bytes), propertyValueOf(v[1])};
+            });
+            break;
+        case Shape::Resource:
+            take(tables.resourcesClean, tables.resources, tables.damagedResources, [&] {
+                tables.resources[cell.rowid] = ResourceRow{textOf(v[0].bytes), v[1].bytes};
+            });
+            break;
+        case Shape::Bookmark:
+            take(tables.bookmarksClean, tables.bookmarks, tables.damagedBookmarks, [&] {
+                if (fitsInt32(v[0].integer)) {
+                    BookmarkRow row{v[0].integer, textOf(v[1].bytes), textOf(v[2].bytes), std::nullopt};
+                    if (v[3].kind == Kind::Blob) {
+                        row.stored = v[3].bytes;
+                    }
+                    tables.bookmarks[cell.rowid] = std::move(row);
+                }
+            });
+            break;
+        default:
+            break;
+    }
+}
+
+// Votes on whether payloads are compressed, for a file whose metadata no
+// longer says.
+struct CompressionVote {
+    int frames = 0;
+    int plain = 0;
+    void add(const std::byte* payload, std::size_t size) {
+        if (Compression::startsWithFrame(payload, size)) {
+            ++frames;
+        } else {
+            ++plain;
+        }
+    }
+    bool full() const { return frames + plain >= kCompressionSamples; }
+};
+
+// ---- the entries ------------------------------------------------------------
+
+// One data row as found, its payload borrowed.
+struct FoundEntry {
+    int64_t entryId;
+    int64_t timestamp;
+    int64_t type;
+    int64_t dataSourceId;
+    int64_t length;
+    const std::byte* payload;
+    std::size_t size;
+};
+
+class Salvage {
+public:
+    Salvage(const std::filesystem::path& damaged, const std::filesystem::path& output,
+            const RecoverOptions& options)
+        : damaged_(damaged), pending_(output), snapshot_(damaged, output), options_(options) {}
+
+    RecoveryReport run() {
+        openWithSqlite();
+        if (database_) {
+            readSmallTablesWithSqlite(*database_, tables_);
+        }
+        decideCompression();
+        scanPagesForSmallTables();
+        finishCompressionDecision();
+        {
+            SqliteLogFile file = createOutput();
+            output_ = &file;
+            writeMetadata();
+            writeDataSources();
+            const bool sqliteReadEveryEntry = copyEntriesWithSqlite();
+            if (!sqliteReadEveryEntry || !compressed_) {
+                scanPagesForEntries(sqliteReadEveryEntry);
+            }
+            commitBatch();
+            writeProperties();
+            writeResources();
+            writeBookmarks();
+            commitBatch();
+            summariseEntries();
+            pending_.checkEntryCount(file, report_.entriesRecovered);
+            output_ = nullptr;
+        }
+        database_.reset();
+        pending_.commit();
+        return report_;
+    }
+
+private:
+    // ---- reading ----
+
+    void openWithSqlite() {
+        try {
+            database_ = std::make_unique<SqliteDatabase>(snapshot_.path().string(), Database::OpenReadWrite);
+            // The first read applies a hot journal; with a write-ahead log,
+            // the checkpoint brings its frames into the copy, where the page
+            // scan sees them too. Either may fail on a damaged file.
+            (void)database_->execute("SELECT COUNT(*) FROM sqlite_master;");
+            (void)database_->execute("PRAGMA wal_checkpoint(TRUNCATE);");
+        } catch (const std::exception& error) {
+            database_.reset();
+            report_.notes.push_back(std::string("SQLite cannot open the file: ") + error.what());
+        }
+    }
+
+    void decideCompression() {
+        const std::optional<int64_t> level = tables_.metadataInteger("compressionLevel");
+        if (level && *level >= -1 && *level <= 9) {
+            level_ = static_cast<int8_t>(*level);
+            levelKnown_ = true;
+            compressed_ = level_ != 0;
+        }
+        const std::optional<int64_t> version = tables_.metadataInteger("logVersion");
+        logVersion_ = version.value_or(4);
+    }
+
+    PageScanner& scanner() {
+        if (!scanner_) {
+            scanner_ = std::make_unique<PageScanner>(snapshot_.path());
+        }
+        return *scanner_;
+    }
+
+    void scanPagesForSmallTables() {
+        if (tables_.allClean() && levelKnown_) {
+            return;
+        }
+        report_.pagesScanned = true;
+        CompressionVote& vote = vote_;
+        scanner().forEachCell(
+            [&](const ScannedCell& header) {
+                const Shape shape = shapeOf(header.serialTypes);
+                if (shape == Shape::Data) {
+                    return !levelKnown_ && !vote.full();
+                }
+                return shape != Shape::Other;
+            },
+            [&](const ScannedCell& cell) {
+                const Shape shape = shapeOf(cell.serialTypes);
+                if (shape == Shape::Data) {
+                    if (cell.complete && !cell.values.empty()) {
+                        vote.add(cell.values[5].bytes.data(), cell.values[5].bytes.size());
+                    }
+                    return;
+                }
+                takeSmallTableCell(cell, shape, tables_);
+            });
+    }
+
+    void finishCompressionDecision() {
+        if (levelKnown_) {
+            return;
+        }
+        decideCompression();
+        if (levelKnown_) {
+            return;
+        }
+        compressed_ = vote_.frames > vote_.plain;
+        level_ = compressed_ ? int8_t{-1} : int8_t{0};
+        report_.notes.push_back(std::string("The compression level is lost; payloads look ") +
+                                (compressed_ ? "compressed, so the new file uses the default level."
+                                             : "uncompressed, so the new file stores them as they are."));
+    }
+
+    // Whether a payload's stored bytes are intact, as far as they can tell:
+    // a compressed frame carries a checksum of its content; an uncompressed
+    // payload only its length in the row.
+    bool intact(const FoundEntry& entry) {
+        if (entry.entryId < 1 || entry.entryId > kHighestRowid || !fitsInt32(entry.type) ||
+            !fitsDataSourceId(entry.dataSourceId)) {
+            return false;
+        }
+        if (!compressed_) {
+            return entry.length == static_cast<int64_t>(entry.size);
+        }
+        try {
+            Compression::uncompressInto(entry.payload, entry.size, scratch_);
+            return true;
+        } catch (const Compression::CompressionError&) {
+            return false;
+        }
+    }
+
+    // ---- writing ----
+
+    SqliteLogFile createOutput() {
+        const std::optional<int64_t> created = tables_.metadataInteger("createdDateTime");
+        try {
+            return SqliteLogFile(pending_.temporaryPath().string(), tables_.metadataText("currentTimeZone"),
+                                 options_.applicationName, options_.applicationVersion, level_,
+                                 created.value_or(Chrono::msSinceUnixEpoch()), Durability::Fast);
+        } catch (const std::exception& error) {
+            throw std::runtime_error("Cannot write '" + pending_.finalPath().string() + "': " + error.what());
+        }
+    }
+
+    [[noreturn]] void throwWriteFailure(const std::string& what) const {
+        throw std::runtime_error("Cannot write '" + pending_.finalPath().string() + "': " + what +
+                                 " failed: " + output_->getLastError());
+    }
+
+    void beginBatch() {
+        if (!batch_) {
+            batch_.emplace(output_->beginBatch());
+        }
+    }
+
+    void commitBatch() {
+        if (batch_ && !batch_->commit()) {
+            throwWriteFailure("committing");
+        }
+        batch_.reset();
+        entriesInBatch_ = 0;
+        bytesInBatch_ = 0;
+    }
+
+    void writeMetadata() {
+        beginBatch();
+        for (const char* key : {"applicationName", "applicationVersion"}) {
+            const PropertyValue* old = tables_.metadataValue(key);
+            const std::string history =
+                std::string("old") + static_cast<char>(key[0] - 'a' + 'A') + (key + 1);
+            if (old != nullptr && tables_.metadataValue(history) == nullptr) {
+                const std::string newValue = std::string(key) == "applicationName"
+                                                 ? options_.applicationName
+                                                 : options_.applicationVersion;
+                if (const auto* text = std::get_if<std::string>(old); text == nullptr || *text != newValue) {
+                    (void)output_->addMetadata(history, *old);
+                }
+            }
+        }
+        std::set<std::string> fixedFound;
+        for (const auto& [rowid, row] : tables_.metadata) {
+            ++report_.metadataRecovered;
+            if (std::find(kFixedMetadataKeys.begin(), kFixedMetadataKeys.end(), row.key) !=
+                kFixedMetadataKeys.end()) {
+                fixedFound.insert(row.key);
+                continue;
+            }
+            // A key found twice (a stale copy in the pages) is written once.
+            (void)output_->addMetadata(row.key, row.value);
+        }
+        report_.metadataLost =
+            tables_.damagedMetadata.size() + (kFixedMetadataKeys.size() - fixedFound.size());
+        commitBatch();
+    }
+
+    void writeDataSources() {
+        beginBatch();
+        for (const auto& [rowid, source] : tables_.sources) {
+            if (!output_->addDataSource(source)) {
+                throwWriteFailure("adding data source '" + source.name + "'");
+            }
+            knownSources_.insert(source.id);
+            ++report_.dataSourcesRecovered;
+        }
+        commitBatch();
+    }
+
+    // Entries and properties of a data source that was lost still need one:
+    // a stand-in keeps them.
+    void ensureDataSource(int8_t id) {
+        if (knownSources_.count(id) != 0) {
+            return;
+        }
+        const DataSource standIn{id, MV_LogDataSourceType_Generic,
+                                 "recovered data source " + std::to_string(id)};
+        if (!output_->addDataSource(standIn)) {
+            throwWriteFailure("adding data source " + std::to_string(id));
+        }
+        knownSources_.insert(id);
+        ++report_.dataSourcesRecreated;
+    }
+
+    void writeEntry(const FoundEntry& entry) {
+        beginBatch();
+        const auto source = static_cast<int8_t>(entry.dataSourceId);
+        ensureDataSource(source);
+        entryBytes_.assign(entry.payload, entry.payload + entry.size);
+        if (!StoreAccess::of(*output_).insertStoredEntryWithId(
+                static_cast<int32_t>(entry.entryId), entry.timestamp, static_cast<int32_t>(entry.type),
+                source, entryBytes_)) {
+            throwWriteFailure("writing entry " + std::to_string(entry.entryId));
+        }
+        ++report_.entriesRecovered;
+        bytesInBatch_ += entry.size;
+        if (++entriesInBatch_ == kBatchEntries || bytesInBatch_ >= kBatchBytes) {
+            commitBatch();
+        }
+        if (options_.progress && report_.entriesRecovered % kProgressEvery == 0) {
+            options_.progress(report_.entriesRecovered);
+        }
+    }
+
+    // Answers whether SQLite read every row of the data table.
+    bool copyEntriesWithSqlite() {
+        if (!database_) {
+            return false;
+        }
+        ResilientTableReader reader(*database_, "data", "timestamp, type, dataSourceId, length, payload");
+        const bool clean = reader.read([&](const SqliteQuery& query, int64_t rowid) {
+            std::array<SqliteQuery::RawColumn, 6> columns{};
+            query.readColumns(columns.data(), static_cast<int>(columns.size()));
+            const bool shaped = columns[1].isInteger && columns[2].isInteger && columns[3].isInteger &&
+                                columns[4].isInteger && columns[5].isBytes;
+            const FoundEntry entry{rowid,
+                                   columns[1].integer,
+                                   columns[2].integer,
+                                   columns[3].integer,
+                                   columns[4].integer,
+                                   shaped ? columns[5].bytes.data : nullptr,
+                                   shaped ? columns[5].bytes.size : 0};
+            if (!shaped || !intact(entry)) {
+                damagedIds_.insert(rowid);
+                return;
+            }
+            writeEntry(entry);
+            sqliteIds_.push_back(static_cast<int32_t>(rowid));
+        });
+        if (!clean) {
+            report_.notes.push_back(
+                "SQLite could not read every entry; the rest were searched for in the pages.");
+        }
+        try {
+            SqliteQuery highest(*database_, "SELECT MAX(entryId) FROM data;");
+            if (highest.executeStep() == Database::StepRow) {
+                highestSeenId_ = std::max(highestSeenId_, highest.getIntegerFromColumn(0).value_or(0));
+            }
+        } catch (const std::exception&) {
+            // The highest id then comes from what was found.
+        }
+        return clean;
+    }
+
+    bool readBySqlite(int64_t id) const {
+        return std::binary_search(sqliteIds_.begin(), sqliteIds_.end(), static_cast<int32_t>(id));
+    }
+
+    // Takes the entries SQLite could not reach from the pages; for
+    // uncompressed files also drops entries whose overflow chain runs
+    // through a zeroed page or past the end of the file, which SQLite reads
+    // back as zeros without complaint and no checksum would catch.
+    void scanPagesForEntries(bool sqliteReadEveryEntry) {
+        report_.pagesScanned = report_.pagesScanned || !sqliteReadEveryEntry;
+        std::set<int64_t> unsure;
+        scanner().forEachCell(
+            [&](const ScannedCell& header) { return shapeOf(header.serialTypes) == Shape::Data; },
+            [&](const ScannedCell& cell) {
+                if (shapeOf(cell.serialTypes) != Shape::Data) {
+                    return;
+                }
+                const bool sound =
+                    cell.complete && !cell.values.empty() && (compressed_ || !cell.zeroPageInChain);
+                if (readBySqlite(cell.rowid)) {
+                    if (!sound && !compressed_) {
+                        unsure.insert(cell.rowid);
+                    }
+                    return;
+                }
+                if (sqliteReadEveryEntry || pageIds_.count(cell.rowid) != 0) {
+                    return;
+                }
+                if (!sound) {
+                    damagedIds_.insert(cell.rowid);
+                    return;
+                }
+                const std::vector<RecordValue>& v = cell.values;
+                const FoundEntry entry{cell.rowid,   v[1].integer,      v[2].integer,     v[3].integer,
+                                       v[4].integer, v[5].bytes.data(), v[5].bytes.size()};
+                if (!intact(entry)) {
+                    damagedIds_.insert(cell.rowid);
+                    return;
+                }
+                writeEntry(entry);
+                pageIds_.insert(cell.rowid);
+                damagedIds_.erase(cell.rowid);
+            });
+        commitBatch();
+        dropUnsureEntries(unsure);
+    }
+
+    void dropUnsureEntries(const std::set<int64_t>& unsure) {
+        if (unsure.empty()) {
+            return;
+        }
+        beginBatch();
+        for (const int64_t id : unsure) {
+            SqliteQuery remove(StoreAccess::of(*output_).database, "DELETE FROM data WHERE entryId = :id;");
+            remove.bindParameter(":id", id);
+            if (remove.executeStep() != Database::StepDone) {
+                throwWriteFailure("dropping entry " + std::to_string(id));
+            }
+            damagedIds_.insert(id);
+            --report_.entriesRecovered;
+        }
+        commitBatch();
+        sqliteIds_.erase(std::remove_if(sqliteIds_.begin(), sqliteIds_.end(),
+                                        [&](int32_t id) { return unsure.count(id) != 0; }),
+                         sqliteIds_.end());
+        report_.notes.push_back(std::to_string(unsure.size()) +
+                                " uncompressed entries were dropped: their bytes run through pages that "
+                                "were zeroed or cut off.");
+    }
+
+    void writeProperties() {
+        beginBatch();
+        for (const auto& [rowid, property] : tables_.properties) {
+            ensureDataSource(property.dataSourceId);
+            if (!output_->addDataSourceProperty(property)) {
+                throwWriteFailure("adding property '" + property.propertyName + "'");
+            }
+            ++report_.propertiesRecovered;
+        }
+        report_.propertiesLost = tables_.damagedProperties.size();
+        commitBatch();
+    }
+
+    // The bytes an application wrote: expanded when `compressedForm` (the
+    // frame's checksum vouches for them), as stored otherwise; absent when a
+    // compressed form does not expand.
+    static std::optional<ByteBuffer> contentOf(const ByteBuffer& stored, bool compressedForm) {
+        if (!compressedForm) {
+            return stored;
+        }
+        try {
+            return Compression::uncompress(stored);
+        } catch (const Compression::CompressionError&) {
+            return std::nullopt;
+        }
+    }
+
+    // Resources are compressed when the format allows it (version 3 on) and
+    // the file compresses.
+    void writeResources() {
+        beginBatch();
+        const bool compressedResources = compressed_ && logVersion_ > 2;
+        std::set<std::string> names;
+        for (const auto& [rowid, resource] : tables_.resources) {
+            const std::optional<ByteBuffer> data = contentOf(resource.stored, compressedResources);
+            if (!data) {
+                ++report_.resourcesLost;
+                continue;
+            }
+            if (!names.insert(resource.name).second) {
+                continue;
+            }
+            if (!output_->addResource(resource.name, *data)) {
+                throwWriteFailure("adding resource '" + resource.name + "'");
+            }
+            ++report_.resourcesRecovered;
+        }
+        report_.resourcesLost += tables_.damagedResources.size();
+        commitBatch();
+    }
+
+    // Bookmark payloads are compressed from format version 4 on when the
+    // file compresses. A bookmark needs its entry: one whose entry was lost
+    // is lost with it.
+    void writeBookmarks() {
+        beginBatch();
+        const bool compressedPayloads = compressed_ && logVersion_ > 3;
+        for (const auto& [rowid, row] : tables_.bookmarks) {
+            Bookmark bookmark{static_cast<int32_t>(row.entryId), row.title, row.comments, ByteBuffer()};
+            if (row.stored && !row.stored->empty()) {
+                std::optional<ByteBuffer> payload = contentOf(*row.stored, compressedPayloads);
+                if (!payload) {
+                    ++report_.bookmarksLost;
+                    continue;
+                }
+                bookmark.payload = std::move(*payload);
+            }
+            const bool entryKept = readBySqlite(row.entryId) || pageIds_.count(row.entryId) != 0;
+            if (!entryKept || !output_->addBookmark(bookmark)) {
+                ++report_.bookmarksLost;
+                continue;
+            }
+            ++report_.bookmarksRecovered;
+        }
+        report_.bookmarksLost += tables_.damagedBookmarks.size();
+        commitBatch();
+    }
+
+    void summariseEntries() {
+        std::vector<int32_t> ids = sqliteIds_;
+        ids.insert(ids.end(), pageIds_.begin(), pageIds_.end());
+        std::sort(ids.begin(), ids.end());
+        ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+        int64_t highest = highestSeenId_;
+        if (!ids.empty()) {
+            highest = std::max<int64_t>(highest, ids.back());
+        }
+        if (!damagedIds_.empty()) {
+            highest = std::max(highest, *damagedIds_.rbegin());
+        }
+        int64_t next = 1;
+        auto lose = [&](int64_t first, int64_t last) {
+            if (first <= last) {
+                report_.lostEntryIds.push_back(EntryIdRange{first, last});
+                report_.entriesLost += static_cast<uint64_t>(last - first + 1);
+            }
+        };
+        for (const int32_t id : ids) {
+            if (id >= next) {
+                lose(next, int64_t{id} - 1);
+                next = int64_t{id} + 1;
+            }
+        }
+        lose(next, highest);
+        if (options_.progress) {
+            options_.progress(report_.entriesRecovered);
+        }
+    }
+
+    std::filesystem::path damaged_;
+    PendingOutput pending_;
+    Snapshot snapshot_;
+    const RecoverOptions& options_;
+    RecoveryReport report_;
+    std::unique_ptr<SqliteDatabase> database_;
+    std::unique_ptr<PageScanner> scanner_;
+    SmallTables tables_;
+    CompressionVote vote_;
+    bool levelKnown_ = false;
+    bool compressed_ = false;
+    int8_t level_ = 0;
+    int64_t logVersion_ = 4;
+
+    SqliteLogFile* output_ = nullptr;
+    std::optional<SqliteLogFile::WriteBatch> batch_;
+    std::size_t entriesInBatch_ = 0;
+    std::size_t bytesInBatch_ = 0;
+    std::set<int8_t> knownSources_;
+    ByteBuffer scratch_;
+    ByteBuffer entryBytes_;
+    // Ids written from SQLite's reads, ascending; ids written from the page
+    // scan; ids seen whose bytes are damaged.
+    std::vector<int32_t> sqliteIds_;
+    std::set<int64_t> pageIds_;
+    std::set<int64_t> damagedIds_;
+    int64_t highestSeenId_ = 0;
+};
+
+}  // namespace
+
+RecoveryReport recover(const std::filesystem::path& damaged, const std::filesystem::path& output,
+                       const RecoverOptions& options) {
+    Salvage salvage(damaged, output, options);
+    return salvage.run();
+}
+
+}  // namespace Marivane::Logging::Algorithms

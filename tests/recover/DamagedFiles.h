@@ -1,0 +1,56 @@
+#pragma once
+
+#include <logging/ByteBuffer.h>
+#include <logging/Durability.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace RecoverTest {
+
+using Marivane::Logging::ByteBuffer;
+
+// A healthy log file as written, with every payload kept for comparison.
+struct OriginalFile {
+    std::filesystem::path path;
+    int8_t level = 0;
+    // Entry id -> payload as the application wrote it.
+    std::map<int32_t, ByteBuffer> payloads;
+    // Entry id -> every page its stored bytes live on (leaf and overflow).
+    std::map<int32_t, std::vector<uint32_t>> pagesOf;
+    uint32_t pageSize = 0;
+    uint32_t pageCount = 0;
+};
+
+// Writes a log file of `entries` entries at `level` from three data sources
+// (with properties), small payloads and large ones that spill into overflow
+// pages, compressible and random; metadata, two resources and bookmarks.
+// Records where each entry's bytes lie, as the page scanner finds them.
+OriginalFile writeOriginal(const std::filesystem::path& path, int8_t level, int entries,
+                           std::mt19937& random);
+
+// The damage done to a copy: the pages it touched (a cut file counts every
+// page it no longer holds whole).
+struct Damage {
+    std::string kind;
+    std::set<uint32_t> pages;
+};
+
+// The kinds of damage the corpus applies, by index.
+inline constexpr int kDamageKinds = 9;
+
+// Copies `original` to `copy` and damages the copy by kind `kind`.
+Damage damageCopy(const OriginalFile& original, const std::filesystem::path& copy, int kind,
+                  std::mt19937& random);
+
+// Payloads of a log file by entry id, expanded.
+std::map<int32_t, ByteBuffer> readPayloads(const std::filesystem::path& path);
+
+ByteBuffer randomBytes(std::size_t size, std::mt19937& random);
+
+}  // namespace RecoverTest

@@ -1,0 +1,88 @@
+#include "Commands.h"
+#include "LogFileAccess.h"
+#include "Terminal.h"
+
+#include <logging/Recover.h>
+
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <string>
+
+namespace Mvlog {
+
+namespace {
+
+std::string idRunText(const Marivane::Logging::EntryIdRange& run) {
+    return run.first == run.last ? std::to_string(run.first) : fmt::format("{}-{}", run.first, run.last);
+}
+
+// Long lists of lost runs would bury the counts; the first ones show where
+// the damage lies, the count says how much there is.
+constexpr std::size_t kRunsShown = 20;
+
+void printReport(const Marivane::Logging::RecoveryReport& report, const std::string& output) {
+    fmt::print("entries: {} recovered, {} lost\n", report.entriesRecovered, report.entriesLost);
+    if (!report.lostEntryIds.empty()) {
+        std::string runs;
+        for (std::size_t i = 0; i < report.lostEntryIds.size() && i < kRunsShown; ++i) {
+            runs += i == 0 ? "" : ", ";
+            runs += idRunText(report.lostEntryIds[i]);
+        }
+        if (report.lostEntryIds.size() > kRunsShown) {
+            runs += fmt::format(", ... ({} runs in all)", report.lostEntryIds.size());
+        }
+        fmt::print("lost entry ids: {}\n", runs);
+    }
+    fmt::print("data sources: {} recovered", report.dataSourcesRecovered);
+    if (report.dataSourcesRecreated != 0) {
+        fmt::print(", {} recreated for entries whose data source was lost", report.dataSourcesRecreated);
+    }
+    fmt::print("\n");
+    fmt::print("properties: {} recovered, {} lost\n", report.propertiesRecovered, report.propertiesLost);
+    fmt::print("metadata: {} recovered, {} lost\n", report.metadataRecovered, report.metadataLost);
+    fmt::print("resources: {} recovered, {} lost\n", report.resourcesRecovered, report.resourcesLost);
+    fmt::print("bookmarks: {} recovered, {} lost\n", report.bookmarksRecovered, report.bookmarksLost);
+    for (const std::string& note : report.notes) {
+        fmt::print("note: {}\n", note);
+    }
+    fmt::print("written: {}\n", output);
+}
+
+}  // namespace
+
+int runRecover(const RecoverOptions& options) {
+    requireExistingFile(options.file);
+    if (somethingExistsAt(options.output)) {
+        throw ToolError(fmt::format("refused: {} already exists (recover never overwrites)", options.output));
+    }
+    Marivane::Logging::RecoverOptions salvage;
+    salvage.applicationName = kToolName;
+    salvage.applicationVersion = kToolVersion;
+    StatusLine status(stderr, isTerminal(stderr));
+    if (status.isLive()) {
+        salvage.progress = [&](uint64_t recovered) {
+            status.update(fmt::format("recovering: {} entries so far", recovered));
+        };
+    }
+    Marivane::Logging::RecoveryReport report;
+    try {
+        report = Marivane::Logging::Algorithms::recover(options.file, options.output, salvage);
+    } catch (const std::exception& error) {
+        status.finish();
+        throw ToolError(
+            fmt::format("recover failed: {} (nothing was written to {})", error.what(), options.output));
+    }
+    status.finish();
+    printReport(report, options.output);
+    const bool anything = report.entriesRecovered + report.dataSourcesRecovered + report.metadataRecovered +
+                              report.resourcesRecovered + report.bookmarksRecovered !=
+                          0;
+    if (!anything) {
+        fmt::print(stderr, "mvlog: nothing could be recovered from {}\n", options.file);
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace Mvlog
