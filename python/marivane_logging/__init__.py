@@ -35,6 +35,8 @@ compress and write)::
         rec.stats                            # RecorderStats(accepted=..., written=..., ...)
 
 Derived files: :func:`slice`, :func:`clone`, :func:`copy`, :func:`merge`.
+Salvage of a damaged file into a new one: :func:`recover`, which answers a
+:class:`RecoveryReport` of what came back and what was lost.
 Replay: :class:`Player`. Many files at once on Dask: :mod:`marivane_logging.dask`.
 Command line: ``python3 -m marivane_logging info FILE`` and
 ``python3 -m marivane_logging timeline FILE -o timeline.png``.
@@ -70,8 +72,8 @@ from ._player import Player, PlayerBookmark
 # Recording from many threads.
 from ._recorder import OverflowPolicy, Recorder, RecorderStats
 
-# Recovery, when the library offers it, belongs in its own module (_recover)
-# imported here beside the ones above.
+# Salvage of damaged files.
+from ._recover import RecoveryReport, recover
 
 __all__ = [
     "__version__",
@@ -89,6 +91,8 @@ __all__ = [
     "copy",
     "merge",
     "CopyReport",
+    "recover",
+    "RecoveryReport",
     "Player",
     "PlayerBookmark",
     "Pacing",

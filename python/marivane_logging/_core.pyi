@@ -2,7 +2,7 @@
 
 import datetime as _datetime
 import enum
-from typing import Any, Callable, Iterator, List, Optional, Sequence, Tuple, Union
+from typing import Any, Callable, Dict, Iterator, List, Optional, Sequence, Tuple, Union
 
 import numpy as np
 
@@ -136,6 +136,9 @@ def _merge(inputs: Sequence[str], output: str, first_id: int, last_id: int, star
            sources: List[int], types: List[int], source_types: List[int], compression_level: Optional[int],
            durability: Durability, application: str, version: str,
            progress: Optional[Callable[[int, int], Any]]) -> CopyReport: ...
+def _recover(damaged: str, output: str, application: str, version: str,
+             progress: Optional[Callable[[int], Any]]) -> Dict[str, Any]:
+    """Salvages `damaged` into `output`; answers the keyword arguments of marivane_logging.RecoveryReport."""
 
 class _Player:
     def __init__(self, path: str, callback: Callable[[int, Entry], Any], source_types: List[int], loop: bool,

@@ -3,6 +3,7 @@
 #include <database/DatabaseAccessError.h>
 #include <logging/Algorithms.h>
 #include <logging/Copy.h>
+#include <logging/Recover.h>
 
 #include <pybind11/stl.h>
 
@@ -32,9 +33,9 @@ int8_t compressionLevel(int level) {
     return static_cast<int8_t>(level);
 }
 
-// A Python progress callback called from the copy: the copy runs without the
-// GIL, so the callback takes it, and a Python exception stops the copy and is
-// raised again once the copy has unwound.
+// A Python progress callback called from a copy, merge or salvage: these run
+// without the GIL, so the callback takes it, and a Python exception stops the
+// work and is raised again once it has unwound.
 struct Progress {
     py::object callback;
     std::optional<py::error_already_set> error;
@@ -71,8 +72,10 @@ ml::CopyOptions makeOptions(int32_t firstId, int32_t lastId, int64_t startMs, in
     return options;
 }
 
+// Runs `run` without the GIL. The callback's exception comes back as itself,
+// the library's other failures as LogFileError with its message.
 template <typename Run>
-ml::CopyReport runCopy(Progress& progress, Run&& run) {
+auto runWithoutGil(Progress& progress, Run&& run) -> decltype(run()) {
     try {
         py::gil_scoped_release release;
         return run();
@@ -88,6 +91,59 @@ ml::CopyReport runCopy(Progress& progress, Run&& run) {
         }
         raiseError("LogFileError", error.what());
     }
+}
+
+ml::RecoverOptions makeRecoverOptions(const std::string& application, const std::string& version,
+                                      Progress& progress) {
+    ml::RecoverOptions options;
+    options.applicationName = application;
+    options.applicationVersion = version;
+    if (!progress.callback.is_none()) {
+        options.progress = [&progress](uint64_t recovered) {
+            // Once the callback has raised it is not called again: the
+            // salvage is on its way out.
+            if (progress.error) {
+                throw std::runtime_error("stopped by the progress callback");
+            }
+            py::gil_scoped_acquire acquire;
+            try {
+                progress.callback(recovered);
+            } catch (py::error_already_set& error) {
+                progress.error = error;
+                throw std::runtime_error("stopped by the progress callback");
+            }
+        };
+    }
+    return options;
+}
+
+// The report as keyword arguments of marivane_logging.RecoveryReport.
+py::dict reportFields(const ml::RecoveryReport& report) {
+    py::list lost;
+    for (const ml::EntryIdRange& range : report.lostEntryIds) {
+        lost.append(py::make_tuple(range.first, range.last));
+    }
+    py::list notes;
+    for (const std::string& note : report.notes) {
+        notes.append(py::str(note));
+    }
+    py::dict fields;
+    fields["entries_recovered"] = report.entriesRecovered;
+    fields["entries_lost"] = report.entriesLost;
+    fields["lost_entry_ids"] = lost;
+    fields["data_sources_recovered"] = report.dataSourcesRecovered;
+    fields["data_sources_recreated"] = report.dataSourcesRecreated;
+    fields["properties_recovered"] = report.propertiesRecovered;
+    fields["properties_lost"] = report.propertiesLost;
+    fields["metadata_recovered"] = report.metadataRecovered;
+    fields["metadata_lost"] = report.metadataLost;
+    fields["resources_recovered"] = report.resourcesRecovered;
+    fields["resources_lost"] = report.resourcesLost;
+    fields["bookmarks_recovered"] = report.bookmarksRecovered;
+    fields["bookmarks_lost"] = report.bookmarksLost;
+    fields["pages_scanned"] = report.pagesScanned;
+    fields["notes"] = notes;
+    return fields;
 }
 
 }  // namespace
@@ -158,7 +214,7 @@ void bindDerived(py::module_& m) {
             ml::CopyOptions options =
                 makeOptions(firstId, lastId, startMs, endMs, sources, types, sourceTypes, level, durability,
                             application, version, progress);
-            return runCopy(progress, [&] { return ml::Algorithms::copy(source, output, options); });
+            return runWithoutGil(progress, [&] { return ml::Algorithms::copy(source, output, options); });
         },
         py::arg("source"), py::arg("output"), py::arg("first_id"), py::arg("last_id"), py::arg("start_ms"),
         py::arg("end_ms"), py::arg("sources"), py::arg("types"), py::arg("source_types"),
@@ -177,11 +233,27 @@ void bindDerived(py::module_& m) {
                 makeOptions(firstId, lastId, startMs, endMs, sources, types, sourceTypes, level, durability,
                             application, version, progress);
             std::vector<std::filesystem::path> paths(inputs.begin(), inputs.end());
-            return runCopy(progress, [&] { return ml::Algorithms::merge(paths, output, options); });
+            return runWithoutGil(progress, [&] { return ml::Algorithms::merge(paths, output, options); });
         },
         py::arg("inputs"), py::arg("output"), py::arg("first_id"), py::arg("last_id"), py::arg("start_ms"),
         py::arg("end_ms"), py::arg("sources"), py::arg("types"), py::arg("source_types"),
         py::arg("compression_level"), py::arg("durability"), py::arg("application"), py::arg("version"),
+        py::arg("progress"));
+
+    m.def(
+        "_recover",
+        [](const std::string& damaged, const std::string& output, const std::string& application,
+           const std::string& version, py::object progressCallback) {
+            Progress progress{std::move(progressCallback), std::nullopt};
+            ml::RecoverOptions options = makeRecoverOptions(application, version, progress);
+            const ml::RecoveryReport report =
+                runWithoutGil(progress, [&] { return ml::Algorithms::recover(damaged, output, options); });
+            if (progress.error) {
+                throw *progress.error;
+            }
+            return reportFields(report);
+        },
+        py::arg("damaged"), py::arg("output"), py::arg("application"), py::arg("version"),
         py::arg("progress"));
 }
 

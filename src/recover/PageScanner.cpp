@@ -122,23 +122,23 @@ RecordValue::Kind kindOfSerialType(uint64_t serialType) {
     return serialType % 2 == 0 ? RecordValue::Kind::Blob : RecordValue::Kind::Text;
 }
 
-PageScanner::PageScanner(const std::filesystem::path& file) {
+PageScanner::PageScanner(const std::filesystem::path& file, const std::filesystem::path& shownAs) {
     fd_ = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd_ < 0) {
-        throw std::runtime_error("Cannot read '" + file.string() + "': " + std::strerror(errno));
+        throw std::runtime_error("Cannot read '" + shownAs.string() + "': " + std::strerror(errno));
     }
     struct stat status {};
     if (::fstat(fd_, &status) != 0 || status.st_size < static_cast<off_t>(kSmallestPageSize)) {
         ::close(fd_);
         fd_ = -1;
-        throw std::runtime_error("Cannot read '" + file.string() + "': it is too short to hold a page.");
+        throw std::runtime_error("Cannot read '" + shownAs.string() + "': it is too short to hold a page.");
     }
     const auto fileSize = static_cast<uint64_t>(status.st_size);
     ByteBuffer header(kFileHeaderSize);
     if (::pread(fd_, header.data(), header.size(), 0) != static_cast<ssize_t>(header.size())) {
         ::close(fd_);
         fd_ = -1;
-        throw std::runtime_error("Cannot read '" + file.string() + "': " + std::strerror(errno));
+        throw std::runtime_error("Cannot read '" + shownAs.string() + "': " + std::strerror(errno));
     }
     choosePageSize(header, fileSize);
     pageCount_ = static_cast<uint32_t>(std::min<uint64_t>(fileSize / pageSize_, UINT32_MAX));

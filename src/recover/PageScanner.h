@@ -64,7 +64,9 @@ class PageScanner {
 public:
     // Throws std::runtime_error when the file cannot be opened or is shorter
     // than one page of the smallest size.
-    explicit PageScanner(const std::filesystem::path& file);
+    // `shownAs` is the name messages give the file (the damaged file, when
+    // `file` is its copy).
+    PageScanner(const std::filesystem::path& file, const std::filesystem::path& shownAs);
     ~PageScanner();
     PageScanner(const PageScanner&) = delete;
     PageScanner& operator=(const PageScanner&) = delete;

@@ -62,7 +62,8 @@ public:
     Snapshot(const std::filesystem::path& damaged, const std::filesystem::path& output) {
         std::error_code error;
         if (!std::filesystem::is_regular_file(damaged, error)) {
-            throw std::runtime_error("Cannot read '" + damaged.string() + "': it is missing or not a regular file.");
+            throw std::runtime_error("Cannot read '" + damaged.string() +
+                                     "': it is missing or not a regular file.");
         }
         static std::atomic<unsigned> counter{0};
         const std::filesystem::path parent = output.parent_path();
@@ -235,28 +236,31 @@ public:
 private:
     enum class Outcome { Done, Failed, Unusable };
 
+    // Only the statement's own failures are the table's: an exception of the
+    // row handler (a write that failed, a progress callback) reaches the caller.
     Outcome readFrom(int64_t from, const RowHandler& onRow, int64_t& lastRead) {
+        std::optional<SqliteQuery> query;
         try {
-            SqliteQuery query(database_, sql_);
-            query.bindParameter(":from", from);
-            for (;;) {
-                const int32_t step = query.executeStep();
-                if (step == Database::StepDone) {
-                    return Outcome::Done;
-                }
-                if (step != Database::StepRow) {
-                    return Outcome::Failed;
-                }
-                const std::optional<int64_t> rowid = query.getIntegerFromColumn(0);
-                if (!rowid || *rowid <= lastRead) {
-                    return Outcome::Failed;
-                }
-                lastRead = *rowid;
-                onRow(query, *rowid);
-            }
+            query.emplace(database_, sql_);
+            query->bindParameter(":from", from);
         } catch (const std::exception&) {
             // The statement cannot even be prepared: the schema is lost.
             return Outcome::Unusable;
+        }
+        for (;;) {
+            const int32_t step = query->executeStep();
+            if (step == Database::StepDone) {
+                return Outcome::Done;
+            }
+            if (step != Database::StepRow) {
+                return Outcome::Failed;
+            }
+            const std::optional<int64_t> rowid = query->getIntegerFromColumn(0);
+            if (!rowid || *rowid <= lastRead) {
+                return Outcome::Failed;
+            }
+            lastRead = *rowid;
+            onRow(*query, *rowid);
         }
     }
 
@@ -614,7 +618,7 @@ private:
 
     PageScanner& scanner() {
         if (!scanner_) {
-            scanner_ = std::make_unique<PageScanner>(snapshot_.path());
+            scanner_ = std::make_unique<PageScanner>(snapshot_.path(), damaged_);
         }
         return *scanner_;
     }

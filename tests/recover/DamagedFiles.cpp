@@ -64,7 +64,7 @@ void overwritePage(const std::filesystem::path& path, uint32_t page, uint32_t pa
 }
 
 std::vector<uint32_t> pagesOfType(const OriginalFile& original, uint8_t type) {
-    PageScanner scanner(original.path);
+    PageScanner scanner(original.path, original.path);
     std::vector<uint32_t> pages;
     for (uint32_t page = 2; page <= scanner.pageCount(); ++page) {
         if (scanner.pageType(page) == type) {
@@ -121,7 +121,7 @@ OriginalFile writeOriginal(const std::filesystem::path& path, int8_t level, int 
                 Bookmark{id, "mark " + std::to_string(id), "", ByteBuffer(10, std::byte{1})});
         }
     }
-    PageScanner scanner(path);
+    PageScanner scanner(path, path);
     original.pageSize = scanner.pageSize();
     original.pageCount = scanner.pageCount();
     scanner.forEachCell([](const ScannedCell& cell) { return isDataCell(cell); },

@@ -73,6 +73,20 @@ TEST(RecoverTest, NothingToSalvageFails) {
     EXPECT_NE(result.err.find("nothing could be recovered"), std::string::npos) << result.err;
 }
 
+TEST(RecoverTest, AFileTooShortForAPageIsNamedAsGiven) {
+    TempDir directory;
+    const std::string path = directory.file("short.mvlog");
+    const std::string output = directory.file("new.mvlog");
+    {
+        std::ofstream(path, std::ios::binary) << std::string(100, 'x');
+    }
+    const RunResult result = runMvlog({"recover", path, "-o", output});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "mvlog: recover failed: Cannot read '" + path +
+                              "': it is too short to hold a page. (nothing was written to " + output + ")\n");
+    EXPECT_FALSE(std::filesystem::exists(output));
+}
+
 TEST(RecoverTest, MissingFileAndMissingOutputOption) {
     TempDir directory;
     EXPECT_EQ(runMvlog({"recover", directory.file("none.mvlog"), "-o", directory.file("new.mvlog")}).exitCode,
