@@ -77,9 +77,7 @@ TEST(RecoverTest, AFileTooShortForAPageIsNamedAsGiven) {
     TempDir directory;
     const std::string path = directory.file("short.mvlog");
     const std::string output = directory.file("new.mvlog");
-    {
-        std::ofstream(path, std::ios::binary) << std::string(100, 'x');
-    }
+    { std::ofstream(path, std::ios::binary) << std::string(100, 'x'); }
     const RunResult result = runMvlog({"recover", path, "-o", output});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.err, "mvlog: recover failed: Cannot read '" + path +
