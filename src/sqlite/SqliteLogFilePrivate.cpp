@@ -83,9 +83,10 @@ void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability) {
             throwOpeningFailure(status);
         }
         // Reads of a file nobody writes through this connection can map it
-        // instead of copying every page: the streaming reads go faster. The
-        // address space is reserved, not memory; a failure keeps plain reads.
-        (void)database.execute("PRAGMA mmap_size = 1073741824;");
+        // instead of copying every page. Only the first 32 MiB: mapped pages
+        // count as the process's resident memory, and a streaming read of a
+        // large file must stay small. A failure keeps plain reads.
+        (void)database.execute("PRAGMA mmap_size = 33554432;");
         // An empty database becomes a log file only when it may be written.
         if (!checkForTables()) {
             throw NotALogFileError();
