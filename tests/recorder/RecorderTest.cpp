@@ -492,3 +492,38 @@ TEST(RecorderFailure, AFileLockedPastTheWaitStopsTheRecorderWithoutEndingTheProc
 }
 
 }  // namespace
+
+namespace {
+
+// A device error on a write: the recorder stops with the file's message and
+// keeps what it had committed.
+TEST(RecorderFailure, AnIoErrorStopsTheRecorderAndKeepsWhatWasCommitted) {
+    TempDir dir;
+    const std::string path = dir.file("ioerror.mvlog");
+    FaultInjectingVfs vfs;
+    {
+        Recorder recorder(path, optionsAt(0));
+        DataSource source{-1, MV_LogDataSourceType_Generic, "generic"};
+        ASSERT_TRUE(recorder.addDataSource(source));
+        for (int i = 0; i < 10; ++i) {
+            ASSERT_TRUE(recorder.record(source.id, 0, i, bytesOf("kept")));
+        }
+        ASSERT_TRUE(recorder.flush());
+        vfs.failWrites(SQLITE_IOERR_WRITE);
+        ASSERT_TRUE(recorder.record(source.id, 0, 10, bytesOf(std::string(5000, 'x'))));
+        EXPECT_FALSE(recorder.flush());
+        const RecorderStats stats = recorder.stats();
+        EXPECT_EQ(stats.written, 10u);
+        EXPECT_EQ(stats.failed, 1u);
+        EXPECT_NE(stats.lastError.find("IO error while reading or writing to the file."), std::string::npos)
+            << stats.lastError;
+        EXPECT_FALSE(recorder.record(source.id, 0, 11, bytesOf("late")));
+        EXPECT_FALSE(recorder.close());
+        vfs.failWrites(0);
+    }
+    const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
+    EXPECT_EQ(file.getEntryCount(), 10);
+    EXPECT_EQ(textOf(file.readEntry(10)->data), "kept");
+}
+
+}  // namespace
