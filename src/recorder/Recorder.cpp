@@ -81,6 +81,7 @@ public:
             close();
         } catch (...) {
             // Only allocation can throw here; the threads are joined anyway.
+            std::lock_guard closing(closeMutex_);
             stopThreads();
         }
     }
@@ -148,6 +149,9 @@ public:
     }
 
     bool close() {
+        // Two threads closing at once: the second waits for the first and
+        // gets its answer, instead of joining the same threads again.
+        std::lock_guard closing(closeMutex_);
         {
             std::unique_lock lock(mutex_);
             if (closed_) {
@@ -501,6 +505,7 @@ private:
     bool compresses_ = false;
 
     mutable std::mutex mutex_;
+    std::mutex closeMutex_;
     std::condition_variable compressionWanted_;
     std::condition_variable writerWanted_;
     std::condition_variable roomAvailable_;

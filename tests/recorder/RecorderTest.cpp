@@ -527,3 +527,24 @@ TEST(RecorderFailure, AnIoErrorStopsTheRecorderAndKeepsWhatWasCommitted) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Recorder, ClosingFromTwoThreadsAtOnceClosesOnce) {
+    TempDir dir;
+    Recorder recorder(dir.file("twice.mvlog"), optionsAt(-1));
+    DataSource source{-1, MV_LogDataSourceType_Generic, "generic"};
+    ASSERT_TRUE(recorder.addDataSource(source));
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_TRUE(recorder.record(source.id, 0, i, bytesOf(payloadFor(static_cast<uint64_t>(i)))));
+    }
+    std::atomic<int> clean{0};
+    std::thread first([&] { clean += recorder.close() ? 1 : 0; });
+    std::thread second([&] { clean += recorder.close() ? 1 : 0; });
+    first.join();
+    second.join();
+    EXPECT_EQ(clean.load(), 2);
+    EXPECT_EQ(recorder.stats().written, 200u);
+}
+
+}  // namespace
