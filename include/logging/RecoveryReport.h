@@ -13,9 +13,14 @@ namespace Marivane::Logging {
 struct RecoveryReport {
     uint64_t entriesRecovered = 0;
     // Ids from 1 to the highest id the damaged file still shows that did not
-    // come back (their bytes were damaged or could not be found). Entries
-    // after that highest id leave no trace and cannot be counted.
+    // come back (their bytes were damaged or could not be found). Every trace
+    // of an id counts: the entries found, bookmark targets, the data table's
+    // interior pages and indexes, the sequence table.
     uint64_t entriesLost = 0;
+    // True when the file's last entry id could not be found (the end of the
+    // file or of the data table is gone): entries after the highest id it
+    // shows may have existed, so entriesLost is the least number lost.
+    bool entriesLostIsLowerBound = false;
     // The lost ids as ascending, non-overlapping runs.
     std::vector<EntryIdRange> lostEntryIds;
 

@@ -142,6 +142,12 @@ PageScanner::PageScanner(const std::filesystem::path& file, const std::filesyste
     }
     choosePageSize(header, fileSize);
     pageCount_ = static_cast<uint32_t>(std::min<uint64_t>(fileSize / pageSize_, UINT32_MAX));
+    bytesPastLastPage_ = fileSize % pageSize_;
+    // SQLite trusts the page count of bytes 28-31 only while the
+    // version-valid-for number (92-95) equals the change counter (24-27).
+    if (headerIntact_ && std::memcmp(header.data() + 24, header.data() + 92, 4) == 0) {
+        declaredPageCount_ = readBigEndian32(header.data() + 28);
+    }
     page_.resize(pageSize_);
     overflow_.resize(pageSize_);
     if (headerIntact_) {
@@ -233,6 +239,166 @@ bool PageScanner::readPage(uint32_t page, ByteBuffer& into) {
     into.resize(pageSize_);
     const off_t offset = static_cast<off_t>(page - 1) * pageSize_;
     return ::pread(fd_, into.data(), pageSize_, offset) == static_cast<ssize_t>(pageSize_);
+}
+
+std::optional<std::size_t> PageScanner::readBtreePage(uint32_t page, ByteBuffer& into) {
+    if (isFreePage(page) || !readPage(page, into)) {
+        return std::nullopt;
+    }
+    const std::size_t headerOffset = page == 1 ? kFileHeaderSize : 0;
+    if (!plausibleBtreePage(into.data(), headerOffset, usableSize_)) {
+        return std::nullopt;
+    }
+    return headerOffset;
+}
+
+std::optional<PageScanner::TableInterior> PageScanner::tableInterior(uint32_t page) {
+    ByteBuffer bytes;
+    const std::optional<std::size_t> headerOffset = readBtreePage(page, bytes);
+    if (!headerOffset || static_cast<uint8_t>(bytes[*headerOffset]) != kTableInteriorPage) {
+        return std::nullopt;
+    }
+    const std::byte* header = bytes.data() + *headerOffset;
+    const uint32_t cells = readBigEndian16(header + 3);
+    const std::size_t pointers = *headerOffset + kInteriorHeaderSize;
+    const std::size_t contentFloor = pointers + 2 * std::size_t{cells};
+    const std::byte* end = bytes.data() + usableSize_;
+    TableInterior interior;
+    interior.rightmost = readBigEndian32(header + 8);
+    if (interior.rightmost < 2) {
+        return std::nullopt;
+    }
+    for (uint32_t i = 0; i < cells; ++i) {
+        const std::size_t offset = readBigEndian16(bytes.data() + pointers + 2 * std::size_t{i});
+        if (offset < contentFloor || offset + 4 >= usableSize_) {
+            return std::nullopt;
+        }
+        const uint32_t child = readBigEndian32(bytes.data() + offset);
+        uint64_t key = 0;
+        if (child < 2 || readVarint(bytes.data() + offset + 4, end, key) == 0) {
+            return std::nullopt;
+        }
+        const auto signedKey = static_cast<int64_t>(key);
+        if (!interior.keys.empty() && signedKey <= interior.keys.back()) {
+            return std::nullopt;
+        }
+        interior.children.push_back(child);
+        interior.keys.push_back(signedKey);
+    }
+    return interior;
+}
+
+std::optional<std::vector<int64_t>> PageScanner::leafRowids(uint32_t page) {
+    ByteBuffer bytes;
+    const std::optional<std::size_t> headerOffset = readBtreePage(page, bytes);
+    if (!headerOffset || static_cast<uint8_t>(bytes[*headerOffset]) != kTableLeafPage) {
+        return std::nullopt;
+    }
+    const uint32_t cells = readBigEndian16(bytes.data() + *headerOffset + 3);
+    const std::size_t pointers = *headerOffset + kLeafHeaderSize;
+    const std::size_t contentFloor = pointers + 2 * std::size_t{cells};
+    const std::byte* end = bytes.data() + usableSize_;
+    std::vector<int64_t> rowids;
+    for (uint32_t i = 0; i < cells; ++i) {
+        const std::size_t offset = readBigEndian16(bytes.data() + pointers + 2 * std::size_t{i});
+        if (offset < contentFloor || offset >= usableSize_) {
+            return std::nullopt;
+        }
+        uint64_t payloadSize = 0;
+        uint64_t rowid = 0;
+        const std::size_t used = readVarint(bytes.data() + offset, end, payloadSize);
+        if (used == 0 || readVarint(bytes.data() + offset + used, end, rowid) == 0) {
+            return std::nullopt;
+        }
+        const auto signedRowid = static_cast<int64_t>(rowid);
+        if (!rowids.empty() && signedRowid <= rowids.back()) {
+            return std::nullopt;
+        }
+        rowids.push_back(signedRowid);
+    }
+    return rowids;
+}
+
+std::optional<PageScanner::IndexPage> PageScanner::indexPage(uint32_t page) {
+    ByteBuffer bytes;
+    const std::optional<std::size_t> headerOffset = readBtreePage(page, bytes);
+    if (!headerOffset) {
+        return std::nullopt;
+    }
+    const auto type = static_cast<uint8_t>(bytes[*headerOffset]);
+    if (type != kIndexLeafPage && type != kIndexInteriorPage) {
+        return std::nullopt;
+    }
+    IndexPage index;
+    index.leaf = type == kIndexLeafPage;
+    const std::byte* header = bytes.data() + *headerOffset;
+    const uint32_t cells = readBigEndian16(header + 3);
+    const std::size_t pointers = *headerOffset + (index.leaf ? kLeafHeaderSize : kInteriorHeaderSize);
+    const std::size_t contentFloor = pointers + 2 * std::size_t{cells};
+    const std::byte* end = bytes.data() + usableSize_;
+    // An index cell keeps at most this much of its record on the page.
+    const uint64_t maxLocal = (uint64_t{usableSize_} - 12) * 64 / 255 - 23;
+    for (uint32_t i = 0; i < cells; ++i) {
+        std::size_t offset = readBigEndian16(bytes.data() + pointers + 2 * std::size_t{i});
+        if (offset < contentFloor || offset + (index.leaf ? 0 : 4) >= usableSize_) {
+            return std::nullopt;
+        }
+        if (!index.leaf) {
+            const uint32_t child = readBigEndian32(bytes.data() + offset);
+            if (child < 2) {
+                return std::nullopt;
+            }
+            index.children.push_back(child);
+            offset += 4;
+        }
+        uint64_t payloadSize = 0;
+        const std::size_t used = readVarint(bytes.data() + offset, end, payloadSize);
+        if (used == 0) {
+            return std::nullopt;
+        }
+        const std::byte* record = bytes.data() + offset + used;
+        if (payloadSize > maxLocal || record + payloadSize > end) {
+            index.integerRecords = false;
+            continue;
+        }
+        const std::byte* recordEnd = record + payloadSize;
+        uint64_t headerSize = 0;
+        const std::size_t headerUsed = readVarint(record, recordEnd, headerSize);
+        if (headerUsed == 0 || headerSize < headerUsed || headerSize > payloadSize) {
+            index.integerRecords = false;
+            continue;
+        }
+        std::vector<int64_t> values;
+        const std::byte* body = record + headerSize;
+        bool integers = true;
+        for (const std::byte* at = record + headerUsed; at < record + headerSize && integers;) {
+            uint64_t serialType = 0;
+            const std::size_t typeBytes = readVarint(at, record + headerSize, serialType);
+            const auto size = static_cast<std::size_t>(serialTypeSize(serialType));
+            if (typeBytes == 0 || kindOfSerialType(serialType) != RecordValue::Kind::Integer ||
+                body + size > recordEnd) {
+                integers = false;
+                break;
+            }
+            values.push_back(serialType == 8 || serialType == 9 ? static_cast<int64_t>(serialType - 8)
+                                                                : readSignedBigEndian(body, size));
+            body += size;
+            at += typeBytes;
+        }
+        if (!integers || body != recordEnd) {
+            index.integerRecords = false;
+            continue;
+        }
+        index.records.push_back(std::move(values));
+    }
+    if (!index.leaf) {
+        const uint32_t rightmost = readBigEndian32(header + 8);
+        if (rightmost < 2) {
+            return std::nullopt;
+        }
+        index.children.push_back(rightmost);
+    }
+    return index;
 }
 
 uint8_t PageScanner::pageType(uint32_t page) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -79,6 +80,12 @@ public:
     // from looking at the pages.
     bool headerIntact() const { return headerIntact_; }
     bool isFreePage(uint32_t page) const { return freePages_.count(page) != 0; }
+    // The number of pages the file header declares; 0 when the header is
+    // damaged or the count is not one SQLite would trust (bytes 92-95 must
+    // repeat the change counter of bytes 24-27).
+    uint32_t declaredPageCount() const { return declaredPageCount_; }
+    // Bytes past the last whole page: a page cut by the end of the file.
+    uint64_t bytesPastLastPage() const { return bytesPastLastPage_; }
 
     // Decides from the record header whether the caller wants the values of
     // a cell (reading an overflow chain costs pages).
@@ -97,8 +104,39 @@ public:
     // The b-tree page type byte of a page (0 for a page that cannot be read).
     uint8_t pageType(uint32_t page);
 
+    // The cells of a table interior page: each child with the largest rowid
+    // of its subtree, then the rightmost child, which has no key. Absent
+    // unless the page is present, off the free list and a plausible table
+    // interior page whose keys ascend.
+    struct TableInterior {
+        std::vector<uint32_t> children;
+        std::vector<int64_t> keys;
+        uint32_t rightmost = 0;
+    };
+    std::optional<TableInterior> tableInterior(uint32_t page);
+
+    // The rowids of a table leaf page, in the order of its cells. Absent
+    // unless the page is present, off the free list and a plausible table
+    // leaf page whose every cell starts with a rowid, in ascending order.
+    std::optional<std::vector<int64_t>> leafRowids(uint32_t page);
+
+    // An index b-tree page: its child pages (interior pages only, the
+    // rightmost last) and the records of its cells, as long as every column
+    // is an integer. `integerRecords` is false when some record was not
+    // (another kind of column, or too long to stay on the page).
+    struct IndexPage {
+        bool leaf = false;
+        std::vector<uint32_t> children;
+        std::vector<std::vector<int64_t>> records;
+        bool integerRecords = true;
+    };
+    std::optional<IndexPage> indexPage(uint32_t page);
+
 private:
     bool readPage(uint32_t page, ByteBuffer& into);
+    // Reads a page that is present and off the free list, and answers the
+    // offset of its b-tree header when the header is plausible.
+    std::optional<std::size_t> readBtreePage(uint32_t page, ByteBuffer& into);
     void choosePageSize(const ByteBuffer& header, uint64_t fileSize);
     void readFreeList(const ByteBuffer& header);
     void parseCell(uint32_t page, const ByteBuffer& bytes, std::size_t offset, const WantValues& wantValues,
@@ -109,6 +147,8 @@ private:
     uint32_t pageSize_ = 0;
     uint32_t usableSize_ = 0;
     uint32_t pageCount_ = 0;
+    uint32_t declaredPageCount_ = 0;
+    uint64_t bytesPastLastPage_ = 0;
     bool headerIntact_ = false;
     std::set<uint32_t> freePages_;
     ByteBuffer page_;

@@ -16,7 +16,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstring>
+#include <fstream>
 #include <limits>
 #include <map>
 #include <memory>
@@ -551,6 +554,63 @@ struct FoundEntry {
     std::size_t size;
 };
 
+// ---- how many entries there were --------------------------------------------
+
+constexpr uint8_t kTableInteriorPageType = 0x05;
+// A b-tree of 2^31 rows on the smallest pages is far less deep than this.
+constexpr int kMostBtreeLevels = 40;
+
+// Where the b-trees of the data table, of the indexes on it and of the
+// indexes on bookmarks start.
+struct SchemaRoots {
+    bool known = false;
+    uint32_t data = 0;
+    std::vector<uint32_t> dataIndexes;
+    std::vector<uint32_t> bookmarkIndexes;
+
+    void add(const std::string& type, const std::string& table, int64_t root) {
+        if (root < 2 || root > std::numeric_limits<uint32_t>::max()) {
+            return;
+        }
+        const auto page = static_cast<uint32_t>(root);
+        if (type == "table" && table == "data") {
+            data = page;
+        } else if (type == "index" && table == "data") {
+            dataIndexes.push_back(page);
+        } else if (type == "index" && table == "bookmarks") {
+            bookmarkIndexes.push_back(page);
+        }
+    }
+};
+
+struct IndexWalk {
+    int64_t highest = 0;
+    // Every page of the index was read and every record was understood.
+    bool complete = true;
+};
+
+// Traces of the highest entry id the damaged file had.
+struct LastIdEvidence {
+    // The highest id anything shows.
+    int64_t highest = 0;
+    // Last ids as the table's structure or a whole index gives them.
+    std::vector<int64_t> last;
+
+    void saw(int64_t id) {
+        if (id >= 1 && id <= kHighestRowid) {
+            highest = std::max(highest, id);
+        }
+    }
+    void knew(int64_t id) {
+        saw(id);
+        last.push_back(id);
+    }
+    // Whether some last id accounts for every trace.
+    bool isExact() const {
+        return std::any_of(last.begin(), last.end(), [&](int64_t id) { return id >= highest; });
+    }
+};
+
 class Salvage {
 public:
     Salvage(const std::filesystem::path& damaged, const std::filesystem::path& output,
@@ -559,6 +619,7 @@ public:
 
     RecoveryReport run() {
         openWithSqlite();
+        leaveOutAnIncompleteLastPage();
         if (database_) {
             readSmallTablesWithSqlite(*database_, tables_);
         }
@@ -579,7 +640,7 @@ public:
             writeResources();
             writeBookmarks();
             commitBatch();
-            summariseEntries();
+            summariseEntries(sqliteReadEveryEntry);
             pending_.checkEntryCount(file, report_.entriesRecovered);
             output_ = nullptr;
         }
@@ -591,7 +652,7 @@ public:
 private:
     // ---- reading ----
 
-    void openWithSqlite() {
+    void openWithSqlite(bool noteFailure = true) {
         try {
             database_ = std::make_unique<SqliteDatabase>(snapshot_.path().string(), Database::OpenReadWrite);
             // The first read applies a hot journal; with a write-ahead log,
@@ -601,8 +662,51 @@ private:
             (void)database_->execute("PRAGMA wal_checkpoint(TRUNCATE);");
         } catch (const std::exception& error) {
             database_.reset();
-            report_.notes.push_back(std::string("SQLite cannot open the file: ") + error.what());
+            if (noteFailure) {
+                report_.notes.push_back(std::string("SQLite cannot open the file: ") + error.what());
+            }
         }
+    }
+
+    // SQLite counts a page cut by the end of the file as a page and reads
+    // its missing bytes as zeros, which would pass for content. Once the
+    // journal or write-ahead log has been applied to the copy, such a page
+    // is cut off it, so that SQLite and the page scan both see it as
+    // missing; SQLite is then opened again on what is left.
+    void leaveOutAnIncompleteLastPage() {
+        std::error_code error;
+        const uint64_t size = std::filesystem::file_size(snapshot_.path(), error);
+        const uint32_t pageSize = declaredPageSize();
+        if (error || pageSize == 0 || size % pageSize == 0) {
+            return;
+        }
+        const bool wasOpen = database_ != nullptr;
+        database_.reset();
+        std::filesystem::resize_file(snapshot_.path(), size - size % pageSize, error);
+        if (error) {
+            throw std::runtime_error("Cannot salvage '" + damaged_.string() +
+                                     "': its copy cannot be cut to whole pages: " + error.message());
+        }
+        report_.notes.push_back("The file ends inside page " + std::to_string(size / pageSize + 1) +
+                                ": that page is missing, and so is every entry whose bytes were on it.");
+        if (wasOpen) {
+            openWithSqlite(false);
+        }
+    }
+
+    // The page size of the copy's header, 0 when the header does not give
+    // a valid one (the page scan then finds it itself).
+    uint32_t declaredPageSize() const {
+        std::ifstream in(snapshot_.path(), std::ios::binary);
+        std::array<char, 18> header{};
+        if (!in.read(header.data(), header.size()) ||
+            std::memcmp(header.data(), "SQLite format 3", 16) != 0) {
+            return 0;
+        }
+        const uint32_t declared =
+            uint32_t{static_cast<unsigned char>(header[16])} << 8 | static_cast<unsigned char>(header[17]);
+        const uint32_t size = declared == 1 ? 65536 : declared;
+        return size >= 512 && size <= 65536 && (size & (size - 1)) == 0 ? size : 0;
     }
 
     void decideCompression() {
@@ -824,9 +928,11 @@ private:
                 "SQLite could not read every entry; the rest were searched for in the pages.");
         }
         try {
+            // SQLite finds the maximum by the table's rightmost path: when
+            // that is intact, it is the last id the file had.
             SqliteQuery highest(*database_, "SELECT MAX(entryId) FROM data;");
             if (highest.executeStep() == Database::StepRow) {
-                highestSeenId_ = std::max(highestSeenId_, highest.getIntegerFromColumn(0).value_or(0));
+                sqliteHighest_ = highest.getIntegerFromColumn(0).value_or(0);
             }
         } catch (const std::exception&) {
             // The highest id then comes from what was found.
@@ -982,18 +1088,13 @@ private:
         commitBatch();
     }
 
-    void summariseEntries() {
+    void summariseEntries(bool sqliteReadEveryEntry) {
         std::vector<int32_t> ids = sqliteIds_;
         ids.insert(ids.end(), pageIds_.begin(), pageIds_.end());
         std::sort(ids.begin(), ids.end());
         ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-        int64_t highest = highestSeenId_;
-        if (!ids.empty()) {
-            highest = std::max<int64_t>(highest, ids.back());
-        }
-        if (!damagedIds_.empty()) {
-            highest = std::max(highest, *damagedIds_.rbegin());
-        }
+        const LastIdEvidence evidence = lastEntryId(sqliteReadEveryEntry, ids);
+        const int64_t highest = evidence.highest;
         int64_t next = 1;
         auto lose = [&](int64_t first, int64_t last) {
             if (first <= last) {
@@ -1008,8 +1109,266 @@ private:
             }
         }
         lose(next, highest);
+        noteMissingPages();
+        report_.entriesLostIsLowerBound = !evidence.isExact();
+        if (report_.entriesLostIsLowerBound) {
+            report_.notes.push_back(
+                "The number of lost entries is a lower bound: the file shows ids up to " +
+                std::to_string(highest) +
+                ", and entries after that, if there were any, left no trace that could be counted.");
+        }
         if (options_.progress) {
             options_.progress(report_.entriesRecovered);
+        }
+    }
+
+    void noteMissingPages() {
+        if (!scanner_) {
+            return;
+        }
+        const uint32_t declared = scanner_->declaredPageCount();
+        const uint32_t present = scanner_->pageCount();
+        if (declared > present) {
+            report_.notes.push_back("The file is cut short: it holds " + std::to_string(present) +
+                                    " of the " + std::to_string(declared) + " pages its header declares.");
+        }
+    }
+
+    // ---- how many entries there were ----
+
+    // The highest entry id the damaged file shows, and whether it is known
+    // to be its last one. Entry ids are rowids handed out in ascending
+    // order, so every trace of an id vouches for all ids below it: the ids
+    // found, bookmark targets, the keys of the data table's interior pages,
+    // the ids its indexes hold and the sequence table. The last id is known
+    // when SQLite can still find it, when the data table's rightmost path
+    // leads to its last leaf, or when an index on it is whole.
+    LastIdEvidence lastEntryId(bool sqliteReadEveryEntry, const std::vector<int32_t>& ids) {
+        LastIdEvidence evidence;
+        if (!ids.empty()) {
+            evidence.saw(ids.back());
+        }
+        if (!damagedIds_.empty()) {
+            evidence.saw(*damagedIds_.rbegin());
+        }
+        if (sqliteHighest_) {
+            evidence.knew(*sqliteHighest_);
+            if (sqliteReadEveryEntry) {
+                return evidence;
+            }
+        }
+        for (const auto& [rowid, bookmark] : tables_.bookmarks) {
+            evidence.saw(bookmark.entryId);
+        }
+        if (database_) {
+            try {
+                SqliteQuery sequence(*database_, "SELECT seq FROM sqlite_sequence WHERE name = 'data';");
+                if (sequence.executeStep() == Database::StepRow) {
+                    evidence.saw(sequence.getIntegerFromColumn(0).value_or(0));
+                }
+            } catch (const std::exception&) {
+                // Log files have no sequence table unless a tool added one.
+            }
+        }
+        const SchemaRoots roots = schemaRoots();
+        if (roots.data != 0) {
+            if (const std::optional<int64_t> last = lastRowidUnder(roots.data)) {
+                evidence.knew(*last);
+            }
+        }
+        for (const uint32_t root : roots.dataIndexes) {
+            const IndexWalk walk = walkIndex(root, false);
+            evidence.saw(walk.highest);
+            if (walk.complete) {
+                evidence.knew(walk.highest);
+            }
+        }
+        for (const uint32_t root : roots.bookmarkIndexes) {
+            evidence.saw(walkIndex(root, true).highest);
+        }
+        if (!evidence.isExact()) {
+            addInteriorKeys(evidence, !roots.known);
+        }
+        return evidence;
+    }
+
+    // Where the tables and indexes start, from SQLite's schema table or,
+    // when SQLite cannot read it, from the records of page 1.
+    SchemaRoots schemaRoots() {
+        SchemaRoots roots;
+        if (database_) {
+            try {
+                SqliteQuery query(*database_, "SELECT type, tbl_name, rootpage FROM sqlite_master;");
+                int32_t step = Database::StepFailed;
+                while ((step = query.executeStep()) == Database::StepRow) {
+                    roots.add(textColumn(query, 0).value_or(std::string()),
+                              textColumn(query, 1).value_or(std::string()),
+                              query.getIntegerFromColumn(2).value_or(0));
+                }
+                if (step == Database::StepDone) {
+                    roots.known = true;
+                    return roots;
+                }
+            } catch (const std::exception&) {
+                // Then page 1 is read directly.
+            }
+            roots = SchemaRoots{};
+        }
+        PageScanner& pages = scanner();
+        std::vector<uint32_t> schemaPages{1};
+        if (const std::optional<PageScanner::TableInterior> interior = pages.tableInterior(1)) {
+            schemaPages = interior->children;
+            schemaPages.push_back(interior->rightmost);
+        }
+        for (const uint32_t page : schemaPages) {
+            pages.cellsOfPage(
+                page, [](const ScannedCell& header) { return header.serialTypes.size() == 5; },
+                [&](const ScannedCell& cell) {
+                    const std::vector<RecordValue>& v = cell.values;
+                    if (v.size() == 5 && v[0].kind == Kind::Text && v[2].kind == Kind::Text &&
+                        v[3].kind == Kind::Integer) {
+                        roots.add(textOf(v[0].bytes), textOf(v[2].bytes), v[3].integer);
+                        roots.known = true;
+                    }
+                });
+        }
+        return roots;
+    }
+
+    // The last rowid of the table b-tree rooted at `root`, found by
+    // following the rightmost child of each interior page down to a leaf;
+    // absent when a page on the way is missing or does not fit.
+    std::optional<int64_t> lastRowidUnder(uint32_t root) {
+        PageScanner& pages = scanner();
+        std::optional<int64_t> floor;
+        uint32_t page = root;
+        for (int depth = 0; depth < kMostBtreeLevels; ++depth) {
+            if (const std::optional<PageScanner::TableInterior> interior = pages.tableInterior(page)) {
+                if (!interior->keys.empty()) {
+                    if (floor && interior->keys.front() <= *floor) {
+                        return std::nullopt;
+                    }
+                    floor = interior->keys.back();
+                }
+                page = interior->rightmost;
+                continue;
+            }
+            const std::optional<std::vector<int64_t>> rowids = pages.leafRowids(page);
+            if (!rowids) {
+                return std::nullopt;
+            }
+            if (rowids->empty()) {
+                // Only a root leaf is empty in a sound tree: the table is.
+                return depth == 0 ? std::optional<int64_t>(0) : std::nullopt;
+            }
+            if (floor && rowids->front() <= *floor) {
+                return std::nullopt;
+            }
+            return rowids->back();
+        }
+        return std::nullopt;
+    }
+
+    // Every entry id an index holds: the last column of an index on data,
+    // the first of one on bookmarks.
+    IndexWalk walkIndex(uint32_t root, bool idComesFirst) {
+        PageScanner& pages = scanner();
+        IndexWalk walk;
+        std::vector<uint32_t> pending{root};
+        std::set<uint32_t> visited;
+        while (!pending.empty()) {
+            const uint32_t page = pending.back();
+            pending.pop_back();
+            if (!visited.insert(page).second || visited.size() > pages.pageCount()) {
+                walk.complete = false;
+                break;
+            }
+            const std::optional<PageScanner::IndexPage> index = pages.indexPage(page);
+            if (!index) {
+                walk.complete = false;
+                continue;
+            }
+            walk.complete = walk.complete && index->integerRecords;
+            for (const std::vector<int64_t>& record : index->records) {
+                const int64_t id = record.empty() ? 0 : idComesFirst ? record.front() : record.back();
+                if (id < 1 || id > kHighestRowid) {
+                    walk.complete = false;
+                    continue;
+                }
+                walk.highest = std::max(walk.highest, id);
+            }
+            pending.insert(pending.end(), index->children.begin(), index->children.end());
+        }
+        return walk;
+    }
+
+    // The keys of every interior page of the data table: each is the
+    // highest id of a subtree. A table interior page belongs to the data
+    // table when one of its children is a leaf holding entries or another
+    // such interior page. Without a schema, a single such page that no
+    // other one points to is the table's root.
+    void addInteriorKeys(LastIdEvidence& evidence, bool findRoot) {
+        PageScanner& pages = scanner();
+        std::map<uint32_t, PageScanner::TableInterior> interiors;
+        for (uint32_t page = 2; page <= pages.pageCount(); ++page) {
+            if (pages.isFreePage(page) || pages.pageType(page) != kTableInteriorPageType) {
+                continue;
+            }
+            if (std::optional<PageScanner::TableInterior> interior = pages.tableInterior(page)) {
+                interior->children.push_back(interior->rightmost);
+                interiors.emplace(page, std::move(*interior));
+            }
+        }
+        std::map<uint32_t, bool> leafHoldsEntries;
+        auto holdsEntries = [&](uint32_t page) {
+            const auto known = leafHoldsEntries.find(page);
+            if (known != leafHoldsEntries.end()) {
+                return known->second;
+            }
+            bool entries = false;
+            pages.cellsOfPage(page, {}, [&](const ScannedCell& cell) {
+                entries = entries || shapeOf(cell.serialTypes) == Shape::Data;
+            });
+            leafHoldsEntries.emplace(page, entries);
+            return entries;
+        };
+        std::set<uint32_t> dataPages;
+        for (bool grew = true; grew;) {
+            grew = false;
+            for (const auto& [page, interior] : interiors) {
+                if (dataPages.count(page) != 0) {
+                    continue;
+                }
+                for (const uint32_t child : interior.children) {
+                    if (dataPages.count(child) != 0 || (interiors.count(child) == 0 && holdsEntries(child))) {
+                        dataPages.insert(page);
+                        grew = true;
+                        break;
+                    }
+                }
+            }
+        }
+        std::set<uint32_t> referenced;
+        for (const uint32_t page : dataPages) {
+            const PageScanner::TableInterior& interior = interiors.at(page);
+            for (const int64_t key : interior.keys) {
+                evidence.saw(key);
+            }
+            referenced.insert(interior.children.begin(), interior.children.end());
+        }
+        if (!findRoot) {
+            return;
+        }
+        std::vector<uint32_t> unreferenced;
+        for (const uint32_t page : dataPages) {
+            if (referenced.count(page) == 0) {
+                unreferenced.push_back(page);
+            }
+        }
+        if (unreferenced.size() == 1) {
+            if (const std::optional<int64_t> last = lastRowidUnder(unreferenced.front())) {
+                evidence.knew(*last);
+            }
         }
     }
 
@@ -1039,7 +1398,7 @@ private:
     std::vector<int32_t> sqliteIds_;
     std::set<int64_t> pageIds_;
     std::set<int64_t> damagedIds_;
-    int64_t highestSeenId_ = 0;
+    std::optional<int64_t> sqliteHighest_;
 };
 
 }  // namespace

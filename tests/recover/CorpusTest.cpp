@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 
 namespace RecoverTest {
@@ -25,6 +26,14 @@ struct Tally {
     uint64_t damagedRecovered = 0;
     uint64_t wrongBytes = 0;
     uint64_t failures = 0;
+    // Original entries that did not come back, and how many of them the
+    // report counted as lost.
+    uint64_t missing = 0;
+    uint64_t countedLost = 0;
+    // Reports whose lost count was a lower bound.
+    uint64_t lowerBounds = 0;
+    // Reports whose counts contradict what was written.
+    uint64_t dishonestCounts = 0;
     void add(const Tally& other) {
         files += other.files;
         intact += other.intact;
@@ -32,8 +41,44 @@ struct Tally {
         damagedRecovered += other.damagedRecovered;
         wrongBytes += other.wrongBytes;
         failures += other.failures;
+        missing += other.missing;
+        countedLost += other.countedLost;
+        lowerBounds += other.lowerBounds;
+        dishonestCounts += other.dishonestCounts;
     }
 };
+
+// The report's counts against the original: the lost ids are exactly the
+// ids from 1 to the highest one counted that did not come back, and they
+// account for every missing entry unless the report says its count is a
+// lower bound (then they never count more than were written).
+void checkCounts(const OriginalFile& original, const Damage& damage, const RecoveryReport& report,
+                 const std::map<int32_t, ByteBuffer>& recovered, Tally& tally) {
+    const uint64_t written = original.payloads.size();
+    tally.missing = written - std::min<uint64_t>(written, recovered.size());
+    tally.countedLost = report.entriesLost;
+    tally.lowerBounds = report.entriesLostIsLowerBound ? 1 : 0;
+    bool honest = report.entriesRecovered == recovered.size();
+    std::set<int64_t> lost;
+    for (const auto& run : report.lostEntryIds) {
+        for (int64_t id = run.first; id <= run.last; ++id) {
+            lost.insert(id);
+            honest = honest && recovered.count(static_cast<int32_t>(id)) == 0;
+        }
+    }
+    const uint64_t counted = report.entriesRecovered + report.entriesLost;
+    honest = honest && lost.size() == report.entriesLost;
+    for (int64_t id = 1; honest && id <= static_cast<int64_t>(counted); ++id) {
+        honest = lost.count(id) != 0 || recovered.count(static_cast<int32_t>(id)) != 0;
+    }
+    honest = honest && (report.entriesLostIsLowerBound ? counted <= written : counted == written);
+    if (!honest) {
+        tally.dishonestCounts = 1;
+        ADD_FAILURE() << damage.kind << ": " << report.entriesRecovered << " recovered, "
+                      << (report.entriesLostIsLowerBound ? "at least " : "") << report.entriesLost
+                      << " lost of " << written << " written";
+    }
+}
 
 // Salvages one damaged copy and scores it against what the damage left: an
 // entry is intact when none of the pages its stored bytes lived on was
@@ -42,14 +87,16 @@ Tally scoreOne(const OriginalFile& original, const Damage& damage, const std::fi
                const std::filesystem::path& output) {
     Tally tally;
     tally.files = 1;
+    RecoveryReport report;
     try {
-        (void)Algorithms::recover(damaged, output);
+        report = Algorithms::recover(damaged, output);
     } catch (const std::exception& error) {
         ADD_FAILURE() << damage.kind << ": " << error.what();
         tally.failures = 1;
         return tally;
     }
     const std::map<int32_t, ByteBuffer> recovered = readPayloads(output);
+    checkCounts(original, damage, report, recovered, tally);
     for (const auto& [id, pages] : original.pagesOf) {
         bool intact = true;
         for (const uint32_t page : pages) {
@@ -99,12 +146,15 @@ TEST(RecoverCorpusTest, IntactEntriesComeBackWithTheirOwnBytes) {
     }
     for (const auto& [kind, tally] : byKind) {
         std::printf(
-            "%-58s files %2llu  intact %5llu  recovered %5llu  damaged but recovered %3llu  wrong %llu\n",
+            "%-58s files %2llu  intact %5llu  recovered %5llu  damaged but recovered %3llu  wrong %llu  "
+            "missing %5llu  counted lost %5llu  lower bounds %llu\n",
             kind.c_str(), static_cast<unsigned long long>(tally.files),
             static_cast<unsigned long long>(tally.intact),
             static_cast<unsigned long long>(tally.intactRecovered),
             static_cast<unsigned long long>(tally.damagedRecovered),
-            static_cast<unsigned long long>(tally.wrongBytes));
+            static_cast<unsigned long long>(tally.wrongBytes), static_cast<unsigned long long>(tally.missing),
+            static_cast<unsigned long long>(tally.countedLost),
+            static_cast<unsigned long long>(tally.lowerBounds));
     }
     const double share = total.intact == 0 ? 1.0 : static_cast<double>(total.intactRecovered) / total.intact;
     std::printf(
@@ -113,9 +163,14 @@ TEST(RecoverCorpusTest, IntactEntriesComeBackWithTheirOwnBytes) {
         static_cast<unsigned long long>(total.files), static_cast<unsigned long long>(total.intact),
         static_cast<unsigned long long>(total.intactRecovered), 100.0 * share,
         static_cast<unsigned long long>(total.wrongBytes), static_cast<unsigned long long>(total.failures));
+    std::printf(
+        "counts: %llu entries missing, %llu counted as lost, %llu of %llu reports a lower bound\n",
+        static_cast<unsigned long long>(total.missing), static_cast<unsigned long long>(total.countedLost),
+        static_cast<unsigned long long>(total.lowerBounds), static_cast<unsigned long long>(total.files));
     EXPECT_GE(share, 0.99);
     EXPECT_EQ(total.wrongBytes, 0u);
     EXPECT_EQ(total.failures, 0u);
+    EXPECT_EQ(total.dishonestCounts, 0u);
 }
 
 }  // namespace

@@ -217,7 +217,7 @@ Damage damageCopy(const OriginalFile& original, const std::filesystem::path& cop
             damage.kind = "zeroed schema page";
             zero(1);
             break;
-        default: {
+        case 8: {
             damage.kind = "garbled journal and zeroed pages";
             std::ofstream journal(copy.string() + "-journal", std::ios::binary);
             const ByteBuffer garbage = randomBytes(3 * std::size_t{size}, random);
@@ -227,6 +227,21 @@ Damage damageCopy(const OriginalFile& original, const std::filesystem::path& cop
             zero(randomPage());
             break;
         }
+        case 9: {
+            // A cut inside one of the last pages, half of them a few bytes
+            // short: SQLite reads the missing bytes of a page as zeros.
+            damage.kind = "cut inside the last pages";
+            const uint64_t end = std::size_t{pages} * size;
+            const uint64_t cut = end - (pick(random, 0, 1) == 0 ? pick(random, 1, 16)
+                                                                : pick(random, 1, 3 * std::size_t{size} - 1));
+            std::filesystem::resize_file(copy, cut);
+            for (uint32_t page = static_cast<uint32_t>(cut / size) + 1; page <= pages; ++page) {
+                damage.pages.insert(page);
+            }
+            break;
+        }
+        default:
+            throw std::invalid_argument("no such kind of damage: " + std::to_string(kind));
     }
     return damage;
 }

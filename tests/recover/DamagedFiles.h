@@ -42,7 +42,7 @@ struct Damage {
 };
 
 // The kinds of damage the corpus applies, by index.
-inline constexpr int kDamageKinds = 9;
+inline constexpr int kDamageKinds = 10;
 
 // Copies `original` to `copy` and damages the copy by kind `kind`.
 Damage damageCopy(const OriginalFile& original, const std::filesystem::path& copy, int kind,
