@@ -308,6 +308,36 @@ MV_LOGGING_EXPORT bool MV_LogAlgorithms_Recover(const char* damagedPath, const c
 MV_LOGGING_EXPORT bool MV_LogAlgorithms_RecoverWithReport(const char* damagedPath, const char* outputPath,
                                                           MV_LogRecoveryReport* report, MV_LogError_p* error);
 
+/* Everything MV_LogRecoveryReport holds, and more. Set structSize to
+ * sizeof(MV_LogRecoveryDetails) before the call: later versions may add
+ * fields at the end and fill only as many bytes as the caller's structSize
+ * says, so a program keeps working with the library it was not built with.
+ * entriesLost counts the ids from 1 to the highest id the damaged file still
+ * shows (the entries found, bookmark targets, the data table's interior
+ * pages and indexes) that did not come back. When the file's last id could
+ * not be found (the end of the file or of the data table is gone),
+ * entriesLostIsLowerBound is true: entries after that highest id may have
+ * existed, so at least entriesLost entries were lost. */
+typedef struct MV_LogRecoveryDetails {
+    size_t structSize;
+    MV_LogRecoveryReport report;
+    bool entriesLostIsLowerBound;
+    /* True when SQLite could not read everything and the file's pages were
+     * searched for records directly. */
+    bool pagesScanned;
+    /* Data sources made up, as "recovered data source <id>", for entries or
+     * properties whose own data source was lost. */
+    uint64_t dataSourcesRecreated;
+    uint64_t propertiesRecovered, propertiesLost;
+    uint64_t metadataLost;
+} MV_LogRecoveryDetails;
+/* As MV_LogAlgorithms_RecoverWithReport, filling *details (which may be
+ * NULL). False, with an error and nothing written, when details->structSize
+ * is smaller than the first version of the struct. */
+MV_LOGGING_EXPORT bool MV_LogAlgorithms_RecoverWithDetails(const char* damagedPath, const char* outputPath,
+                                                           MV_LogRecoveryDetails* details,
+                                                           MV_LogError_p* error);
+
 /* ---- Value handles ------------------------------------------------------ */
 
 MV_LOGGING_EXPORT MV_LogBookmark_p MV_LogBookmark_Create(int32_t entryId, const char* title,

@@ -277,3 +277,135 @@ TEST(recover_refuses_an_existing_output_and_reports_errors) {
     CHECK_ERROR(error, expected);
     CHECK(!path_exists(output));
 }
+
+/* Keeps the first `pages` whole pages of the file at `path`. */
+static void cut_to_pages(const char* path, size_t pages) {
+    size_t length = 0;
+    unsigned char* bytes = read_file(path, &length);
+    size_t page_size;
+    REQUIRE(bytes != NULL);
+    REQUIRE(length >= 100);
+    page_size = ((size_t)bytes[16] << 8) | bytes[17];
+    if (page_size == 1) {
+        page_size = 65536;
+    }
+    REQUIRE(pages * page_size < length);
+    write_file(path, bytes, pages * page_size);
+    free(bytes);
+}
+
+static size_t pages_of(const char* path) {
+    size_t length = 0;
+    unsigned char* bytes = read_file(path, &length);
+    size_t page_size;
+    REQUIRE(bytes != NULL);
+    page_size = ((size_t)bytes[16] << 8) | bytes[17];
+    free(bytes);
+    return length / (page_size == 1 ? 65536 : page_size);
+}
+
+TEST(recover_details_of_an_intact_file) {
+    const char* source = test_path("intact.mvlog");
+    const char* output = test_path("saved.mvlog");
+    MV_LogError_p error = NULL;
+    MV_LogRecoveryDetails details;
+    /* Programs are built against the first report: it never changes. */
+    CHECK_INT_EQ(sizeof(MV_LogRecoveryReport), 8 * sizeof(uint64_t));
+    make_recover_input(source);
+    memset(&details, 0xff, sizeof details);
+    details.structSize = sizeof details;
+    REQUIRE(MV_LogAlgorithms_RecoverWithDetails(source, output, &details, &error));
+    CHECK(error == NULL);
+    CHECK_INT_EQ(details.structSize, sizeof details);
+    CHECK_INT_EQ(details.report.entriesRecovered, RECOVER_COUNT);
+    CHECK_INT_EQ(details.report.entriesLost, 0);
+    CHECK(!details.entriesLostIsLowerBound);
+    CHECK(!details.pagesScanned);
+    CHECK_INT_EQ(details.report.dataSourcesRecovered, 2);
+    CHECK_INT_EQ(details.dataSourcesRecreated, 0);
+    CHECK_INT_EQ(details.propertiesRecovered, 0);
+    CHECK_INT_EQ(details.propertiesLost, 0);
+    CHECK_INT_EQ(details.report.resourcesRecovered, 1);
+    CHECK_INT_EQ(details.report.bookmarksRecovered, 1);
+    CHECK(details.report.metadataRecovered > 0);
+    CHECK_INT_EQ(details.metadataLost, 0);
+    /* NULL details are allowed. */
+    CHECK(MV_LogAlgorithms_RecoverWithDetails(source, test_path("other.mvlog"), NULL, &error));
+    CHECK(error == NULL);
+}
+
+/* The end of the file is gone, and with it part of the index on the entries:
+ * the entries after the highest id the file still shows cannot be counted,
+ * and the details say that the count is a lower bound. */
+TEST(recover_details_say_when_the_lost_count_is_a_lower_bound) {
+    const char* source = test_path("source.mvlog");
+    const char* damaged = test_path("damaged.mvlog");
+    const char* output = test_path("saved.mvlog");
+    const char* plain = test_path("plain.mvlog");
+    MV_LogError_p error = NULL;
+    MV_LogRecoveryDetails details;
+    MV_LogRecoveryReport report;
+    int32_t present = 0;
+    int32_t missing = 0;
+    make_recover_input(source);
+    copy_file(source, damaged);
+    cut_to_pages(damaged, pages_of(source) / 2);
+
+    memset(&details, 0, sizeof details);
+    details.structSize = sizeof details;
+    REQUIRE(MV_LogAlgorithms_RecoverWithDetails(damaged, output, &details, &error));
+    CHECK(error == NULL);
+    CHECK(details.entriesLostIsLowerBound);
+    CHECK(details.pagesScanned);
+    CHECK(details.report.entriesRecovered > 0);
+    CHECK(details.report.entriesLost > 0);
+    CHECK(details.report.entriesRecovered + details.report.entriesLost <= RECOVER_COUNT);
+    check_recovered_entries(output, &present, &missing);
+    CHECK_INT_EQ(present, details.report.entriesRecovered);
+
+    /* The older call reports the same counts. */
+    memset(&report, 0, sizeof report);
+    REQUIRE(MV_LogAlgorithms_RecoverWithReport(damaged, plain, &report, &error));
+    CHECK(memcmp(&report, &details.report, sizeof report) == 0);
+}
+
+/* A struct from a newer header is larger: only the fields known here are
+ * written. One smaller than the first version is refused before anything is
+ * written. */
+TEST(recover_details_respect_the_struct_size) {
+    const char* source = test_path("intact.mvlog");
+    const char* output = test_path("saved.mvlog");
+    MV_LogError_p error = NULL;
+    struct newer_details {
+        MV_LogRecoveryDetails known;
+        unsigned char later[16];
+    } larger;
+    MV_LogRecoveryDetails small;
+    MV_LogRecoveryDetails untouched;
+    char expected[256];
+    size_t k;
+    make_recover_input(source);
+    memset(&larger, 0xab, sizeof larger);
+    larger.known.structSize = sizeof larger;
+    REQUIRE(MV_LogAlgorithms_RecoverWithDetails(source, output, &larger.known, &error));
+    CHECK(error == NULL);
+    CHECK_INT_EQ(larger.known.structSize, sizeof larger);
+    CHECK_INT_EQ(larger.known.report.entriesRecovered, RECOVER_COUNT);
+    CHECK_INT_EQ(larger.known.report.entriesLost, 0);
+    CHECK(!larger.known.entriesLostIsLowerBound);
+    for (k = 0; k < sizeof larger.later; ++k) {
+        CHECK_INT_EQ(larger.later[k], 0xab);
+    }
+
+    memset(&small, 0x5a, sizeof small);
+    small.structSize = sizeof small - 1;
+    memcpy(&untouched, &small, sizeof small);
+    CHECK(!MV_LogAlgorithms_RecoverWithDetails(source, test_path("refused.mvlog"), &small, &error));
+    snprintf(expected, sizeof expected,
+             "MV_LogAlgorithms_RecoverWithDetails: structSize is %u, less than the %u bytes of "
+             "MV_LogRecoveryDetails; set it to sizeof(MV_LogRecoveryDetails).",
+             (unsigned)(sizeof small - 1), (unsigned)sizeof small);
+    CHECK_ERROR(error, expected);
+    CHECK(memcmp(&small, &untouched, sizeof small) == 0);
+    CHECK(!path_exists(test_path("refused.mvlog")));
+}
