@@ -15,6 +15,13 @@ using ByteBuffer = std::vector<std::byte>;
 // The codec's own default level; 1 to 9 trade speed for size as usual.
 inline constexpr int DefaultCompressionLevel = -1;
 
+// The most bytes one expansion hands out: SQLite's default limit on the
+// length of a stored value, so no payload, resource or thumbnail a log file
+// can hold expands beyond it. A frame that declares more is damage (or a
+// crafted bomb) and is refused before anything is allocated; a frame without
+// a declared size is refused as soon as it passes the limit.
+inline constexpr std::size_t MaxExpandedSize = 1000000000;
+
 // Thrown when a buffer cannot be compressed or expanded: corrupt or truncated
 // input, or a frame that would expand beyond what can be allocated.
 class MV_CORE_EXPORT CompressionError : public std::runtime_error {

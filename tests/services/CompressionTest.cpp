@@ -327,3 +327,83 @@ TEST(CompressionTest, AFrameDeclaringMoreThanItCanHoldIsRefusedBeforeAllocating)
     EXPECT_EQ(uncompressFailure(rleFrameDeclaring(uint64_t{1} << 30, 10)),
               "Cannot uncompress data: the frame declares more data than it can hold");
 }
+
+namespace {
+
+// A bomb: `blocks` RLE blocks of 128 KiB each, so a few bytes per block
+// expand to 128 KiB. With `declareSize` the header states the whole size;
+// without it the frame streams, as another tool might write it.
+ByteBuffer rleBomb(uint32_t blocks, bool declareSize) {
+    constexpr uint32_t kBlock = 128 * 1024;
+    std::vector<unsigned char> frame = {0x28, 0xB5, 0x2F, 0xFD};
+    if (declareSize) {
+        frame.push_back(0xE0);  // 8-byte size, single segment
+        const uint64_t declared = uint64_t{blocks} * kBlock;
+        for (int i = 0; i < 8; ++i) {
+            frame.push_back(static_cast<unsigned char>(declared >> (8 * i)));
+        }
+    } else {
+        frame.push_back(0x00);            // no size, a window descriptor follows
+        frame.push_back((17 - 10) << 3);  // a 128 KiB window
+    }
+    for (uint32_t block = 0; block < blocks; ++block) {
+        const uint32_t last = block + 1 == blocks ? 1u : 0u;
+        const uint32_t blockHeader = last | (1u << 1) | (kBlock << 3);  // RLE
+        frame.push_back(static_cast<unsigned char>(blockHeader));
+        frame.push_back(static_cast<unsigned char>(blockHeader >> 8));
+        frame.push_back(static_cast<unsigned char>(blockHeader >> 16));
+        frame.push_back(0x42);
+    }
+    ByteBuffer bytes;
+    for (unsigned char byte : frame) {
+        bytes.push_back(static_cast<std::byte>(byte));
+    }
+    return bytes;
+}
+
+// 16384 blocks: 64 KiB of frame that would expand to 2 GiB.
+constexpr uint32_t kTwoGiBInBlocks = 16384;
+
+}  // namespace
+
+TEST(CompressionTest, ABombDeclaringMoreThanAnyStoredValueIsRefusedBeforeAllocating) {
+    const ByteBuffer bomb = rleBomb(kTwoGiBInBlocks, true);
+    ASSERT_LT(bomb.size(), 70u * 1024);
+    EXPECT_EQ(uncompressFailure(bomb),
+              "Cannot uncompress data: the frame declares 2147483648 bytes, more than the 1000000000 bytes "
+              "any stored value can hold");
+    std::size_t handedOut = 0;
+    try {
+        Marivane::Compression::uncompressInPieces(bomb.data(), bomb.size(),
+                                                  [&](const std::byte*, std::size_t size) {
+                                                      handedOut += size;
+                                                      return true;
+                                                  });
+        FAIL() << "a 2 GiB bomb expanded in pieces";
+    } catch (const CompressionError& error) {
+        EXPECT_STREQ(error.what(),
+                     "Cannot uncompress data: the frame declares 2147483648 bytes, more than the 1000000000 "
+                     "bytes any stored value can hold");
+    }
+    EXPECT_EQ(handedOut, 0u);
+}
+
+TEST(CompressionTest, ABombWithoutADeclaredSizeIsRefusedWithoutHoldingItsOutput) {
+    const ByteBuffer bomb = rleBomb(kTwoGiBInBlocks, false);
+    ByteBuffer output;
+    try {
+        Marivane::Compression::uncompressInto(bomb.data(), bomb.size(), output);
+        FAIL() << "a 2 GiB bomb without a size expanded";
+    } catch (const CompressionError& error) {
+        EXPECT_STREQ(error.what(),
+                     "Cannot uncompress data: the data expands to more than the 1000000000 bytes any stored "
+                     "value can hold");
+    }
+    // Measured in flat memory first: nothing of the expansion was kept.
+    EXPECT_EQ(output.capacity(), 0u);
+}
+
+TEST(CompressionTest, AFrameWithoutSizeJustBelowTheLimitStillExpands) {
+    const ByteBuffer frame = rleBomb(64, false);
+    EXPECT_EQ(uncompress(frame), ByteBuffer(64u * 128 * 1024, std::byte{0x42}));
+}

@@ -51,6 +51,16 @@ unsigned long long largestPossibleContent(std::size_t compressedSize) {
     throw CompressionError("Cannot uncompress data: " + what);
 }
 
+std::string declaredTooLargeMessage(unsigned long long declared) {
+    return "the frame declares " + std::to_string(declared) + " bytes, more than the " +
+           std::to_string(MaxExpandedSize) + " bytes any stored value can hold";
+}
+
+std::string expandsTooLargeMessage() {
+    return "the data expands to more than the " + std::to_string(MaxExpandedSize) +
+           " bytes any stored value can hold";
+}
+
 // False when the data is not exactly one frame (more frames follow, or it is
 // cut or followed by other bytes): the stream then expands it, or names what
 // is wrong with it.
@@ -89,6 +99,9 @@ std::size_t streamPieces(const std::byte* data, std::size_t size, std::byte* pie
         }
         if (out.pos > 0) {
             total += out.pos;
+            if (total > MaxExpandedSize) {
+                throwUncompressError(expandsTooLargeMessage());
+            }
             if (!onPiece(out.pos)) {
                 return total;
             }
@@ -100,10 +113,16 @@ std::size_t streamPieces(const std::byte* data, std::size_t size, std::byte* pie
     return total;
 }
 
+// Frames without a declared size (written by other tools, never by
+// `compress`) are measured in flat memory first, so that a bomb is refused
+// before its output is allocated.
 void uncompressStreaming(const std::byte* data, std::size_t size, ByteBuffer& output) {
     output.clear();
     const std::size_t chunk = ZSTD_DStreamOutSize();
     ByteBuffer piece(chunk);
+    const std::size_t expandedSize =
+        streamPieces(data, size, piece.data(), piece.size(), [](std::size_t) { return true; });
+    output.reserve(expandedSize);
     streamPieces(data, size, piece.data(), piece.size(), [&](std::size_t filled) {
         output.insert(output.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(filled));
         return true;
@@ -154,6 +173,9 @@ void uncompressInto(const std::byte* data, std::size_t size, ByteBuffer& output)
         if (contentSize != ZSTD_CONTENTSIZE_UNKNOWN && contentSize > largestPossibleContent(size)) {
             throwUncompressError("the frame declares more data than it can hold");
         }
+        if (contentSize != ZSTD_CONTENTSIZE_UNKNOWN && contentSize > MaxExpandedSize) {
+            throwUncompressError(declaredTooLargeMessage(contentSize));
+        }
         // The first frame's header states its size: one call expands it. Data
         // beyond it (concatenated frames) no longer fits and expands as a
         // stream, as do frames without a size.
@@ -169,8 +191,12 @@ void uncompressInto(const std::byte* data, std::size_t size, ByteBuffer& output)
 
 std::size_t uncompressInPieces(const std::byte* data, std::size_t size, const PieceHandler& onPiece) {
     checkNotEmpty(size);
-    if (ZSTD_getFrameContentSize(data, size) == ZSTD_CONTENTSIZE_ERROR) {
+    const unsigned long long contentSize = ZSTD_getFrameContentSize(data, size);
+    if (contentSize == ZSTD_CONTENTSIZE_ERROR) {
         throwUncompressError("the data is not a valid compressed frame or is truncated");
+    }
+    if (contentSize != ZSTD_CONTENTSIZE_UNKNOWN && contentSize > MaxExpandedSize) {
+        throwUncompressError(declaredTooLargeMessage(contentSize));
     }
     ByteBuffer piece(ZSTD_DStreamOutSize());
     return streamPieces(data, size, piece.data(), piece.size(),
