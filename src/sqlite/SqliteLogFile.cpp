@@ -61,18 +61,29 @@ SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZon
 SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZone,
                              const std::string& applicationName, const std::string& applicationVersion,
                              int8_t compressionLevel, int64_t createdDateTime, Durability durability)
-    : d(std::make_unique<SqliteLogFilePrivate>(std::filesystem::path(path), OpenPolicy::OpenOrCreate,
-                                               durability)) {
+    : d(nullptr) {
     // In the order of kFixedMetadataKeys.
     const std::array<PropertyValue, kFixedMetadataKeys.size()> values = {
         createdDateTime,          applicationName, applicationVersion, timeZone, int32_t{kCurrentLogVersion},
         int32_t{compressionLevel}};
-    WriteBatch batch = beginBatch();
+    CreationMetadata metadata;
     for (std::size_t i = 0; i < values.size(); ++i) {
-        // A key that cannot be written is the file's last error; creation goes on.
-        (void)addMetadata(std::string(kFixedMetadataKeys[i]), values[i]);
+        metadata.emplace_back(std::string(kFixedMetadataKeys[i]), values[i]);
     }
-    (void)batch.commit();
+    // A new file gets its tables and metadata in one commit: a reader never
+    // sees a log file whose compression level is not written yet.
+    d = std::make_unique<SqliteLogFilePrivate>(std::filesystem::path(path), OpenPolicy::OpenOrCreate,
+                                               durability, &metadata);
+    if (!d->creationMetadataWritten) {
+        // An existing log file keeps its own keys (addMetadata refuses them);
+        // where creation failed, the writes fail as they would have.
+        WriteBatch batch = beginBatch();
+        for (const auto& [key, value] : metadata) {
+            // A key that cannot be written is the file's last error; creation goes on.
+            (void)addMetadata(key, value);
+        }
+        (void)batch.commit();
+    }
     d->compressionLevel = compressionLevel;
     d->logVersion = kCurrentLogVersion;
 }

@@ -9,6 +9,7 @@
 #include <database/DatabaseBusy.h>
 #include <database/FileIsNotDatabase.h>
 #include "services/database/ColumnAccess.h"
+#include "sqlite/BindParameterVisitor.h"
 
 #include <array>
 #include <fstream>
@@ -56,14 +57,15 @@ Database::OpenMode openModeFor(OpenPolicy policy) {
 }  // namespace
 
 SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path, OpenPolicy openPolicy,
-                                           Durability newFileDurability) try
+                                           Durability newFileDurability,
+                                           const CreationMetadata* creationMetadata) try
     : database(path.string(), openModeFor(openPolicy)),
       filePath(path),
       policy(openPolicy),
       sideFilesExistedAtOpen_(
           Filesystem::somethingExistsAt(path.string() + "-shm", Filesystem::PathLookup::PathItself)) {
     try {
-        openAsLogFile(newFileDurability);
+        openAsLogFile(newFileDurability, creationMetadata);
     } catch (const Database::DatabaseBusy&) {
         // Preparing a statement can meet the lock too; name the file either way.
         throw Database::DatabaseBusy(busyMessage());
@@ -75,7 +77,8 @@ SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path, Op
     throw NotALogFileError();
 }
 
-void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability) {
+void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability,
+                                         const CreationMetadata* creationMetadata) {
     if (isReadOnly()) {
         // A second line of defence: SQLite refuses every write on this
         // connection even if one slipped through.
@@ -97,14 +100,23 @@ void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability) {
         // healthy connection, and a failure would leave SQLite's defaults.
         (void)database.execute("PRAGMA foreign_keys = on;");
         createdTables = !checkForTables();
-        if (createdTables) {
+        if (createdTables && creationMetadata != nullptr) {
+            // The journal mode cannot change inside a transaction, and the
+            // tables and the metadata share one: settings first, after the
+            // page size (a write-ahead log fixes it).
+            durability = newFileDurability;
+            (void)database.execute(kPageSizePragma);
+            applyConnectionSettings();
+            createTables(creationMetadata);
+        } else if (createdTables) {
             createTables();
             durability = newFileDurability;
+            applyConnectionSettings();
         } else {
             fixBookmarksTable();
             durability = journalIsWriteAheadLog() ? Durability::Safe : Durability::Fast;
+            applyConnectionSettings();
         }
-        applyConnectionSettings();
     }
     if (!createdTables) {
         compressionLevel = static_cast<int8_t>(readOpeningMetadataInteger("compressionLevel").value_or(0));
@@ -279,7 +291,7 @@ bool SqliteLogFilePrivate::checkForTables() {
     return true;
 }
 
-void SqliteLogFilePrivate::createTables() {
+void SqliteLogFilePrivate::createTables(const CreationMetadata* creationMetadata) {
     // 8 KiB pages measured best over small and large payloads, batched and not
     // (bench/README.md); the size must be set before the first table exists.
     // One transaction makes creation atomic and saves a synchronous commit per
@@ -318,7 +330,33 @@ void SqliteLogFilePrivate::createTables() {
         throwOpeningFailure(status);
     }
     run("CREATE INDEX bookmarkIndex ON bookmarks(entryId);");
-    run("COMMIT;");
+    if (creationMetadata != nullptr) {
+        insertCreationMetadata(*creationMetadata);
+    }
+    const Database::Status committed = database.execute("COMMIT;");
+    if (committed.isBusy()) {
+        (void)database.execute("ROLLBACK;");
+        throwOpeningFailure(committed);
+    }
+    creationMetadataWritten = creationMetadata != nullptr && committed.ok() && creationMetadataInserted;
+}
+
+// The statement and binding of addMetadata, so the rows are stored exactly
+// as it stores them; the table is new, so no key exists yet.
+void SqliteLogFilePrivate::insertCreationMetadata(const CreationMetadata& metadata) {
+    creationMetadataInserted = true;
+    for (const auto& [key, value] : metadata) {
+        SqliteQuery insert(database, "INSERT INTO metadata (key, value) VALUES (:key, :value);");
+        insert.bindParameter(":key", key, Database::BindMode::NoCopy);
+        std::visit(Database::BindParameterVisitor(insert, ":value"), value);
+        if (!executeWrite(insert)) {
+            creationMetadataInserted = false;
+            if (insert.status().isBusy()) {
+                (void)database.execute("ROLLBACK;");
+                throwOpeningFailure(insert.status());
+            }
+        }
+    }
 }
 
 Database::Status SqliteLogFilePrivate::createBookmarksTable() {

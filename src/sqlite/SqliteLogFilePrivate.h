@@ -3,6 +3,7 @@
 #include <logging/ByteBuffer.h>
 #include <logging/Durability.h>
 #include <logging/FailureKind.h>
+#include <logging/PropertyValue.h>
 
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
@@ -15,8 +16,13 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Marivane::Logging {
+
+// Metadata written in the same transaction as the tables of a new file.
+using CreationMetadata = std::vector<std::pair<std::string, PropertyValue>>;
 
 // How a file is opened.
 enum class OpenPolicy {
@@ -41,9 +47,13 @@ public:
     // the file locked past the busy timeout, and lets every other database
     // error through. A busy file is never taken for a damaged one.
     // A database without tables becomes a log file of `newFileDurability`;
-    // an existing log file keeps the mode it has.
+    // an existing log file keeps the mode it has. When the tables are
+    // created, `creationMetadata` (if any) is written in the same
+    // transaction, so that no other connection ever sees a log file without
+    // its fixed metadata.
     SqliteLogFilePrivate(const std::filesystem::path& path, OpenPolicy policy = OpenPolicy::OpenOrCreate,
-                         Durability newFileDurability = Durability::Fast);
+                         Durability newFileDurability = Durability::Fast,
+                         const CreationMetadata* creationMetadata = nullptr);
     // Commits an open write batch.
     ~SqliteLogFilePrivate();
     SqliteLogFilePrivate(const SqliteLogFilePrivate&) = delete;
@@ -53,6 +63,9 @@ public:
     std::filesystem::path filePath;
     OpenPolicy policy;
     bool createdTables = false;
+    // True when the tables and the creation metadata were committed together.
+    bool creationMetadataWritten = false;
+    bool creationMetadataInserted = false;
     // Safe files are in write-ahead-log mode, which the file itself records.
     Durability durability = Durability::Fast;
     // 0: store uncompressed; -1 or 1 to 9: compress at that level.
@@ -74,7 +87,8 @@ public:
     // True when the database holds the six log tables, false when it holds no
     // table at all; throws NotALogFileError for anything in between.
     bool checkForTables();
-    void createTables();
+    void createTables(const CreationMetadata* creationMetadata = nullptr);
+    void insertCreationMetadata(const CreationMetadata& metadata);
     Database::Status createBookmarksTable();
     // Rebuilds the bookmarks table (its rows are lost) when its foreign-key
     // check reports a problem.
@@ -144,7 +158,7 @@ public:
 private:
     bool insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
                       const ByteBuffer& stored);
-    void openAsLogFile(Durability newFileDurability);
+    void openAsLogFile(Durability newFileDurability, const CreationMetadata* creationMetadata);
     bool journalIsWriteAheadLog();
     void applyConnectionSettings();
     // Throws the exception for a failure met while opening: DatabaseBusy

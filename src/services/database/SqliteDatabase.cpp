@@ -3,11 +3,16 @@
 #include "SqliteErrors.h"
 #include "SqliteHandles.h"
 #include "StatementSlot.h"
+#include "StrictFileLayer.h"
 
 #include <sqlite3.h>
 
+#include <database/DatabaseAccessError.h>
+
+#include <filesystem>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <unordered_map>
 #include <vector>
 
@@ -32,6 +37,19 @@ struct TransparentHash {
         return std::hash<std::string_view>{}(text);
     }
 };
+
+// Opening a FIFO, a socket or a device would block or read something that is
+// not a file; a missing path (which may be created) and a directory (which
+// SQLite refuses itself) go on to SQLite.
+void refuseSpecialFile(const std::string& path) {
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(path, error);
+    if (error || !std::filesystem::exists(status) || std::filesystem::is_regular_file(status) ||
+        std::filesystem::is_directory(status)) {
+        return;
+    }
+    throw DatabaseAccessError("Cannot open database '" + path + "': it is not a regular file.");
+}
 
 }  // namespace
 
@@ -109,8 +127,9 @@ void SqliteDatabase::ConnectionCloser::operator()(sqlite3* connection) const noe
 
 SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode)
     : statements_(std::make_unique<StatementCache>()) {
+    refuseSpecialFile(path);
     sqlite3* opened = nullptr;
-    const int code = sqlite3_open_v2(path.c_str(), &opened, mode | kThreadingFlags, nullptr);
+    const int code = sqlite3_open_v2(path.c_str(), &opened, mode | kThreadingFlags, strictFileLayerName());
     // SQLite hands out a connection even when opening fails; it must be closed.
     connection_.reset(opened);
     if (code != SQLITE_OK) {
