@@ -2,6 +2,8 @@
 
 #include <TempDir.h>
 
+#include <logging/SqliteLogFile.h>
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -45,6 +47,52 @@ TEST(RecoverTest, DamagedEntriesAreNamedAndTheRestKept) {
     EXPECT_TRUE(containsLine(lines, "lost entry ids: 7, 40-42")) << result.out;
     EXPECT_EQ(runMvlog({"check", output}).outLines().back(), "OK");
     EXPECT_EQ(runMvlog({"cat", output, "--from", "8", "--to", "8"}).exitCode, 0);
+}
+
+// The second half of the file is gone, and with it the end of the index on
+// the entries: the last id is unknown, so the count of lost entries runs up
+// to the highest id the file still shows (a bookmark on the last entry) and
+// says that more may be lost.
+TEST(RecoverTest, ACutFileSaysHowManyEntriesAtLeastWereLost) {
+    TempDir directory;
+    const std::string path = directory.file("cut.mvlog");
+    const std::string output = directory.file("new.mvlog");
+    constexpr int kEntries = 20000;
+    {
+        Marivane::Logging::SqliteLogFile file(path, "UTC", "tooltest", "1", 0, kKnownStart);
+        Marivane::Logging::DataSource source{-1, MV_LogDataSourceType_Radar, "radar"};
+        ASSERT_TRUE(file.addDataSource(source));
+        auto batch = file.beginBatch();
+        for (int id = 1; id <= kEntries; ++id) {
+            Marivane::Logging::DataEntry entry;
+            entry.dataSourceId = source.id;
+            entry.timestamp = kKnownStart + id;
+            entry.data = bytesOf("ping " + std::to_string(id));
+            ASSERT_TRUE(file.logData(entry));
+        }
+        ASSERT_TRUE(batch.commit());
+        ASSERT_TRUE(file.addBookmark(Marivane::Logging::Bookmark{kEntries, "last", "", {}}));
+    }
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2 / 8192 * 8192);
+
+    const RunResult result = runMvlog({"recover", path, "-o", output});
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    const auto recovered = Marivane::Logging::SqliteLogFile::openReadOnly(output).getEntryCount();
+    ASSERT_GT(recovered, 0);
+    ASSERT_LT(recovered, kEntries);
+    const std::vector<std::string> lines = result.outLines();
+    EXPECT_TRUE(containsLine(lines, "entries: " + std::to_string(recovered) + " recovered, at least " +
+                                        std::to_string(kEntries - recovered) + " lost"))
+        << result.out;
+    EXPECT_TRUE(containsLine(lines, "lost entry ids: " + std::to_string(recovered + 1) + "-20000"))
+        << result.out;
+    EXPECT_TRUE(containsLine(lines, "bookmarks: 0 recovered, 1 lost")) << result.out;
+    EXPECT_TRUE(containsLine(lines,
+                             "note: The number of lost entries is a lower bound: the file shows ids up to "
+                             "20000, and entries after that, if there were any, left no trace that could "
+                             "be counted."))
+        << result.out;
+    EXPECT_EQ(runMvlog({"check", output}).outLines().back(), "OK");
 }
 
 TEST(RecoverTest, ExistingOutputIsRefused) {

@@ -22,7 +22,10 @@ std::string idRunText(const Marivane::Logging::EntryIdRange& run) {
 constexpr std::size_t kRunsShown = 20;
 
 void printReport(const Marivane::Logging::RecoveryReport& report, const std::string& output) {
-    fmt::print("entries: {} recovered, {} lost\n", report.entriesRecovered, report.entriesLost);
+    // When the file's last id is unknown, entries after the highest id it
+    // shows cannot be counted: the count is the least number lost.
+    fmt::print("entries: {} recovered, {}{} lost\n", report.entriesRecovered,
+               report.entriesLostIsLowerBound ? "at least " : "", report.entriesLost);
     if (!report.lostEntryIds.empty()) {
         std::string runs;
         for (std::size_t i = 0; i < report.lostEntryIds.size() && i < kRunsShown; ++i) {
