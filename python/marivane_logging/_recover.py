@@ -18,8 +18,12 @@ class RecoveryReport:
     """What :func:`recover` salvaged from a damaged log file and what it had to leave behind.
 
     `entries_lost` counts the ids from 1 to the highest id the damaged file
-    still shows that did not come back; entries after that id leave no trace
-    and are not counted. `lost_entry_ids` lists those ids as ascending,
+    still shows (the entries found, bookmark targets, the data table's
+    interior pages and indexes) that did not come back.
+    `entries_lost_is_lower_bound` is true when the file's last id could not
+    be found (the end of the file or of the data table is gone): entries
+    after that highest id may have existed, so at least `entries_lost`
+    entries were lost. `lost_entry_ids` lists the lost ids as ascending,
     non-overlapping inclusive ``(first, last)`` runs. Data sources that
     entries or properties needed but that were lost are made up again as
     "recovered data source <id>" (`data_sources_recreated`).
@@ -45,6 +49,7 @@ class RecoveryReport:
     bookmarks_lost: int = 0
     pages_scanned: bool = False
     notes: List[str] = field(default_factory=list)
+    entries_lost_is_lower_bound: bool = False
 
 
 def recover(

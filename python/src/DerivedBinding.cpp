@@ -143,6 +143,7 @@ py::dict reportFields(const ml::RecoveryReport& report) {
     fields["bookmarks_lost"] = report.bookmarksLost;
     fields["pages_scanned"] = report.pagesScanned;
     fields["notes"] = notes;
+    fields["entries_lost_is_lower_bound"] = report.entriesLostIsLowerBound;
     return fields;
 }
 

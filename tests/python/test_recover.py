@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+import contextlib
 import dataclasses
 import hashlib
 import os
+import sqlite3
 
 import pytest
 
@@ -112,6 +114,7 @@ def test_an_intact_file_comes_back_whole(damaged, tmp_path):
     report = ml.recover(damaged, output, application="rescuer", version="3.1")
     assert isinstance(report, ml.RecoveryReport)
     assert (report.entries_recovered, report.entries_lost, report.lost_entry_ids) == (COUNT, 0, [])
+    assert not report.entries_lost_is_lower_bound
     assert not report.pages_scanned
     assert (report.data_sources_recovered, report.data_sources_recreated) == (2, 0)
     assert (report.properties_recovered, report.properties_lost) == (2, 0)
@@ -145,7 +148,7 @@ def test_the_report_is_a_frozen_value(damaged, tmp_path):
         "metadata_recovered", "metadata_lost",
         "resources_recovered", "resources_lost",
         "bookmarks_recovered", "bookmarks_lost",
-        "pages_scanned", "notes",
+        "pages_scanned", "notes", "entries_lost_is_lower_bound",
     ]
     assert repr(report).startswith(f"RecoveryReport(entries_recovered={COUNT}, entries_lost=0,")
     assert all(isinstance(note, str) for note in report.notes)
@@ -196,13 +199,71 @@ def test_a_file_cut_short_keeps_what_is_left(damaged, tmp_path):
     assert digest(damaged) == before
     assert report.pages_scanned
     assert 0 < report.entries_recovered < COUNT
-    # Entries past the highest id still seen leave no trace: at most COUNT.
+    # Entries past the highest id still seen leave no trace: at most COUNT,
+    # and exactly COUNT unless the report says the count is a lower bound.
     assert report.entries_recovered + report.entries_lost <= COUNT
+    if not report.entries_lost_is_lower_bound:
+        assert report.entries_recovered + report.entries_lost == COUNT
     recovered = check_entries(output, originals, report)
     lost = lost_ids(report)
     assert not recovered & lost
     highest = max(recovered | lost)
     assert recovered | lost == set(range(1, highest + 1))
+
+
+def root_page(path: str, name: str) -> int:
+    with contextlib.closing(sqlite3.connect(f"file:{path}?mode=ro", uri=True)) as db:
+        (page,) = db.execute("SELECT rootpage FROM sqlite_master WHERE name = ?", (name,)).fetchone()
+    return page
+
+
+@pytest.mark.parametrize("level", [-1, 0], ids=["compressed", "uncompressed"])
+def test_a_cut_file_counts_every_id_it_still_shows(damaged, tmp_path, level):
+    """The tail and the index on the entries are gone; a bookmark near the end still shows its id."""
+    originals = make_file(damaged, level)
+    size = page_size(damaged)
+    pages = os.path.getsize(damaged) // size
+    zero_pages(damaged, [root_page(damaged, "dataDataSourceIndex")])
+    with open(damaged, "r+b") as stream:
+        stream.truncate((pages // 2) * size)
+    output = os.fspath(tmp_path / "saved.mvlog")
+
+    report = ml.recover(damaged, output)
+
+    assert report.entries_lost_is_lower_bound
+    recovered = check_entries(output, originals, report)
+    lost = lost_ids(report)
+    assert recovered == set(range(1, len(recovered) + 1))
+    # The bookmark on COUNT - 1 is the highest id the file still shows.
+    assert lost == set(range(len(recovered) + 1, COUNT))
+    assert report.entries_recovered + report.entries_lost == COUNT - 1
+    assert (report.bookmarks_recovered, report.bookmarks_lost) == (1, 1)
+    assert (
+        f"The number of lost entries is a lower bound: the file shows ids up to {COUNT - 1}, and entries "
+        "after that, if there were any, left no trace that could be counted."
+    ) in report.notes
+
+
+def test_a_file_cut_by_one_byte_loses_what_was_on_its_last_page(damaged, tmp_path):
+    originals = make_file(damaged, 0)
+    size = page_size(damaged)
+    pages = os.path.getsize(damaged) // size
+    with open(damaged, "r+b") as stream:
+        stream.truncate(pages * size - 1)
+    output = os.fspath(tmp_path / "saved.mvlog")
+
+    report = ml.recover(damaged, output)
+
+    # The index on the entries is whole: the count is exact.
+    assert not report.entries_lost_is_lower_bound
+    assert report.entries_lost > 0
+    assert report.entries_recovered + report.entries_lost == COUNT
+    recovered = check_entries(output, originals, report)
+    assert recovered | lost_ids(report) == set(originals)
+    assert (
+        f"The file ends inside page {pages}: that page is missing, and so is every entry whose bytes "
+        "were on it."
+    ) in report.notes
 
 
 def test_progress_reports_the_entries_recovered(damaged, tmp_path):
