@@ -38,6 +38,11 @@ enum class StatusCode {
 // and SQLITE_DONE.
 MV_DATABASE_EXPORT StatusCode classifyResultCode(int32_t resultCode) noexcept;
 
+// True for the read-only failures that mean a writer stopped in the middle of
+// a commit: its journal (or write-ahead log) must be rolled back or
+// recovered by a connection that may write before the file can be read.
+MV_DATABASE_EXPORT bool isUnfinishedCommit(int32_t resultCode) noexcept;
+
 // The outcome of one database operation: its kind, SQLite's extended result
 // code and a message. Cheap to copy when it is Ok (the message is empty).
 class [[nodiscard]] Status {

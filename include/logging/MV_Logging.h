@@ -79,15 +79,24 @@ MV_LOGGING_EXPORT void MV_LogConfig_GetCompressionLevel(MV_LogConfig_p config, i
 MV_LOGGING_EXPORT bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level,
                                                         MV_LogError_p* error);
 
-/* How a new file trades speed for safety; the file keeps its mode when it is
- * opened again.
- * FAST (the default): no flushes, journal in memory; a crash during a commit
- * or a power cut can lose recent writes or damage the file.
+/* How a new file trades speed for safety; a SAFE file keeps its mode when it
+ * is opened again.
+ * FAST (the default of MV_LogFile_Create): no flushes, journal in memory; a
+ * crash during a commit or a power cut can lose recent writes or damage the
+ * file.
  * SAFE: write-ahead log; a commit survives a crash of the process, after a
  * power cut the file is consistent and loses at most the last commits, and
- * other processes can read the file while it is written. */
-typedef enum MV_LogDurability { MV_LOG_DURABILITY_FAST = 0, MV_LOG_DURABILITY_SAFE = 1 } MV_LogDurability;
-/* False, with an error, for a value that is not one of the two modes. */
+ * other processes can read the file while it is written.
+ * BALANCED (the default of MV_LogRecorder_Create when no mode was set): a
+ * journal on disk without flushes; a commit survives a kill of the process
+ * at little more cost than FAST, a power cut can lose recent writes or damage
+ * the file. */
+typedef enum MV_LogDurability {
+    MV_LOG_DURABILITY_FAST = 0,
+    MV_LOG_DURABILITY_SAFE = 1,
+    MV_LOG_DURABILITY_BALANCED = 2
+} MV_LogDurability;
+/* False, with an error, for a value that is not one of the modes. */
 MV_LOGGING_EXPORT bool MV_LogConfig_SetDurability(MV_LogConfig_p config, MV_LogDurability durability,
                                                   MV_LogError_p* error);
 MV_LOGGING_EXPORT void MV_LogConfig_GetDurability(MV_LogConfig_p config, MV_LogDurability* durability);

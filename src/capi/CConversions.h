@@ -27,8 +27,24 @@ void storeError(MV_LogError_p* error, std::string message);
 
 // The class interface's durability mode for a validated C value.
 inline Durability durabilityFrom(MV_LogDurability durability) {
-    return durability == MV_LOG_DURABILITY_SAFE ? Durability::Safe : Durability::Fast;
+    switch (durability) {
+        case MV_LOG_DURABILITY_SAFE:
+            return Durability::Safe;
+        case MV_LOG_DURABILITY_BALANCED:
+            return Durability::Balanced;
+        default:
+            return Durability::Fast;
+    }
 }
+
+inline bool isDurability(MV_LogDurability durability) {
+    return durability == MV_LOG_DURABILITY_FAST || durability == MV_LOG_DURABILITY_SAFE ||
+           durability == MV_LOG_DURABILITY_BALANCED;
+}
+
+inline constexpr const char* kInvalidDurability =
+    "Invalid durability, value must be MV_LOG_DURABILITY_FAST, MV_LOG_DURABILITY_SAFE or "
+    "MV_LOG_DURABILITY_BALANCED.";
 
 // True when `result` is; otherwise stores the file's last-error text (when
 // asked for) and returns false.

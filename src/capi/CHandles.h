@@ -34,6 +34,8 @@ struct MV_LogConfig {
     std::string timeZone;
     int8_t compressionLevel = -1;
     MV_LogDurability durability = MV_LOG_DURABILITY_FAST;
+    // A recorder records Balanced unless the application chose a mode.
+    bool durabilityChosen = false;
 };
 
 struct MV_LogFile {

@@ -76,9 +76,8 @@ bool MV_LogCopyOptions_SetCompressionLevel(MV_LogCopyOptions_p options, int8_t l
 
 bool MV_LogCopyOptions_SetDurability(MV_LogCopyOptions_p options, MV_LogDurability durability,
                                      MV_LogError_p* error) {
-    if (durability != MV_LOG_DURABILITY_FAST && durability != MV_LOG_DURABILITY_SAFE) {
-        storeError(error,
-                   "Invalid durability, value must be MV_LOG_DURABILITY_FAST or MV_LOG_DURABILITY_SAFE.");
+    if (!CApi::isDurability(durability)) {
+        storeError(error, CApi::kInvalidDurability);
         return false;
     }
     options->value.durability = CApi::durabilityFrom(durability);

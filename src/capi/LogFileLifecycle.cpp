@@ -75,12 +75,12 @@ bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level, MV_Lo
 }
 
 bool MV_LogConfig_SetDurability(MV_LogConfig_p config, MV_LogDurability durability, MV_LogError_p* error) {
-    if (durability != MV_LOG_DURABILITY_FAST && durability != MV_LOG_DURABILITY_SAFE) {
-        storeError(error,
-                   "Invalid durability, value must be MV_LOG_DURABILITY_FAST or MV_LOG_DURABILITY_SAFE.");
+    if (!CApi::isDurability(durability)) {
+        storeError(error, CApi::kInvalidDurability);
         return false;
     }
     config->durability = durability;
+    config->durabilityChosen = true;
     return true;
 }
 

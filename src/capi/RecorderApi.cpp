@@ -84,7 +84,7 @@ MV_LogRecorder_p MV_LogRecorder_Create(const char* path, MV_LogConfig_p config,
     reportingFailures(error, [&] {
         if (Marivane::Filesystem::somethingExistsAt(CApi::textFrom(path),
                                                     Marivane::Filesystem::PathLookup::PathItselfIfReadable)) {
-            storeError(error, "Cannot create file as file already exists.");
+            storeError(error, "Cannot record into '" + CApi::textFrom(path) + "': the file already exists.");
             return false;
         }
         RecorderOptions settings = options != nullptr ? options->value : RecorderOptions();
@@ -92,7 +92,9 @@ MV_LogRecorder_p MV_LogRecorder_Create(const char* path, MV_LogConfig_p config,
         settings.applicationVersion = config->applicationVersion;
         settings.timeZone = config->timeZone;
         settings.compressionLevel = config->compressionLevel;
-        settings.durability = CApi::durabilityFrom(config->durability);
+        if (config->durabilityChosen) {
+            settings.durability = CApi::durabilityFrom(config->durability);
+        }
         created = new MV_LogRecorder{std::make_unique<Recorder>(std::filesystem::path(path), settings)};
         return true;
     });

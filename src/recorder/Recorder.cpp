@@ -199,12 +199,44 @@ public:
 private:
     static std::unique_ptr<SqliteLogFile> createFile(const std::filesystem::path& path,
                                                      const RecorderOptions& options) {
+        if (path.empty()) {
+            throw std::runtime_error("Cannot record: the file path is empty.");
+        }
         if (Filesystem::somethingExistsAt(path.string(), Filesystem::PathLookup::PathItself)) {
             throw std::runtime_error("Cannot record into '" + path.string() + "': the file already exists.");
         }
-        return std::make_unique<SqliteLogFile>(path.string(), options.timeZone, options.applicationName,
-                                               options.applicationVersion, options.compressionLevel,
-                                               Chrono::msSinceUnixEpoch(), options.durability);
+        try {
+            return std::make_unique<SqliteLogFile>(path.string(), options.timeZone, options.applicationName,
+                                                   options.applicationVersion, options.compressionLevel,
+                                                   Chrono::msSinceUnixEpoch(), options.durability);
+        } catch (const std::exception& error) {
+            // Nothing was there before: a half-made file would only block
+            // the next try.
+            removeFailedCreation(path);
+            throw std::runtime_error("Cannot record into '" + path.string() +
+                                     "': " + creationFailure(path, error));
+        }
+    }
+
+    static void removeFailedCreation(const std::filesystem::path& path) noexcept {
+        std::error_code ignored;
+        for (const char* suffix : {"", "-journal", "-wal", "-shm"}) {
+            std::filesystem::remove(path.string() + suffix, ignored);
+        }
+    }
+
+    // A full disk shows up as whatever statement failed first; say what it is.
+    static std::string creationFailure(const std::filesystem::path& path, const std::exception& error) {
+        constexpr std::uintmax_t kRoomForANewFile = 256 * 1024;
+        std::error_code failed;
+        const std::filesystem::path directory =
+            path.has_parent_path() ? path.parent_path() : std::filesystem::current_path(failed);
+        const std::filesystem::space_info space = std::filesystem::space(directory, failed);
+        if (!failed && space.available < kRoomForANewFile) {
+            return "the disk is full (" + std::to_string(space.available) + " bytes free; a new file needs " +
+                   std::to_string(kRoomForANewFile / 1024) + " KiB).";
+        }
+        return error.what();
     }
 
     // Under the overflow policy: true when the entry may be queued.

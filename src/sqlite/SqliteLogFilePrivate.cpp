@@ -8,6 +8,7 @@
 #include <database/DatabaseAccessError.h>
 #include <database/DatabaseBusy.h>
 #include <database/FileIsNotDatabase.h>
+#include <database/UnfinishedCommit.h>
 #include "services/database/ColumnAccess.h"
 #include "sqlite/BindParameterVisitor.h"
 
@@ -69,6 +70,8 @@ SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path, Op
     } catch (const Database::DatabaseBusy&) {
         // Preparing a statement can meet the lock too; name the file either way.
         throw Database::DatabaseBusy(busyMessage());
+    } catch (const Database::UnfinishedCommit&) {
+        throwUnfinishedCommit();
     }
 } catch (const Database::FileIsNotDatabase&) {
     if (hasLegacyMagic(path)) {
@@ -125,6 +128,13 @@ void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability,
 }
 
 void SqliteLogFilePrivate::applyConnectionSettings() {
+    if (durability == Durability::Balanced) {
+        // The log is written before a commit returns, so a killed process
+        // loses nothing committed; without flushes a power cut may.
+        (void)database.execute("PRAGMA synchronous = OFF;");
+        (void)database.execute("PRAGMA journal_mode = DELETE;");
+        return;
+    }
     if (durability == Durability::Safe) {
         // The journal mode is stored in the file, so a safe file stays safe
         // for every later connection; a commit is flushed at checkpoints.
@@ -169,8 +179,21 @@ void SqliteLogFilePrivate::throwOpeningFailure(const Database::Status& status) c
     if (status.isBusy()) {
         throw Database::DatabaseBusy(busyMessage());
     }
+    if (Database::isUnfinishedCommit(status.resultCode())) {
+        throwUnfinishedCommit();
+    }
     throw Database::DatabaseAccessError("Cannot open '" + filePath.string() +
                                         "' as a log file: " + status.message());
+}
+
+void SqliteLogFilePrivate::throwUnfinishedCommit() const {
+    // SQLite's own text ("attempt to write a readonly database") hides that
+    // the file is fine once the writer's journal is rolled back.
+    throw Database::UnfinishedCommit(
+        "Cannot read '" + filePath.string() +
+        "' yet: a writer stopped in the middle of a commit and left its journal beside it. Opening the file "
+        "once for writing (as a recording program or MV_LogFile_Open does) rolls the unfinished commit back; "
+        "'mvlog recover' salvages it without changing it.");
 }
 
 std::string SqliteLogFilePrivate::busyMessage() const {

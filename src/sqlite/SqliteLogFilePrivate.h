@@ -168,6 +168,7 @@ private:
     // anything else ends it. Answers whether the writes are kept.
     bool commitTransaction();
     std::string busyMessage() const;
+    [[noreturn]] void throwUnfinishedCommit() const;
     std::string readOnlyMessage() const;
 
     // A read-only connection to a write-ahead-log file creates the log's side

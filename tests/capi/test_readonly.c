@@ -100,7 +100,9 @@ TEST(durability_defaults_to_fast_and_refuses_unknown_modes) {
     MV_LogConfig_GetDurability(config, &durability);
     CHECK_INT_EQ((int)durability, (int)MV_LOG_DURABILITY_SAFE);
     CHECK(!MV_LogConfig_SetDurability(config, (MV_LogDurability)7, &error));
-    CHECK_ERROR(error, "Invalid durability, value must be MV_LOG_DURABILITY_FAST or MV_LOG_DURABILITY_SAFE.");
+    CHECK_ERROR(error,
+                "Invalid durability, value must be MV_LOG_DURABILITY_FAST, MV_LOG_DURABILITY_SAFE or "
+                "MV_LOG_DURABILITY_BALANCED.");
     MV_LogConfig_GetDurability(config, &durability);
     CHECK_INT_EQ((int)durability, (int)MV_LOG_DURABILITY_SAFE);
     MV_LogConfig_Destroy(config);

@@ -120,7 +120,11 @@ TEST(recorder_refuses_an_existing_path_and_bad_options) {
     MV_LogError_p error = NULL;
     write_file(path, "x", 1);
     CHECK(MV_LogRecorder_Create(path, config, NULL, &error) == NULL);
-    CHECK_ERROR(error, "Cannot create file as file already exists.");
+    {
+        char expected[512];
+        snprintf(expected, sizeof expected, "Cannot record into '%s': the file already exists.", path);
+        CHECK_ERROR(error, expected);
+    }
     CHECK(!MV_LogRecorderOptions_SetQueueBytes(options, 0, &error));
     CHECK_ERROR(error, "Invalid queue size, value must be at least 1 byte.");
     CHECK(!MV_LogRecorderOptions_SetCompressionThreads(options, -1, &error));
@@ -167,5 +171,33 @@ TEST(recorder_operations_keep_their_place_and_report_refusals) {
     MV_LogFile_Destroy(file);
     MV_LogMetadata_Destroy(metadata);
     MV_LogBookmark_Destroy(bookmark);
+    MV_LogConfig_Destroy(config);
+}
+
+TEST(recorder_refuses_an_empty_path_and_leaves_nothing) {
+    MV_LogConfig_p config = make_config(0);
+    MV_LogError_p error = NULL;
+    CHECK(MV_LogRecorder_Create("", config, NULL, &error) == NULL);
+    CHECK_ERROR(error, "Cannot record: the file path is empty.");
+    MV_LogConfig_Destroy(config);
+}
+
+TEST(balanced_durability_is_a_mode_of_its_own) {
+    MV_LogConfig_p config = make_config(0);
+    MV_LogError_p error = NULL;
+    MV_LogDurability durability = MV_LOG_DURABILITY_SAFE;
+    MV_LogConfig_GetDurability(config, &durability);
+    CHECK_INT_EQ((int)durability, (int)MV_LOG_DURABILITY_FAST);
+    CHECK(MV_LogConfig_SetDurability(config, MV_LOG_DURABILITY_BALANCED, &error));
+    MV_LogConfig_GetDurability(config, &durability);
+    CHECK_INT_EQ((int)durability, (int)MV_LOG_DURABILITY_BALANCED);
+    /* A balanced file is an ordinary log file once closed. */
+    const char* path = test_path("balanced.mvlog");
+    MV_LogFile_p file = MV_LogFile_Create(path, config, &error);
+    CHECK(file != NULL);
+    MV_LogFile_Destroy(file);
+    file = MV_LogFile_Open(path, &error);
+    CHECK(file != NULL);
+    MV_LogFile_Destroy(file);
     MV_LogConfig_Destroy(config);
 }

@@ -5,6 +5,8 @@
 #include <logging/Recorder.h>
 #include <logging/SqliteLogFile.h>
 
+#include <database/UnfinishedCommit.h>
+
 #include "FaultInjectingVfs.h"
 #include "support/TempDir.h"
 
@@ -18,6 +20,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -349,6 +352,42 @@ TEST(RecorderOverflow, BlockWaitsForRoomAndLosesNothing) {
     EXPECT_EQ(SqliteLogFile::openReadOnly(path).getEntryCount(), 30);
 }
 
+TEST(Recorder, RefusesAnEmptyPath) {
+    try {
+        Recorder recorder("", optionsAt(0));
+        FAIL() << "recorded into an empty path";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "Cannot record: the file path is empty.");
+    }
+}
+
+TEST(Recorder, RecordsWithBalancedDurabilityByDefault) {
+    EXPECT_EQ(RecorderOptions().durability, Durability::Balanced);
+}
+
+// A file that cannot even be created leaves nothing behind that would block
+// the next try.
+TEST(RecorderFailure, ACreationThatFailsLeavesNoFile) {
+    TempDir dir;
+    const std::string path = dir.file("never.mvlog");
+    {
+        FaultInjectingVfs vfs;
+        vfs.failGrowth(true);
+        try {
+            Recorder recorder(path, optionsAt(0));
+            FAIL() << "created a file on a full disk";
+        } catch (const std::runtime_error& error) {
+            EXPECT_EQ(std::string(error.what()).rfind("Cannot record into '" + path + "': ", 0), 0u)
+                << error.what();
+        }
+        EXPECT_FALSE(std::filesystem::exists(path));
+        EXPECT_FALSE(std::filesystem::exists(path + "-journal"));
+    }
+    Recorder recorder(path, optionsAt(0));
+    EXPECT_TRUE(recorder.close());
+    EXPECT_EQ(SqliteLogFile::openReadOnly(path).getEntryCount(), 0);
+}
+
 // A disk that fills up: the recorder stops accepting, says why, never blocks
 // a capture thread, and what it committed before stays readable.
 TEST(RecorderFailure, AFullDiskStopsAcceptingWithoutBlockingAndKeepsWhatWasCommitted) {
@@ -395,9 +434,9 @@ TEST(RecorderFailure, AFullDiskStopsAcceptingWithoutBlockingAndKeepsWhatWasCommi
 namespace {
 
 // A recording process killed at a random moment: every entry accepted before
-// its last completed flush must be in the file, byte for byte. Safe files
-// only: a kill in the middle of a fast file's commit can damage it (the
-// crash-survival suite measures how often).
+// its last completed flush must be in the file, byte for byte. Safe and
+// balanced files only: a kill in the middle of a fast file's commit can damage
+// it (the crash-survival suite measures how often).
 class RecorderKill : public ::testing::TestWithParam<Durability> {};
 
 TEST_P(RecorderKill, EverythingFlushedBeforeAKillIsInTheFile) {
@@ -442,6 +481,10 @@ TEST_P(RecorderKill, EverythingFlushedBeforeAKillIsInTheFile) {
             flushed = latest;
         }
         close(report[0]);
+        if (GetParam() == Durability::Balanced) {
+            // A commit the kill cut short is rolled back by the next writer.
+            SqliteLogFile writer{std::filesystem::path(path)};
+        }
         const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
         ASSERT_GE(file.getEntryCount(), static_cast<int32_t>(flushed));
         uint64_t checked = 0;
@@ -458,10 +501,11 @@ TEST_P(RecorderKill, EverythingFlushedBeforeAKillIsInTheFile) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Durabilities, RecorderKill, ::testing::Values(Durability::Safe),
+INSTANTIATE_TEST_SUITE_P(Durabilities, RecorderKill,
+                         ::testing::Values(Durability::Safe, Durability::Balanced),
                          [](const ::testing::TestParamInfo<Durability>& info) {
                              return info.param == Durability::Safe ? std::string("Safe")
-                                                                   : std::string("Fast");
+                                                                   : std::string("Balanced");
                          });
 
 }  // namespace
@@ -521,6 +565,16 @@ TEST(RecorderFailure, AnIoErrorStopsTheRecorderAndKeepsWhatWasCommitted) {
         EXPECT_FALSE(recorder.close());
         vfs.failWrites(0);
     }
+    // The failed commit's journal could not be rolled back while writes
+    // failed: read-only readers are told so, and the next writer rolls back.
+    try {
+        (void)SqliteLogFile::openReadOnly(path);
+        ADD_FAILURE() << "read a file whose commit was cut short";
+    } catch (const Marivane::Database::UnfinishedCommit& error) {
+        EXPECT_EQ(std::string(error.what()).rfind("Cannot read '" + path + "' yet: a writer stopped", 0), 0u)
+            << error.what();
+    }
+    { SqliteLogFile writer{std::filesystem::path(path)}; }
     const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
     EXPECT_EQ(file.getEntryCount(), 10);
     EXPECT_EQ(textOf(file.readEntry(10)->data), "kept");

@@ -104,7 +104,8 @@ TEST(ExamplesThreaded, ThreeCaptureThreadsRecordEveryReading) {
     EXPECT_EQ(runMvlog({"check", path}).outLines().back(), "OK");
     const RunResult again = runProgram(THREADED_RECORDER_EXAMPLE, {path});
     EXPECT_EQ(again.exitCode, 1);
-    EXPECT_EQ(again.err, "cannot record into " + path + ": Cannot create file as file already exists.\n");
+    EXPECT_EQ(again.err, "cannot record into " + path + ": Cannot record into '" + path +
+                             "': the file already exists.\n");
 }
 
 TEST(ExamplesErrors, ReaderAndReplayerRefuseAMissingFile) {

@@ -1,6 +1,7 @@
 #include <database/DatabaseAccessError.h>
 #include <database/DatabaseBusy.h>
 #include <database/FileIsNotDatabase.h>
+#include <database/UnfinishedCommit.h>
 
 namespace Marivane::Database {
 
@@ -9,5 +10,7 @@ DatabaseAccessError::DatabaseAccessError(const std::string& message) : std::runt
 FileIsNotDatabase::FileIsNotDatabase(const std::string& message) : DatabaseAccessError(message) {}
 
 DatabaseBusy::DatabaseBusy(const std::string& message) : DatabaseAccessError(message) {}
+
+UnfinishedCommit::UnfinishedCommit(const std::string& message) : DatabaseAccessError(message) {}
 
 }  // namespace Marivane::Database

@@ -3,6 +3,7 @@
 #include <database/DatabaseBusy.h>
 #include <database/FileIsNotDatabase.h>
 #include <database/Status.h>
+#include <database/UnfinishedCommit.h>
 
 namespace Marivane::Database {
 
@@ -48,6 +49,10 @@ StatusCode classifyResultCode(int32_t resultCode) noexcept {
     }
 }
 
+bool isUnfinishedCommit(int32_t resultCode) noexcept {
+    return resultCode == SQLITE_READONLY_ROLLBACK || resultCode == SQLITE_READONLY_RECOVERY;
+}
+
 void throwDatabaseError(int code, const std::string& context, const std::string& sqliteMessage) {
     const std::string message = context + ": " + sqliteMessage;
     switch (classifyResultCode(code)) {
@@ -55,6 +60,11 @@ void throwDatabaseError(int code, const std::string& context, const std::string&
             throw FileIsNotDatabase(message);
         case StatusCode::Busy:
             throw DatabaseBusy(message);
+        case StatusCode::ReadOnly:
+            if (isUnfinishedCommit(code)) {
+                throw UnfinishedCommit(message);
+            }
+            throw DatabaseAccessError(message);
         default:
             throw DatabaseAccessError(message);
     }
