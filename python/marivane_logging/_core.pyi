@@ -54,6 +54,9 @@ class Entry(Tuple[int, int, int, int, Any]):
     @property
     def size(self) -> int: ...
 
+class _PayloadBuffer:
+    """The bytes of one payload handed out by a visit as a memoryview (buffer protocol, read-only)."""
+
 class EntryIterator(Iterator[Entry]):
     def __iter__(self) -> "EntryIterator": ...
     def __next__(self) -> Entry: ...

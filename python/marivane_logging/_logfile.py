@@ -158,7 +158,10 @@ class LogFile:
         return cls(native)
 
     def close(self) -> None:
-        """Closes the file (committing an open batch). Closing twice is harmless."""
+        """Closes the file (committing an open batch). Closing twice is harmless.
+
+        Raises RuntimeError when called from a :meth:`visit` callback of this file.
+        """
         self._native.close()
 
     @property
@@ -342,11 +345,18 @@ class LogFile:
     ) -> int:
         """Calls `callback(entry)` for each selected entry; answers how many it saw.
 
-        With ``payload_as="memoryview"`` (the default) the payload is a view of
-        the reader's own buffer, no copy at all: it is valid during the call
-        only and released when the callback returns (using it later raises
-        ValueError). Return False from the callback to stop. An exception from
-        the callback ends the read and propagates.
+        With ``payload_as="memoryview"`` (the default) the payload is a
+        read-only view of a buffer the visit reuses from entry to entry, no
+        bytes object per payload: it is valid during the call only and
+        released when the callback returns (using it later raises
+        ValueError). A slice of it, or an array made from it, that the
+        callback keeps stays valid with its own bytes. Return False from the
+        callback to stop. An exception from the callback ends the read and
+        propagates.
+
+        The callback may read this file (look entries up, visit again), but
+        closing the file or writing to it while the visit walks it raises
+        RuntimeError: close or write after visit() returns.
         """
         names = self._names(sources)
         return _core._visit(

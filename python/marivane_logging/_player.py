@@ -45,7 +45,13 @@ class Player:
     and reported as :class:`DamagedError` the same way, or to
     ``on_unreadable(frame, entry_id, reason)``.
 
-    Do not call the player's methods from inside the callback.
+    The callbacks run while the player is at work, so the methods that
+    control it (:meth:`play`, :meth:`stop`, :meth:`close`, :meth:`wait`,
+    :meth:`seek`, :meth:`seek_to_time`, :attr:`total_play_time_ms`,
+    :meth:`set_pacing` and the bookmark edits) raise RuntimeError when a
+    callback calls them; :meth:`set_loop`, :meth:`set_speed` and the other
+    properties may be used there. A player whose last reference a callback
+    drops stops once that callback returns.
     """
 
     def __init__(

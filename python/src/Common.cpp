@@ -18,6 +18,11 @@ void raiseError(const char* className, const std::string& message) {
     throw py::error_already_set();
 }
 
+void raiseRuntimeError(const std::string& message) {
+    PyErr_SetString(PyExc_RuntimeError, message.c_str());
+    throw py::error_already_set();
+}
+
 const char* errorClassFor(ml::FailureKind kind) {
     switch (kind) {
         case ml::FailureKind::Busy:
@@ -83,7 +88,23 @@ const ml::SqliteLogFile& OpenLogFile::file() const {
     return *file_;
 }
 
+ml::SqliteLogFile& OpenLogFile::fileForWriting() {
+    ml::SqliteLogFile& f = file();
+    if (isBeingVisited()) {
+        raiseVisited("write to", "write after visit() returns");
+    }
+    return f;
+}
+
+void OpenLogFile::raiseVisited(const std::string& operation, const std::string& advice) const {
+    raiseRuntimeError("Cannot " + operation + " '" + file().getFilePath().string() +
+                      "' while it is being visited; " + advice + ".");
+}
+
 void OpenLogFile::close() {
+    if (file_ && isBeingVisited()) {
+        raiseVisited("close", "return False from the callback to stop, and close after visit() returns");
+    }
     if (batch) {
         batch->commit();
         batch.reset();

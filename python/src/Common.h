@@ -26,6 +26,8 @@ namespace ml = Marivane::Logging;
 [[noreturn]] void raiseError(const char* className, const std::string& message);
 // The exception class for a failure kind.
 const char* errorClassFor(ml::FailureKind kind);
+// Raises Python's RuntimeError with `message`.
+[[noreturn]] void raiseRuntimeError(const std::string& message);
 
 // Translates the library's exceptions into the package's exception classes.
 void registerExceptionTranslator();
@@ -55,8 +57,34 @@ public:
     // The file; ValueError once closed.
     ml::SqliteLogFile& file();
     const ml::SqliteLogFile& file() const;
+    // The file for a write, with the lock held: ValueError once closed,
+    // RuntimeError inside a visit of this file.
+    ml::SqliteLogFile& fileForWriting();
     bool isOpen() const { return file_.has_value(); }
+    // With the lock held: commits an open batch and closes the file;
+    // RuntimeError inside a visit of this file.
     void close();
+
+    // Marks a visit of the file for its duration, with the lock held. A visit
+    // runs Python code (its callback, or whatever the allocation of an entry
+    // lets the garbage collector run) while the library's reader is on the
+    // stack; the lock is recursive, so that code may call back into this
+    // file: reads are fine, but closing the file or writing to it would free
+    // or move what the reader is walking.
+    class Visit {
+    public:
+        explicit Visit(OpenLogFile& file) : file_(file) { ++file_.visits_; }
+        ~Visit() { --file_.visits_; }
+        Visit(const Visit&) = delete;
+        Visit& operator=(const Visit&) = delete;
+
+    private:
+        OpenLogFile& file_;
+    };
+    // True, with the lock held, only on the thread that is visiting.
+    bool isBeingVisited() const { return visits_ > 0; }
+    // RuntimeError "Cannot <operation> '<path>' while it is being visited; ..."
+    [[noreturn]] void raiseVisited(const std::string& operation, const std::string& advice) const;
 
     // A failed write or read: the exception class follows the kind of the
     // failure counted since `failuresBefore`, the message is the file's text
@@ -75,6 +103,8 @@ public:
 private:
     std::optional<ml::SqliteLogFile> file_;
     mutable std::recursive_mutex mutex_;
+    // Guarded by mutex_.
+    int visits_ = 0;
 };
 
 // An entry as Python sees it: a named tuple (id, source, type, timestamp,

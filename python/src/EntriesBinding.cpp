@@ -6,9 +6,11 @@
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <chrono>
 #include <limits>
 #include <memory>
+#include <vector>
 
 namespace marivane_python {
 
@@ -85,11 +87,25 @@ public:
           chunkBytes_(std::max<std::size_t>(chunkBytes, 1)) {}
 
     py::object next() {
+        // Filling may let other Python code run on this iterator: the garbage
+        // collector on this thread, or another thread while this one waits
+        // for the file. Neither may take from, or refill, the chunk being
+        // filled.
+        if (filling_) {
+            raiseRuntimeError("This entry iterator is already reading its next entries.");
+        }
         if (position_ == chunk_.size()) {
             if (finished_) {
                 throw py::stop_iteration();
             }
-            fill();
+            filling_ = true;
+            try {
+                fill();
+            } catch (...) {
+                filling_ = false;
+                throw;
+            }
+            filling_ = false;
             if (chunk_.empty()) {
                 throw py::stop_iteration();
             }
@@ -115,6 +131,7 @@ private:
         position_ = 0;
         auto lock = file_->lockHoldingGil();
         ml::SqliteLogFile& file = file_->file();
+        OpenLogFile::Visit visit(*file_);
         std::size_t bytes = 0;
         std::size_t count = 0;
         int32_t lastId = 0;
@@ -178,6 +195,53 @@ private:
     std::vector<py::object> chunk_;
     std::size_t position_ = 0;
     bool finished_ = false;
+    bool filling_ = false;
+};
+
+// The payload buffer of a visit that hands out memoryviews. A view of the
+// reader's own buffer cannot be revoked: release() leaves its slices, and
+// the arrays made from it, pointing at bytes the reader overwrites with the
+// next entry and frees at the end. So each payload is copied into a buffer of
+// ours, which a view keeps alive, and a buffer is reused for the next entry
+// only when nothing but the visit holds it any more.
+struct PayloadBuffer {
+    std::vector<std::byte> bytes;
+};
+
+class PayloadBuffers {
+public:
+    // A read-only memoryview of a copy of `size` bytes at `data`.
+    py::object view(const std::byte* data, std::size_t size) {
+        if (!current_ || Py_REFCNT(current_.ptr()) > 1) {
+            current_ = py::cast(PayloadBuffer{});
+            buffer_ = &current_.cast<PayloadBuffer&>();
+            // A buffer is never null, even for an empty payload.
+            buffer_->bytes.reserve(std::max<std::size_t>(size, 1));
+        }
+        buffer_->bytes.assign(data, data + size);
+        PyObject* memoryView = PyMemoryView_FromObject(current_.ptr());
+        if (memoryView == nullptr) {
+            throw py::error_already_set();
+        }
+        return py::reinterpret_steal<py::object>(memoryView);
+    }
+
+    // Releases a view handed out, unless something still uses it (an array
+    // made from it): the buffer then stays with that user.
+    static void release(const py::object& memoryView) {
+        if (!memoryView) {
+            return;
+        }
+        PyObject* released = PyObject_CallMethod(memoryView.ptr(), "release", nullptr);
+        if (released == nullptr) {
+            PyErr_Clear();
+        }
+        Py_XDECREF(released);
+    }
+
+private:
+    py::object current_;
+    PayloadBuffer* buffer_ = nullptr;
 };
 
 Selection selectionFrom(int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
@@ -227,6 +291,14 @@ void bindEntries(py::module_& m) {
 
     createEntryType(m);
 
+    py::class_<PayloadBuffer>(m, "_PayloadBuffer", py::buffer_protocol(),
+                              "The bytes of one payload handed out by a visit as a memoryview.")
+        .def_buffer([](PayloadBuffer& buffer) {
+            return py::buffer_info(buffer.bytes.data(), 1, py::format_descriptor<uint8_t>::format(), 1,
+                                   {static_cast<py::ssize_t>(buffer.bytes.size())}, {py::ssize_t{1}},
+                                   /*readonly=*/true);
+        });
+
     py::class_<EntryIterator>(m, "EntryIterator", "Streams the selected entries of a log file, in id order.")
         .def("__iter__", [](py::object self) { return self; })
         .def("__next__", &EntryIterator::next);
@@ -257,14 +329,18 @@ void bindEntries(py::module_& m) {
             Selection selection = selectionFrom(firstId, lastId, startMs, endMs, sources, types, sourceTypes);
             auto lock = file->lockHoldingGil();
             ml::SqliteLogFile& f = file->file();
+            OpenLogFile::Visit visit(*file);
             uint64_t before = f.getFailureCount();
             int64_t visited = 0;
+            PayloadBuffers buffers;
             bool ok = f.visitEntries(selection.range, selection.filter, [&](const ml::EntryView& view) {
-                py::memoryview borrowed =
-                    py::memoryview::from_memory(view.data, static_cast<py::ssize_t>(view.size));
-                py::object payload = borrowed;
+                py::object payloadView;
+                py::object payload;
                 if (as == PayloadAs::Bytes) {
                     payload = toBytes(view.data, view.size);
+                } else {
+                    payloadView = buffers.view(view.data, view.size);
+                    payload = payloadView;
                 }
                 py::object entry =
                     makeEntry(view.entryId, view.dataSourceId, view.type, view.timestamp, std::move(payload));
@@ -273,18 +349,12 @@ void bindEntries(py::module_& m) {
                 try {
                     answer = callback(std::move(entry));
                 } catch (...) {
-                    // The traceback may hold the entry: its view must not
-                    // outlive the reader's buffer.
-                    PyObject* released = PyObject_CallMethod(borrowed.ptr(), "release", nullptr);
-                    if (released == nullptr) {
-                        PyErr_Clear();
-                    }
-                    Py_XDECREF(released);
+                    // The traceback may hold the entry.
+                    PayloadBuffers::release(payloadView);
                     throw;
                 }
-                // The view's bytes belong to the reader: nothing may use them
-                // after the call.
-                borrowed.attr("release")();
+                // Valid during the call only, as documented.
+                PayloadBuffers::release(payloadView);
                 return answer.is_none() || answer.cast<bool>();
             });
             if (!ok) {

@@ -117,7 +117,11 @@ void bindLogFile(py::module_& m) {
         .def_property_readonly("last_failure_kind",
                                [](const OpenLogFile& self) { return self.file().getLastFailureKind(); })
         .def_property_readonly("last_error",
-                               [](const OpenLogFile& self) { return self.file().getLastError(); })
+                               [](const OpenLogFile& self) {
+                                   // Written by whichever call fails last: read it between calls.
+                                   auto lock = self.lockHoldingGil();
+                                   return self.file().getLastError();
+                               })
 
         // ---- reads ---------------------------------------------------------
         .def("metadata",
@@ -281,11 +285,18 @@ void bindLogFile(py::module_& m) {
              [](OpenLogFile& self) {
                  bool ok = false;
                  uint64_t before = 0;
+                 bool visited = false;
                  {
                      py::gil_scoped_release release;
                      auto lock = self.lockWithoutGil();
-                     before = self.file().getFailureCount();
-                     ok = self.file().createTimeIndex();
+                     visited = self.isOpen() && self.isBeingVisited();
+                     if (!visited) {
+                         before = self.file().getFailureCount();
+                         ok = self.file().createTimeIndex();
+                     }
+                 }
+                 if (visited) {
+                     self.raiseVisited("write to", "write after visit() returns");
                  }
                  if (!ok) {
                      const auto& f = self.file();
@@ -310,7 +321,7 @@ void bindLogFile(py::module_& m) {
                 source.type = static_cast<MV_LogDataSourceType>(type);
                 source.name = name;
                 uint64_t before = self.failures();
-                bool ok = self.file().addDataSource(source);
+                bool ok = self.fileForWriting().addDataSource(source);
                 self.check(ok, before);
                 return static_cast<int>(source.id);
             },
@@ -321,7 +332,7 @@ void bindLogFile(py::module_& m) {
                 auto lock = self.lockHoldingGil();
                 ml::DataSourceProperty property{sourceId(source), key, value};
                 uint64_t before = self.failures();
-                bool ok = self.file().addDataSourceProperty(property);
+                bool ok = self.fileForWriting().addDataSourceProperty(property);
                 self.check(ok, before);
             },
             py::arg("source"), py::arg("key"), py::arg("value"))
@@ -336,21 +347,22 @@ void bindLogFile(py::module_& m) {
                 entry.timestamp = timestamp.value_or(nowMs());
                 auto lock = self.lockHoldingGil();
                 uint64_t before = self.failures();
-                bool ok = self.file().logData(entry);
+                bool ok = self.fileForWriting().logData(entry);
                 self.check(ok, before);
             },
             py::arg("source"), py::arg("type"), py::arg("payload"), py::arg("timestamp") = py::none())
         .def("begin_batch",
              [](OpenLogFile& self) {
                  auto lock = self.lockHoldingGil();
+                 ml::SqliteLogFile& f = self.fileForWriting();
                  if (self.batch) {
                      throw py::value_error("A write batch is already open on this log file.");
                  }
-                 if (self.file().isReadOnly()) {
-                     raiseError("ReadOnlyError", "The log file '" + self.file().getFilePath().string() +
+                 if (f.isReadOnly()) {
+                     raiseError("ReadOnlyError", "The log file '" + f.getFilePath().string() +
                                                      "' was opened read-only: it cannot be changed.");
                  }
-                 self.batch.emplace(self.file().beginBatch());
+                 self.batch.emplace(f.beginBatch());
              })
         .def("commit_batch",
              [](OpenLogFile& self) {
@@ -358,6 +370,7 @@ void bindLogFile(py::module_& m) {
                  if (!self.batch) {
                      return;
                  }
+                 self.fileForWriting();
                  uint64_t before = self.failures();
                  bool ok = self.batch->commit();
                  self.batch.reset();
@@ -369,7 +382,7 @@ void bindLogFile(py::module_& m) {
             [](OpenLogFile& self, const std::string& key, const ml::PropertyValue& value) {
                 auto lock = self.lockHoldingGil();
                 uint64_t before = self.failures();
-                if (!self.file().addMetadata(key, value)) {
+                if (!self.fileForWriting().addMetadata(key, value)) {
                     self.raiseFailure(before, "The log file already has a metadata key '" + key + "'.");
                 }
             },
@@ -380,7 +393,7 @@ void bindLogFile(py::module_& m) {
                 auto bytes = toByteBuffer(data);
                 auto lock = self.lockHoldingGil();
                 uint64_t before = self.failures();
-                if (!self.file().addResource(name, bytes)) {
+                if (!self.fileForWriting().addResource(name, bytes)) {
                     self.raiseFailure(before, "The log file already has a resource named '" + name + "'.");
                 }
             },
@@ -391,7 +404,7 @@ void bindLogFile(py::module_& m) {
                 auto bytes = toByteBuffer(data);
                 auto lock = self.lockHoldingGil();
                 uint64_t before = self.failures();
-                bool ok = self.file().setThumbnail(bytes);
+                bool ok = self.fileForWriting().setThumbnail(bytes);
                 self.check(ok, before);
             },
             py::arg("data"))
@@ -402,7 +415,7 @@ void bindLogFile(py::module_& m) {
                 auto bookmark = makeBookmark(entryId, std::move(title), std::move(comments), payload);
                 auto lock = self.lockHoldingGil();
                 uint64_t before = self.failures();
-                bool ok = self.file().addBookmark(bookmark);
+                bool ok = self.fileForWriting().addBookmark(bookmark);
                 self.check(ok, before);
             },
             py::arg("entry_id"), py::arg("title"), py::arg("comments"), py::arg("payload") = py::none())
@@ -413,7 +426,7 @@ void bindLogFile(py::module_& m) {
                 auto bookmark = makeBookmark(entryId, std::move(title), std::move(comments), payload);
                 auto lock = self.lockHoldingGil();
                 uint64_t before = self.failures();
-                bool ok = self.file().updateBookmark(bookmark);
+                bool ok = self.fileForWriting().updateBookmark(bookmark);
                 self.check(ok, before);
             },
             py::arg("entry_id"), py::arg("title"), py::arg("comments"), py::arg("payload") = py::none())
@@ -424,7 +437,7 @@ void bindLogFile(py::module_& m) {
                 bookmark.entryId = entryId;
                 auto lock = self.lockHoldingGil();
                 uint64_t before = self.failures();
-                bool ok = self.file().removeBookmark(bookmark);
+                bool ok = self.fileForWriting().removeBookmark(bookmark);
                 self.check(ok, before);
             },
             py::arg("entry_id"));

@@ -5,10 +5,14 @@
 
 #include <pybind11/stl.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <thread>
+#include <vector>
 
 namespace marivane_python {
 namespace {
@@ -33,7 +37,22 @@ struct PlayerState {
     std::condition_variable changed;
     bool reachedEnd = false;
     bool failed = false;
+    bool closed = false;
     uint64_t delivered = 0;
+
+    // Set when Python code on the worker dropped the last reference to the
+    // player: the worker cannot join itself, so another thread destroys the
+    // player, and the worker lets go of the Python objects here (it holds
+    // the GIL, that thread does not) once the code it is running returns.
+    // From then on nothing reaches Python.
+    std::atomic<bool> orphaned{false};
+
+    void releasePython() {
+        callback = py::object();
+        onError = py::object();
+        onUnreadable = py::object();
+        error.reset();
+    }
 
     void report(py::error_already_set& thrown) {
         if (!onError.is_none()) {
@@ -58,6 +77,22 @@ struct PlayerState {
     }
 };
 
+// The players whose callbacks run on this thread, innermost last: a callback
+// of one player may drive another, whose callback then runs inside it.
+thread_local std::vector<const PlayerState*> deliveringPlayers;
+
+class Delivering {
+public:
+    explicit Delivering(const PlayerState* state) { deliveringPlayers.push_back(state); }
+    ~Delivering() { deliveringPlayers.pop_back(); }
+    Delivering(const Delivering&) = delete;
+    Delivering& operator=(const Delivering&) = delete;
+};
+
+bool isDelivering(const PlayerState* state) {
+    return std::find(deliveringPlayers.begin(), deliveringPlayers.end(), state) != deliveringPlayers.end();
+}
+
 class Player {
 public:
     Player(const std::string& path, py::object callback, const std::vector<int32_t>& sourceTypes, bool loop,
@@ -76,18 +111,31 @@ public:
         PlayerState* state = state_.get();
         pb::FrameCallback frameCallback = [state](int32_t frame, ml::DataEntry entry) {
             py::gil_scoped_acquire acquire;
-            bool failed = false;
             {
-                std::lock_guard<std::mutex> lock(state->mutex);
-                failed = state->failed;
-            }
-            if (!failed) {
-                try {
-                    state->callback(frame,
-                                    makeEntry(entry.entryId, entry.dataSourceId, entry.type, entry.timestamp,
-                                              toBytes(entry.data.data(), entry.data.size())));
-                } catch (py::error_already_set& thrown) {
-                    state->report(thrown);
+                // From here any Python code may run, the garbage collector's
+                // included, so the player may be dropped at any point.
+                Delivering delivering(state);
+                bool failed = false;
+                {
+                    std::lock_guard<std::mutex> lock(state->mutex);
+                    failed = state->failed;
+                }
+                if (!failed && !state->orphaned) {
+                    try {
+                        py::object pyEntry =
+                            makeEntry(entry.entryId, entry.dataSourceId, entry.type, entry.timestamp,
+                                      toBytes(entry.data.data(), entry.data.size()));
+                        if (!state->orphaned) {
+                            state->callback(frame, std::move(pyEntry));
+                        }
+                    } catch (py::error_already_set& thrown) {
+                        if (!state->orphaned) {
+                            state->report(thrown);
+                        }
+                    }
+                }
+                if (state->orphaned) {
+                    state->releasePython();
                 }
             }
             std::lock_guard<std::mutex> lock(state->mutex);
@@ -110,11 +158,21 @@ public:
         player_->setUnreadableFrameHandler(
             [state](int32_t frame, int32_t entryId, const std::string& reason) {
                 py::gil_scoped_acquire acquire;
+                Delivering delivering(state);
+                if (state->orphaned) {
+                    state->releasePython();
+                    return;
+                }
                 if (!state->onUnreadable.is_none()) {
                     try {
                         state->onUnreadable(frame, entryId, reason);
                     } catch (py::error_already_set& thrown) {
-                        state->report(thrown);
+                        if (!state->orphaned) {
+                            state->report(thrown);
+                        }
+                    }
+                    if (state->orphaned) {
+                        state->releasePython();
                     }
                     return;
                 }
@@ -125,20 +183,60 @@ public:
             });
     }
 
-    ~Player() { close(); }
+    ~Player() {
+        if (player_ && isDelivering(state_.get())) {
+            // Dropped by Python code that one of its callbacks runs, on the
+            // worker: the worker goes on once that code returns, and is
+            // joined by a thread of its own.
+            state_->orphaned = true;
+            std::thread([player = std::move(player_), state = state_]() mutable {
+                player.reset();
+                state.reset();
+            }).detach();
+            return;
+        }
+        closeNow();
+    }
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;
 
+    // The methods of the thread that controls the player: stop and close
+    // join the worker, and the others stop it or wait for it, so none of
+    // them can run in a callback.
+    void refuseInCallback(const char* what) const {
+        if (isDelivering(state_.get())) {
+            raiseRuntimeError(std::string("Player.") + what +
+                              " cannot be used from the player's own callback; use it from the thread "
+                              "that controls the player.");
+        }
+    }
+
     void close() {
+        refuseInCallback("close()");
+        closeNow();
+    }
+
+    void closeNow() {
         if (!player_) {
             return;
         }
+        // Taken with the GIL, so that every later call sees the player closed;
+        // destroyed once the controlling calls of other threads are done.
+        std::unique_ptr<pb::LogFilePlayer> closing = std::move(player_);
+        closed_ = true;
+        {
+            std::lock_guard<std::mutex> lock(state_->mutex);
+            state_->closed = true;
+        }
+        state_->changed.notify_all();
         // Joining the worker while it waits for the GIL would deadlock.
         if (PyGILState_Check()) {
             py::gil_scoped_release release;
-            player_.reset();
+            std::lock_guard<std::mutex> lock(controlMutex_);
+            closing.reset();
         } else {
-            player_.reset();
+            std::lock_guard<std::mutex> lock(controlMutex_);
+            closing.reset();
         }
     }
 
@@ -149,22 +247,48 @@ public:
         return *player_;
     }
 
+    // Runs a controlling call on the player without the GIL. Python threads
+    // may share a player, while the library's player takes its controlling
+    // calls from one thread at a time: they take turns here, and close()
+    // waits for the one under way.
+    template <typename Operation>
+    int64_t control(const char* what, Operation&& operation) {
+        refuseInCallback(what);
+        pb::LogFilePlayer* p = &player();
+        bool closed = false;
+        int64_t result = 0;
+        {
+            py::gil_scoped_release release;
+            std::lock_guard<std::mutex> lock(controlMutex_);
+            closed = closed_;
+            if (!closed) {
+                result = operation(*p);
+            }
+        }
+        if (closed) {
+            throw py::value_error("The player is closed.");
+        }
+        return result;
+    }
+
     void play() {
-        auto& p = player();
+        refuseInCallback("play()");
+        player();
         {
             std::lock_guard<std::mutex> lock(state_->mutex);
             state_->reachedEnd = false;
         }
-        py::gil_scoped_release release;
-        p.play();
+        control("play()", [](pb::LogFilePlayer& p) {
+            p.play();
+            return 0;
+        });
     }
 
     void stop() {
-        auto& p = player();
-        {
-            py::gil_scoped_release release;
+        control("stop()", [](pb::LogFilePlayer& p) {
             p.stop();
-        }
+            return 0;
+        });
         raisePending();
     }
 
@@ -187,13 +311,15 @@ public:
     }
 
     bool wait(std::optional<double> timeoutSeconds) {
+        refuseInCallback("wait()");
         player();
         bool done = false;
+        bool closed = false;
         {
             py::gil_scoped_release release;
             std::unique_lock<std::mutex> lock(state_->mutex);
             auto finished = [this] {
-                return state_->reachedEnd || state_->failed || state_->frameCount == 0;
+                return state_->reachedEnd || state_->failed || state_->frameCount == 0 || state_->closed;
             };
             if (timeoutSeconds) {
                 done =
@@ -202,40 +328,41 @@ public:
                 state_->changed.wait(lock, finished);
                 done = true;
             }
+            // Closed by another thread before the end: nothing more comes.
+            closed = done && !(state_->reachedEnd || state_->failed || state_->frameCount == 0);
+        }
+        if (closed) {
+            throw py::value_error("The player is closed.");
         }
         if (done && state_->error) {
             // The worker goes on delivering to nobody: stop it before raising.
-            py::gil_scoped_release release;
-            player_->stop();
+            control("wait()", [](pb::LogFilePlayer& p) {
+                p.stop();
+                return 0;
+            });
         }
         raisePending();
         return done;
     }
 
     void seek(int32_t frame) {
-        auto& p = player();
-        {
-            py::gil_scoped_release release;
+        control("seek()", [frame](pb::LogFilePlayer& p) {
             p.seek(frame, {});
-        }
+            return 0;
+        });
         raisePending();
     }
 
     int32_t seekToTime(int64_t timestamp) {
-        auto& p = player();
-        int32_t frame = 0;
-        {
-            py::gil_scoped_release release;
-            frame = p.seekToTime(timestamp, {});
-        }
+        const auto frame = static_cast<int32_t>(control(
+            "seek_to_time()", [timestamp](pb::LogFilePlayer& p) { return p.seekToTime(timestamp, {}); }));
         raisePending();
         return frame;
     }
 
     int32_t totalPlayTime() {
-        auto& p = player();
-        py::gil_scoped_release release;
-        return p.getTotalPlayTime();
+        return static_cast<int32_t>(
+            control("total_play_time_ms", [](pb::LogFilePlayer& p) { return p.getTotalPlayTime(); }));
     }
 
     uint64_t delivered() {
@@ -243,8 +370,29 @@ public:
         return state_->delivered;
     }
 
+    // The bookmark list is rebuilt by every edit, which runs without the GIL
+    // while a callback may be reading the list: a copy is read, and only
+    // between edits.
+    std::vector<pb::PlayerBookmark> bookmarks() {
+        auto& p = player();
+        std::lock_guard<std::mutex> lock(bookmarksMutex_);
+        return p.getBookmarks();
+    }
+
+    template <typename Edit>
+    void editBookmarks(const char* what, Edit&& edit) {
+        control(what, [&](pb::LogFilePlayer& p) {
+            std::lock_guard<std::mutex> lock(bookmarksMutex_);
+            edit(p);
+            return 0;
+        });
+    }
+
     std::shared_ptr<PlayerState> state_;
     std::unique_ptr<pb::LogFilePlayer> player_;
+    std::mutex controlMutex_;
+    std::atomic<bool> closed_{false};
+    std::mutex bookmarksMutex_;
 };
 
 }  // namespace
@@ -273,8 +421,10 @@ void bindPlayer(py::module_& m) {
         .def_property_readonly(
             "data_sources",
             [](Player& self) {
+                // A copy: making the tuples may run Python code, which may close the player.
+                const std::vector<ml::DataSource> sources = self.player().getDataSources();
                 py::list result;
-                for (const auto& source : self.player().getDataSources()) {
+                for (const auto& source : sources) {
                     result.append(py::make_tuple(static_cast<int>(source.id), static_cast<int>(source.type),
                                                  source.name));
                 }
@@ -283,7 +433,7 @@ void bindPlayer(py::module_& m) {
         .def_property_readonly("bookmarks",
                                [](Player& self) {
                                    py::list result;
-                                   for (const auto& bookmark : self.player().getBookmarks()) {
+                                   for (const auto& bookmark : self.bookmarks()) {
                                        result.append(py::make_tuple(bookmark.entryId, bookmark.title,
                                                                     bookmark.comments, bookmark.frame));
                                    }
@@ -291,23 +441,24 @@ void bindPlayer(py::module_& m) {
                                })
         .def("set_loop", [](Player& self, bool loop) { self.player().setLoopPlayback(loop); })
         .def("set_speed", [](Player& self, float speed) { self.player().setPlaybackSpeedMultiplier(speed); })
-        .def("set_pacing", [](Player& self, pb::Pacing pacing) { self.player().setPacing(pacing); })
+        .def("set_pacing",
+             [](Player& self, pb::Pacing pacing) {
+                 self.refuseInCallback("set_pacing()");
+                 self.player().setPacing(pacing);
+             })
         .def("add_bookmark",
              [](Player& self, int32_t entryId, const std::string& title, const std::string& comments) {
-                 auto& p = self.player();
-                 py::gil_scoped_release release;
-                 p.addBookmark(entryId, title, comments);
+                 self.editBookmarks("add_bookmark()",
+                                    [&](pb::LogFilePlayer& p) { p.addBookmark(entryId, title, comments); });
              })
         .def("update_bookmark",
              [](Player& self, int32_t entryId, const std::string& title, const std::string& comments) {
-                 auto& p = self.player();
-                 py::gil_scoped_release release;
-                 p.updateBookmark(entryId, title, comments);
+                 self.editBookmarks("update_bookmark()", [&](pb::LogFilePlayer& p) {
+                     p.updateBookmark(entryId, title, comments);
+                 });
              })
         .def("remove_bookmark", [](Player& self, int32_t entryId) {
-            auto& p = self.player();
-            py::gil_scoped_release release;
-            p.removeBookmark(entryId);
+            self.editBookmarks("remove_bookmark()", [&](pb::LogFilePlayer& p) { p.removeBookmark(entryId); });
         });
 }
 
