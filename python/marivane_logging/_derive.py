@@ -5,7 +5,7 @@ from __future__ import annotations
 import os
 from typing import Any, Callable, Optional, Sequence, Tuple, Union
 
-from . import _core
+from . import _core, _paths
 from ._core import CopyReport, Durability
 from ._errors import RefusedError
 from ._logfile import LogFile
@@ -140,14 +140,15 @@ def copy(
     level (payloads are then copied as stored). `progress(written, total)` is
     called now and then; an exception from it stops the copy. Nothing is left
     at `output` on failure. Answers a :class:`CopyReport`; raises
-    :class:`LogFileError` with the library's message (also when `output`
-    exists).
+    :class:`LogFileNotFoundError` or :class:`LogFileIsADirectoryError` for a
+    source that is missing or a directory, and :class:`LogFileError` with the
+    library's message otherwise (also when `output` exists).
     """
     arguments = _copy_arguments(
         first_id, last_id, time, sources, types, source_types, compression_level, durability, application,
         version, progress,
     )
-    return _core._copy(os.fspath(source), os.fspath(output), **arguments)
+    return _core._copy(_paths.existing(source), os.fspath(output), **arguments)
 
 
 def merge(
@@ -176,7 +177,7 @@ def merge(
         first_id, last_id, time, sources, types, source_types, compression_level, durability, application,
         version, progress,
     )
-    return _core._merge([os.fspath(path) for path in inputs], os.fspath(output), **arguments)
+    return _core._merge([_paths.existing(path) for path in inputs], os.fspath(output), **arguments)
 
 
 __all__ = ["slice", "clone", "copy", "merge", "CopyReport"]

@@ -8,7 +8,9 @@ all of them; the subclasses say what a caller can do about it::
     ├── NotALogFileError     the file is not a log file (or not a database)
     ├── LegacyLogFileError   a log file of the legacy format, refused
     ├── DatabaseError        SQLite could not open the file or run a statement
-    │   └── BusyError        another connection held a lock too long: retry
+    │   ├── BusyError        another connection held a lock too long: retry
+    │   ├── LogFileNotFoundError      nothing at the path (also a FileNotFoundError)
+    │   └── LogFileIsADirectoryError  the path is a directory (also an IsADirectoryError)
     ├── DamagedError         the file's content is damaged
     ├── DiskError            reading or writing the disk failed
     │   └── DiskFullError    the disk is full
@@ -24,6 +26,8 @@ __all__ = [
     "LegacyLogFileError",
     "DatabaseError",
     "BusyError",
+    "LogFileNotFoundError",
+    "LogFileIsADirectoryError",
     "DamagedError",
     "DiskError",
     "DiskFullError",
@@ -50,6 +54,22 @@ class DatabaseError(LogFileError):
 
 class BusyError(DatabaseError):
     """Another connection held a lock past the wait: the file is fine, try again."""
+
+
+class LogFileNotFoundError(DatabaseError, FileNotFoundError):
+    """Nothing exists at the path to open (or its directory does not exist).
+
+    Both a :class:`DatabaseError`, which such opens raised before, and a
+    ``FileNotFoundError`` whose ``filename`` is the path.
+    """
+
+
+class LogFileIsADirectoryError(DatabaseError, IsADirectoryError):
+    """The path to open is a directory.
+
+    Both a :class:`DatabaseError`, which such opens raised before, and an
+    ``IsADirectoryError`` whose ``filename`` is the path.
+    """
 
 
 class DamagedError(LogFileError):

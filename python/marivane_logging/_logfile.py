@@ -9,7 +9,7 @@ from typing import Any, Callable, Dict, Iterator, List, Optional, Tuple, Union
 
 import numpy as np
 
-from . import _core
+from . import _core, _paths
 from ._core import Durability, Entry, FailureKind
 from ._selection import (
     Ids,
@@ -118,10 +118,18 @@ class LogFile:
         changed and a missing file is an error; every write raises
         :class:`ReadOnlyError`. With ``read_only=False`` a missing file or an
         empty database becomes an empty log file, and writes are allowed.
-        Raises :class:`NotALogFileError`, :class:`LegacyLogFileError`,
-        :class:`BusyError` or :class:`DatabaseError`.
+
+        Raises :class:`LogFileNotFoundError` (a ``FileNotFoundError``) when
+        nothing is at `path` (or, for writing, when its directory is missing),
+        :class:`LogFileIsADirectoryError` (an ``IsADirectoryError``) for a
+        directory, ValueError for an empty path, and otherwise
+        :class:`NotALogFileError`, :class:`LegacyLogFileError`,
+        :class:`BusyError` or :class:`DatabaseError` with a message that names
+        the path.
         """
-        return cls(_core._LogFile.open(os.fspath(path), bool(read_only)))
+        path = _paths.existing(path) if read_only else _paths.writable(path)
+        with _paths.naming(path):
+            return cls(_core._LogFile.open(path, bool(read_only)))
 
     @classmethod
     def create(
@@ -141,11 +149,14 @@ class LogFile:
         stores them uncompressed); `durability` is kept by the file
         (:attr:`Durability.SAFE` survives crashes at some cost in speed);
         `created` defaults to now. An existing file is refused
-        (:class:`FileExistsError`): the library would keep its metadata.
+        (:class:`FileExistsError`): the library would keep its metadata. A
+        missing directory raises :class:`LogFileNotFoundError`, an empty path
+        ValueError.
         """
-        path = os.fspath(path)
+        path = _paths.given(path)
         if os.path.exists(path):
             raise FileExistsError(f"'{path}' exists: LogFile.create makes new files only")
+        path = _paths.writable(path)
         native = _core._LogFile.create(
             path,
             application,

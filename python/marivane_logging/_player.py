@@ -5,7 +5,7 @@ from __future__ import annotations
 import os
 from typing import Any, Callable, List, NamedTuple, Optional, Sequence, Tuple, Union
 
-from . import _core
+from . import _core, _paths
 from ._core import Entry, Pacing
 from ._selection import SourceType, Time, source_type, to_ms
 
@@ -52,6 +52,9 @@ class Player:
     callback calls them; :meth:`set_loop`, :meth:`set_speed` and the other
     properties may be used there. A player whose last reference a callback
     drops stops once that callback returns.
+
+    The file must exist: a missing path raises :class:`LogFileNotFoundError`,
+    a directory :class:`LogFileIsADirectoryError`.
     """
 
     def __init__(
@@ -69,17 +72,21 @@ class Player:
     ) -> None:
         if not callable(callback):
             raise TypeError("callback must be callable as callback(frame, entry)")
-        self._native = _core._Player(
-            os.fspath(path),
-            callback,
-            [int(t) for t in source_types],
-            bool(loop),
-            int(max_frame_delay_ms),
-            float(speed),
-            pacing,
-            on_error,
-            on_unreadable,
-        )
+        # The player opens the file for writing (for its bookmark edits),
+        # which would make a new file of a missing path.
+        path = _paths.existing(path)
+        with _paths.naming(path):
+            self._native = _core._Player(
+                path,
+                callback,
+                [int(t) for t in source_types],
+                bool(loop),
+                int(max_frame_delay_ms),
+                float(speed),
+                pacing,
+                on_error,
+                on_unreadable,
+            )
 
     def __enter__(self) -> "Player":
         return self

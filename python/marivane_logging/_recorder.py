@@ -8,7 +8,7 @@ import os
 from dataclasses import dataclass
 from typing import Any, Optional, Union
 
-from . import _core
+from . import _core, _paths
 from ._core import Durability, OverflowPolicy
 from ._selection import Time, to_ms
 
@@ -103,7 +103,8 @@ class Recorder:
     decides: ``"block"`` (the default) waits for room, ``"drop_newest"`` and
     ``"refuse"`` return False at once and count the entry as dropped or
     refused. `compression_threads` = 0 uses the cores but one. The path must
-    not exist (:class:`FileExistsError`).
+    not exist (:class:`FileExistsError`), its directory must
+    (:class:`LogFileNotFoundError`), and it must not be empty (ValueError).
 
     Data sources, properties, metadata, resources and bookmarks go through the
     same queue, keep their place among the entries, and wait for the writer.
@@ -133,9 +134,10 @@ class Recorder:
         max_transaction_entries: int = 65536,
         overflow: Union[str, OverflowPolicy] = "block",
     ) -> None:
-        path = os.fspath(path)
+        path = _paths.given(path)
         if os.path.lexists(path):
             raise FileExistsError(f"'{path}' exists: Recorder makes new files only")
+        path = _paths.writable(path)
         queue_bytes = int(queue_bytes)
         if queue_bytes < 0:
             raise ValueError(f"queue_bytes must be 0 or more, not {queue_bytes}")

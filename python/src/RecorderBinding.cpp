@@ -120,14 +120,19 @@ std::unique_ptr<OpenRecorder> createRecorder(const std::string& path, const ml::
         py::gil_scoped_release release;
         result = std::make_unique<OpenRecorder>(std::filesystem::path(path), options);
     } catch (const std::runtime_error& error) {
-        // The recorder's own refusal of an existing path is a plain
-        // runtime_error; the file's errors are the library's own classes and
-        // go to the translator.
-        std::error_code ignored;
-        if (typeid(error) == typeid(std::runtime_error) &&
-            std::filesystem::symlink_status(path, ignored).type() != std::filesystem::file_type::not_found) {
-            PyErr_SetString(PyExc_FileExistsError, error.what());
-            throw py::error_already_set();
+        // The recorder's own refusals are plain runtime_errors: of an
+        // existing path, and of a file it could not create, in which case it
+        // may carry the file's error in its message rather than its class.
+        // The file's errors proper are the library's own classes and go to
+        // the translator.
+        if (typeid(error) == typeid(std::runtime_error)) {
+            std::error_code ignored;
+            if (std::filesystem::symlink_status(path, ignored).type() !=
+                std::filesystem::file_type::not_found) {
+                PyErr_SetString(PyExc_FileExistsError, error.what());
+                throw py::error_already_set();
+            }
+            raiseError("DatabaseError", error.what());
         }
         throw;
     }

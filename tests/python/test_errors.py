@@ -23,15 +23,16 @@ def test_not_a_log_file(tmp_path):
     text.write_bytes(b"just some text, long enough to be a header of something else entirely" * 2)
     with pytest.raises(ml.NotALogFileError) as caught:
         ml.LogFile.open(text)
-    assert str(caught.value) == "This file is not in a supported log file format."
+    assert str(caught.value) == f"'{text}': This file is not in a supported log file format."
 
 
 def test_a_database_without_the_log_tables(tmp_path):
     path = tmp_path / "other.db"
     with sqlite3.connect(path) as connection:
         connection.execute("CREATE TABLE t (x)")
-    with pytest.raises(ml.NotALogFileError, match="^This file is not in a supported log file format.$"):
+    with pytest.raises(ml.NotALogFileError) as caught:
         ml.LogFile.open(path)
+    assert str(caught.value) == f"'{path}': This file is not in a supported log file format."
 
 
 def test_legacy_log_file(tmp_path):
@@ -46,7 +47,8 @@ def test_missing_file_read_only(tmp_path):
     path = tmp_path / "missing.mvlog"
     with pytest.raises(ml.DatabaseError) as caught:
         ml.LogFile.open(path)
-    assert str(caught.value) == f"Cannot open database '{path}': unable to open database file"
+    assert isinstance(caught.value, FileNotFoundError)
+    assert str(caught.value) == f"[Errno 2] No such file or directory: '{path}'"
     assert not path.exists()
 
 

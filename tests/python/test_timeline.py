@@ -110,4 +110,4 @@ def test_errors_on_the_command_line(tmp_path, capsys):
     bogus = tmp_path / "bogus.mvlog"
     bogus.write_bytes(b"not a log file at all, just text that is long enough" * 4)
     assert main(["info", str(bogus)]) == 1
-    assert capsys.readouterr().err == "error: This file is not in a supported log file format.\n"
+    assert capsys.readouterr().err == f"error: '{bogus}': This file is not in a supported log file format.\n"
