@@ -9,7 +9,8 @@ from . import _core, _paths
 from ._core import CopyReport, Durability
 from ._errors import RefusedError
 from ._logfile import LogFile
-from ._selection import Ids, Ints, Time, entry_id, filter_lists, time_bounds
+from ._selection import Ids, Ints, Time, entry_id, filter_lists, int32, time_bounds
+from ._selection import compression_level as checked_level
 
 PathLike = Union[str, "os.PathLike[str]"]
 Source = Union[LogFile, PathLike]
@@ -54,7 +55,13 @@ def slice(  # noqa: A001 - the library's name for it
     try:
         out = "" if output is None else os.fspath(output)
         native = _core._slice(
-            file._native, int(first_id), int(last_id), out, application, version or __version__, int(level)
+            file._native,
+            int32(first_id, "first_id"),
+            int32(last_id, "last_id"),
+            out,
+            application,
+            version or __version__,
+            checked_level(level),
         )
         if native is None:
             raise _refused("A slice", file, out)
@@ -78,7 +85,7 @@ def clone(
     file, owned = _open(source)
     try:
         out = os.fspath(output)
-        native = _core._clone(file._native, out, application, version or __version__, int(level))
+        native = _core._clone(file._native, out, application, version or __version__, checked_level(level))
         if native is None:
             raise _refused("A clone", file, out)
         return LogFile(native)
@@ -94,7 +101,7 @@ def _copy_arguments(
     sources: Ids,
     types: Ints,
     source_types: Ints,
-    compression_level: Optional[int],
+    level: Optional[int],
     durability: Durability,
     application: str,
     version: Optional[str],
@@ -109,7 +116,7 @@ def _copy_arguments(
         start_ms=start_ms,
         end_ms=end_ms,
         **filter_lists(sources, types, source_types),
-        compression_level=compression_level,
+        compression_level=None if level is None else checked_level(level),
         durability=durability,
         application=application,
         version=version or __version__,

@@ -12,13 +12,18 @@ import numpy as np
 from . import _core, _paths
 from ._core import Durability, Entry, FailureKind
 from ._selection import (
+    INT32_MAX,
+    INT32_MIN,
     Ids,
     Ints,
     SourceType,
     Time,
     TimeRange,
+    compression_level,
     filter_lists,
+    int32,
     selection,
+    source_id,
     source_type,
     to_datetime,
     to_ms,
@@ -162,7 +167,7 @@ class LogFile:
             application,
             version,
             time_zone,
-            int(level),
+            compression_level(level),
             durability,
             None if created is None else to_ms(created),
         )
@@ -178,6 +183,11 @@ class LogFile:
     @property
     def closed(self) -> bool:
         return not self._native.is_open
+
+    def _require_open(self) -> None:
+        # What the native calls raise on a closed file.
+        if not self._native.is_open:
+            raise ValueError("I/O operation on a closed log file")
 
     def __enter__(self) -> "LogFile":
         return self
@@ -277,12 +287,20 @@ class LogFile:
     def __contains__(self, entry_id: object) -> bool:
         if not isinstance(entry_id, (int, np.integer)) or isinstance(entry_id, bool):
             return False
-        return self._native.has_entry(int(entry_id))
+        entry_id = int(entry_id)
+        # Entry ids are 32-bit: no file holds an entry beyond.
+        if not INT32_MIN <= entry_id <= INT32_MAX:
+            self._require_open()
+            return False
+        return self._native.has_entry(entry_id)
 
     def __getitem__(self, entry_id: int) -> Entry:
-        """The entry with this id (payload as bytes); KeyError when there is none."""
+        """The entry with this id (payload as bytes); KeyError when there is none (ids beyond 32 bits included)."""
         if isinstance(entry_id, bool) or not isinstance(entry_id, (int, np.integer)):
             raise TypeError(f"entries are indexed by their int id, not {type(entry_id).__name__}")
+        if not INT32_MIN <= int(entry_id) <= INT32_MAX:
+            self._require_open()
+            raise KeyError(entry_id)
         entry = _core._read_entry(self._native, int(entry_id))
         if entry is None:
             raise KeyError(entry_id)
@@ -444,17 +462,29 @@ class LogFile:
     # ---- writing ------------------------------------------------------------
     def add_data_source(self, type: int, name: str) -> int:
         """Adds a data source and answers the id the file gave it."""
-        return self._native.add_data_source(int(type), name)
+        return self._native.add_data_source(int32(type, "type"), name)
 
     def add_property(self, source: int, key: str, value: PropertyValue) -> None:
         """Attaches a key/value property (int, float or str) to a data source."""
         if isinstance(value, bool) or not isinstance(value, (int, float, str)):
             raise TypeError(f"property values are int, float or str, not {type(value).__name__}")
-        self._native.add_property(int(source), key, value)
+        self._native.add_property(source_id(source), key, value)
 
     def log(self, source: int, type: int, payload: Any, timestamp: Optional[Time] = None) -> None:
-        """Appends an entry: `payload` is any bytes-like object; `timestamp` defaults to now."""
-        self._native.log(int(source), int(type), payload, None if timestamp is None else to_ms(timestamp))
+        """Appends an entry: `payload` is any bytes-like object; `timestamp` defaults to now.
+
+        A data-source id beyond 8 bits raises ValueError, a type beyond 32 bits
+        or a timestamp beyond 64 bits OverflowError.
+        """
+        timestamp = None if timestamp is None else to_ms(timestamp)
+        try:
+            self._native.log(int(source), int(type), payload, timestamp)
+        except TypeError:
+            # The native call refuses ints wider than its own with a TypeError
+            # that names no argument; checked here only then, off the fast path.
+            source_id(source)
+            int32(type, "type")
+            raise
 
     @contextlib.contextmanager
     def batch(self) -> Iterator["LogFile"]:
@@ -489,15 +519,15 @@ class LogFile:
 
     def add_bookmark(self, entry_id: int, title: str, comments: str = "", payload: Any = None) -> None:
         """Marks an entry."""
-        self._native.add_bookmark(int(entry_id), title, comments, payload)
+        self._native.add_bookmark(int32(entry_id, "entry_id"), title, comments, payload)
 
     def update_bookmark(self, entry_id: int, title: str, comments: str = "", payload: Any = None) -> None:
         """Rewrites every bookmark of `entry_id`."""
-        self._native.update_bookmark(int(entry_id), title, comments, payload)
+        self._native.update_bookmark(int32(entry_id, "entry_id"), title, comments, payload)
 
     def remove_bookmark(self, entry_id: int) -> None:
         """Removes every bookmark of `entry_id`."""
-        self._native.remove_bookmark(int(entry_id))
+        self._native.remove_bookmark(int32(entry_id, "entry_id"))
 
 
 def index_frame(rows: np.ndarray, names: Dict[int, str]) -> "pandas.DataFrame":  # noqa: F821

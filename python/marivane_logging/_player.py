@@ -7,7 +7,7 @@ from typing import Any, Callable, List, NamedTuple, Optional, Sequence, Tuple, U
 
 from . import _core, _paths
 from ._core import Entry, Pacing
-from ._selection import SourceType, Time, source_type, to_ms
+from ._selection import SourceType, Time, int32, source_type, to_ms
 
 FrameCallback = Callable[[int, Entry], Any]
 
@@ -75,13 +75,15 @@ class Player:
         # The player opens the file for writing (for its bookmark edits),
         # which would make a new file of a missing path.
         path = _paths.existing(path)
+        source_types = [int32(t, "source_types") for t in source_types]
+        max_frame_delay_ms = int32(max_frame_delay_ms, "max_frame_delay_ms")
         with _paths.naming(path):
             self._native = _core._Player(
                 path,
                 callback,
-                [int(t) for t in source_types],
+                source_types,
                 bool(loop),
-                int(max_frame_delay_ms),
+                max_frame_delay_ms,
                 float(speed),
                 pacing,
                 on_error,
@@ -118,7 +120,7 @@ class Player:
 
     def seek(self, frame: int) -> None:
         """Positions on `frame` and delivers it to the callback on this thread."""
-        self._native.seek(int(frame))
+        self._native.seek(int32(frame, "frame"))
 
     def seek_to_time(self, timestamp: Time) -> int:
         """Seeks to the first frame at or after `timestamp`; answers its number."""
@@ -158,13 +160,13 @@ class Player:
         self._native.set_pacing(pacing)
 
     def add_bookmark(self, entry_id: int, title: str, comments: str = "") -> None:
-        self._native.add_bookmark(int(entry_id), title, comments)
+        self._native.add_bookmark(int32(entry_id, "entry_id"), title, comments)
 
     def update_bookmark(self, entry_id: int, title: str, comments: str = "") -> None:
-        self._native.update_bookmark(int(entry_id), title, comments)
+        self._native.update_bookmark(int32(entry_id, "entry_id"), title, comments)
 
     def remove_bookmark(self, entry_id: int) -> None:
-        self._native.remove_bookmark(int(entry_id))
+        self._native.remove_bookmark(int32(entry_id, "entry_id"))
 
 
 __all__ = ["Player", "PlayerBookmark", "Pacing"]

@@ -4,13 +4,14 @@ from __future__ import annotations
 
 import datetime as _dt
 import math
+import operator
 import os
 from dataclasses import dataclass
 from typing import Any, Optional, Union
 
 from . import _core, _paths
 from ._core import Durability, OverflowPolicy
-from ._selection import Time, to_ms
+from ._selection import INT64_MAX, Time, compression_level, int32, source_id, to_ms, uint64
 
 PathLike = Union[str, "os.PathLike[str]"]
 PropertyValue = Union[int, float, str]
@@ -80,7 +81,18 @@ def _delay_ms(value: Union[float, int, _dt.timedelta]) -> int:
         raise ValueError(f"max_commit_delay must be 0 or more seconds, not {value!r}")
     # The library counts whole milliseconds: round up, so that a short delay
     # is not turned into "commit every entry at once" by accident.
+    if seconds * 1000 > INT64_MAX:
+        raise OverflowError(f"max_commit_delay must fit in 64 bits of milliseconds: {value!r} is out of range")
     return math.ceil(seconds * 1000 - 1e-9)
+
+
+def _check_record_ints(source: Any, type: Any) -> None:
+    try:
+        source, type = operator.index(source), operator.index(type)
+    except TypeError:
+        return  # not ints: the native TypeError says so
+    source_id(source)
+    int32(type, "type")
 
 
 class Recorder:
@@ -141,17 +153,26 @@ class Recorder:
         queue_bytes = int(queue_bytes)
         if queue_bytes < 0:
             raise ValueError(f"queue_bytes must be 0 or more, not {queue_bytes}")
+        queue_bytes = uint64(queue_bytes, "queue_bytes")
+        compression_threads = int(compression_threads)
+        if compression_threads < 0:
+            raise ValueError("compression_threads must be 0 (automatic) or more")
+        compression_threads = int32(compression_threads, "compression_threads")
+        max_transaction_entries = int(max_transaction_entries)
+        if max_transaction_entries < 1:
+            raise ValueError("max_transaction_entries must be 1 or more")
+        max_transaction_entries = uint64(max_transaction_entries, "max_transaction_entries")
         self._native = _core._Recorder(
             path,
             application,
             version,
             time_zone,
-            int(level),
+            compression_level(level),
             durability,
             queue_bytes,
-            int(compression_threads),
+            compression_threads,
             _delay_ms(max_commit_delay),
-            int(max_transaction_entries),
+            max_transaction_entries,
             _overflow_policy(overflow),
         )
 
@@ -204,19 +225,28 @@ class Recorder:
         the epoch, an aware datetime or a datetime64). False when the entry was
         dropped or refused under the overflow policy, or the recorder has
         stopped (failed or closed). An entry of an unknown data source is
-        accepted here and counted as failed when the file refuses it.
+        accepted here and counted as failed when the file refuses it. A
+        data-source id beyond 8 bits raises ValueError, a type beyond 32 bits
+        or a timestamp beyond 64 bits OverflowError.
         """
-        return self._native.record(source, type, payload, None if timestamp is None else to_ms(timestamp))
+        timestamp = None if timestamp is None else to_ms(timestamp)
+        try:
+            return self._native.record(source, type, payload, timestamp)
+        except TypeError:
+            # The native call refuses ints wider than its own with a TypeError
+            # that names no argument; checked here only then, off the fast path.
+            _check_record_ints(source, type)
+            raise
 
     def add_data_source(self, type: int, name: str) -> int:
         """Adds a data source in queue order; waits for the writer and answers its id."""
-        return self._native.add_data_source(int(type), name)
+        return self._native.add_data_source(int32(type, "type"), name)
 
     def add_property(self, source: int, key: str, value: PropertyValue) -> None:
         """Attaches a key/value property (int, float or str) to a data source."""
         if isinstance(value, bool) or not isinstance(value, (int, float, str)):
             raise TypeError(f"property values are int, float or str, not {type(value).__name__}")
-        self._native.add_property(int(source), key, value)
+        self._native.add_property(source_id(source), key, value)
 
     def add_metadata(self, key: str, value: PropertyValue) -> None:
         """Adds a metadata entry; an existing key is refused (:class:`RefusedError`)."""
@@ -230,7 +260,7 @@ class Recorder:
 
     def add_bookmark(self, entry_id: int, title: str, comments: str = "", payload: Any = b"") -> None:
         """Marks an entry (by its id: the n-th accepted entry has id n in a new file)."""
-        self._native.add_bookmark(int(entry_id), title, comments, payload)
+        self._native.add_bookmark(int32(entry_id, "entry_id"), title, comments, payload)
 
     def flush(self) -> None:
         """Returns once everything accepted before the call is committed (visible to readers).

@@ -10,6 +10,9 @@ import numpy as np
 
 INT64_MIN = -(2**63)
 INT64_MAX = 2**63 - 1
+INT32_MIN = -(2**31)
+INT32_MAX = 2**31 - 1
+UINT64_MAX = 2**64 - 1
 
 #: A point in time: milliseconds since the Unix epoch (UTC), a timezone-aware
 #: ``datetime`` or a ``numpy.datetime64``.
@@ -50,7 +53,7 @@ def to_ms(value: Time) -> int:
     if isinstance(value, (bool, np.bool_)):
         raise TypeError("a time is an int (milliseconds), a datetime or a numpy.datetime64, not a bool")
     if isinstance(value, (int, np.integer)):
-        return int(value)
+        return int64(int(value), "a time in milliseconds")
     if isinstance(value, _dt.datetime):
         if value.tzinfo is None or value.utcoffset() is None:
             raise ValueError(
@@ -61,6 +64,45 @@ def to_ms(value: Time) -> int:
     if isinstance(value, np.datetime64):
         return int(value.astype("datetime64[ms]").astype(np.int64))
     raise TypeError(f"a time is an int (milliseconds), a datetime or a numpy.datetime64, not {type(value).__name__}")
+
+
+def int64(value: int, what: str) -> int:
+    """`value` when it fits in 64 bits; OverflowError otherwise."""
+    if not INT64_MIN <= value <= INT64_MAX:
+        raise OverflowError(f"{what} must fit in 64 bits: {value} is out of range")
+    return value
+
+
+def int32(value: Any, what: str) -> int:
+    """int(value) when it fits in 32 bits; OverflowError otherwise."""
+    value = int(value)
+    if not INT32_MIN <= value <= INT32_MAX:
+        raise OverflowError(f"{what} must fit in 32 bits: {value} is out of range")
+    return value
+
+
+def uint64(value: Any, what: str) -> int:
+    """int(value) for a count the library keeps in 64 bits; OverflowError beyond (negatives are the caller's)."""
+    value = int(value)
+    if value > UINT64_MAX:
+        raise OverflowError(f"{what} must fit in 64 bits: {value} is out of range")
+    return value
+
+
+def source_id(value: Any) -> int:
+    """int(value) when it is an 8-bit data-source id; ValueError otherwise, as the library says it."""
+    value = int(value)
+    if not -128 <= value <= 127:
+        raise ValueError(f"data source ids are 8-bit: {value} is out of range")
+    return value
+
+
+def compression_level(value: Any) -> int:
+    """int(value) when it is a zstd level the file can keep (8 bits); ValueError otherwise."""
+    value = int(value)
+    if not -128 <= value <= 127:
+        raise ValueError(f"compression level out of range: {value}")
+    return value
 
 
 def to_datetime(ms: int) -> _dt.datetime:
@@ -105,10 +147,10 @@ def int_list(values: Any, what: str) -> list:
     if values is None:
         return []
     if isinstance(values, (int, np.integer)):
-        return [int(values)]
+        return [int32(values, what)]
     if isinstance(values, (str, bytes)):
         raise TypeError(f"{what} takes ints, not {values!r}")
-    return [int(v) for v in values]
+    return [int32(v, what) for v in values]
 
 
 def entry_id(value: Optional[int], what: str) -> int:
@@ -117,6 +159,8 @@ def entry_id(value: Optional[int], what: str) -> int:
     value = int(value)
     if value < 1:
         raise ValueError(f"{what} must be an entry id (1 or more), not {value}")
+    if value > INT32_MAX:
+        raise OverflowError(f"{what} must be an entry id (1 to {INT32_MAX}), not {value}")
     return value
 
 
@@ -133,7 +177,7 @@ def source_ids(values: Any, names: Optional[dict]) -> list:
                 raise KeyError(f"no data source named {value!r}")
             result.append(names[value])
         else:
-            result.append(int(value))
+            result.append(source_id(value))
     return result
 
 
