@@ -93,6 +93,13 @@ bool isDelivering(const PlayerState* state) {
     return std::find(deliveringPlayers.begin(), deliveringPlayers.end(), state) != deliveringPlayers.end();
 }
 
+// A player dropped on its own worker, destroyed on another thread: the
+// player first (which joins the worker), then the state its callbacks use.
+struct Orphan {
+    std::shared_ptr<PlayerState> state;
+    std::unique_ptr<pb::LogFilePlayer> player;
+};
+
 class Player {
 public:
     Player(const std::string& path, py::object callback, const std::vector<int32_t>& sourceTypes, bool loop,
@@ -189,10 +196,13 @@ public:
             // worker: the worker goes on once that code returns, and is
             // joined by a thread of its own.
             state_->orphaned = true;
-            std::thread([player = std::move(player_), state = state_]() mutable {
-                player.reset();
-                state.reset();
-            }).detach();
+            auto* orphan = new Orphan{state_, std::move(player_)};
+            try {
+                std::thread([orphan] { delete orphan; }).detach();
+            } catch (...) {
+                // Without a thread to join the worker, the player is left to
+                // the process rather than ending it.
+            }
             return;
         }
         closeNow();
