@@ -8,8 +8,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 #include <vector>
 
 namespace marivane_python {
@@ -203,22 +206,53 @@ private:
 // the arrays made from it, pointing at bytes the reader overwrites with the
 // next entry and frees at the end. So each payload is copied into a buffer of
 // ours, which a view keeps alive, and a buffer is reused for the next entry
-// only when nothing but the visit holds it any more.
-struct PayloadBuffer {
-    std::vector<std::byte> bytes;
+// only when nothing but the visit holds it any more. A plain exporter of the
+// buffer protocol: pybind11's costs more than the copy for small payloads.
+struct PayloadBufferObject {
+    PyObject_HEAD char* data;
+    Py_ssize_t size;
+    Py_ssize_t capacity;
 };
+
+PyTypeObject* payloadBufferType = nullptr;
+
+int payloadBufferGet(PyObject* self, Py_buffer* view, int flags) {
+    auto* buffer = reinterpret_cast<PayloadBufferObject*>(self);
+    return PyBuffer_FillInfo(view, self, buffer->data, buffer->size, /*readonly=*/1, flags);
+}
+
+void payloadBufferFree(PyObject* self) {
+    PyTypeObject* type = Py_TYPE(self);
+    std::free(reinterpret_cast<PayloadBufferObject*>(self)->data);
+    type->tp_free(self);
+    Py_DECREF(type);
+}
+
+PyType_Slot payloadBufferSlots[] = {
+    {Py_bf_getbuffer, reinterpret_cast<void*>(&payloadBufferGet)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(&payloadBufferFree)},
+    {Py_tp_doc, const_cast<char*>("The bytes of one payload handed out by a visit as a memoryview.")},
+    {0, nullptr}};
+
+PyType_Spec payloadBufferSpec = {"marivane_logging._core._PayloadBuffer", sizeof(PayloadBufferObject), 0,
+                                 Py_TPFLAGS_DEFAULT, payloadBufferSlots};
 
 class PayloadBuffers {
 public:
+    PayloadBuffers() : releaseName_(py::str("release")) {}
+
     // A read-only memoryview of a copy of `size` bytes at `data`.
     py::object view(const std::byte* data, std::size_t size) {
-        if (!current_ || Py_REFCNT(current_.ptr()) > 1) {
-            current_ = py::cast(PayloadBuffer{});
-            buffer_ = &current_.cast<PayloadBuffer&>();
-            // A buffer is never null, even for an empty payload.
-            buffer_->bytes.reserve(std::max<std::size_t>(size, 1));
+        const auto length = static_cast<Py_ssize_t>(size);
+        auto* buffer = reinterpret_cast<PayloadBufferObject*>(current_.ptr());
+        if (buffer == nullptr || Py_REFCNT(buffer) > 1 || buffer->capacity < length) {
+            current_ = newBuffer(std::max<Py_ssize_t>(length, 1));
+            buffer = reinterpret_cast<PayloadBufferObject*>(current_.ptr());
         }
-        buffer_->bytes.assign(data, data + size);
+        if (size > 0) {
+            std::memcpy(buffer->data, data, size);
+        }
+        buffer->size = length;
         PyObject* memoryView = PyMemoryView_FromObject(current_.ptr());
         if (memoryView == nullptr) {
             throw py::error_already_set();
@@ -228,11 +262,11 @@ public:
 
     // Releases a view handed out, unless something still uses it (an array
     // made from it): the buffer then stays with that user.
-    static void release(const py::object& memoryView) {
+    void release(const py::object& memoryView) const {
         if (!memoryView) {
             return;
         }
-        PyObject* released = PyObject_CallMethod(memoryView.ptr(), "release", nullptr);
+        PyObject* released = PyObject_CallMethodNoArgs(memoryView.ptr(), releaseName_.ptr());
         if (released == nullptr) {
             PyErr_Clear();
         }
@@ -240,8 +274,24 @@ public:
     }
 
 private:
+    static py::object newBuffer(Py_ssize_t capacity) {
+        PayloadBufferObject* buffer = PyObject_New(PayloadBufferObject, payloadBufferType);
+        if (buffer == nullptr) {
+            throw py::error_already_set();
+        }
+        buffer->data = static_cast<char*>(std::malloc(static_cast<std::size_t>(capacity)));
+        buffer->size = 0;
+        buffer->capacity = capacity;
+        auto object = py::reinterpret_steal<py::object>(reinterpret_cast<PyObject*>(buffer));
+        if (buffer->data == nullptr) {
+            buffer->capacity = 0;
+            throw std::bad_alloc();
+        }
+        return object;
+    }
+
     py::object current_;
-    PayloadBuffer* buffer_ = nullptr;
+    py::str releaseName_;
 };
 
 Selection selectionFrom(int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
@@ -291,13 +341,13 @@ void bindEntries(py::module_& m) {
 
     createEntryType(m);
 
-    py::class_<PayloadBuffer>(m, "_PayloadBuffer", py::buffer_protocol(),
-                              "The bytes of one payload handed out by a visit as a memoryview.")
-        .def_buffer([](PayloadBuffer& buffer) {
-            return py::buffer_info(buffer.bytes.data(), 1, py::format_descriptor<uint8_t>::format(), 1,
-                                   {static_cast<py::ssize_t>(buffer.bytes.size())}, {py::ssize_t{1}},
-                                   /*readonly=*/true);
-        });
+    payloadBufferType = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&payloadBufferSpec));
+    if (payloadBufferType == nullptr) {
+        throw py::error_already_set();
+    }
+    // The module keeps the type alive for as long as visits can run.
+    m.attr("_PayloadBuffer") =
+        py::reinterpret_borrow<py::object>(reinterpret_cast<PyObject*>(payloadBufferType));
 
     py::class_<EntryIterator>(m, "EntryIterator", "Streams the selected entries of a log file, in id order.")
         .def("__iter__", [](py::object self) { return self; })
@@ -350,11 +400,11 @@ void bindEntries(py::module_& m) {
                     answer = callback(std::move(entry));
                 } catch (...) {
                     // The traceback may hold the entry.
-                    PayloadBuffers::release(payloadView);
+                    buffers.release(payloadView);
                     throw;
                 }
                 // Valid during the call only, as documented.
-                PayloadBuffers::release(payloadView);
+                buffers.release(payloadView);
                 return answer.is_none() || answer.cast<bool>();
             });
             if (!ok) {
