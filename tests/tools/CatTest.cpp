@@ -48,6 +48,14 @@ TEST_F(CatTest, StartAndEndSelectATimeWindow) {
     EXPECT_EQ(result.exitCode, 2);
 }
 
+TEST_F(CatTest, AReversedIdRangeIsRefused) {
+    const RunResult result = runMvlog({"cat", path, "--from", "5", "--to", "2"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "mvlog: refused: the id range is reversed (--from is after --to)\n");
+    EXPECT_TRUE(result.out.empty()) << result.out;
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--from", "5", "--to", "5"})), (std::vector<int>{5}));
+}
+
 TEST_F(CatTest, TextLineShowsIdTimeSourceTypeSizeAndFirstBytes) {
     const RunResult result = runMvlog({"cat", path, "--from", "2", "--to", "3"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
@@ -135,6 +143,23 @@ TEST(CatDamage, EntriesHiddenByADamagedPageMakeItAFailure) {
                         "not printed\n"),
         std::string::npos)
         << result.err;
+}
+
+// The last pages of the file hold entry 101's payload; SQLite would read
+// the byte cut off as a zero.
+TEST(CatDamage, AnEntryOnTheCutOffPartOfAFileIsNamed) {
+    TempDir directory;
+    const std::string path = directory.file("cut.mvlog");
+    writeKnownFile(path, 0);
+    overwriteStoredPayload(path, 101, ByteBuffer(50'000, std::byte{0x5a}));
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) - 1);
+    const RunResult result = runMvlog({"cat", path, "--from", "100"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.outLines().size(), 1u) << result.out;
+    EXPECT_EQ(result.out.rfind("#100  ", 0), 0u) << result.out;
+    EXPECT_EQ(result.err,
+              "mvlog: entry 101: listed in the index but its row cannot be read\n"
+              "mvlog: 1 of 2 entries could not be read\n");
 }
 
 // More payload than one read chunk holds: every entry still arrives, once,

@@ -190,5 +190,35 @@ TEST(InfoDurability, ASafeFileSaysSo) {
         << result.out;
 }
 
+// The span from the smallest to the largest timestamp is 2^64 - 1 ms, more
+// than a signed 64-bit value holds.
+TEST_F(InfoTest, TheWidestTimeSpanIsShownWhole) {
+    executeSql(path,
+               "UPDATE data SET timestamp = -9223372036854775808 WHERE entryId = 1;"
+               "UPDATE data SET timestamp = 9223372036854775807 WHERE entryId = 101;");
+    const RunResult result = runMvlog({"info", path});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(containsLine(result.outLines(), "Duration           5124095576030 h 25 min 51 s"))
+        << result.out;
+    const nlohmann::json info = infoJson(path);
+    EXPECT_EQ(info["entries"]["durationMs"].get<uint64_t>(), 18'446'744'073'709'551'615u);
+}
+
+// Entry records carry 32-bit ids; the index reads 2147483648 as
+// -2147483648.
+TEST_F(InfoTest, AnIdNoRecordCanCarryIsAFailure) {
+    executeSql(path, "PRAGMA foreign_keys = OFF; UPDATE data SET entryId = 2147483648 WHERE entryId = 101;");
+    for (const bool json : {false, true}) {
+        const RunResult result = json ? runMvlog({"info", path, "--json"}) : runMvlog({"info", path});
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.err,
+                  "mvlog: " + path +
+                      ": the file holds entry id 2147483648, which no entry record can carry (ids "
+                      "are 32-bit); its ids and counts cannot be summarized (`mvlog check` lists "
+                      "what is wrong)\n");
+        EXPECT_TRUE(result.out.empty()) << result.out;
+    }
+}
+
 }  // namespace
 }  // namespace MvlogTest

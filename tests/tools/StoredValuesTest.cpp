@@ -158,5 +158,93 @@ TEST_F(CraftedValues, CheckNamesCompressedFramesInAnUncompressedFile) {
         << check.out;
 }
 
+TEST_F(CraftedValues, CatNamesCompressedFramesInAnUncompressedFileAndPrintsThemNot) {
+    const std::string plain = directory.file("plain.mvlog");
+    writeKnownFile(plain, 0);
+    overwriteStoredPayload(plain, 12, Marivane::Compression::compress(bytesOf("hidden"), 3));
+    const std::string expectedError =
+        "mvlog: entry 12: the payload is a compressed frame but the file's compression level is 0 (payloads "
+        "stored uncompressed): readers hand it out compressed\n"
+        "mvlog: 1 of 101 entries could not be read\n";
+    for (const char* format : {"text", "json", "hex"}) {
+        const RunResult cat = runMvlog({"cat", plain, "--format", format});
+        EXPECT_EQ(cat.exitCode, 1) << format;
+        EXPECT_EQ(cat.err, expectedError) << format;
+        const bool json = std::string(format) == "json";
+        EXPECT_EQ(cat.out.find(json ? "\"entryId\":12," : "#12  "), std::string::npos) << format;
+        EXPECT_NE(cat.out.find(json ? "\"entryId\":13," : "#13  "), std::string::npos) << format;
+    }
+    const std::vector<std::string> lines = runMvlog({"cat", plain}).outLines();
+    EXPECT_EQ(lines.size(), static_cast<std::size_t>(kKnownEntries - 1));
+}
+
+TEST_F(CraftedValues, AnEntryOfAMissingDataSourceIsNamedAsSuch) {
+    executeSql(path, "PRAGMA foreign_keys = OFF; UPDATE data SET dataSourceId = 9 WHERE entryId = 7;");
+    const RunResult check = runMvlog({"check", path});
+    EXPECT_EQ(check.exitCode, 1);
+    const std::vector<std::string> lines = splitLines(check.out);
+    EXPECT_EQ(
+        lines,
+        (std::vector<std::string>{
+            "problem: foreign_key_check: row 7 of table data refers to a missing row of table dataSources",
+            "problem: entry 7 refers to data source 9, which the file does not have",
+            "Checked 100 entries, 3 data sources, 2 resources, 1 bookmarks", "2 problems found in " + path,
+            "hint: mvlog recover " + path + " -o NEW salvages what is intact"}));
+
+    const RunResult cat = runMvlog({"cat", path});
+    EXPECT_EQ(cat.exitCode, 1);
+    EXPECT_EQ(cat.err,
+              "mvlog: entry 7 refers to data source 9, which the file does not have\n"
+              "mvlog: 1 of 101 entries could not be read\n");
+    EXPECT_EQ(cat.outLines().size(), static_cast<std::size_t>(kKnownEntries - 1));
+
+    const RunResult info = runMvlog({"info", path});
+    EXPECT_EQ(info.exitCode, 0) << info.err;
+    const std::vector<std::string> infoLines = info.outLines();
+    EXPECT_TRUE(containsLine(infoLines, "Damaged entries (1; run `mvlog check` for a full report)"))
+        << info.out;
+    EXPECT_TRUE(containsLine(infoLines, "  entry 7 refers to data source 9, which the file does not have"))
+        << info.out;
+    EXPECT_EQ(info.out.find("damaged page"), std::string::npos) << info.out;
+}
+
+// The index narrows 4294967299 (2^32 + 3) onto 3, which another entry has:
+// the count still holds every entry, and the wide one is named.
+TEST_F(CraftedValues, AnIdBeyond32BitsIsCountedOnceAndNamed) {
+    executeSql(path, "PRAGMA foreign_keys = OFF; UPDATE data SET entryId = 4294967299 WHERE entryId = 101;");
+    const RunResult cat = runMvlog({"cat", path});
+    EXPECT_EQ(cat.exitCode, 1);
+    EXPECT_EQ(cat.err,
+              "mvlog: entry 4294967299: its id 4294967299 does not fit in 32 bits\n"
+              "mvlog: 1 of 101 entries could not be read\n");
+    EXPECT_EQ(cat.outLines().size(), static_cast<std::size_t>(kKnownEntries - 1));
+
+    const RunResult check = runMvlog({"check", path});
+    EXPECT_EQ(check.exitCode, 1);
+    const std::vector<std::string> lines = splitLines(check.out);
+    EXPECT_TRUE(containsLine(lines, "problem: entry 4294967299: its id 4294967299 does not fit in 32 bits"))
+        << check.out;
+    EXPECT_EQ(check.out.find("the entry index lists"), std::string::npos) << check.out;
+    EXPECT_TRUE(containsLine(lines, "Checked 100 entries, 3 data sources, 2 resources, 1 bookmarks"))
+        << check.out;
+}
+
+// 2147483648 narrows onto -2147483648, which no entry has: that index entry
+// is not a second entry, nor one whose row is missing.
+TEST_F(CraftedValues, AnIdOf2To31IsOneEntryNamedByItsRealId) {
+    executeSql(path, "PRAGMA foreign_keys = OFF; UPDATE data SET entryId = 2147483648 WHERE entryId = 101;");
+    const RunResult cat = runMvlog({"cat", path});
+    EXPECT_EQ(cat.exitCode, 1);
+    EXPECT_EQ(cat.err,
+              "mvlog: entry 2147483648: its id 2147483648 does not fit in 32 bits\n"
+              "mvlog: 1 of 101 entries could not be read\n");
+    const RunResult check = runMvlog({"check", path});
+    EXPECT_EQ(check.exitCode, 1);
+    EXPECT_EQ(check.out.find("-2147483648"), std::string::npos) << check.out;
+    EXPECT_TRUE(containsLine(splitLines(check.out),
+                             "problem: entry 2147483648: its id 2147483648 does not fit in 32 bits"))
+        << check.out;
+}
+
 }  // namespace
 }  // namespace MvlogTest

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <thread>
 
 #include <poll.h>
@@ -141,6 +142,19 @@ void printEntry(CatFormat format, const ScannedEntry& entry, const SourceNames& 
     }
 }
 
+// An entry whose payload reads hand out other than as logged is named on
+// stderr instead of printed: its bytes would look like a payload and be none.
+// Returns whether the entry was printed.
+bool printOrName(CatFormat format, const ScannedEntry& entry, const SourceNames& names) {
+    if (const std::optional<std::string> problem = storedFormProblem(entry)) {
+        std::fflush(stdout);
+        fmt::print(stderr, "mvlog: entry {}: {}\n", entry.entryId, *problem);
+        return false;
+    }
+    printEntry(format, entry, names);
+    return true;
+}
+
 }  // namespace
 
 // A reader that went away (the other end of a pipe closed) shows on the
@@ -176,7 +190,7 @@ void followNewEntries(const SqliteLogFile& file, const CatOptions& options, cons
                     pastEnd = true;
                     return false;
                 }
-                printEntry(options.format, scannedFrom(view), names);
+                printOrName(options.format, scannedFrom(view), names);
                 lastSeen = view.entryId;
                 return ++printed < kEntriesPerRead;
             },
@@ -212,19 +226,33 @@ int runCat(const CatOptions& options) {
     if (selection.endTimestamp < selection.startTimestamp) {
         throw ToolError("refused: the time range is reversed (--start is after --end)");
     }
+    if (options.from != -1 && options.to != -1 && options.to < options.from) {
+        throw ToolError("refused: the id range is reversed (--from is after --to)");
+    }
     EntryScanner scanner(*file, selection);
     std::size_t damaged = 0;
-    scanner.run([&](const ScannedEntry& entry) { printEntry(options.format, entry, names); },
-                [&](const DamagedEntry& entry) {
-                    ++damaged;
-                    std::fflush(stdout);
-                    fmt::print(stderr, "mvlog: entry {}: {}\n", entry.entryId, entry.reason);
-                });
+    scanner.run(
+        [&](const ScannedEntry& entry) {
+            if (!printOrName(options.format, entry, names)) {
+                ++damaged;
+            }
+        },
+        [&](const DamagedEntry& entry) {
+            ++damaged;
+            std::fflush(stdout);
+            fmt::print(stderr, "mvlog: {}\n", describe(entry));
+        });
     requireCompleteReads(*file);
     if (damaged != 0) {
-        throw ToolError(fmt::format("{} of {} entries could not be read", damaged, scanner.selectedCount()));
+        throw ToolError(fmt::format("{} of {} entries could not be read", damaged, scanner.metCount()));
     }
-    if (const int64_t missing = entriesMissingFromIndex(*file); missing != 0) {
+    // A scan of the whole file met every entry it could reach; a narrower one
+    // compares the file's count with its index.
+    const int64_t missing =
+        scanner.coversWholeFile()
+            ? std::max<int64_t>(0, file->getEntryCount() - static_cast<int64_t>(scanner.metCount()))
+            : entriesMissingFromIndex(*file);
+    if (missing != 0) {
         throw ToolError(fmt::format(
             "{} entries of the file are missing from its index (behind a damaged page) and were not printed",
             missing));

@@ -269,17 +269,6 @@ std::size_t probeBeyondIndex(const SqliteLogFile& file, int32_t lastListedId, Pr
     return readable;
 }
 
-// A payload that looks like a compressed frame in a file whose level says
-// payloads are stored as they are: readers hand it out compressed.
-void checkStoredForm(const ScannedEntry& entry, ProblemReport& problems) {
-    if (!entry.compressed && Marivane::Compression::startsWithFrame(entry.data, entry.size)) {
-        problems.add(
-            fmt::format("entry {}: the payload is a compressed frame but the file's compression level "
-                        "is 0 (payloads stored uncompressed): readers hand it out compressed",
-                        entry.entryId));
-    }
-}
-
 // Returns the number of entries that could be read in full.
 std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems) {
     const int32_t counted = file.getEntryCount();
@@ -291,18 +280,18 @@ std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems) {
         EntryScanner scanner(file, EntrySelection{});
         scanner.run(
             [&](const ScannedEntry& entry) {
-                checkStoredForm(entry, problems);
+                if (const std::optional<std::string> problem = storedFormProblem(entry)) {
+                    problems.add(fmt::format("entry {}: {}", entry.entryId, *problem));
+                }
                 entry.forEachPiece([](const std::byte*, std::size_t) { return true; });
                 ++readable;
             },
-            [&](const DamagedEntry& damaged) {
-                problems.addDamage(fmt::format("entry {}: {}", damaged.entryId, damaged.reason));
-            });
+            [&](const DamagedEntry& damaged) { problems.addDamage(describe(damaged)); });
         // The count was taken first: entries that a writer appended since can
         // only make the index longer. A shorter index hides entries.
-        if (counted >= 0 && scanner.selectedCount() < static_cast<std::size_t>(counted)) {
+        if (counted >= 0 && scanner.metCount() < static_cast<std::size_t>(counted)) {
             problems.addDamage(fmt::format("the entry index lists {} entries but the file counts {}",
-                                           scanner.selectedCount(), counted));
+                                           scanner.metCount(), counted));
             const std::vector<int32_t>& ids = scanner.selectedIds();
             readable += probeBeyondIndex(file, ids.empty() ? 0 : ids.back(), problems);
         }

@@ -62,6 +62,15 @@ ScannedEntry scannedFrom(const EntryView& view) {
     return ScannedEntry{view};
 }
 
+std::optional<std::string> storedFormProblem(const ScannedEntry& entry) {
+    if (entry.compressed || !Marivane::Compression::startsWithFrame(entry.data, entry.size)) {
+        return std::nullopt;
+    }
+    return std::string(
+        "the payload is a compressed frame but the file's compression level is 0 (payloads stored "
+        "uncompressed): readers hand it out compressed");
+}
+
 std::size_t ScannedEntry::forEachPiece(const Marivane::Compression::PieceHandler& onPiece) const {
     if (!compressed) {
         onPiece(data, size);
@@ -88,77 +97,130 @@ ByteBuffer ScannedEntry::payload() const {
     return bytes;
 }
 
+std::string describe(const DamagedEntry& entry) {
+    return fmt::format("entry {}{} {}", entry.entryId, entry.readsOn ? "" : ":", entry.reason);
+}
+
 EntryScanner::EntryScanner(const SqliteLogFile& file, EntrySelection selection)
-    : file_(file), selection_(std::move(selection)), ids_(selectIds(file, selection_)) {}
+    : file_(file), selection_(std::move(selection)), ids_(selectIds(file, selection_)) {
+    for (const Marivane::Logging::DataSource& source : file_.getDataSources()) {
+        sources_.insert(source.id);
+    }
+}
+
+bool EntryScanner::coversWholeFile() const {
+    const Marivane::Logging::EntryIndexFilter& filter = selection_.filter;
+    return selection_.from == -1 && selection_.to == -1 && !hasTimeBounds(selection_) &&
+           selection_.limit < 0 && filter.dataTypes.empty() && filter.dataSources.empty() &&
+           filter.dataSourceTypes.empty();
+}
 
 void EntryScanner::run(const EntryHandler& onEntry, const DamageHandler& onDamaged) {
-    if (ids_.empty()) {
+    met_ = 0;
+    const bool limited = selection_.limit >= 0;
+    if (limited && ids_.empty()) {
         return;
     }
     // Without a limit the read runs over the whole selection, so that rows the
-    // index cannot list (ids beyond 32 bits) are still reported.
-    const bool limited = selection_.limit >= 0;
+    // index cannot list (ids beyond 32 bits, entries of a data source the file
+    // does not have) are still reported.
     const EntryRange range{selection_.from, limited ? ids_.back() : selection_.to, selection_.startTimestamp,
                            selection_.endTimestamp};
     std::size_t next = 0;
-    const auto readSkippedBefore = [&](int64_t entryId) {
+    // Listed ids the read went past are read one by one after it: by then it
+    // is known which of them are only the narrowed form of an id beyond 32
+    // bits (the row is reported under its real id).
+    std::vector<int32_t> passedOver;
+    std::set<int32_t> narrowedForms;
+    // Whether the read's entry is the next listed one (which it then takes).
+    const auto takeListed = [&](int64_t entryId) {
         while (next < ids_.size() && ids_[next] < entryId) {
-            readSingle(ids_[next++], onEntry, onDamaged);
+            passedOver.push_back(ids_[next++]);
         }
+        if (next < ids_.size() && ids_[next] == entryId) {
+            ++next;
+            return true;
+        }
+        return false;
     };
     VisitOptions options = optionsReportingTo(onDamaged);
     options.onDamagedEntry = [&](int64_t entryId, const std::string& reason) {
-        readSkippedBefore(entryId);
-        if (next < ids_.size() && ids_[next] == entryId) {
-            ++next;
+        if (entryId < std::numeric_limits<int32_t>::min() || entryId > std::numeric_limits<int32_t>::max()) {
+            // The index keeps the low 32 bits, as SQLite's 32-bit read does.
+            narrowedForms.insert(static_cast<int32_t>(static_cast<uint32_t>(entryId)));
+        } else {
+            takeListed(entryId);
         }
-        onDamaged({entryId, reason});
+        report(onDamaged, {entryId, reason});
         return true;
     };
     file_.visitEntries(
         range, selection_.filter,
         [&](const EntryView& view) {
-            readSkippedBefore(view.entryId);
-            // Only the listed entries: a writer may have added more since.
-            if (next < ids_.size() && ids_[next] == view.entryId) {
-                ++next;
+            if (takeListed(view.entryId)) {
                 deliver(view, onEntry, onDamaged);
+            } else if (!fileHasSource(view.dataSourceId)) {
+                report(onDamaged, {view.entryId,
+                                   fmt::format("refers to data source {}, which the file does not have",
+                                               view.dataSourceId),
+                                   true});
             }
+            // Other unlisted entries: a writer added them since.
             return !limited || next < ids_.size();
         },
         options);
-    // After a failure inside the database: what the read did not reach.
-    while (next < ids_.size()) {
-        readSingle(ids_[next++], onEntry, onDamaged);
+    // What the read went past, then, after a failure inside the database,
+    // what it did not reach (all of it above what it went past).
+    passedOver.insert(passedOver.end(), ids_.begin() + static_cast<std::ptrdiff_t>(next), ids_.end());
+    for (const int32_t entryId : passedOver) {
+        readSingle(entryId, narrowedForms.count(entryId) != 0, onEntry, onDamaged);
     }
 }
 
-VisitOptions EntryScanner::optionsReportingTo(const DamageHandler& onDamaged) const {
+void EntryScanner::report(const DamageHandler& onDamaged, const DamagedEntry& entry) {
+    ++met_;
+    onDamaged(entry);
+}
+
+bool EntryScanner::fileHasSource(int8_t dataSourceId) {
+    if (sources_.count(dataSourceId) != 0) {
+        return true;
+    }
+    // A writer may have added the source since the scan began.
+    for (const Marivane::Logging::DataSource& source : file_.getDataSources()) {
+        sources_.insert(source.id);
+    }
+    return sources_.count(dataSourceId) != 0;
+}
+
+VisitOptions EntryScanner::optionsReportingTo(const DamageHandler& onDamaged) {
     VisitOptions options;
     options.payloadForm = Marivane::Logging::PayloadForm::Stored;
-    options.onDamagedEntry = [&onDamaged](int64_t entryId, const std::string& reason) {
-        onDamaged({entryId, reason});
+    options.onDamagedEntry = [this, &onDamaged](int64_t entryId, const std::string& reason) {
+        report(onDamaged, {entryId, reason});
         return true;
     };
     return options;
 }
 
 void EntryScanner::deliver(const EntryView& view, const EntryHandler& onEntry,
-                           const DamageHandler& onDamaged) const {
+                           const DamageHandler& onDamaged) {
     try {
+        ++met_;
         onEntry(scannedFrom(view));
     } catch (const Marivane::Compression::CompressionError& error) {
+        // Counted once, above.
         onDamaged({view.entryId, fmt::format("payload cannot be expanded: {}", error.what())});
     }
 }
 
-void EntryScanner::readSingle(int32_t entryId, const EntryHandler& onEntry,
-                              const DamageHandler& onDamaged) const {
+void EntryScanner::readSingle(int32_t entryId, bool mayBeNarrowed, const EntryHandler& onEntry,
+                              const DamageHandler& onDamaged) {
     bool found = false;
     VisitOptions options = optionsReportingTo(onDamaged);
     options.onDamagedEntry = [&](int64_t damagedId, const std::string& reason) {
         found = true;
-        onDamaged({damagedId, reason});
+        report(onDamaged, {damagedId, reason});
         return true;
     };
     file_.visitEntries(
@@ -169,10 +231,10 @@ void EntryScanner::readSingle(int32_t entryId, const EntryHandler& onEntry,
             return false;
         },
         options);
-    if (!found) {
+    if (!found && !mayBeNarrowed) {
         // An id from the index that yields no row sits on a page that cannot
         // be read (or had its stored values reported above).
-        onDamaged({entryId, "listed in the index but its row cannot be read"});
+        report(onDamaged, {entryId, "listed in the index but its row cannot be read"});
     }
 }
 

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,7 +32,13 @@ struct EntrySelection {
 struct DamagedEntry {
     int64_t entryId = 0;
     std::string reason;
+    // The reason reads on from "entry N" as a sentence ("refers to data
+    // source 9, ...") instead of following it after a colon.
+    bool readsOn = false;
 };
+
+// "entry 7: payload cannot be expanded: ..." or "entry 7 refers to ...".
+std::string describe(const DamagedEntry& entry);
 
 // One entry as a scan hands it out: the library's view, whose payload is as
 // the file stores it (`compressed` says whether it is a frame). Borrowed:
@@ -50,12 +58,20 @@ struct ScannedEntry : Marivane::Logging::EntryView {
 
 ScannedEntry scannedFrom(const Marivane::Logging::EntryView& view);
 
+// Why a payload that reads hand out as stored is not what was logged: a
+// compressed frame in a file whose level says payloads are stored
+// uncompressed. Nothing when the payload is as the file says.
+std::optional<std::string> storedFormProblem(const ScannedEntry& entry);
+
 // Visits the entries that the file's index lists for a selection, in id
 // order, through the library's streaming read: payloads stay as stored until
 // a handler asks for them. An entry that the read cannot hand out is reported
 // as damaged and the scan goes on; after a database failure (a damaged page)
 // the remaining listed entries are read one by one, which names the ones
-// behind the damage and still delivers the rest.
+// behind the damage and still delivers the rest. Rows that the index cannot
+// list are reported too: ids beyond 32 bits (the index narrows them) and
+// entries whose data source the file does not have (the index leaves them
+// out).
 class EntryScanner {
 public:
     using EntryHandler = std::function<void(const ScannedEntry&)>;
@@ -69,15 +85,26 @@ public:
 
     void run(const EntryHandler& onEntry, const DamageHandler& onDamaged);
 
+    // Entries the last run delivered or reported, each once, whatever its id
+    // (an index entry that only narrows an id beyond 32 bits is not one).
+    std::size_t metCount() const { return met_; }
+    // Whether the selection is every entry of the file.
+    bool coversWholeFile() const;
+
 private:
     void deliver(const Marivane::Logging::EntryView& view, const EntryHandler& onEntry,
-                 const DamageHandler& onDamaged) const;
-    void readSingle(int32_t entryId, const EntryHandler& onEntry, const DamageHandler& onDamaged) const;
-    Marivane::Logging::VisitOptions optionsReportingTo(const DamageHandler& onDamaged) const;
+                 const DamageHandler& onDamaged);
+    void readSingle(int32_t entryId, bool mayBeNarrowed, const EntryHandler& onEntry,
+                    const DamageHandler& onDamaged);
+    void report(const DamageHandler& onDamaged, const DamagedEntry& entry);
+    bool fileHasSource(int8_t dataSourceId);
+    Marivane::Logging::VisitOptions optionsReportingTo(const DamageHandler& onDamaged);
 
     const Marivane::Logging::SqliteLogFile& file_;
     EntrySelection selection_;
     std::vector<int32_t> ids_;
+    std::set<int8_t> sources_;
+    std::size_t met_ = 0;
 };
 
 }  // namespace Mvlog

@@ -71,6 +71,11 @@ void scanEntries(const SqliteLogFile& file, FileSummary& summary) {
             }
         },
         [&](const DamagedEntry& damaged) { summary.damagedEntries.push_back(damaged); });
+    // The scan covers the whole file: what it did not meet is hidden.
+    if (summary.entryCount >= 0) {
+        summary.entriesMissingFromIndex =
+            std::max<int64_t>(0, summary.entryCount - static_cast<int64_t>(scanner.metCount()));
+    }
 }
 
 void readResources(const LogFileInterface& file, FileSummary& summary) {
@@ -114,7 +119,7 @@ std::string rateText(const SourceSummary& source) {
         return "no mean rate";
     }
     const std::optional<double> rate =
-        meanRateHz(source.entryCount, *source.lastTimestamp - *source.firstTimestamp);
+        meanRateHz(source.entryCount, spanMilliseconds(*source.firstTimestamp, *source.lastTimestamp));
     return rate ? fmt::format("{:.2f} Hz mean rate", *rate) : "no mean rate";
 }
 
@@ -150,7 +155,7 @@ void appendHeader(std::string& text, const FileSummary& summary) {
     if (summary.firstTimestamp) {
         line("Time span", fmt::format("{} to {}", isoTimestamp(*summary.firstTimestamp),
                                       isoTimestamp(*summary.lastTimestamp)));
-        line("Duration", humanDuration(*summary.durationMs()));
+        line("Duration", humanSpan(*summary.durationMs()));
     }
     line("Payload bytes", sizeText(summary.payloadBytes) + ", as logged (before compression)");
 }
@@ -218,7 +223,7 @@ void appendDamage(std::string& text, const FileSummary& summary) {
         fmt::format("\nDamaged entries ({}; run `mvlog check` for a full report)\n",
                     static_cast<int64_t>(summary.damagedEntries.size()) + summary.entriesMissingFromIndex);
     for (const DamagedEntry& damaged : summary.damagedEntries) {
-        text += fmt::format("  entry {}: {}\n", damaged.entryId, damaged.reason);
+        text += fmt::format("  {}\n", describe(damaged));
     }
     if (summary.entriesMissingFromIndex != 0) {
         text += fmt::format(
@@ -251,8 +256,9 @@ ordered_json sourceJson(const SourceSummary& source) {
                               {"valueType", propertyTypeName(property.value)}});
     }
     const std::optional<double> rate =
-        source.firstTimestamp ? meanRateHz(source.entryCount, *source.lastTimestamp - *source.firstTimestamp)
-                              : std::nullopt;
+        source.firstTimestamp
+            ? meanRateHz(source.entryCount, spanMilliseconds(*source.firstTimestamp, *source.lastTimestamp))
+            : std::nullopt;
     return {{"id", source.source.id},
             {"type", typeJson(source.source.type)},
             {"typeValue", static_cast<int32_t>(source.source.type)},
@@ -284,11 +290,11 @@ ordered_json entriesJson(const FileSummary& summary) {
 
 }  // namespace
 
-std::optional<int64_t> FileSummary::durationMs() const {
+std::optional<uint64_t> FileSummary::durationMs() const {
     if (!firstTimestamp || !lastTimestamp) {
         return std::nullopt;
     }
-    return *lastTimestamp - *firstTimestamp;
+    return spanMilliseconds(*firstTimestamp, *lastTimestamp);
 }
 
 FileSummary summarizeLogFile(const SqliteLogFile& file) {
@@ -305,7 +311,6 @@ FileSummary summarizeLogFile(const SqliteLogFile& file) {
     summary.lastEntryId = file.getLastEntryId();
     readSources(file, summary);
     scanEntries(file, summary);
-    summary.entriesMissingFromIndex = entriesMissingFromIndex(file);
     readResources(file, summary);
     readBookmarks(file, summary);
     return summary;

@@ -65,7 +65,8 @@ struct FileSummary {
     std::vector<DamagedEntry> damagedEntries;
     int64_t entriesMissingFromIndex = 0;
 
-    std::optional<int64_t> durationMs() const;
+    // Unsigned: the span between any two timestamps fits.
+    std::optional<uint64_t> durationMs() const;
 };
 
 // Reads everything, payloads included (a chunk at a time). Damaged payloads

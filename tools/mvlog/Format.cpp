@@ -7,7 +7,6 @@
 #include <cctype>
 #include <charconv>
 #include <ctime>
-#include <limits>
 #include <utility>
 
 namespace Mvlog {
@@ -64,13 +63,13 @@ std::string humanSize(uint64_t bytes) {
 
 std::string humanDuration(int64_t milliseconds) {
     if (milliseconds < 0) {
-        // The negation of the smallest value does not exist; such a span is
-        // nonsense anyway.
-        if (milliseconds == std::numeric_limits<int64_t>::min()) {
-            milliseconds = -std::numeric_limits<int64_t>::max();
-        }
-        return fmt::format("-{}", humanDuration(-milliseconds));
+        // Negated as unsigned: the smallest value has no signed negation.
+        return fmt::format("-{}", humanSpan(0 - static_cast<uint64_t>(milliseconds)));
     }
+    return humanSpan(static_cast<uint64_t>(milliseconds));
+}
+
+std::string humanSpan(uint64_t milliseconds) {
     if (milliseconds < 1000) {
         return fmt::format("{} ms", milliseconds);
     }
@@ -81,8 +80,14 @@ std::string humanDuration(int64_t milliseconds) {
         return fmt::format("{} min {:.1f} s", milliseconds / 60'000,
                            static_cast<double>(milliseconds % 60'000) / 1000.0);
     }
-    const int64_t seconds = milliseconds / 1000;
+    const uint64_t seconds = milliseconds / 1000;
     return fmt::format("{} h {:02} min {:02} s", seconds / 3600, (seconds / 60) % 60, seconds % 60);
+}
+
+uint64_t spanMilliseconds(int64_t first, int64_t last) {
+    // Two's complement wraps back into range: the difference of any two
+    // int64 values fits in 64 unsigned bits.
+    return static_cast<uint64_t>(last) - static_cast<uint64_t>(first);
 }
 
 std::string isoTimestamp(int64_t millisecondsSinceEpoch) {
@@ -261,8 +266,8 @@ std::string propertyTypeName(const Marivane::Logging::PropertyValue& value) {
     return kNames.at(value.index());
 }
 
-std::optional<double> meanRateHz(int64_t entryCount, int64_t spanMilliseconds) {
-    if (entryCount < 2 || spanMilliseconds <= 0) {
+std::optional<double> meanRateHz(int64_t entryCount, uint64_t spanMilliseconds) {
+    if (entryCount < 2 || spanMilliseconds == 0) {
         return std::nullopt;
     }
     return static_cast<double>(entryCount - 1) * 1000.0 / static_cast<double>(spanMilliseconds);

@@ -18,6 +18,12 @@ std::string humanSize(uint64_t bytes);
 // "850 ms", "19.980 s", "3 min 20.0 s", "1 h 02 min 03 s"; negative spans get
 // a leading minus.
 std::string humanDuration(int64_t milliseconds);
+// The same for a span that may exceed what int64 holds (the distance between
+// the smallest and the largest timestamp).
+std::string humanSpan(uint64_t milliseconds);
+
+// `last - first` for `first <= last`, without overflow.
+uint64_t spanMilliseconds(int64_t first, int64_t last);
 
 // UTC with milliseconds: "2024-05-01T12:00:00.250Z".
 std::string isoTimestamp(int64_t millisecondsSinceEpoch);
@@ -54,6 +60,6 @@ std::string propertyValueText(const Marivane::Logging::PropertyValue& value);
 std::string propertyTypeName(const Marivane::Logging::PropertyValue& value);
 
 // Whole entries per second over a span, or nothing when the span is empty.
-std::optional<double> meanRateHz(int64_t entryCount, int64_t spanMilliseconds);
+std::optional<double> meanRateHz(int64_t entryCount, uint64_t spanMilliseconds);
 
 }  // namespace Mvlog
