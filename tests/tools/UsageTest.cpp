@@ -4,6 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
 namespace MvlogTest {
 namespace {
 
@@ -64,6 +69,59 @@ TEST(UsageTest, ParseErrorsExitWithTwo) {
         EXPECT_EQ(result.exitCode, 2) << line << "\n" << result.out << result.err;
         EXPECT_FALSE(result.err.empty()) << line;
     }
+}
+
+TEST(UsageTest, AWordThatIsNoCommandIsNamedWithTheCommands) {
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"frob"}, {"frob", "file.mvlog", "--json"}, {"--", "frob"}}) {
+        const RunResult result = runMvlog(arguments);
+        EXPECT_EQ(result.exitCode, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err,
+                  "mvlog: 'frob' is not a command; the commands are info, cat, export, slice, clone, merge, "
+                  "play, bookmarks, check, recover, index and demo\n"
+                  "Run with --help for more information.\n");
+    }
+    // Without any word the command is still what is missing.
+    EXPECT_EQ(runMvlog({}).err, "A subcommand is required\nRun with --help for more information.\n");
+}
+
+// Each numeric option with a range says which numbers it takes, in a line.
+TEST(UsageTest, NumbersOutsideTheirRangeGetAShortMessage) {
+    TempDir directory;
+    const std::string path = directory.file("known.mvlog");
+    writeKnownFile(path);
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"cat", path, "--limit", "-1"}, "--limit: must be a whole number of 0 or more, got -1"},
+        {{"cat", path, "--limit", "2.5"}, "--limit: must be a whole number of 0 or more, got 2.5"},
+        {{"cat", path, "--source", "300"}, "--source: must be a whole number from -128 to 127, got 300"},
+        {{"cat", path, "--follow", "--idle", "-1"}, "--idle: must be a number of 0 or more, got -1"},
+        {{"cat", path, "--follow", "--idle", "nan"}, "--idle: must be a number of 0 or more, got nan"},
+        {{"slice", path, "--source", "x", "--from", "1", "--to", "2"},
+         "--source: must be a whole number from -128 to 127, got x"},
+        {{"slice", path, "--from", "1", "--to", "2", "--level", "-2"},
+         "--level: must be a whole number from -1 to 9, got -2"},
+        {{"clone", path, "--level", "10"}, "--level: must be a whole number from -1 to 9, got 10"},
+        {{"merge", path, path, "-o", directory.file("m.mvlog"), "--level", "99"},
+         "--level: must be a whole number from -1 to 9, got 99"},
+        {{"play", path, "--speed", "0"}, "--speed: must be a number above 0, got 0"},
+        {{"play", path, "--speed", "-2"}, "--speed: must be a number above 0, got -2"},
+        {{"play", path, "--speed", "inf"}, "--speed: must be a number above 0, got inf"},
+        {{"play", path, "--max-delay", "0"}, "--max-delay: must be a whole number from 1 to 3600000, got 0"},
+        {{"play", path, "--from", "-1"}, "--from: must be a whole number of 0 or more, got -1"},
+    };
+    for (const auto& [arguments, message] : cases) {
+        const RunResult result = runMvlog(arguments);
+        EXPECT_EQ(result.exitCode, 2) << message;
+        EXPECT_EQ(result.out, "") << message;
+        EXPECT_EQ(result.err, message + "\nRun with --help for more information.\n");
+    }
+    EXPECT_FALSE(std::filesystem::exists(directory.file("m.mvlog")));
+    // The same options still take what they took: hexadecimal as the option
+    // itself reads it, and the bounds themselves.
+    EXPECT_EQ(runMvlog({"cat", path, "--limit", "0x2", "--format", "json"}).outLines().size(), 2u);
+    EXPECT_EQ(runMvlog({"cat", path, "--limit", "0", "--source", "-128"}).exitCode, 0);
+    EXPECT_EQ(runMvlog({"cat", path, "--limit", "1", "--source", "127"}).exitCode, 0);
 }
 
 }  // namespace

@@ -13,8 +13,11 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <limits>
 #include <map>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -23,19 +26,63 @@ using namespace Mvlog;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
-// Rejects nan and the infinities, which a floating-point option would
-// otherwise take for a number.
-const CLI::Validator kFiniteNumber(
-    [](std::string& text) -> std::string {
-        try {
+// A whole number in [minimum, maximum], with a message that says so in a few
+// words: CLI's own range check spells out the limits of a double. The
+// description is what the help shows in place of the type.
+CLI::Validator wholeNumberIn(int64_t minimum, int64_t maximum, const std::string& description) {
+    return CLI::Validator(
+        [minimum, maximum](std::string& text) -> std::string {
             std::size_t used = 0;
-            const double value = std::stod(text, &used);
-            return used == text.size() && std::isfinite(value) ? std::string() : "not a finite number";
-        } catch (const std::exception&) {
-            return "not a number";
-        }
-    },
-    "NUMBER");
+            long long value = 0;
+            try {
+                // Base 0, as the option itself converts: 0x10 and 010 are read alike.
+                value = std::stoll(text, &used, 0);
+            } catch (const std::exception&) {
+                used = 0;
+            }
+            if (used != 0 && used == text.size() && value >= minimum && value <= maximum) {
+                return {};
+            }
+            if (maximum == std::numeric_limits<int64_t>::max()) {
+                return fmt::format("must be a whole number of {} or more, got {}", minimum, text);
+            }
+            return fmt::format("must be a whole number from {} to {}, got {}", minimum, maximum, text);
+        },
+        description);
+}
+
+// A finite number, above 0 or at least 0: nan and the infinities are refused
+// too, which a floating-point option would otherwise take for numbers.
+CLI::Validator finiteNumberFrom(bool zeroAllowed, const std::string& description) {
+    return CLI::Validator(
+        [zeroAllowed](std::string& text) -> std::string {
+            std::size_t used = 0;
+            double value = std::nan("");
+            try {
+                value = std::stod(text, &used);
+            } catch (const std::exception&) {
+                used = 0;
+            }
+            if (used != 0 && used == text.size() && std::isfinite(value) &&
+                (zeroAllowed ? value >= 0 : value > 0)) {
+                return {};
+            }
+            if (zeroAllowed) {
+                return fmt::format("must be a number of 0 or more, got {}", text);
+            }
+            return fmt::format("must be a number above 0, got {}", text);
+        },
+        description);
+}
+
+// The descriptions are those the help showed before the messages were made
+// short, so that the help reads as it did.
+const CLI::Validator kDataSourceId = wholeNumberIn(-128, 127, "INT in [-128 - 127]");
+const CLI::Validator kCompressionLevel = wholeNumberIn(-1, 9, "INT in [-1 - 9]");
+const CLI::Validator kCount = wholeNumberIn(0, std::numeric_limits<int64_t>::max(), "NONNEGATIVE");
+const CLI::Validator kMaxDelay = wholeNumberIn(1, 3'600'000, "INT in [1 - 3600000]");
+const CLI::Validator kSpeed = finiteNumberFrom(false, "(NUMBER) AND (POSITIVE)");
+const CLI::Validator kSeconds = finiteNumberFrom(true, "(NUMBER) AND (NONNEGATIVE)");
 
 // Accepts the data-source type names mvlog prints, or any 32-bit number.
 const CLI::Validator kDataSourceTypeValidator(
@@ -95,11 +142,11 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
     cat->add_option("--end", options->end, "Last time, inclusive, written like --start");
     addRepeatable(*cat, "--type", options->types, "Only entries of this entry type (repeatable)");
     addRepeatable(*cat, "--source", options->sources, "Only entries of this data-source id (repeatable)")
-        ->check(CLI::Range(-128, 127));
+        ->check(kDataSourceId);
     addRepeatable(*cat, "--source-type", *sourceTypeNames,
                   "Only entries of data sources of this type (repeatable)")
         ->check(kDataSourceTypeValidator);
-    cat->add_option("--limit", options->limit, "At most this many entries")->check(CLI::NonNegativeNumber);
+    cat->add_option("--limit", options->limit, "At most this many entries")->check(kCount);
     cat->add_option("--format", *format, "text (default), json (one object per line) or hex (full dump)")
         ->check(CLI::IsMember({"text", "json", "hex"}));
     CLI::Option* follow = cat->add_flag(
@@ -108,7 +155,7 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
         "read while it is written); Ctrl-C ends");
     cat->add_option("--idle", options->idleSeconds,
                     "With --follow: end after this many seconds without a new entry (default: never)")
-        ->check(kFiniteNumber & CLI::NonNegativeNumber)
+        ->check(kSeconds)
         ->needs(follow);
     subcommands.add(cat, [options, sourceTypeNames, format] {
         options->sourceTypes = dataSourceTypes(*sourceTypeNames);
@@ -156,14 +203,14 @@ void addSlice(CLI::App& app, Subcommands& subcommands) {
     slice->add_option("--end", options->end, "Last time, inclusive, written like --start");
     addRepeatable(*slice, "--type", options->types, "Only entries of this entry type (repeatable)");
     addRepeatable(*slice, "--source", options->sources, "Only entries of this data-source id (repeatable)")
-        ->check(CLI::Range(-128, 127));
+        ->check(kDataSourceId);
     addRepeatable(*slice, "--source-type", *sourceTypeNames,
                   "Only entries of data sources of this type (repeatable)")
         ->check(kDataSourceTypeValidator);
     slice->add_option("-o,--output", options->output,
                       "Output file (must not exist; default: <name>_exported<ext> beside the source)");
     slice->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
-        ->check(CLI::Range(-1, 9));
+        ->check(kCompressionLevel);
     slice->footer(
         "The new file is written under a temporary name beside the output and renamed when it is complete: "
         "a failure leaves nothing under the output's name. Entries are numbered from 1; bookmarks move with "
@@ -183,7 +230,7 @@ void addMerge(CLI::App& app, Subcommands& subcommands) {
         ->expected(2, -1);
     merge->add_option("-o,--output", options->output, "Output file (must not exist)")->required();
     merge->add_option("--level", options->level, "Compression level -1..9 (default: the first file's)")
-        ->check(CLI::Range(-1, 9));
+        ->check(kCompressionLevel);
     merge->footer(
         "Data sources keep their ids unless an earlier file uses the id for another source; they are then "
         "renumbered, with their properties and entries. Written under a temporary name and renamed when "
@@ -199,7 +246,7 @@ void addClone(CLI::App& app, Subcommands& subcommands) {
     clone->add_option("-o,--output", options->output,
                       "Output file (must not exist; default: <name>_exported<ext> beside the source)");
     clone->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
-        ->check(CLI::Range(-1, 9));
+        ->check(kCompressionLevel);
     subcommands.add(clone, [options] { return runClone(*options); });
 }
 
@@ -208,17 +255,16 @@ void addPlay(CLI::App& app, Subcommands& subcommands) {
     auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
     CLI::App* play = app.add_subcommand("play", "Replay entries at their recorded pace");
     play->add_option("FILE", options->file, "Log file")->required();
-    play->add_option("--speed", options->speed, "Speed multiplier (default 1)")
-        ->check(kFiniteNumber & CLI::PositiveNumber);
+    play->add_option("--speed", options->speed, "Speed multiplier (default 1)")->check(kSpeed);
     play->add_flag("--loop", options->loop, "Start again after the last frame (Ctrl-C stops)");
     addRepeatable(*play, "--source-type", *sourceTypeNames,
                   "Play only data sources of this type (repeatable; default: all)")
         ->check(kDataSourceTypeValidator);
     play->add_option("--max-delay", options->maxDelayMs,
                      "Longest wait between two frames in ms (default 1000)")
-        ->check(CLI::Range(1, 3'600'000));
-    CLI::Option* from = play->add_option("--from", options->fromFrame, "Frame to start at, counting from 0")
-                            ->check(CLI::NonNegativeNumber);
+        ->check(kMaxDelay);
+    CLI::Option* from =
+        play->add_option("--from", options->fromFrame, "Frame to start at, counting from 0")->check(kCount);
     play->add_option("--start", options->start,
                      "Start at the first frame at or after this time: ISO 8601 (2026-11-21T11:58:05.5Z) or "
                      "seconds after the first entry (+12.5)")
@@ -301,6 +347,34 @@ void addDemo(CLI::App& app, Subcommands& subcommands) {
     subcommands.add(demo, [options] { return runDemo(*options); });
 }
 
+// The first word of the command line when it names no command: mvlog has no
+// option before the command that takes a value, so that word is the command.
+std::optional<std::string> unknownCommand(const CLI::App& app, int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word.empty() || word[0] != '-') {
+            for (const CLI::App* command : app.get_subcommands({})) {
+                if (command->check_name(word)) {
+                    return std::nullopt;
+                }
+            }
+            return word;
+        }
+    }
+    return std::nullopt;
+}
+
+// "info, cat, ... and demo", in the order of the help.
+std::string commandNames(const CLI::App& app) {
+    const std::vector<const CLI::App*> commands = app.get_subcommands({});
+    std::string names;
+    for (std::size_t i = 0; i < commands.size(); ++i) {
+        names += i == 0 ? "" : i + 1 == commands.size() ? " and " : ", ";
+        names += commands[i]->get_name();
+    }
+    return names;
+}
+
 int runParsed(const Subcommands& subcommands) {
     for (const auto& [command, runner] : subcommands.runners) {
         if (command->parsed()) {
@@ -340,6 +414,13 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         // Help and version are "errors" with exit code 0; everything else is
         // a usage error.
+        if (error.get_exit_code() != 0) {
+            if (const std::optional<std::string> unknown = unknownCommand(app, argc, argv)) {
+                fmt::print(stderr, "mvlog: '{}' is not a command; the commands are {}\n{}", *unknown,
+                           commandNames(app), "Run with --help for more information.\n");
+                return kExitUsage;
+            }
+        }
         const int code = app.exit(error);
         return code == 0 ? 0 : kExitUsage;
     }
