@@ -1,15 +1,19 @@
 // Files and command lines that try to do harm: texts with control characters
 // or bytes that are not UTF-8, exports aimed at existing files or at the log
-// itself, numbers that are not numbers.
+// itself, numbers that are not numbers, paths that are not files.
 #include "ToolTestSupport.h"
 
 #include <TempDir.h>
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 namespace MvlogTest {
 namespace {
@@ -80,6 +84,57 @@ TEST_F(HostileInputTest, NumbersMustBeFinite) {
         EXPECT_EQ(runMvlog({"play", path, "--speed", value}).exitCode, 2) << value;
         EXPECT_EQ(runMvlog({"cat", path, "--follow", "--idle", value}).exitCode, 2) << value;
     }
+}
+
+// Opening a named pipe for reading waits for a writer, forever when none
+// comes: every command that reads a log file refuses anything that is not a
+// regular file before opening it, also behind a link. Each run is bounded so
+// that a hang fails the test instead of stalling it.
+TEST_F(HostileInputTest, EveryCommandRefusesANamedPipeAtOnce) {
+    const std::string pipe = directory.file("pipe.mvlog");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const std::string link = directory.file("link-to-pipe.mvlog");
+    std::filesystem::create_symlink(pipe, link);
+    const std::string output = directory.file("out.mvlog");
+    for (const std::string& target : {pipe, link}) {
+        const std::vector<std::vector<std::string>> commands = {
+            {"info", target},
+            {"info", target, "--json"},
+            {"cat", target},
+            {"export", target, "--entry", "1", "-o", output},
+            {"slice", target, "--from", "1", "--to", "2", "-o", output},
+            {"clone", target, "-o", output},
+            {"merge", path, target, "-o", output},
+            {"merge", target, path, "-o", output},
+            {"play", target},
+            {"bookmarks", target},
+            {"bookmarks", target, "add", "1", "title"},
+            {"check", target},
+            {"recover", target, "-o", output},
+            {"index", target},
+        };
+        for (const std::vector<std::string>& arguments : commands) {
+            ChildProcess child(MVLOG_BINARY, arguments);
+            const RunResult result = child.wait(std::chrono::seconds(20));
+            EXPECT_EQ(result.exitCode, 1) << arguments[0] << " " << target;
+            EXPECT_EQ(result.out, "") << arguments[0];
+            EXPECT_EQ(result.err, "mvlog: '" + target + "' is not a regular file (it is a named pipe)\n")
+                << arguments[0];
+            EXPECT_LT(result.seconds, 10.0) << arguments[0];
+            EXPECT_FALSE(std::filesystem::exists(output)) << arguments[0];
+        }
+    }
+    EXPECT_EQ(std::filesystem::status(pipe).type(), std::filesystem::file_type::fifo);
+}
+
+TEST_F(HostileInputTest, ADeviceIsNotALogFile) {
+    const RunResult result = runMvlog({"info", "/dev/null"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "mvlog: '/dev/null' is not a regular file (it is a character device)\n");
+    // A link to a regular file is read as the file.
+    const std::string link = directory.file("link.mvlog");
+    std::filesystem::create_symlink(path, link);
+    EXPECT_EQ(runMvlog({"check", link}).exitCode, 0);
 }
 
 }  // namespace

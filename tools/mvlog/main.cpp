@@ -12,11 +12,13 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <functional>
 #include <limits>
 #include <map>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace {
@@ -110,14 +112,60 @@ CLI::Option* addRepeatable(CLI::App& command, const std::string& name, std::vect
 }
 
 // Each subcommand registers its options and returns what runs it once parsing
-// succeeded.
+// succeeded, and which of its arguments name log files to read.
 using Runner = std::function<int()>;
+using InputFiles = std::function<std::vector<std::string>()>;
+
+struct Subcommand {
+    Runner runner;
+    InputFiles inputs;
+};
 
 struct Subcommands {
-    std::map<CLI::App*, Runner> runners;
+    std::map<CLI::App*, Subcommand> commands;
 
-    void add(CLI::App* command, Runner runner) { runners.emplace(command, std::move(runner)); }
+    void add(CLI::App* command, InputFiles inputs, Runner runner) {
+        commands.emplace(command, Subcommand{std::move(runner), std::move(inputs)});
+    }
+    void add(CLI::App* command, Runner runner) { add(command, InputFiles(), std::move(runner)); }
 };
+
+// Opening a named pipe blocks until a writer comes, in SQLite as in any plain
+// read, and no device or socket is a log file: such paths are refused before
+// anything opens them. A missing path and a directory are left to the
+// commands, which name them in their own words.
+void requireRegularFiles(const std::vector<std::string>& paths) {
+    for (const std::string& path : paths) {
+        std::error_code error;
+        const std::filesystem::file_type type = std::filesystem::status(path, error).type();
+        if (error) {
+            continue;
+        }
+        const char* kind = nullptr;
+        switch (type) {
+            case std::filesystem::file_type::fifo:
+                kind = "a named pipe";
+                break;
+            case std::filesystem::file_type::socket:
+                kind = "a socket";
+                break;
+            case std::filesystem::file_type::block:
+                kind = "a block device";
+                break;
+            case std::filesystem::file_type::character:
+                kind = "a character device";
+                break;
+            case std::filesystem::file_type::unknown:
+                kind = "of an unknown kind";
+                break;
+            default:
+                break;
+        }
+        if (kind != nullptr) {
+            throw ToolError(fmt::format("'{}' is not a regular file (it is {})", path, kind));
+        }
+    }
+}
 
 void addInfo(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<InfoOptions>();
@@ -125,7 +173,8 @@ void addInfo(CLI::App& app, Subcommands& subcommands) {
         app.add_subcommand("info", "Describe a log file: metadata, data sources, counts, resources");
     info->add_option("FILE", options->file, "Log file")->required();
     info->add_flag("--json", options->json, "Print one JSON document instead of text");
-    subcommands.add(info, [options] { return runInfo(*options); });
+    subcommands.add(
+        info, [options] { return std::vector{options->file}; }, [options] { return runInfo(*options); });
 }
 
 void addCat(CLI::App& app, Subcommands& subcommands) {
@@ -157,13 +206,15 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
                     "With --follow: end after this many seconds without a new entry (default: never)")
         ->check(kSeconds)
         ->needs(follow);
-    subcommands.add(cat, [options, sourceTypeNames, format] {
-        options->sourceTypes = dataSourceTypes(*sourceTypeNames);
-        options->format = *format == "json"  ? CatFormat::Json
-                          : *format == "hex" ? CatFormat::Hex
-                                             : CatFormat::Text;
-        return runCat(*options);
-    });
+    subcommands.add(
+        cat, [options] { return std::vector{options->file}; },
+        [options, sourceTypeNames, format] {
+            options->sourceTypes = dataSourceTypes(*sourceTypeNames);
+            options->format = *format == "json"  ? CatFormat::Json
+                              : *format == "hex" ? CatFormat::Hex
+                                                 : CatFormat::Text;
+            return runCat(*options);
+        });
 }
 
 void addExport(CLI::App& app, Subcommands& subcommands) {
@@ -181,7 +232,9 @@ void addExport(CLI::App& app, Subcommands& subcommands) {
         ->required();
     exporter->add_flag("--force", options->force,
                        "Replace an existing output file (never the log file itself)");
-    subcommands.add(exporter, [options] { return runExport(*options); });
+    subcommands.add(
+        exporter, [options] { return std::vector{options->file}; },
+        [options] { return runExport(*options); });
 }
 
 void addSlice(CLI::App& app, Subcommands& subcommands) {
@@ -215,10 +268,12 @@ void addSlice(CLI::App& app, Subcommands& subcommands) {
         "The new file is written under a temporary name beside the output and renamed when it is complete: "
         "a failure leaves nothing under the output's name. Entries are numbered from 1; bookmarks move with "
         "their entries.");
-    subcommands.add(slice, [options, sourceTypeNames] {
-        options->sourceTypes = dataSourceTypes(*sourceTypeNames);
-        return runSlice(*options);
-    });
+    subcommands.add(
+        slice, [options] { return std::vector{options->file}; },
+        [options, sourceTypeNames] {
+            options->sourceTypes = dataSourceTypes(*sourceTypeNames);
+            return runSlice(*options);
+        });
 }
 
 void addMerge(CLI::App& app, Subcommands& subcommands) {
@@ -235,7 +290,8 @@ void addMerge(CLI::App& app, Subcommands& subcommands) {
         "Data sources keep their ids unless an earlier file uses the id for another source; they are then "
         "renumbered, with their properties and entries. Written under a temporary name and renamed when "
         "complete.");
-    subcommands.add(merge, [options] { return runMerge(*options); });
+    subcommands.add(
+        merge, [options] { return options->files; }, [options] { return runMerge(*options); });
 }
 
 void addClone(CLI::App& app, Subcommands& subcommands) {
@@ -247,7 +303,8 @@ void addClone(CLI::App& app, Subcommands& subcommands) {
                       "Output file (must not exist; default: <name>_exported<ext> beside the source)");
     clone->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
         ->check(kCompressionLevel);
-    subcommands.add(clone, [options] { return runClone(*options); });
+    subcommands.add(
+        clone, [options] { return std::vector{options->file}; }, [options] { return runClone(*options); });
 }
 
 void addPlay(CLI::App& app, Subcommands& subcommands) {
@@ -272,10 +329,12 @@ void addPlay(CLI::App& app, Subcommands& subcommands) {
     play->add_flag("--carry-pacing", options->carryPacing,
                    "Pace like the library's default (whole-millisecond waits, which drift at high rates) "
                    "instead of on an exact timeline");
-    subcommands.add(play, [options, sourceTypeNames] {
-        options->sourceTypes = dataSourceTypes(*sourceTypeNames);
-        return runPlay(*options);
-    });
+    subcommands.add(
+        play, [options] { return std::vector{options->file}; },
+        [options, sourceTypeNames] {
+            options->sourceTypes = dataSourceTypes(*sourceTypeNames);
+            return runPlay(*options);
+        });
 }
 
 void addBookmarks(CLI::App& app, Subcommands& subcommands) {
@@ -300,13 +359,15 @@ void addBookmarks(CLI::App& app, Subcommands& subcommands) {
     CLI::App* remove = bookmarks->add_subcommand("remove", "Remove the bookmarks of an entry");
     remove->add_option("ID", options->entryId, "Entry id")->required();
 
-    subcommands.add(bookmarks, [options, add, update, remove] {
-        options->action = add->parsed()      ? BookmarkAction::Add
-                          : update->parsed() ? BookmarkAction::Update
-                          : remove->parsed() ? BookmarkAction::Remove
-                                             : BookmarkAction::List;
-        return runBookmarks(*options);
-    });
+    subcommands.add(
+        bookmarks, [options] { return std::vector{options->file}; },
+        [options, add, update, remove] {
+            options->action = add->parsed()      ? BookmarkAction::Add
+                              : update->parsed() ? BookmarkAction::Update
+                              : remove->parsed() ? BookmarkAction::Remove
+                                                 : BookmarkAction::List;
+            return runBookmarks(*options);
+        });
 }
 
 void addCheck(CLI::App& app, Subcommands& subcommands) {
@@ -314,7 +375,8 @@ void addCheck(CLI::App& app, Subcommands& subcommands) {
     CLI::App* check =
         app.add_subcommand("check", "Verify the database, every payload, resource and bookmark");
     check->add_option("FILE", options->file, "Log file")->required();
-    subcommands.add(check, [options] { return runCheck(*options); });
+    subcommands.add(
+        check, [options] { return std::vector{options->file}; }, [options] { return runCheck(*options); });
 }
 
 void addRecover(CLI::App& app, Subcommands& subcommands) {
@@ -327,7 +389,9 @@ void addRecover(CLI::App& app, Subcommands& subcommands) {
         "recovered, 1 otherwise");
     recover->add_option("DAMAGED", options->file, "Damaged log file (never changed)")->required();
     recover->add_option("-o,--output", options->output, "New log file (must not exist)")->required();
-    subcommands.add(recover, [options] { return runRecover(*options); });
+    subcommands.add(
+        recover, [options] { return std::vector{options->file}; },
+        [options] { return runRecover(*options); });
 }
 
 void addIndex(CLI::App& app, Subcommands& subcommands) {
@@ -337,7 +401,8 @@ void addIndex(CLI::App& app, Subcommands& subcommands) {
         "Build the time index in FILE, so that reads by time (cat/slice --start/--end, play --start) find "
         "their window without scanning; files get it only when asked");
     index->add_option("FILE", options->file, "Log file (changed in place)")->required();
-    subcommands.add(index, [options] { return runIndex(*options); });
+    subcommands.add(
+        index, [options] { return std::vector{options->file}; }, [options] { return runIndex(*options); });
 }
 
 void addDemo(CLI::App& app, Subcommands& subcommands) {
@@ -376,9 +441,12 @@ std::string commandNames(const CLI::App& app) {
 }
 
 int runParsed(const Subcommands& subcommands) {
-    for (const auto& [command, runner] : subcommands.runners) {
+    for (const auto& [command, subcommand] : subcommands.commands) {
         if (command->parsed()) {
-            return runner();
+            if (subcommand.inputs) {
+                requireRegularFiles(subcommand.inputs());
+            }
+            return subcommand.runner();
         }
     }
     return kExitUsage;
