@@ -4,6 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
 namespace MvlogTest {
 namespace {
 
@@ -152,6 +157,61 @@ TEST_F(DeriveTest, LevelOutsideTheRangeIsAUsageError) {
     EXPECT_EQ(runMvlog({"clone", path, "-o", output, "--level", "10"}).exitCode, 2);
     EXPECT_EQ(runMvlog({"slice", path, "--from", "1", "--to", "2", "--level", "-2"}).exitCode, 2);
     EXPECT_EQ(runMvlog({"slice", path, "--to", "2"}).exitCode, 2);
+    EXPECT_FALSE(std::filesystem::exists(output));
+}
+
+TEST_F(DeriveTest, ASliceThatSelectsNothingIsRefusedAndWritesNothing) {
+    const std::string span = " (its entries span 2023-11-14T22:13:20.000Z to 2023-11-14T22:13:30.000Z)";
+    const std::string ending = "; nothing was written (--allow-empty writes a file without entries)\n";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"--start", "+20", "--end", "+30"}, "--start +20 --end +30"},
+        {{"--start", "2023-11-14T22:13:40Z"}, "--start 2023-11-14T22:13:40Z"},
+        {{"--end", "2020-01-01T00:00:00Z"}, "--end 2020-01-01T00:00:00Z"},
+        {{"--from", "1", "--to", "3", "--type", "99"}, "--from 1 --to 3 --type 99"},
+        {{"--start", "+1", "--source", "9"}, "--start +1 --source 9"},
+        {{"--from", "2", "--to", "2", "--source", "1", "--source", "3"},
+         "--from 2 --to 2 --source 1 --source 3"},
+        {{"--start", "+0", "--source-type", "Radar"}, "--start +0 --source-type Radar"},
+    };
+    for (const auto& [selection, text] : cases) {
+        std::vector<std::string> arguments = {"slice", path, "-o", output};
+        arguments.insert(arguments.end(), selection.begin(), selection.end());
+        const RunResult result = runMvlog(arguments);
+        EXPECT_EQ(result.exitCode, 1) << text;
+        EXPECT_EQ(result.out, "") << text;
+        EXPECT_EQ(result.err, "mvlog: refused: no entry of " + path + " matches " + text + span + ending);
+        EXPECT_FALSE(std::filesystem::exists(output)) << text;
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.path()), {}), 1) << text;
+    }
+    // Without -o the name beside the source is not taken either.
+    EXPECT_EQ(runMvlog({"slice", path, "--start", "+20"}).exitCode, 1);
+    EXPECT_FALSE(std::filesystem::exists(directory.file("known_exported.mvlog")));
+}
+
+TEST_F(DeriveTest, AnEmptySliceIsWrittenWhenAskedFor) {
+    const RunResult result = runMvlog({"slice", path, "--start", "+20", "--allow-empty", "-o", output});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out, output + "\n");
+    EXPECT_EQ(result.err, "");
+    const nlohmann::json info = infoJson(output);
+    EXPECT_EQ(info["entries"]["count"], 0);
+    EXPECT_EQ(info["dataSources"].size(), 3u);
+    // A selection that matches is not changed by the flag.
+    const std::string other = directory.file("other.mvlog");
+    ASSERT_EQ(runMvlog({"slice", path, "--from", "4", "--to", "6", "--allow-empty", "-o", other}).exitCode,
+              0);
+    EXPECT_EQ(infoJson(other)["entries"]["count"], 3);
+}
+
+TEST_F(DeriveTest, ASliceOfAFileWithoutEntriesSaysSo) {
+    const std::string empty = directory.file("empty.mvlog");
+    { Marivane::Logging::SqliteLogFile file(empty, "UTC", "tooltest", "1", 0, kKnownStart); }
+    const RunResult result = runMvlog({"slice", empty, "--end", "2030-01-01T00:00:00Z", "-o", output});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err,
+              "mvlog: refused: no entry of " + empty +
+                  " matches --end 2030-01-01T00:00:00Z (the file has no entries); nothing was written "
+                  "(--allow-empty writes a file without entries)\n");
     EXPECT_FALSE(std::filesystem::exists(output));
 }
 

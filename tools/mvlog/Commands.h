@@ -64,6 +64,8 @@ struct SliceOptions {
     std::vector<MV_LogDataSourceType> sourceTypes;
     std::string output;
     std::optional<int> level;
+    // Write a file without entries when nothing matches, instead of refusing.
+    bool allowEmpty = false;
 };
 int runSlice(const SliceOptions& options);
 

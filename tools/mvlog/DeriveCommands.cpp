@@ -13,12 +13,15 @@
 #include <ctime>
 #include <filesystem>
 #include <memory>
+#include <system_error>
 #include <vector>
 
 namespace Mvlog {
 
 using Marivane::Logging::CopyOptions;
+using Marivane::Logging::CopyReport;
 using Marivane::Logging::LogFileInterface;
+using Marivane::Logging::SqliteLogFile;
 
 namespace {
 
@@ -75,8 +78,8 @@ CopyOptions copyOptions(const LogFileInterface& file, const std::optional<int>& 
 // Runs a derivation with a progress line on a terminal. The library writes
 // under a temporary name and renames only a complete file, so a failure
 // leaves nothing under the requested name.
-int deriveReporting(const char* what, const std::string& output, CopyOptions options,
-                    const std::function<void(const CopyOptions&)>& derive) {
+CopyReport deriveReporting(const char* what, const std::string& output, CopyOptions options,
+                           const std::function<CopyReport(const CopyOptions&)>& derive) {
     StatusLine status(stderr, isTerminal(stderr));
     if (status.isLive()) {
         options.progress = [&](uint64_t written, uint64_t total) {
@@ -84,20 +87,70 @@ int deriveReporting(const char* what, const std::string& output, CopyOptions opt
         };
     }
     try {
-        derive(options);
+        CopyReport report = derive(options);
+        status.finish();
+        return report;
     } catch (const std::exception& error) {
         status.finish();
         throw ToolError(fmt::format("{} failed: {} (nothing was written to {})", what, error.what(), output));
     }
-    status.finish();
-    fmt::print("{}\n", output);
-    return 0;
+}
+
+// ---- slice: a selection that matches nothing ----------------------------
+
+// The selection as the command line gave it, for messages.
+std::string selectionText(const SliceOptions& options) {
+    std::vector<std::string> parts;
+    if (options.from) {
+        parts.push_back(fmt::format("--from {} --to {}", *options.from, *options.to));
+    }
+    if (options.start) {
+        parts.push_back("--start " + *options.start);
+    }
+    if (options.end) {
+        parts.push_back("--end " + *options.end);
+    }
+    for (const int32_t type : options.types) {
+        parts.push_back(fmt::format("--type {}", type));
+    }
+    for (const int source : options.sources) {
+        parts.push_back(fmt::format("--source {}", source));
+    }
+    for (const MV_LogDataSourceType type : options.sourceTypes) {
+        parts.push_back("--source-type " + dataSourceTypeName(type));
+    }
+    return fmt::format("{}", fmt::join(parts, " "));
+}
+
+// Whether the copy would take at least one entry. A read that fails is left
+// to the copy, which reports it.
+bool selectsAnEntry(const SqliteLogFile& file, const CopyOptions& copy) {
+    bool found = false;
+    const Marivane::Logging::EntryRange range{copy.firstEntryId, copy.lastEntryId, copy.startTimestamp,
+                                              copy.endTimestamp};
+    const bool read =
+        file.visitEntrySummaries(range, copy.filter, [&](const Marivane::Logging::EntrySummary&) {
+            found = true;
+            return false;
+        });
+    return found || !read;
+}
+
+std::string emptySelectionMessage(const SqliteLogFile& file, const SliceOptions& options) {
+    const std::optional<Marivane::Logging::TimeRange> span = file.getTimeRange();
+    const std::string extent =
+        span ? fmt::format("its entries span {} to {}", isoTimestamp(span->first), isoTimestamp(span->last))
+             : std::string("the file has no entries");
+    return fmt::format(
+        "refused: no entry of {} matches {} ({}); nothing was written (--allow-empty writes a file without "
+        "entries)",
+        options.file, selectionText(options), extent);
 }
 
 }  // namespace
 
 int runSlice(const SliceOptions& options) {
-    const auto file = openExistingLogFile(options.file);
+    auto file = openExistingLogFile(options.file);
     explainOutputRefusal(options.output);
     if (!options.from && !options.to && !options.start && !options.end) {
         throw UsageError("slice needs --from and --to, or --start and/or --end");
@@ -122,20 +175,27 @@ int runSlice(const SliceOptions& options) {
         copy.filter.dataSources.push_back(static_cast<int8_t>(source));
     }
     copy.filter.dataSourceTypes = options.sourceTypes;
+    if (!options.allowEmpty && !selectsAnEntry(*file, copy)) {
+        throw ToolError(emptySelectionMessage(*file, options));
+    }
     const std::string output = outputFor(options.output, options.file);
-    return deriveReporting("slicing", output, copy, [&](const CopyOptions& chosen) {
-        Marivane::Logging::Algorithms::copy(options.file, output, chosen);
+    deriveReporting("slicing", output, copy, [&](const CopyOptions& chosen) {
+        return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
     });
+    fmt::print("{}\n", output);
+    return 0;
 }
 
 int runClone(const CloneOptions& options) {
-    const auto file = openExistingLogFile(options.file);
+    auto file = openExistingLogFile(options.file);
     explainOutputRefusal(options.output);
+    const CopyOptions copy = copyOptions(*file, options.level);
     const std::string output = outputFor(options.output, options.file);
-    return deriveReporting("cloning", output, copyOptions(*file, options.level),
-                           [&](const CopyOptions& chosen) {
-                               Marivane::Logging::Algorithms::copy(options.file, output, chosen);
-                           });
+    deriveReporting("cloning", output, copy, [&](const CopyOptions& chosen) {
+        return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
+    });
+    fmt::print("{}\n", output);
+    return 0;
 }
 
 int runMerge(const MergeOptions& options) {
@@ -146,10 +206,12 @@ int runMerge(const MergeOptions& options) {
     }
     explainOutputRefusal(options.output);
     const auto first = openExistingLogFile(options.files.front());
-    return deriveReporting("merging", options.output, copyOptions(*first, options.level),
-                           [&](const CopyOptions& chosen) {
-                               Marivane::Logging::Algorithms::merge(inputs, options.output, chosen);
-                           });
+    deriveReporting("merging", options.output, copyOptions(*first, options.level),
+                    [&](const CopyOptions& chosen) {
+                        return Marivane::Logging::Algorithms::merge(inputs, options.output, chosen);
+                    });
+    fmt::print("{}\n", options.output);
+    return 0;
 }
 
 }  // namespace Mvlog

@@ -264,6 +264,8 @@ void addSlice(CLI::App& app, Subcommands& subcommands) {
                       "Output file (must not exist; default: <name>_exported<ext> beside the source)");
     slice->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
         ->check(kCompressionLevel);
+    slice->add_flag("--allow-empty", options->allowEmpty,
+                    "Write a file without entries when nothing matches (otherwise refused)");
     slice->footer(
         "The new file is written under a temporary name beside the output and renamed when it is complete: "
         "a failure leaves nothing under the output's name. Entries are numbered from 1; bookmarks move with "
