@@ -215,6 +215,105 @@ TEST_F(DeriveTest, ASliceOfAFileWithoutEntriesSaysSo) {
     EXPECT_FALSE(std::filesystem::exists(output));
 }
 
+// A file whose data source 1 is another source than the known file's, with a
+// resource of the same name and other bytes.
+void writeClashingFile(const std::string& path) {
+    Marivane::Logging::SqliteLogFile file(path, "Europe/Oslo", "tooltest", "1.2", 3, kKnownStart);
+    Marivane::Logging::DataSource lidar{-1, MV_LogDataSourceType_Lidar, "lidar"};
+    ASSERT_TRUE(file.addDataSource(lidar));
+    ASSERT_EQ(lidar.id, 1);
+    for (int id = 1; id <= 10; ++id) {
+        Marivane::Logging::DataEntry entry;
+        entry.dataSourceId = lidar.id;
+        entry.type = 7;
+        entry.timestamp = kKnownStart + 50 + id * 1000;
+        entry.data = knownPayload(200 + id);
+        ASSERT_TRUE(file.logData(entry));
+    }
+    ASSERT_TRUE(file.addResource("notes.txt", bytesOf("other notes")));
+}
+
+TEST_F(DeriveTest, MergePrintsThePathThenTheReport) {
+    const std::string second = directory.file("second.mvlog");
+    writeClashingFile(second);
+    const RunResult result = runMvlog({"merge", path, second, "-o", output});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    // Scripts that take the path from stdout still get it alone.
+    EXPECT_EQ(result.out, output + "\n");
+    EXPECT_EQ(result.err, "merged 2 files into " + output +
+                              ": 111 entries, 4 data sources, 2 resources, 1 bookmark\n"
+                              "note: Resource \"notes.txt\" of '" +
+                              second +
+                              "' has the name of an earlier input's resource and was not copied.\n"
+                              "note: Data source 1 (\"lidar\") of '" +
+                              second + "' became data source 4: its id was taken by an earlier input.\n");
+    const nlohmann::json info = infoJson(output);
+    EXPECT_EQ(info["entries"]["count"], 111);
+    ASSERT_EQ(info["dataSources"].size(), 4u);
+    EXPECT_EQ(info["dataSources"][3]["id"], 4);
+    EXPECT_EQ(info["dataSources"][3]["name"], "lidar");
+    EXPECT_EQ(runMvlog({"export", output, "--resource", "notes.txt", "-o", "-"}).out, "hello");
+}
+
+TEST_F(DeriveTest, MergeJsonIsOneDocumentWithStableFields) {
+    const std::string second = directory.file("second.mvlog");
+    writeClashingFile(second);
+    const RunResult result = runMvlog({"merge", path, second, "-o", output, "--json"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    const nlohmann::json document = nlohmann::json::parse(result.out);
+    EXPECT_EQ(document["output"], output);
+    EXPECT_EQ(document["inputs"], nlohmann::json::array({path, second}));
+    EXPECT_EQ(document["entries"], 111);
+    EXPECT_EQ(document["dataSources"], 4);
+    EXPECT_EQ(document["resources"], 2);
+    EXPECT_EQ(document["bookmarks"], 1);
+    EXPECT_EQ(document["payloadsCopiedAsStored"], 111);
+    EXPECT_EQ(
+        document["renumberedSources"],
+        nlohmann::json::parse(R"([{"input": ")" + second + R"(", "name": "lidar", "from": 1, "to": 4}])"));
+    EXPECT_EQ(document["skippedResources"],
+              nlohmann::json::parse(R"([{"input": ")" + second + R"(", "name": "notes.txt"}])"));
+    EXPECT_EQ(document["skippedMetadata"], nlohmann::json::array());
+    ASSERT_EQ(document["notes"].size(), 2u);
+    EXPECT_EQ(document["notes"][1], "Data source 1 (\"lidar\") of '" + second +
+                                        "' became data source 4: its id was taken by an earlier input.");
+    EXPECT_EQ(document["warnings"], nlohmann::json::array());
+    EXPECT_EQ(infoJson(output)["entries"]["count"], 111);
+}
+
+TEST_F(DeriveTest, MergingAFileWithItselfWarns) {
+    std::filesystem::create_symlink(path, directory.file("link.mvlog"));
+    const std::string dotted = directory.file(".") + "/known.mvlog";
+    const std::vector<std::pair<std::string, std::string>> spellings = {
+        {path, path + " is given twice"},
+        {dotted, path + " and " + dotted + " are the same file"},
+        {directory.file("link.mvlog"), path + " and " + directory.file("link.mvlog") + " are the same file"},
+    };
+    int run = 0;
+    for (const auto& [again, warning] : spellings) {
+        const std::string merged = directory.file("merged" + std::to_string(run++) + ".mvlog");
+        const RunResult result = runMvlog({"merge", path, again, "-o", merged});
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(result.out, merged + "\n");
+        const std::string expected = "mvlog: warning: " + warning + ": its entries are in the output twice\n";
+        EXPECT_EQ(result.err.substr(0, expected.size()), expected) << result.err;
+        EXPECT_NE(result.err.find(": 202 entries,"), std::string::npos) << result.err;
+        EXPECT_EQ(infoJson(merged)["entries"]["count"], 202);
+    }
+    const std::string merged = directory.file("json.mvlog");
+    const RunResult json = runMvlog({"merge", path, path, "-o", merged, "--json"});
+    ASSERT_EQ(json.exitCode, 0) << json.err;
+    EXPECT_EQ(json.err, "mvlog: warning: " + path + " is given twice: its entries are in the output twice\n");
+    EXPECT_EQ(nlohmann::json::parse(json.out)["warnings"],
+              nlohmann::json::array({path + " is given twice: its entries are in the output twice"}));
+    // Two different files do not warn.
+    const std::string second = directory.file("second.mvlog");
+    writeKnownFile(second);
+    const RunResult distinct = runMvlog({"merge", path, second, "-o", directory.file("distinct.mvlog")});
+    EXPECT_EQ(distinct.err.find("warning"), std::string::npos) << distinct.err;
+}
+
 TEST(DeriveErrors, MissingSourceIsAnError) {
     TempDir directory;
     const RunResult result = runMvlog({"clone", directory.file("missing.mvlog")});

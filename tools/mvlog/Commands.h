@@ -80,6 +80,8 @@ struct MergeOptions {
     std::vector<std::string> files;
     std::string output;
     std::optional<int> level;
+    // One JSON document on stdout instead of the path and the report.
+    bool json = false;
 };
 int runMerge(const MergeOptions& options);
 

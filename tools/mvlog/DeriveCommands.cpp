@@ -13,6 +13,7 @@
 #include <ctime>
 #include <filesystem>
 #include <memory>
+#include <regex>
 #include <system_error>
 #include <vector>
 
@@ -147,6 +148,93 @@ std::string emptySelectionMessage(const SqliteLogFile& file, const SliceOptions&
         options.file, selectionText(options), extent);
 }
 
+// ---- merge: the report -----------------------------------------------------
+
+// Inputs named twice, also through another spelling or a link: their entries
+// go into the output twice, which is allowed but rarely meant.
+std::vector<std::string> repeatedInputWarnings(const std::vector<std::string>& files) {
+    std::vector<std::string> warnings;
+    for (std::size_t later = 1; later < files.size(); ++later) {
+        for (std::size_t earlier = 0; earlier < later; ++earlier) {
+            std::error_code error;
+            if (std::filesystem::equivalent(files[earlier], files[later], error) && !error) {
+                warnings.push_back(
+                    files[earlier] == files[later]
+                        ? fmt::format("{} is given twice: its entries are in the output twice", files[later])
+                        : fmt::format("{} and {} are the same file: its entries are in the output twice",
+                                      files[earlier], files[later]));
+                break;
+            }
+        }
+    }
+    return warnings;
+}
+
+// The library's notes, one sentence each, as fields: the sentences are the
+// library's own, so a test pins them.
+nlohmann::ordered_json noteFields(const std::vector<std::string>& notes) {
+    static const std::regex renumbered(
+        R"re(Data source (-?\d+) \("(.*)"\) of '(.*)' became data source (-?\d+): its id was taken by an earlier input\.)re");
+    static const std::regex resource(
+        R"re(Resource "(.*)" of '(.*)' has the name of an earlier input's resource and was not copied\.)re");
+    static const std::regex metadata(
+        R"re(Metadata "(.*)" of '(.*)' differs from an earlier input's and was not copied\.)re");
+    nlohmann::ordered_json fields;
+    fields["renumberedSources"] = nlohmann::ordered_json::array();
+    fields["skippedResources"] = nlohmann::ordered_json::array();
+    fields["skippedMetadata"] = nlohmann::ordered_json::array();
+    for (const std::string& note : notes) {
+        std::smatch match;
+        if (std::regex_match(note, match, renumbered)) {
+            fields["renumberedSources"].push_back({{"input", match[3].str()},
+                                                   {"name", match[2].str()},
+                                                   {"from", std::stoi(match[1].str())},
+                                                   {"to", std::stoi(match[4].str())}});
+        } else if (std::regex_match(note, match, resource)) {
+            fields["skippedResources"].push_back({{"input", match[2].str()}, {"name", match[1].str()}});
+        } else if (std::regex_match(note, match, metadata)) {
+            fields["skippedMetadata"].push_back({{"input", match[2].str()}, {"key", match[1].str()}});
+        }
+    }
+    return fields;
+}
+
+std::string countOf(uint64_t count, const char* one, const char* many) {
+    return fmt::format("{} {}", count, count == 1 ? one : many);
+}
+
+void printMergeReport(const MergeOptions& options, const CopyReport& report,
+                      const std::vector<std::string>& warnings) {
+    if (options.json) {
+        nlohmann::ordered_json document;
+        document["output"] = options.output;
+        document["inputs"] = options.files;
+        document["entries"] = report.entries;
+        document["dataSources"] = report.dataSources;
+        document["resources"] = report.resources;
+        document["bookmarks"] = report.bookmarks;
+        document["payloadsCopiedAsStored"] = report.payloadsCopiedAsStored;
+        const nlohmann::ordered_json fields = noteFields(report.notes);
+        for (const auto& [key, value] : fields.items()) {
+            document[key] = value;
+        }
+        document["notes"] = report.notes;
+        document["warnings"] = warnings;
+        fmt::print("{}\n", dumpJson(document, 2));
+        return;
+    }
+    // The path alone on stdout, as scripts read it; the report beside it.
+    fmt::print("{}\n", options.output);
+    std::fflush(stdout);
+    fmt::print(stderr, "merged {} into {}: {}, {}, {}, {}\n", countOf(options.files.size(), "file", "files"),
+               options.output, countOf(report.entries, "entry", "entries"),
+               countOf(report.dataSources, "data source", "data sources"),
+               countOf(report.resources, "resource", "resources"),
+               countOf(report.bookmarks, "bookmark", "bookmarks"));
+    for (const std::string& note : report.notes) {
+        fmt::print(stderr, "note: {}\n", printable(note));
+    }
+}
 }  // namespace
 
 int runSlice(const SliceOptions& options) {
@@ -205,12 +293,17 @@ int runMerge(const MergeOptions& options) {
         inputs.emplace_back(input);
     }
     explainOutputRefusal(options.output);
-    const auto first = openExistingLogFile(options.files.front());
-    deriveReporting("merging", options.output, copyOptions(*first, options.level),
-                    [&](const CopyOptions& chosen) {
-                        return Marivane::Logging::Algorithms::merge(inputs, options.output, chosen);
-                    });
-    fmt::print("{}\n", options.output);
+    auto first = openExistingLogFile(options.files.front());
+    const CopyOptions copy = copyOptions(*first, options.level);
+    const std::vector<std::string> warnings = repeatedInputWarnings(options.files);
+    for (const std::string& warning : warnings) {
+        fmt::print(stderr, "mvlog: warning: {}\n", warning);
+    }
+    const CopyReport report =
+        deriveReporting("merging", options.output, copy, [&](const CopyOptions& chosen) {
+            return Marivane::Logging::Algorithms::merge(inputs, options.output, chosen);
+        });
+    printMergeReport(options, report, warnings);
     return 0;
 }
 

@@ -288,6 +288,9 @@ void addMerge(CLI::App& app, Subcommands& subcommands) {
     merge->add_option("-o,--output", options->output, "Output file (must not exist)")->required();
     merge->add_option("--level", options->level, "Compression level -1..9 (default: the first file's)")
         ->check(kCompressionLevel);
+    merge->add_flag("--json", options->json,
+                    "Print one JSON document (the output, the counts and what was renumbered or not copied) "
+                    "instead of the output's path");
     merge->footer(
         "Data sources keep their ids unless an earlier file uses the id for another source; they are then "
         "renumbered, with their properties and entries. Written under a temporary name and renamed when "
