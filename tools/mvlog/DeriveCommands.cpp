@@ -8,8 +8,17 @@
 
 #include <fmt/format.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <memory>
@@ -76,23 +85,254 @@ CopyOptions copyOptions(const LogFileInterface& file, const std::optional<int>& 
     return options;
 }
 
+// ---- a derivation that an interruption cleans up after ------------------
+//
+// The library writes a derived file under a hidden temporary name and removes
+// it when the derivation fails, but a signal ends the process before any of
+// that runs, leaving a partial file as large as what was written so far.
+// The derivation therefore runs in a child process, while this one keeps
+// SIGINT, SIGTERM and SIGHUP blocked and waits: on a signal it kills the
+// child, removes the child's temporary files (named after its process id)
+// once the child can no longer create any, and then ends by the signal as it
+// would have.
+
+// The signals an interruption can come by, blocked while they live. A signal
+// that is ignored (nohup, a background job) stays ignored.
+class BlockedSignals {
+public:
+    BlockedSignals() {
+        sigemptyset(&signals_);
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+            struct sigaction current {};
+            if (::sigaction(signal, nullptr, &current) == 0 &&
+                ((current.sa_flags & SA_SIGINFO) != 0 || current.sa_handler != SIG_IGN)) {
+                sigaddset(&signals_, signal);
+            }
+        }
+        ::pthread_sigmask(SIG_BLOCK, &signals_, &previous_);
+        // One the caller already blocked stays the caller's, as before.
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+            if (sigismember(&previous_, signal) == 1) {
+                sigdelset(&signals_, signal);
+            }
+        }
+    }
+    ~BlockedSignals() { restore(); }
+    BlockedSignals(const BlockedSignals&) = delete;
+    BlockedSignals& operator=(const BlockedSignals&) = delete;
+
+    // Takes one pending signal, or answers 0 when none is pending.
+    int takePending() {
+        const struct timespec now {};
+        const int signal = ::sigtimedwait(&signals_, nullptr, &now);
+        return signal > 0 ? signal : 0;
+    }
+
+    void restore() {
+        if (!restored_) {
+            ::pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+            restored_ = true;
+        }
+    }
+
+private:
+    sigset_t signals_{};
+    sigset_t previous_{};
+    bool restored_ = false;
+};
+
+// The report travels from the child as numbers and length-prefixed texts.
+std::string encodeReport(const CopyReport& report) {
+    std::string text = "R";
+    for (const uint64_t number :
+         {report.entries, report.dataSources, report.bookmarks, report.resources,
+          report.payloadsCopiedAsStored, static_cast<uint64_t>(report.notes.size())}) {
+        text += std::to_string(number) + '\n';
+    }
+    for (const std::string& note : report.notes) {
+        text += std::to_string(note.size()) + '\n' + note;
+    }
+    return text;
+}
+
+class ReportDecoder {
+public:
+    explicit ReportDecoder(const std::string& text) : text_(text) {}
+
+    CopyReport decode() {
+        CopyReport report;
+        report.entries = number();
+        report.dataSources = number();
+        report.bookmarks = number();
+        report.resources = number();
+        report.payloadsCopiedAsStored = number();
+        const uint64_t notes = number();
+        for (uint64_t i = 0; i < notes; ++i) {
+            const uint64_t size = number();
+            if (size > text_.size() - at_) {
+                throw ToolError("the report of the derivation is cut short");
+            }
+            report.notes.push_back(text_.substr(at_, size));
+            at_ += size;
+        }
+        return report;
+    }
+
+private:
+    uint64_t number() {
+        const std::size_t end = text_.find('\n', at_);
+        if (end == std::string::npos) {
+            throw ToolError("the report of the derivation is cut short");
+        }
+        const uint64_t value = std::stoull(text_.substr(at_, end - at_));
+        at_ = end + 1;
+        return value;
+    }
+
+    const std::string& text_;
+    std::size_t at_ = 1;
+};
+
+void writeAll(int descriptor, const std::string& text) {
+    std::size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t now = ::write(descriptor, text.data() + written, text.size() - written);
+        if (now < 0 && errno == EINTR) {
+            continue;
+        }
+        if (now <= 0) {
+            return;
+        }
+        written += static_cast<std::size_t>(now);
+    }
+}
+
+// Removes what a derivation in process `pid` left beside `output`: the
+// temporary file and its journals, all named ".<name>.partial-<pid>-...".
+void removePartialFiles(const std::filesystem::path& output, pid_t pid) {
+    const std::string prefix = "." + output.filename().string() + ".partial-" + std::to_string(pid) + "-";
+    const std::filesystem::path directory = output.has_parent_path() ? output.parent_path() : ".";
+    std::error_code error;
+    std::vector<std::filesystem::path> partials;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (entry->path().filename().string().rfind(prefix, 0) == 0) {
+            partials.push_back(entry->path());
+        }
+    }
+    for (const std::filesystem::path& partial : partials) {
+        std::filesystem::remove(partial, error);
+    }
+}
+
+// Runs `derive` in a child process and answers its report; throws what the
+// derivation threw as a ToolError (its message). Ends this process by the
+// signal when one interrupts it, after the cleanup described above.
+CopyReport deriveInChild(const char* what, const std::filesystem::path& output,
+                         const std::function<CopyReport()>& derive) {
+    BlockedSignals blocked;
+    int channel[2] = {-1, -1};
+    std::fflush(stdout);
+    std::fflush(stderr);
+    const pid_t child = ::pipe2(channel, O_CLOEXEC) == 0 ? ::fork() : -1;
+    if (child < 0) {
+        // Without a child the derivation still runs; only the cleanup after a
+        // signal is lost.
+        for (const int descriptor : channel) {
+            if (descriptor >= 0) {
+                ::close(descriptor);
+            }
+        }
+        blocked.restore();
+        return derive();
+    }
+    if (child == 0) {
+        ::close(channel[0]);
+        blocked.restore();
+        std::string message;
+        try {
+            message = encodeReport(derive());
+        } catch (const std::exception& error) {
+            message = std::string("E") + error.what();
+        } catch (...) {
+            message = "Ean unexpected failure";
+        }
+        std::fflush(stdout);
+        std::fflush(stderr);
+        writeAll(channel[1], message);
+        // Nothing of this process's state may be torn down twice: the parent
+        // owns it.
+        ::_exit(0);
+    }
+    ::close(channel[1]);
+    std::string received;
+    int signal = 0;
+    for (;;) {
+        struct pollfd ready {
+            channel[0], POLLIN, 0
+        };
+        if (::poll(&ready, 1, 50) > 0) {
+            char buffer[16384];
+            const ssize_t count = ::read(channel[0], buffer, sizeof buffer);
+            if (count > 0) {
+                received.append(buffer, static_cast<std::size_t>(count));
+            } else if (count == 0 || errno != EINTR) {
+                break;
+            }
+        }
+        if ((signal = blocked.takePending()) != 0) {
+            ::kill(child, SIGKILL);
+            break;
+        }
+    }
+    ::close(channel[0]);
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    const bool succeeded = !received.empty() && received[0] == 'R';
+    if (!succeeded && signal == 0) {
+        // The child may have died of the same signal, sent to the whole group.
+        signal = blocked.takePending();
+    }
+    if (!succeeded) {
+        removePartialFiles(output, child);
+    }
+    if (signal != 0 && !succeeded) {
+        clearStatusLine(stderr);
+        fmt::print(stderr, "mvlog: {} interrupted; nothing was written to {}\n", what, output.string());
+        std::fflush(stderr);
+        std::signal(signal, SIG_DFL);
+        blocked.restore();
+        ::raise(signal);
+        std::_Exit(128 + signal);
+    }
+    if (succeeded) {
+        return ReportDecoder(received).decode();
+    }
+    if (!received.empty()) {
+        throw ToolError(received.substr(1));
+    }
+    throw ToolError(WIFSIGNALED(status)
+                        ? fmt::format("the process writing it ended by signal {}", WTERMSIG(status))
+                        : fmt::format("the process writing it ended with status {}", WEXITSTATUS(status)));
+}
+
 // Runs a derivation with a progress line on a terminal. The library writes
 // under a temporary name and renames only a complete file, so a failure
-// leaves nothing under the requested name.
+// leaves nothing under the requested name; an interruption neither.
 CopyReport deriveReporting(const char* what, const std::string& output, CopyOptions options,
                            const std::function<CopyReport(const CopyOptions&)>& derive) {
-    StatusLine status(stderr, isTerminal(stderr));
-    if (status.isLive()) {
-        options.progress = [&](uint64_t written, uint64_t total) {
-            status.update(fmt::format("{}: {} of at most {} entries", what, written, total));
-        };
-    }
     try {
-        CopyReport report = derive(options);
-        status.finish();
-        return report;
+        return deriveInChild(what, output, [&] {
+            StatusLine status(stderr, isTerminal(stderr));
+            if (status.isLive()) {
+                options.progress = [&](uint64_t written, uint64_t total) {
+                    status.update(fmt::format("{}: {} of at most {} entries", what, written, total));
+                };
+            }
+            return derive(options);
+        });
     } catch (const std::exception& error) {
-        status.finish();
         throw ToolError(fmt::format("{} failed: {} (nothing was written to {})", what, error.what(), output));
     }
 }
@@ -266,6 +506,8 @@ int runSlice(const SliceOptions& options) {
     if (!options.allowEmpty && !selectsAnEntry(*file, copy)) {
         throw ToolError(emptySelectionMessage(*file, options));
     }
+    // The derivation runs in another process, which opens its own connection.
+    file.reset();
     const std::string output = outputFor(options.output, options.file);
     deriveReporting("slicing", output, copy, [&](const CopyOptions& chosen) {
         return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
@@ -278,6 +520,7 @@ int runClone(const CloneOptions& options) {
     auto file = openExistingLogFile(options.file);
     explainOutputRefusal(options.output);
     const CopyOptions copy = copyOptions(*file, options.level);
+    file.reset();
     const std::string output = outputFor(options.output, options.file);
     deriveReporting("cloning", output, copy, [&](const CopyOptions& chosen) {
         return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
@@ -295,6 +538,7 @@ int runMerge(const MergeOptions& options) {
     explainOutputRefusal(options.output);
     auto first = openExistingLogFile(options.files.front());
     const CopyOptions copy = copyOptions(*first, options.level);
+    first.reset();
     const std::vector<std::string> warnings = repeatedInputWarnings(options.files);
     for (const std::string& warning : warnings) {
         fmt::print(stderr, "mvlog: warning: {}\n", warning);

@@ -48,6 +48,13 @@ void StatusLine::finish() {
     }
 }
 
+void clearStatusLine(std::FILE* stream) {
+    if (isTerminal(stream)) {
+        fmt::print(stream, "{}", kRedrawLine);
+        std::fflush(stream);
+    }
+}
+
 ElapsedTimeIndicator::ElapsedTimeIndicator(std::string label) : label_(std::move(label)) {
     if (isTerminal(stderr)) {
         thread_ = std::thread([this] { run(); });

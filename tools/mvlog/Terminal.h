@@ -31,6 +31,10 @@ private:
     bool pending_ = false;
 };
 
+// On a terminal, erases the line the cursor is on, such as a status line that
+// another process left unfinished; elsewhere does nothing.
+void clearStatusLine(std::FILE* stream);
+
 // While it lives, and only when stderr is a terminal, shows a spinner with the
 // elapsed time for an operation that reports no progress of its own.
 class ElapsedTimeIndicator {

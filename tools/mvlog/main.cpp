@@ -268,8 +268,8 @@ void addSlice(CLI::App& app, Subcommands& subcommands) {
                     "Write a file without entries when nothing matches (otherwise refused)");
     slice->footer(
         "The new file is written under a temporary name beside the output and renamed when it is complete: "
-        "a failure leaves nothing under the output's name. Entries are numbered from 1; bookmarks move with "
-        "their entries.");
+        "a failure leaves nothing under the output's name, and an interruption (Ctrl-C, SIGTERM) leaves "
+        "nothing beside it either. Entries are numbered from 1; bookmarks move with their entries.");
     subcommands.add(
         slice, [options] { return std::vector{options->file}; },
         [options, sourceTypeNames] {
