@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sqlite3.h>
+
+#include <array>
+#include <filesystem>
 #include <fstream>
 
 namespace MvlogTest {
@@ -184,6 +188,152 @@ TEST(CheckTest, EmptyFileIsAProblemAndMissingFileAnError) {
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.err, "mvlog: " + directory.file("missing.mvlog") + ": no such file\n");
     EXPECT_FALSE(std::filesystem::exists(directory.file("missing.mvlog")));
+}
+
+int64_t pageSizeOf(const std::string& path) {
+    sqlite3* database = nullptr;
+    EXPECT_EQ(sqlite3_open_v2(path.c_str(), &database, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+    sqlite3_stmt* statement = nullptr;
+    EXPECT_EQ(sqlite3_prepare_v2(database, "PRAGMA page_size;", -1, &statement, nullptr), SQLITE_OK);
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_ROW);
+    const int64_t size = sqlite3_column_int64(statement, 0);
+    sqlite3_finalize(statement);
+    sqlite3_close(database);
+    return size;
+}
+
+// SQLite reads the missing byte as a zero without an error; the length
+// against the header's page count tells.
+TEST(CheckLength, AFileCutShortByOneByteIsDamaged) {
+    TempDir directory;
+    const std::string path = directory.file("cut.mvlog");
+    writeKnownFile(path, 0);
+    const int64_t pageSize = pageSizeOf(path);
+    const auto size = static_cast<int64_t>(std::filesystem::file_size(path));
+    ASSERT_EQ(size % pageSize, 0);
+    std::filesystem::resize_file(path, static_cast<uintmax_t>(size - 1));
+    const RunResult result = runMvlog({"check", path});
+    EXPECT_EQ(result.exitCode, 1);
+    const std::vector<std::string> problems = problemLines(result);
+    ASSERT_FALSE(problems.empty()) << result.out;
+    EXPECT_EQ(problems[0], "problem: the file is " + std::to_string(size - 1) + " bytes, its header says " +
+                               std::to_string(size / pageSize) + " pages of " + std::to_string(pageSize) +
+                               " bytes: it was cut short");
+    EXPECT_EQ(result.outLines().back(), "hint: mvlog recover " + path + " -o NEW salvages what is intact");
+}
+
+TEST(CheckLength, BytesBeyondTheLastWholePageAreDamage) {
+    TempDir directory;
+    const std::string path = directory.file("longer.mvlog");
+    writeKnownFile(path);
+    const int64_t pageSize = pageSizeOf(path);
+    const auto size = static_cast<int64_t>(std::filesystem::file_size(path));
+    std::filesystem::resize_file(path, static_cast<uintmax_t>(size + 100));
+    const RunResult result = runMvlog({"check", path});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(problemLines(result),
+              (std::vector<std::string>{"problem: the file is " + std::to_string(size + 100) +
+                                        " bytes, not a whole number of its " + std::to_string(pageSize) +
+                                        "-byte pages"}))
+        << result.out;
+}
+
+int64_t pageCountOf(sqlite3* database) {
+    sqlite3_stmt* statement = nullptr;
+    EXPECT_EQ(sqlite3_prepare_v2(database, "PRAGMA page_count;", -1, &statement, nullptr), SQLITE_OK);
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_ROW);
+    const int64_t count = sqlite3_column_int64(statement, 0);
+    sqlite3_finalize(statement);
+    return count;
+}
+
+// Mid-checkpoint, the file's first page already counts the pages that the
+// write-ahead log still holds: reads take them from the log, so the file is
+// not cut short.
+TEST(CheckLength, PagesHeldByTheWriteAheadLogAreNotMissing) {
+    TempDir directory;
+    const std::string path = directory.file("wal.mvlog");
+    writeKnownFile(path);
+    const int64_t pageSize = pageSizeOf(path);
+    sqlite3* writer = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &writer), SQLITE_OK);
+    // A long value grows the file: the log holds the new pages and a first
+    // page that counts them.
+    ASSERT_EQ(sqlite3_exec(writer,
+                           "PRAGMA journal_mode = WAL; PRAGMA wal_autocheckpoint = 0;"
+                           "INSERT INTO metadata (key, value) VALUES ('notes', printf('%.*c', 100000, 'x'));",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    ASSERT_GT(std::filesystem::file_size(path + "-wal"), 32u);
+    const auto pages = static_cast<uint32_t>(pageCountOf(writer));
+    ASSERT_GT(int64_t{pages} * pageSize, static_cast<int64_t>(std::filesystem::file_size(path)));
+    {
+        // The first page as a checkpoint writes it before the others.
+        const std::array<char, 4> count = {static_cast<char>(pages >> 24), static_cast<char>(pages >> 16),
+                                           static_cast<char>(pages >> 8), static_cast<char>(pages)};
+        std::fstream stream(path, std::ios::in | std::ios::out | std::ios::binary);
+        stream.seekp(28);
+        stream.write(count.data(), count.size());
+    }
+    const RunResult result = runMvlog({"check", path});
+    sqlite3_close(writer);
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    EXPECT_EQ(result.out, "Checked 101 entries, 3 data sources, 2 resources, 1 bookmarks\nOK\n");
+}
+
+TEST(CheckVersion, AVersionTheLibraryDoesNotReadIsNamed) {
+    TempDir directory;
+    const std::string path = directory.file("v1.mvlog");
+    writeKnownFile(path);
+    executeSql(path, "UPDATE metadata SET value = 1 WHERE key = 'logVersion';");
+    RunResult result = runMvlog({"check", path});
+    EXPECT_EQ(result.exitCode, 1);
+    // It reads resources as stored, as version 2 does.
+    EXPECT_EQ(problemLines(result),
+              (std::vector<std::string>{
+                  "problem: format version 1 is not one this library knows",
+                  "problem: resource \"notes.txt\": it is a compressed frame but the file's format version "
+                  "is 1 (resources stored uncompressed): readers hand it out compressed",
+                  "problem: the thumbnail: it is a compressed frame but the file's format version is 1 "
+                  "(resources stored uncompressed): readers hand it out compressed"}))
+        << result.out;
+    // Version 3 is read as it is: resources may be compressed, bookmarks
+    // carry no payload.
+    executeSql(path, "UPDATE metadata SET value = 3 WHERE key = 'logVersion';");
+    result = runMvlog({"check", path});
+    EXPECT_EQ(result.exitCode, 0) << result.out;
+}
+
+// A version-2 file stores resources as they are, so reads hand out these
+// frames as the resources.
+TEST(CheckVersion, CompressedResourcesInAVersionTwoFileAreNamed) {
+    TempDir directory;
+    const std::string path = directory.file("v2.mvlog");
+    writeKnownFile(path);
+    executeSql(path, "UPDATE metadata SET value = 2 WHERE key = 'logVersion';");
+    const RunResult result = runMvlog({"check", path});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(problemLines(result),
+              (std::vector<std::string>{
+                  "problem: resource \"notes.txt\": it is a compressed frame but the file's format version "
+                  "is 2 (resources stored uncompressed): readers hand it out compressed",
+                  "problem: the thumbnail: it is a compressed frame but the file's format version is 2 "
+                  "(resources stored uncompressed): readers hand it out compressed"}))
+        << result.out;
+}
+
+TEST(CheckVersion, CompressedResourcesInAnUncompressedFileAreNamed) {
+    TempDir directory;
+    const std::string path = directory.file("level0.mvlog");
+    writeKnownFile(path);
+    executeSql(path, "UPDATE metadata SET value = 0 WHERE key = 'compressionLevel';");
+    const RunResult result = runMvlog({"check", path});
+    EXPECT_EQ(result.exitCode, 1);
+    const std::vector<std::string> problems = problemLines(result);
+    EXPECT_TRUE(containsLine(problems,
+                             "problem: the thumbnail: it is a compressed frame but the file's compression "
+                             "level is 0 (resources stored uncompressed): readers hand it out compressed"))
+        << result.out;
 }
 
 }  // namespace

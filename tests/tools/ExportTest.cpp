@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <iterator>
+
 namespace MvlogTest {
 namespace {
 
@@ -62,6 +65,44 @@ TEST_F(ExportTest, DamagedPayloadIsAFailureWithTheReason) {
     const RunResult result = runMvlog({"export", path, "--entry", "42", "-o", output});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.err.rfind("mvlog: entry 42: payload cannot be expanded: ", 0), 0u) << result.err;
+}
+
+// A version-2 file stores resources as they are: these are frames, not the
+// resources, and are not written as if they were.
+TEST_F(ExportTest, AResourceThatReadsBackAsAFrameIsRefused) {
+    executeSql(path, "UPDATE metadata SET value = 2 WHERE key = 'logVersion';");
+    RunResult result = runMvlog({"export", path, "--thumbnail", "-o", output});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "mvlog: " + path +
+                              ": the thumbnail: it is a compressed frame but the file's format version is 2 "
+                              "(resources stored uncompressed): readers hand it out compressed; nothing "
+                              "written\n");
+    EXPECT_FALSE(std::filesystem::exists(output));
+    result = runMvlog({"export", path, "--resource", "notes.txt", "-o", "-"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "mvlog: " + path +
+                              ": resource \"notes.txt\": it is a compressed frame but the file's format "
+                              "version is 2 (resources stored uncompressed): readers hand it out compressed; "
+                              "nothing written\n");
+    EXPECT_TRUE(result.out.empty());
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.path()),
+                            std::filesystem::directory_iterator()),
+              1);
+}
+
+// The last pages of the file hold entry 101's payload; SQLite would read
+// the byte cut off as a zero.
+TEST_F(ExportTest, AnEntryOnTheCutOffPartOfAFileIsNotWritten) {
+    const std::string cut = directory.file("cut.mvlog");
+    writeKnownFile(cut, 0);
+    overwriteStoredPayload(cut, 101, ByteBuffer(50'000, std::byte{0x5a}));
+    std::filesystem::resize_file(cut, std::filesystem::file_size(cut) - 1);
+    const RunResult result = runMvlog({"export", cut, "--entry", "101", "-o", output});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err.rfind("mvlog: entry 101: cannot be read: ", 0), 0u) << result.err;
+    EXPECT_FALSE(std::filesystem::exists(output));
+    ASSERT_EQ(runMvlog({"export", cut, "--entry", "100", "-o", output}).exitCode, 0);
+    EXPECT_EQ(readFileBytes(output), knownPayload(100));
 }
 
 TEST_F(ExportTest, ExactlyOneSelectorIsRequired) {

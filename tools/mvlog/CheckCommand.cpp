@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -150,6 +152,58 @@ void checkDatabase(const std::string& path, ProblemReport& problems) {
     });
 }
 
+constexpr std::size_t kHeaderBytes = 100;
+
+uint32_t bigEndian(const unsigned char* bytes, std::size_t count) {
+    uint32_t value = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        value = (value << 8) | bytes[i];
+    }
+    return value;
+}
+
+bool writeAheadLogHoldsFrames(const std::string& path) {
+    constexpr uint64_t kWalHeaderBytes = 32;
+    return fileSizeOnDisk(path + "-wal") > kWalHeaderBytes;
+}
+
+// SQLite reads the part of a page beyond the end of a file as zeros and says
+// nothing, so a file cut short reads back wrong bytes without an error: its
+// length is compared with what its header says. A write-ahead log holding
+// frames may hold the pages the file lacks (a checkpoint writes the first
+// page before the others), so a file beside one is left to the reads.
+void checkFileLength(const std::string& path, ProblemReport& problems) {
+    std::array<unsigned char, kHeaderBytes> header{};
+    {
+        std::ifstream stream(path, std::ios::binary);
+        if (!stream.read(reinterpret_cast<char*>(header.data()), header.size())) {
+            return;
+        }
+    }
+    static constexpr char kMagic[] = "SQLite format 3";
+    if (std::memcmp(header.data(), kMagic, sizeof kMagic) != 0 || writeAheadLogHoldsFrames(path)) {
+        return;
+    }
+    const uint32_t storedPageSize = bigEndian(&header[16], 2);
+    const uint64_t pageSize = storedPageSize == 1 ? 65536 : storedPageSize;
+    if (pageSize < 512 || (pageSize & (pageSize - 1)) != 0) {
+        return;  // integrity_check names a header this broken
+    }
+    const uint64_t size = fileSizeOnDisk(path);
+    // The page count counts only when the header's copy of the change
+    // counter is current (older writers left it stale).
+    const uint32_t pageCount = bigEndian(&header[28], 4);
+    const bool countIsValid = pageCount != 0 && bigEndian(&header[24], 4) == bigEndian(&header[92], 4);
+    if (countIsValid && size < pageCount * pageSize) {
+        problems.addDamage(
+            fmt::format("the file is {} bytes, its header says {} pages of {} bytes: it was cut short", size,
+                        pageCount, pageSize));
+    } else if (size % pageSize != 0) {
+        problems.addDamage(
+            fmt::format("the file is {} bytes, not a whole number of its {}-byte pages", size, pageSize));
+    }
+}
+
 enum class ExpectedType { Integer, Text };
 
 struct FixedKey {
@@ -184,7 +238,9 @@ void checkMetadata(const LogFileInterface& file, ProblemReport& problems) {
     if (const auto level = integerMetadata(file, "compressionLevel"); level && (*level < -1 || *level > 9)) {
         problems.add(fmt::format("compression level {} is outside -1 to 9", *level));
     }
-    if (const auto version = integerMetadata(file, "logVersion"); version && (*version < 1 || *version > 4)) {
+    // 2 and 3 are the earlier versions the library still reads: without
+    // compressed resources, and without bookmark payloads.
+    if (const auto version = integerMetadata(file, "logVersion"); version && (*version < 2 || *version > 4)) {
         problems.add(fmt::format("format version {} is not one this library knows", *version));
     }
 }
@@ -325,10 +381,16 @@ std::size_t checkBookmarks(const SqliteLogFile& file, ProblemReport& problems) {
     }
 }
 
-std::size_t checkResources(const LogFileInterface& file, ProblemReport& problems) {
+std::size_t checkResources(const SqliteLogFile& file, ProblemReport& problems) {
     std::size_t count = 0;
     try {
-        count = file.getAllResources().size();
+        const std::vector<LogResourceEntry> resources = file.getAllResources();
+        count = resources.size();
+        for (const LogResourceEntry& resource : resources) {
+            if (const std::optional<std::string> problem = resourceFormProblem(file, resource.data)) {
+                problems.add(fmt::format("{}: {}", resourceLabel(resource.name), *problem));
+            }
+        }
     } catch (const std::exception& error) {
         problems.add(fmt::format("resources cannot be read: {}", error.what()));
     }
@@ -371,6 +433,7 @@ int runCheck(const CheckOptions& options) {
         problems.add("the file is empty (0 bytes)");
         return finishReport(options.file, problems);
     }
+    checkFileLength(options.file, problems);
     checkDatabase(options.file, problems);
     const auto file = openForCheck(options.file, problems);
     if (!file) {

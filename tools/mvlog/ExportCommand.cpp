@@ -33,6 +33,7 @@ std::size_t streamEntry(const SqliteLogFile& file, int32_t entryId,
     bool found = false;
     std::size_t size = 0;
     std::string damage;
+    const uint64_t failuresBefore = file.getFailureCount();
     Marivane::Logging::VisitOptions options;
     options.payloadForm = Marivane::Logging::PayloadForm::Stored;
     options.onDamagedEntry = [&](int64_t, const std::string& reason) {
@@ -58,6 +59,10 @@ std::size_t streamEntry(const SqliteLogFile& file, int32_t entryId,
         throw ToolError(fmt::format("entry {}: {}", entryId, damage));
     }
     requireCompleteReads(file);
+    // A row on a damaged page (or past where a cut file ends) is not absent.
+    if (!found && file.getFailureCount() != failuresBefore) {
+        throw ToolError(fmt::format("entry {}: cannot be read: {}", entryId, file.getLastFailure()));
+    }
     if (!found) {
         throw ToolError(fmt::format("{}: no entry with id {}", file.getFilePath().string(), entryId));
     }
@@ -90,11 +95,16 @@ ByteBuffer readThumbnailBytes(const LogFileInterface& file) {
     return std::move(*data);
 }
 
-ByteBuffer selectedBytes(const LogFileInterface& file, const ExportOptions& options) {
-    if (options.resource) {
-        return readResourceBytes(file, *options.resource);
+// A resource that reads hand out as a compressed frame is refused: the frame
+// is not the bytes that were stored as the resource.
+ByteBuffer selectedBytes(const SqliteLogFile& file, const ExportOptions& options) {
+    const std::string name = options.resource ? *options.resource : std::string("thumbnail");
+    ByteBuffer bytes = options.resource ? readResourceBytes(file, name) : readThumbnailBytes(file);
+    if (const std::optional<std::string> problem = resourceFormProblem(file, bytes)) {
+        throw ToolError(fmt::format("{}: {}: {}; nothing written", file.getFilePath().string(),
+                                    resourceLabel(name), *problem));
     }
-    return readThumbnailBytes(file);
+    return bytes;
 }
 
 void writeToStandardOutput(const std::byte* bytes, std::size_t size) {

@@ -1,5 +1,7 @@
 #include "LogFileAccess.h"
 
+#include <core/Compression.h>
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -86,6 +88,30 @@ std::optional<std::string> textMetadata(const LogFileInterface& file, const std:
 int8_t storedCompressionLevel(const LogFileInterface& file) {
     const int64_t level = integerMetadata(file, "compressionLevel").value_or(0);
     return static_cast<int8_t>(std::clamp<int64_t>(level, -1, 9));
+}
+
+std::optional<std::string> resourceFormProblem(const SqliteLogFile& file,
+                                               const Marivane::Logging::ByteBuffer& bytes) {
+    if (!Marivane::Compression::startsWithFrame(bytes.data(), bytes.size())) {
+        return std::nullopt;
+    }
+    std::string because;
+    if (!file.isResourceCompressionSupported()) {
+        const std::optional<int64_t> version = integerMetadata(file, "logVersion");
+        because = version ? fmt::format("the file's format version is {}", *version)
+                          : std::string("the file has no format version");
+    } else if (storedCompressionLevel(file) == 0) {
+        because = "the file's compression level is 0";
+    } else {
+        return std::nullopt;
+    }
+    return fmt::format(
+        "it is a compressed frame but {} (resources stored uncompressed): readers hand it out compressed",
+        because);
+}
+
+std::string resourceLabel(const std::string& name) {
+    return name == "thumbnail" ? std::string("the thumbnail") : fmt::format("resource \"{}\"", name);
 }
 
 int64_t entriesMissingFromIndex(const LogFileInterface& file) {
