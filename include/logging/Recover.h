@@ -26,9 +26,15 @@ namespace Marivane::Logging::Algorithms {
 //
 // Throws std::runtime_error, with a message naming the path, when something
 // exists at `output`, when the damaged file cannot be read at all (missing,
-// too short to hold a page) and when writing the output fails. A file with
-// nothing left to salvage still gives a (possibly empty) output and a report
-// saying so.
+// too short to hold a page) and when writing the output fails; when the disk
+// is full, the message says so and how much room the salvage needs (copies
+// of the damaged file and its side files, and a new file about as large as
+// the damaged one). A file with nothing left to salvage still gives a
+// (possibly empty) output and a report saying so.
+//
+// A file cut short (shorter than its header says, or ending inside a page)
+// is missing those pages: entries whose bytes were on them are lost, never
+// recovered with the bytes that are not there.
 //
 // Threads: any thread; the call uses only its own connections.
 MV_LOGGING_EXPORT RecoveryReport recover(const std::filesystem::path& damaged,

@@ -18,6 +18,9 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <limits>
@@ -54,6 +57,87 @@ constexpr int64_t kHighestRowid = std::numeric_limits<int32_t>::max();
 // the metadata that says so is lost.
 constexpr int kCompressionSamples = 64;
 
+// ---- room on the disk ---------------------------------------------------------
+
+// Whether a failed write says the disk is full, may hide a full disk (a
+// device error, which is how some file systems report one to a copy), or
+// says something else.
+enum class FullDisk { Said, Possible, No };
+
+// A failure to write beside the output: the copies of the damaged file or
+// the new file.
+class WriteFailure : public std::runtime_error {
+public:
+    WriteFailure(const std::string& message, FullDisk fullDisk)
+        : std::runtime_error(message), fullDisk_(fullDisk) {}
+    FullDisk fullDisk() const { return fullDisk_; }
+
+private:
+    FullDisk fullDisk_;
+};
+
+FullDisk fullDiskOf(const std::error_code& error) {
+    if (error == std::errc::no_space_on_device ||
+        (error.category() == std::generic_category() && error.value() == EDQUOT) ||
+        (error.category() == std::system_category() && error.value() == EDQUOT)) {
+        return FullDisk::Said;
+    }
+    return error == std::errc::io_error ? FullDisk::Possible : FullDisk::No;
+}
+
+FullDisk fullDiskOf(FailureKind kind) {
+    if (kind == FailureKind::Full) {
+        return FullDisk::Said;
+    }
+    return kind == FailureKind::IoError || kind == FailureKind::Other ? FullDisk::Possible : FullDisk::No;
+}
+
+std::filesystem::path directoryOf(const std::filesystem::path& output) {
+    return output.has_parent_path() ? output.parent_path() : std::filesystem::path(".");
+}
+
+// Bytes free for this process where `output` goes; the most there is when
+// that cannot be told.
+uintmax_t roomAt(const std::filesystem::path& output) {
+    std::error_code error;
+    const std::filesystem::space_info space = std::filesystem::space(directoryOf(output), error);
+    return error ? std::numeric_limits<uintmax_t>::max() : space.available;
+}
+
+uintmax_t sizeOrZero(const std::filesystem::path& path) {
+    std::error_code error;
+    const uintmax_t size = std::filesystem::file_size(path, error);
+    return error ? 0 : size;
+}
+
+// The copies of the damaged file and its journal or write-ahead log.
+uintmax_t roomForCopies(const std::filesystem::path& damaged) {
+    return sizeOrZero(damaged) + sizeOrZero(damaged.string() + "-journal") +
+           sizeOrZero(damaged.string() + "-wal");
+}
+
+// The copies, and a new file that is at most about as large as the damaged
+// one (it holds the same stored bytes, or fewer).
+uintmax_t roomForSalvage(const std::filesystem::path& damaged) {
+    return roomForCopies(damaged) + sizeOrZero(damaged);
+}
+
+std::string mebibytes(uintmax_t bytes, bool roundUp) {
+    constexpr double kTenthOfMebibyte = 1024.0 * 1024.0 / 10.0;
+    const double tenths = static_cast<double>(bytes) / kTenthOfMebibyte;
+    const double rounded = roundUp ? std::ceil(tenths) : std::floor(tenths);
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.1f", rounded / 10.0);
+    return text.data();
+}
+
+[[noreturn]] void throwNotEnoughRoom(const std::filesystem::path& output, uintmax_t needed,
+                                     uintmax_t available) {
+    throw std::runtime_error("Not enough room on the disk for '" + output.string() +
+                             "': recovering needs about " + mebibytes(needed, true) + " MiB free, " +
+                             mebibytes(available, false) + " MiB are free.");
+}
+
 // ---- the damaged file's bytes, copied where SQLite may work on them --------
 
 // SQLite may have to apply a hot journal or a write-ahead log before it can
@@ -82,8 +166,17 @@ public:
                 break;
             }
             if (error) {
-                throw std::runtime_error("Cannot write '" + output.string() + "': " + error.message());
+                throw WriteFailure("Cannot write '" + output.string() + "': " + error.message(),
+                                   fullDiskOf(error));
             }
+        }
+        // Copies that cannot fit are not started: they could take long to
+        // fail on a large file.
+        if (roomAt(output) < roomForCopies(damaged)) {
+            std::error_code ignored;
+            std::filesystem::remove_all(directory_, ignored);
+            throw WriteFailure("Cannot copy '" + damaged.string() + "' beside '" + output.string() + "'",
+                               FullDisk::Said);
         }
         path_ = directory_ / "damaged.log";
         copy(damaged, path_, output);
@@ -110,8 +203,9 @@ private:
         if (!std::filesystem::copy_file(from, to, error)) {
             std::error_code ignored;
             std::filesystem::remove_all(directory_, ignored);
-            throw std::runtime_error("Cannot copy '" + from.string() + "' beside '" + output.string() +
-                                     "' to salvage it: " + error.message());
+            throw WriteFailure("Cannot copy '" + from.string() + "' beside '" + output.string() +
+                                   "' to salvage it: " + error.message(),
+                               fullDiskOf(error));
         }
     }
 
@@ -796,13 +890,15 @@ private:
                                  options_.applicationName, options_.applicationVersion, level_,
                                  created.value_or(Chrono::msSinceUnixEpoch()), Durability::Fast);
         } catch (const std::exception& error) {
-            throw std::runtime_error("Cannot write '" + pending_.finalPath().string() + "': " + error.what());
+            throw WriteFailure("Cannot write '" + pending_.finalPath().string() + "': " + error.what(),
+                               FullDisk::Possible);
         }
     }
 
     [[noreturn]] void throwWriteFailure(const std::string& what) const {
-        throw std::runtime_error("Cannot write '" + pending_.finalPath().string() + "': " + what +
-                                 " failed: " + output_->getLastError());
+        throw WriteFailure("Cannot write '" + pending_.finalPath().string() + "': " + what +
+                               " failed: " + output_->getLastError(),
+                           fullDiskOf(output_->getLastFailureKind()));
     }
 
     void beginBatch() {
@@ -1405,8 +1501,21 @@ private:
 
 RecoveryReport recover(const std::filesystem::path& damaged, const std::filesystem::path& output,
                        const RecoverOptions& options) {
-    Salvage salvage(damaged, output, options);
-    return salvage.run();
+    try {
+        Salvage salvage(damaged, output, options);
+        return salvage.run();
+    } catch (const WriteFailure& failure) {
+        // A full disk shows up as whatever write failed first (a copy may
+        // even say "Input/output error"). The room is measured once the
+        // salvage's own files are gone, as the caller will find the disk.
+        const uintmax_t needed = roomForSalvage(damaged);
+        const uintmax_t available = roomAt(output);
+        if (failure.fullDisk() == FullDisk::Said ||
+            (failure.fullDisk() == FullDisk::Possible && available < needed)) {
+            throwNotEnoughRoom(output, needed, available);
+        }
+        throw std::runtime_error(failure.what());
+    }
 }
 
 }  // namespace Marivane::Logging::Algorithms

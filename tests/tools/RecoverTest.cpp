@@ -5,7 +5,12 @@
 #include <logging/SqliteLogFile.h>
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -93,6 +98,50 @@ TEST(RecoverTest, ACutFileSaysHowManyEntriesAtLeastWereLost) {
                              "be counted."))
         << result.out;
     EXPECT_EQ(runMvlog({"check", output}).outLines().back(), "OK");
+}
+
+// A disk too small for the salvage: the message says so and how much room
+// it needs, where a copy would have said "Input/output error".
+TEST(RecoverTest, AFullDiskSaysHowMuchRoomIsNeeded) {
+    TempDir directory;
+    const std::filesystem::path small = directory.path() / "small";
+    std::filesystem::create_directories(small);
+    if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1m") != 0) {
+        GTEST_SKIP() << "cannot mount a small file system here: " << std::strerror(errno);
+    }
+    struct Unmount {
+        std::filesystem::path path;
+        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+    } unmount{small};
+    const std::string path = directory.file("big.mvlog");
+    {
+        Marivane::Logging::SqliteLogFile file(path, "UTC", "tooltest", "1", 0, kKnownStart);
+        Marivane::Logging::DataSource source{-1, MV_LogDataSourceType_Radar, "radar"};
+        ASSERT_TRUE(file.addDataSource(source));
+        auto batch = file.beginBatch();
+        for (int id = 1; id <= 300; ++id) {
+            Marivane::Logging::DataEntry entry;
+            entry.dataSourceId = source.id;
+            entry.timestamp = kKnownStart + id;
+            entry.data = std::vector<std::byte>(5000, static_cast<std::byte>(id));
+            ASSERT_TRUE(file.logData(entry));
+        }
+        ASSERT_TRUE(batch.commit());
+    }
+    ASSERT_GT(std::filesystem::file_size(path), 1024u * 1024u);
+    const std::string output = (small / "new.mvlog").string();
+    const RunResult result = runMvlog({"recover", path, "-o", output});
+    EXPECT_EQ(result.exitCode, 1);
+    const double needed =
+        std::ceil(2.0 * static_cast<double>(std::filesystem::file_size(path)) / 104857.6) / 10;
+    char text[2048];
+    std::snprintf(
+        text, sizeof text,
+        "mvlog: recover failed: Not enough room on the disk for '%s': recovering needs about %.1f MiB "
+        "free, 1.0 MiB are free. (nothing was written to %s)\n",
+        output.c_str(), needed, output.c_str());
+    EXPECT_EQ(result.err, text);
+    EXPECT_TRUE(std::filesystem::is_empty(small));
 }
 
 TEST(RecoverTest, ExistingOutputIsRefused) {
