@@ -297,9 +297,24 @@ void registerRecorderBenchmarks(int round) {
                  Member{recorderName("recorderSafe", level, size),
                         [=](benchmark::State& state) {
                             recorderThroughput(state, level, size, Logging::Durability::Safe);
+                        }},
+                 Member{recorderName("recorderBalanced", level, size),
+                        [=](benchmark::State& state) {
+                            recorderThroughput(state, level, size, Logging::Durability::Balanced);
                         }}},
                 round, wallClock);
         }
+    }
+    // The recorder's default against the fast mode it replaced, on large
+    // uncompressed frames: the case where a kill used to damage files.
+    for (std::size_t size : {std::size_t{1024}, std::size_t{64 * 1024}}) {
+        registerRound({Member{recorderName("recorderFast", 0, size),
+                              [=](benchmark::State& state) { recorderThroughput(state, 0, size); }},
+                       Member{recorderName("recorderBalanced", 0, size),
+                              [=](benchmark::State& state) {
+                                  recorderThroughput(state, 0, size, Logging::Durability::Balanced);
+                              }}},
+                      round, wallClock);
     }
     for (std::size_t size : {std::size_t{64}, std::size_t{1024}}) {
         registerRound({Member{recorderName("autocommit", 0, size),

@@ -412,6 +412,20 @@ void printSummary(const Figures& figures, std::ostream& out) {
         }
     }
 
+    table.section(
+        "The recorder's default (balanced: survives a kill) against fast, wall time (library: balanced; "
+        "baseline column: fast)");
+    for (std::size_t size : {std::size_t{1024}, std::size_t{64 * 1024}}) {
+        table.pair(figures, label("Recorder", 0, size), recorderName("recorderBalanced", 0, size),
+                   recorderName("recorderFast", 0, size), 0.85);
+    }
+    for (int level : {-1, 1}) {
+        for (std::size_t size : {std::size_t{16 * 1024}, std::size_t{256 * 1024}}) {
+            table.pair(figures, label("Recorder", level, size), recorderName("recorderBalanced", level, size),
+                       recorderName("recorder", level, size), 0.85);
+        }
+    }
+
     out << "\nrecord() on the capture thread (level -1, writer busy)\n";
     for (std::size_t size : {std::size_t{64}, std::size_t{16 * 1024}}) {
         const std::string name = recorderLatencyName(size);

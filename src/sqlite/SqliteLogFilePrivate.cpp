@@ -14,6 +14,7 @@
 
 #include <array>
 #include <fstream>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -27,6 +28,8 @@ constexpr Database::OpenMode kOpenMode = Database::OpenReadWrite | Database::Ope
 constexpr uint32_t kLegacyMagic = 0x11223344;
 
 constexpr int kDiskFull = 13;
+// Any code the mapping does not name: "Unknown internal error".
+constexpr int kCorruptCode = 11;
 constexpr int kIoErrorRead = 266;
 constexpr int kIoErrorBit = 512;
 
@@ -476,8 +479,17 @@ void SqliteLogFilePrivate::resumeBatchAfterRollback() {
 int32_t SqliteLogFilePrivate::readSingleInteger(const std::string& sql) const {
     SqliteQuery query(database, sql);
     query.executeStep();
-    if (const std::optional<int> value = Database::getValueFromColumn<int>(query, 0)) {
-        return *value;
+    if (const std::optional<int64_t> value = Database::getValueFromColumn<int64_t>(query, 0)) {
+        if (*value < std::numeric_limits<int32_t>::min() || *value > std::numeric_limits<int32_t>::max()) {
+            // Cut to 32 bits it would pass for another id (2^31 for a negative
+            // one): a value no record can carry is damage, never an answer.
+            recordFailureMessage(FailureKind::Damaged,
+                                 "Reading '" + filePath.string() + "' failed: the stored value " +
+                                     std::to_string(*value) + " does not fit in 32 bits");
+            processErrorCode(kCorruptCode);
+            return -1;
+        }
+        return static_cast<int32_t>(*value);
     }
     (void)checkFinished(query, "Reading");
     processErrorCode(query.getLastResultCode());
