@@ -766,41 +766,60 @@ private:
     // its missing bytes as zeros, which would pass for content. Once the
     // journal or write-ahead log has been applied to the copy, such a page
     // is cut off it, so that SQLite and the page scan both see it as
-    // missing; SQLite is then opened again on what is left.
+    // missing; SQLite is then opened again on what is left. Bytes after as
+    // many pages as the header declares are no page at all, and SQLite
+    // never reads them: they are left alone.
     void leaveOutAnIncompleteLastPage() {
         std::error_code error;
         const uint64_t size = std::filesystem::file_size(snapshot_.path(), error);
-        const uint32_t pageSize = declaredPageSize();
-        if (error || pageSize == 0 || size % pageSize == 0) {
+        const CopyHeader header = readCopyHeader();
+        if (error || header.pageSize == 0 || size % header.pageSize == 0 ||
+            (header.pageCount != 0 && header.pageCount <= size / header.pageSize)) {
             return;
         }
         const bool wasOpen = database_ != nullptr;
         database_.reset();
-        std::filesystem::resize_file(snapshot_.path(), size - size % pageSize, error);
+        std::filesystem::resize_file(snapshot_.path(), size - size % header.pageSize, error);
         if (error) {
             throw std::runtime_error("Cannot salvage '" + damaged_.string() +
                                      "': its copy cannot be cut to whole pages: " + error.message());
         }
-        report_.notes.push_back("The file ends inside page " + std::to_string(size / pageSize + 1) +
+        report_.notes.push_back("The file ends inside page " + std::to_string(size / header.pageSize + 1) +
                                 ": that page is missing, and so is every entry whose bytes were on it.");
         if (wasOpen) {
             openWithSqlite(false);
         }
     }
 
-    // The page size of the copy's header, 0 when the header does not give
-    // a valid one (the page scan then finds it itself).
-    uint32_t declaredPageSize() const {
+    // What the copy's header says, as far as SQLite would trust it: a page
+    // size (0 when the header does not give a valid one; the page scan then
+    // finds it itself) and a page count (0 when not given, or not trusted
+    // because bytes 92-95 do not repeat the change counter of bytes 24-27).
+    struct CopyHeader {
+        uint32_t pageSize = 0;
+        uint32_t pageCount = 0;
+    };
+    CopyHeader readCopyHeader() const {
         std::ifstream in(snapshot_.path(), std::ios::binary);
-        std::array<char, 18> header{};
-        if (!in.read(header.data(), header.size()) ||
-            std::memcmp(header.data(), "SQLite format 3", 16) != 0) {
-            return 0;
+        std::array<unsigned char, 100> bytes{};
+        if (!in.read(reinterpret_cast<char*>(bytes.data()), bytes.size()) ||
+            std::memcmp(bytes.data(), "SQLite format 3", 16) != 0) {
+            return {};
         }
-        const uint32_t declared =
-            uint32_t{static_cast<unsigned char>(header[16])} << 8 | static_cast<unsigned char>(header[17]);
+        auto bigEndian32 = [&](std::size_t at) {
+            return uint32_t{bytes[at]} << 24 | uint32_t{bytes[at + 1]} << 16 | uint32_t{bytes[at + 2]} << 8 |
+                   uint32_t{bytes[at + 3]};
+        };
+        const uint32_t declared = uint32_t{bytes[16]} << 8 | bytes[17];
         const uint32_t size = declared == 1 ? 65536 : declared;
-        return size >= 512 && size <= 65536 && (size & (size - 1)) == 0 ? size : 0;
+        CopyHeader header;
+        if (size >= 512 && size <= 65536 && (size & (size - 1)) == 0) {
+            header.pageSize = size;
+        }
+        if (bigEndian32(24) == bigEndian32(92)) {
+            header.pageCount = bigEndian32(28);
+        }
+        return header;
     }
 
     void decideCompression() {

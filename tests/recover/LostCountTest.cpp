@@ -340,6 +340,24 @@ TEST_P(LostCountTest, AHealthyFileHasAnExactCount) {
     EXPECT_TRUE(report.notes.empty()) << ::testing::PrintToString(report.notes);
 }
 
+// Bytes after as many pages as the header declares are no page: SQLite never
+// reads them, and the salvage goes as for the file without them.
+TEST_P(LostCountTest, BytesAfterTheDeclaredPagesChangeNothing) {
+    TempDir directory;
+    const std::filesystem::path longer = directory.path() / "longer.mvlog";
+    writeFile(longer, GetParam(), 100);
+    {
+        std::ofstream out(longer, std::ios::binary | std::ios::app);
+        out << "0123456789";
+    }
+    const RecoveryReport report = Algorithms::recover(longer, directory.path() / "new.mvlog");
+    checkOutput(directory.path() / "new.mvlog", report, 100);
+    EXPECT_EQ(report.entriesRecovered, static_cast<uint64_t>(kCount));
+    EXPECT_EQ(report.entriesLost, 0u);
+    EXPECT_FALSE(report.entriesLostIsLowerBound);
+    EXPECT_TRUE(report.notes.empty()) << ::testing::PrintToString(report.notes);
+}
+
 INSTANTIATE_TEST_SUITE_P(Levels, LostCountTest, ::testing::Values(int8_t{0}, int8_t{-1}),
                          [](const ::testing::TestParamInfo<int8_t>& info) {
                              return info.param == 0 ? std::string("Uncompressed") : std::string("Compressed");
