@@ -1403,6 +1403,12 @@ private:
                 walk.complete = false;
                 continue;
             }
+            // An index page keeps its records in ascending order: one that
+            // does not is damaged, and its ids are not trusted.
+            if (!std::is_sorted(index->records.begin(), index->records.end())) {
+                walk.complete = false;
+                continue;
+            }
             walk.complete = walk.complete && index->integerRecords;
             for (const std::vector<int64_t>& record : index->records) {
                 const int64_t id = record.empty() ? 0 : idComesFirst ? record.front() : record.back();
