@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
     cmake make g++ pkg-config
-    libsqlite3-dev libzstd-dev
+    libsqlite3-dev libzstd-dev libxxhash-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     libcli11-dev libfmt-dev nlohmann-json3-dev
     dpkg-dev file

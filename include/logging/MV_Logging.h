@@ -101,6 +101,14 @@ MV_LOGGING_EXPORT bool MV_LogConfig_SetDurability(MV_LogConfig_p config, MV_LogD
                                                   MV_LogError_p* error);
 MV_LOGGING_EXPORT void MV_LogConfig_GetDurability(MV_LogConfig_p config, MV_LogDurability* durability);
 
+/* With `enabled`, files created from this configuration (MV_LogFile_Create,
+ * MV_LogRecorder_Create) keep a checksum of every entry's stored payload, so
+ * that damage inside an uncompressed payload is found by reads that verify
+ * (MV_LogFile_SetChecksumVerification), by mvlog check and by recovery. Off by
+ * default: a file created without checksums is exactly what it always was. */
+MV_LOGGING_EXPORT bool MV_LogConfig_SetChecksums(MV_LogConfig_p config, bool enabled, MV_LogError_p* error);
+MV_LOGGING_EXPORT void MV_LogConfig_GetChecksums(MV_LogConfig_p config, bool* enabled);
+
 /* ---- File lifecycle ---------------------------------------------------- */
 
 /* Creates a new log file; refuses any path where something already exists. Data
@@ -231,6 +239,13 @@ MV_LOGGING_EXPORT bool MV_LogFile_FindEntryAtOrAfter(MV_LogFile_p file, int64_t 
 MV_LOGGING_EXPORT bool MV_LogFile_CreateTimeIndex(MV_LogFile_p file, MV_LogError_p* error);
 /* *present tells whether the file holds the time index. */
 MV_LOGGING_EXPORT bool MV_LogFile_HasTimeIndex(MV_LogFile_p file, bool* present, MV_LogError_p* error);
+/* Whether the file keeps entry checksums (chosen when it was created). */
+MV_LOGGING_EXPORT bool MV_LogFile_HasChecksums(MV_LogFile_p file, bool* present, MV_LogError_p* error);
+/* With `enabled`, this handle's MV_LogFile_VisitEntries compares every stored
+ * payload with its checksum, in files that keep them: an entry that does not
+ * match ends the visit with an error naming the entry. */
+MV_LOGGING_EXPORT bool MV_LogFile_SetChecksumVerification(MV_LogFile_p file, bool enabled,
+                                                          MV_LogError_p* error);
 
 /* ---- Recorder -------------------------------------------------------------- */
 /* Records into a new file from any number of threads: MV_LogRecorder_Record

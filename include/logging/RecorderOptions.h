@@ -33,6 +33,9 @@ struct RecorderOptions {
     // Balanced: every committed entry survives a kill of the process at
     // nearly the speed of Fast; Safe also survives power cuts.
     Durability durability = Durability::Balanced;
+    // Keep a checksum of every entry's stored payload in the file (see
+    // SqliteLogFile's creating constructor).
+    bool entryChecksums = false;
 
     // Payload bytes that may wait in the queue (accepted, not yet written).
     // An entry larger than the whole budget is still taken when the queue is

@@ -54,6 +54,15 @@ public:
     SqliteLogFile(const std::string& path, const std::string& timeZone, const std::string& applicationName,
                   const std::string& applicationVersion, int8_t compressionLevel, int64_t createdDateTime,
                   Durability durability);
+    // As above; with `entryChecksums` the file also keeps a checksum of every
+    // entry's stored payload, written by logData, batches and the recorder,
+    // so that damage inside an uncompressed payload can be told from data
+    // (VisitOptions::verifyChecksums, mvlog check, recovery). The checksums
+    // live in a table of their own: a file created without them is exactly
+    // what the constructors above create.
+    SqliteLogFile(const std::string& path, const std::string& timeZone, const std::string& applicationName,
+                  const std::string& applicationVersion, int8_t compressionLevel, int64_t createdDateTime,
+                  Durability durability, bool entryChecksums);
 
     // Opens an existing log file for reading only: nothing is created,
     // repaired or written, so looking at a file never changes a byte of it.
@@ -114,6 +123,8 @@ public:
     bool isReadOnly() const;
     // The file's durability mode (kept by the file since its creation).
     Durability getDurability() const;
+    // True when the file keeps a checksum of every entry (chosen at creation).
+    bool hasEntryChecksums() const;
 
     // Failures inside the database, counted from opening: every failed read
     // and write adds one, also where the operation's result cannot tell (a

@@ -27,6 +27,11 @@ struct VisitOptions {
     // false to end the read as failed. Without a handler, the first such
     // entry ends the read as failed.
     std::function<bool(int64_t entryId, const std::string& reason)> onDamagedEntry;
+    // In a file created with entry checksums, compare each stored payload
+    // with the checksum written with it; an entry that does not match (or
+    // has none) is a damaged entry as above. Files without checksums read
+    // as they always do.
+    bool verifyChecksums = false;
 };
 
 }  // namespace Marivane::Logging

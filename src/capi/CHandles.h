@@ -36,6 +36,7 @@ struct MV_LogConfig {
     MV_LogDurability durability = MV_LOG_DURABILITY_FAST;
     // A recorder records Balanced unless the application chose a mode.
     bool durabilityChosen = false;
+    bool entryChecksums = false;
 };
 
 struct MV_LogFile {
@@ -46,6 +47,8 @@ struct MV_LogFile {
     // The open write batch, if any. Declared after `file` so that destroying
     // the handle commits it before the file closes.
     std::optional<Marivane::Logging::SqliteLogFile::WriteBatch> batch = std::nullopt;
+    // Streaming reads compare payloads with the file's entry checksums.
+    bool verifyChecksums = false;
 };
 
 struct MV_LogBookmark {

@@ -88,6 +88,15 @@ void MV_LogConfig_GetDurability(MV_LogConfig_p config, MV_LogDurability* durabil
     *durability = config->durability;
 }
 
+bool MV_LogConfig_SetChecksums(MV_LogConfig_p config, bool enabled, MV_LogError_p* /*error*/) {
+    config->entryChecksums = enabled;
+    return true;
+}
+
+void MV_LogConfig_GetChecksums(MV_LogConfig_p config, bool* enabled) {
+    *enabled = config->entryChecksums;
+}
+
 MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogError_p* error) {
     if (pathIsTaken(path)) {
         // Stored without a null test: callers of this function always pass an
@@ -100,7 +109,8 @@ MV_LogFile_p MV_LogFile_Create(const char* path, MV_LogConfig_p config, MV_LogEr
             const int64_t now = Marivane::Chrono::msSinceUnixEpoch();
             auto file = std::make_unique<SqliteLogFile>(
                 std::string(path), config->timeZone, config->applicationName, config->applicationVersion,
-                config->compressionLevel, now, CApi::durabilityFrom(config->durability));
+                config->compressionLevel, now, CApi::durabilityFrom(config->durability),
+                config->entryChecksums);
             return new MV_LogFile{std::move(file), true};
         },
         error);

@@ -92,6 +92,7 @@ MV_LogRecorder_p MV_LogRecorder_Create(const char* path, MV_LogConfig_p config,
         settings.applicationVersion = config->applicationVersion;
         settings.timeZone = config->timeZone;
         settings.compressionLevel = config->compressionLevel;
+        settings.entryChecksums = config->entryChecksums;
         if (config->durabilityChosen) {
             settings.durability = CApi::durabilityFrom(config->durability);
         }

@@ -42,8 +42,11 @@ bool MV_LogFile_VisitEntries(MV_LogFile_p file, int32_t minimumEntryId, int32_t 
     return reportingFailures(error, [&] {
         SqliteLogFile& sqliteFile = sqliteFileOf(file);
         const EntryRange range{minimumEntryId, maximumEntryId, startTimestamp, endTimestamp};
-        const bool completed =
-            sqliteFile.visitEntries(range, filterOrAll(filter), [&](const EntryView& view) {
+        VisitOptions options;
+        options.verifyChecksums = file->verifyChecksums;
+        const bool completed = sqliteFile.visitEntries(
+            range, filterOrAll(filter),
+            [&](const EntryView& view) {
                 const MV_LogEntryView entry{view.entryId,
                                             view.dataSourceId,
                                             view.type,
@@ -51,7 +54,8 @@ bool MV_LogFile_VisitEntries(MV_LogFile_p file, int32_t minimumEntryId, int32_t 
                                             reinterpret_cast<const uint8_t*>(view.data),
                                             view.size};
                 return callback(userData, &entry);
-            });
+            },
+            options);
         if (!completed) {
             storeError(error, sqliteFile.getLastFailure());
         }
@@ -104,6 +108,21 @@ bool MV_LogFile_CreateTimeIndex(MV_LogFile_p file, MV_LogError_p* error) {
 bool MV_LogFile_HasTimeIndex(MV_LogFile_p file, bool* present, MV_LogError_p* error) {
     return reportingFailures(error, [&] {
         *present = sqliteFileOf(file).hasTimeIndex();
+        return true;
+    });
+}
+
+bool MV_LogFile_HasChecksums(MV_LogFile_p file, bool* present, MV_LogError_p* error) {
+    return reportingFailures(error, [&] {
+        *present = sqliteFileOf(file).hasEntryChecksums();
+        return true;
+    });
+}
+
+bool MV_LogFile_SetChecksumVerification(MV_LogFile_p file, bool enabled, MV_LogError_p* error) {
+    return reportingFailures(error, [&] {
+        (void)sqliteFileOf(file);
+        file->verifyChecksums = enabled;
         return true;
     });
 }

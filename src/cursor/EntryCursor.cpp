@@ -107,8 +107,16 @@ std::string rangeConditions(const EntryRange& range) {
 }
 
 std::string selectColumns(CursorColumns columns) {
-    return std::string("SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, ") +
-           (columns == CursorColumns::WithPayloads ? "data.payload " : "data.length ");
+    switch (columns) {
+        case CursorColumns::WithPayloads:
+            return "SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, data.payload ";
+        case CursorColumns::WithoutPayloads:
+            return "SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, data.length ";
+        case CursorColumns::WithPayloadsAndChecksums:
+            break;
+    }
+    return "SELECT data.entryId, data.timestamp, data.type, data.dataSourceId, data.payload, "
+           "(SELECT checksum FROM entryChecksums WHERE entryChecksums.entryId = data.entryId) ";
 }
 
 std::string walkStatement(const std::string& conditions, CursorOrder order, CursorColumns columns) {
@@ -251,8 +259,9 @@ bool EntryCursor::stepThroughIdList() {
 
 void EntryCursor::takeRow(const SqliteQuery& query) {
     // Filled by readColumns; not initialised here, which would cost as much.
-    std::array<SqliteQuery::RawColumn, 5> columns;  // NOLINT(cppcoreguidelines-pro-type-member-init)
-    query.readColumns(columns.data(), static_cast<int>(columns.size()));
+    std::array<SqliteQuery::RawColumn, 6> columns;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+    const bool withChecksums = columns_ == CursorColumns::WithPayloadsAndChecksums;
+    query.readColumns(columns.data(), withChecksums ? 6 : 5);
     row_.entryId = columns[0].integer;
     row_.timestamp = columns[1].integer;
     row_.type = columns[2].integer;
@@ -262,7 +271,10 @@ void EntryCursor::takeRow(const SqliteQuery& query) {
         row_.outOfRange =
             describeOutOfRange(row_.entryId, columns[1].isInteger, row_.type, row_.dataSourceId);
     }
-    if (columns_ == CursorColumns::WithPayloads) {
+    if (withChecksums) {
+        row_.checksum = columns[5].isInteger ? std::optional<int64_t>(columns[5].integer) : std::nullopt;
+    }
+    if (columns_ != CursorColumns::WithoutPayloads) {
         row_.payload = columns[4].bytes.data;
         row_.payloadSize = columns[4].bytes.size;
         if (!columns[4].isBytes) {

@@ -30,6 +30,8 @@ enum class CursorColumns {
     // Everything but the payload, whose stored size comes from the length
     // column: no payload page is read.
     WithoutPayloads,
+    // Everything, and the entry's checksum from a file that keeps them.
+    WithPayloadsAndChecksums,
 };
 
 // One stored row, borrowed from the cursor until its next step. The stored
@@ -46,6 +48,9 @@ struct StoredEntry {
     std::size_t payloadSize = 0;
     // Empty when every stored value fits its record type; otherwise why not.
     std::string outOfRange;
+    // With CursorColumns::WithPayloadsAndChecksums: the stored checksum,
+    // absent when the entry has none.
+    std::optional<int64_t> checksum;
 };
 
 // Walks the entries of one file that lie in an id range and a time range and

@@ -6,9 +6,11 @@
 #include "services/database/ColumnAccess.h"
 #include "sqlite/SqliteLogFilePrivate.h"
 
+#include <core/Checksum.h>
 #include <core/Compression.h>
 
 #include <limits>
+#include <optional>
 #include <string>
 
 namespace Marivane::Logging {
@@ -27,6 +29,18 @@ bool skipDamaged(const SqliteLogFilePrivate& file, const VisitOptions& options, 
                  const std::string& reason) {
     file.recordFailureMessage(FailureKind::Damaged, entryFailure(file, entryId, reason));
     return options.onDamagedEntry && options.onDamagedEntry(entryId, reason);
+}
+
+// Why the stored payload does not match the checksum written with it, if it
+// does not.
+std::optional<std::string> checksumMismatch(const StoredEntry& row) {
+    if (!row.checksum) {
+        return std::string("it has no checksum");
+    }
+    if (static_cast<int64_t>(Checksum::of(row.payload, row.payloadSize)) != *row.checksum) {
+        return std::string("its payload does not match its checksum");
+    }
+    return std::nullopt;
 }
 
 EntryView viewOf(const StoredEntry& row) {
@@ -67,7 +81,9 @@ std::optional<int64_t> singleInteger(const SqliteLogFilePrivate& file, SqliteQue
 
 bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter& filter,
                                  const EntryVisitor& visitor, const VisitOptions& options) const {
-    EntryCursor cursor(*d, range, filter, CursorOrder::ById);
+    const bool verify = options.verifyChecksums && d->entryChecksums;
+    EntryCursor cursor(*d, range, filter, CursorOrder::ById,
+                       verify ? CursorColumns::WithPayloadsAndChecksums : CursorColumns::WithPayloads);
     ByteBuffer expanded;
     const bool expand = options.payloadForm == PayloadForm::Expanded && d->compressesPayloads();
     while (const StoredEntry* row = cursor.next()) {
@@ -76,6 +92,14 @@ bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter
                 return false;
             }
             continue;
+        }
+        if (verify) {
+            if (const std::optional<std::string> mismatch = checksumMismatch(*row)) {
+                if (!skipDamaged(*d, options, row->entryId, *mismatch)) {
+                    return false;
+                }
+                continue;
+            }
         }
         EntryView view = viewOf(*row);
         if (expand) {

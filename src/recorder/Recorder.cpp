@@ -208,7 +208,8 @@ private:
         try {
             return std::make_unique<SqliteLogFile>(path.string(), options.timeZone, options.applicationName,
                                                    options.applicationVersion, options.compressionLevel,
-                                                   Chrono::msSinceUnixEpoch(), options.durability);
+                                                   Chrono::msSinceUnixEpoch(), options.durability,
+                                                   options.entryChecksums);
         } catch (const std::exception& error) {
             // Nothing was there before: a half-made file would only block
             // the next try.

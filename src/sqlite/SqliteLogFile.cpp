@@ -61,6 +61,13 @@ SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZon
 SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZone,
                              const std::string& applicationName, const std::string& applicationVersion,
                              int8_t compressionLevel, int64_t createdDateTime, Durability durability)
+    : SqliteLogFile(path, timeZone, applicationName, applicationVersion, compressionLevel, createdDateTime,
+                    durability, false) {}
+
+SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZone,
+                             const std::string& applicationName, const std::string& applicationVersion,
+                             int8_t compressionLevel, int64_t createdDateTime, Durability durability,
+                             bool entryChecksums)
     : d(nullptr) {
     // In the order of kFixedMetadataKeys.
     const std::array<PropertyValue, kFixedMetadataKeys.size()> values = {
@@ -73,7 +80,7 @@ SqliteLogFile::SqliteLogFile(const std::string& path, const std::string& timeZon
     // A new file gets its tables and metadata in one commit: a reader never
     // sees a log file whose compression level is not written yet.
     d = std::make_unique<SqliteLogFilePrivate>(std::filesystem::path(path), OpenPolicy::OpenOrCreate,
-                                               durability, &metadata);
+                                               durability, &metadata, entryChecksums);
     if (!d->creationMetadataWritten) {
         // An existing log file keeps its own keys (addMetadata refuses them);
         // where creation failed, the writes fail as they would have.
@@ -137,6 +144,10 @@ bool SqliteLogFile::isReadOnly() const {
 
 Durability SqliteLogFile::getDurability() const {
     return d->durability;
+}
+
+bool SqliteLogFile::hasEntryChecksums() const {
+    return d->entryChecksums;
 }
 
 uint64_t SqliteLogFile::getFailureCount() const {

@@ -3,6 +3,7 @@
 #include <logging/LegacyLogFileError.h>
 #include <logging/NotALogFileError.h>
 
+#include <core/Checksum.h>
 #include <core/Compression.h>
 #include <core/Filesystem.h>
 #include <database/DatabaseAccessError.h>
@@ -35,6 +36,12 @@ constexpr int kIoErrorBit = 512;
 
 constexpr const char* kPageSizePragma = "PRAGMA page_size = 8192;";
 
+// Only files created with entry checksums have this table: every other file
+// keeps exactly the schema it always had. One row per entry, keyed by its id,
+// holding the checksum of the payload as stored.
+constexpr const char* kEntryChecksumTable =
+    "CREATE TABLE entryChecksums(entryId INTEGER PRIMARY KEY, checksum INT NOT NULL);";
+
 constexpr std::array<const char*, 6> kLogTables = {
     "dataSources", "dataSourceProperties", "data", "metadata", "resources", "bookmarks"};
 
@@ -62,14 +69,15 @@ Database::OpenMode openModeFor(OpenPolicy policy) {
 
 SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path, OpenPolicy openPolicy,
                                            Durability newFileDurability,
-                                           const CreationMetadata* creationMetadata) try
+                                           const CreationMetadata* creationMetadata,
+                                           bool withEntryChecksums) try
     : database(path.string(), openModeFor(openPolicy)),
       filePath(path),
       policy(openPolicy),
       sideFilesExistedAtOpen_(
           Filesystem::somethingExistsAt(path.string() + "-shm", Filesystem::PathLookup::PathItself)) {
     try {
-        openAsLogFile(newFileDurability, creationMetadata);
+        openAsLogFile(newFileDurability, creationMetadata, withEntryChecksums);
     } catch (const Database::DatabaseBusy&) {
         // Preparing a statement can meet the lock too; name the file either way.
         throw Database::DatabaseBusy(busyMessage());
@@ -84,7 +92,7 @@ SqliteLogFilePrivate::SqliteLogFilePrivate(const std::filesystem::path& path, Op
 }
 
 void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability,
-                                         const CreationMetadata* creationMetadata) {
+                                         const CreationMetadata* creationMetadata, bool withEntryChecksums) {
     if (isReadOnly()) {
         // A second line of defence: SQLite refuses every write on this
         // connection even if one slipped through.
@@ -113,7 +121,7 @@ void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability,
             durability = newFileDurability;
             (void)database.execute(kPageSizePragma);
             applyConnectionSettings();
-            createTables(creationMetadata);
+            createTables(creationMetadata, withEntryChecksums);
         } else if (createdTables) {
             createTables();
             durability = newFileDurability;
@@ -124,6 +132,7 @@ void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability,
             applyConnectionSettings();
         }
     }
+    entryChecksums = hasEntryChecksumTable();
     if (!createdTables) {
         compressionLevel = static_cast<int8_t>(readOpeningMetadataInteger("compressionLevel").value_or(0));
         logVersion = readOpeningMetadataInteger("logVersion").value_or(0);
@@ -317,7 +326,7 @@ bool SqliteLogFilePrivate::checkForTables() {
     return true;
 }
 
-void SqliteLogFilePrivate::createTables(const CreationMetadata* creationMetadata) {
+void SqliteLogFilePrivate::createTables(const CreationMetadata* creationMetadata, bool withEntryChecksums) {
     // 8 KiB pages measured best over small and large payloads, batched and not
     // (bench/README.md); the size must be set before the first table exists.
     // One transaction makes creation atomic and saves a synchronous commit per
@@ -356,6 +365,9 @@ void SqliteLogFilePrivate::createTables(const CreationMetadata* creationMetadata
         throwOpeningFailure(status);
     }
     run("CREATE INDEX bookmarkIndex ON bookmarks(entryId);");
+    if (withEntryChecksums) {
+        run(kEntryChecksumTable);
+    }
     if (creationMetadata != nullptr) {
         insertCreationMetadata(*creationMetadata);
     }
@@ -577,10 +589,60 @@ bool SqliteLogFilePrivate::insertStoredEntryWithId(int32_t entryId, int64_t time
     return insertStored(entryId, timestamp, type, dataSourceId, stored);
 }
 
-// One insert for both: without an id the file numbers the entry, as logData
-// always has it; with one (a salvage keeping ids) the id is the given one.
+// With checksums an entry is two rows, written together: inside the batch's
+// transaction, or in one of their own.
 bool SqliteLogFilePrivate::insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
                                         int8_t dataSourceId, const ByteBuffer& stored) {
+    if (!entryChecksums) {
+        return insertStoredRow(entryId, timestamp, type, dataSourceId, stored);
+    }
+    const bool ownTransaction = !database.isInTransaction();
+    if (ownTransaction) {
+        if (const Database::Status begun = database.execute("BEGIN;"); !begun.ok()) {
+            recordFailure("Writing", begun);
+            processErrorCode(begun.resultCode());
+            return false;
+        }
+    }
+    const bool written = insertStoredRow(entryId, timestamp, type, dataSourceId, stored) &&
+                         insertEntryChecksum(database.getLastInsertedRowId(), stored);
+    if (!ownTransaction) {
+        return written;
+    }
+    if (!written) {
+        (void)database.execute("ROLLBACK;");
+        return false;
+    }
+    if (const Database::Status committed = database.execute("COMMIT;"); !committed.ok()) {
+        recordFailure("Writing", committed);
+        processErrorCode(committed.resultCode());
+        (void)database.execute("ROLLBACK;");
+        return false;
+    }
+    return true;
+}
+
+bool SqliteLogFilePrivate::insertEntryChecksum(int64_t entryId, const ByteBuffer& stored) {
+    SqliteQuery query(database,
+                      "INSERT INTO entryChecksums (entryId, checksum) VALUES (:entryId, :checksum);");
+    query.bindParameter(":entryId", entryId);
+    query.bindParameter(":checksum", static_cast<int64_t>(Checksum::of(stored.data(), stored.size())));
+    return executeWrite(query);
+}
+
+bool SqliteLogFilePrivate::hasEntryChecksumTable() {
+    SqliteQuery query(database, "SELECT 1 FROM sqlite_master WHERE type='table' AND name='entryChecksums';");
+    const int32_t step = query.executeStep();
+    if (step == Database::StepFailed) {
+        throwOpeningFailure(query.status());
+    }
+    return step == Database::StepRow;
+}
+
+// One insert for both: without an id the file numbers the entry, as logData
+// always has it; with one (a salvage keeping ids) the id is the given one.
+bool SqliteLogFilePrivate::insertStoredRow(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
+                                           int8_t dataSourceId, const ByteBuffer& stored) {
     SqliteQuery query(
         database, entryId
                       ? "INSERT INTO data (entryId, timestamp, type, dataSourceId, length, payload) VALUES "

@@ -53,7 +53,7 @@ public:
     // its fixed metadata.
     SqliteLogFilePrivate(const std::filesystem::path& path, OpenPolicy policy = OpenPolicy::OpenOrCreate,
                          Durability newFileDurability = Durability::Fast,
-                         const CreationMetadata* creationMetadata = nullptr);
+                         const CreationMetadata* creationMetadata = nullptr, bool withEntryChecksums = false);
     // Commits an open write batch.
     ~SqliteLogFilePrivate();
     SqliteLogFilePrivate(const SqliteLogFilePrivate&) = delete;
@@ -63,6 +63,9 @@ public:
     std::filesystem::path filePath;
     OpenPolicy policy;
     bool createdTables = false;
+    // The file keeps a checksum of every entry's stored payload (chosen at
+    // creation; a table only such files have).
+    bool entryChecksums = false;
     // True when the tables and the creation metadata were committed together.
     bool creationMetadataWritten = false;
     bool creationMetadataInserted = false;
@@ -87,7 +90,7 @@ public:
     // True when the database holds the six log tables, false when it holds no
     // table at all; throws NotALogFileError for anything in between.
     bool checkForTables();
-    void createTables(const CreationMetadata* creationMetadata = nullptr);
+    void createTables(const CreationMetadata* creationMetadata = nullptr, bool withEntryChecksums = false);
     void insertCreationMetadata(const CreationMetadata& metadata);
     Database::Status createBookmarksTable();
     // Rebuilds the bookmarks table (its rows are lost) when its foreign-key
@@ -158,7 +161,12 @@ public:
 private:
     bool insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
                       const ByteBuffer& stored);
-    void openAsLogFile(Durability newFileDurability, const CreationMetadata* creationMetadata);
+    void openAsLogFile(Durability newFileDurability, const CreationMetadata* creationMetadata,
+                       bool withEntryChecksums);
+    bool hasEntryChecksumTable();
+    bool insertEntryChecksum(int64_t entryId, const ByteBuffer& stored);
+    bool insertStoredRow(std::optional<int32_t> entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
+                         const ByteBuffer& stored);
     bool journalIsWriteAheadLog();
     void applyConnectionSettings();
     // Throws the exception for a failure met while opening: DatabaseBusy
