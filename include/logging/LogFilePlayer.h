@@ -7,6 +7,7 @@
 #include <logging/MV_LogDataSourceType.h>
 #include <logging/PlaybackPacing.h>
 #include <logging/PlayerBookmark.h>
+#include <logging/PlayerOptions.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -33,7 +34,8 @@ class LogFilePlayerPrivate;
 //
 // Frames are the ids of the entries whose data source has one of the chosen
 // types, ascending (every entry of the file when no data source matches, an
-// empty type list included). The worker reads one entry per frame, waits for
+// empty type list included); a player built with PlayerOptions may play the
+// same entries in time order instead. The worker reads one entry per frame, waits for
 // its timestamp gap to the previous entry divided by the speed multiplier
 // (less the previous cycle's lateness, so a long run keeps the recorded pace),
 // or for exactly maxFrameDelayMs when the gap reaches it, and calls the
@@ -63,6 +65,20 @@ public:
     LogFilePlayer(std::unique_ptr<LogFileInterface> logFile,
                   const std::vector<MV_LogDataSourceType>& dataSourceTypes,
                   const FrameCallback& frameCallback, bool loop, int32_t maxFrameDelayMs);
+    // A player as PlayerOptions describes it: frames in id or time order,
+    // the first play() starting at frame 0, and the speed scaling every gap
+    // (see PlayerOptions). In time order the frames are the same entries,
+    // sorted by timestamp and then id: seekToTime finds the earliest frame at
+    // or after a time, a bookmark maps to its entry's frame (or, for an entry
+    // that is not played, to the next frame in time), and getTotalPlayTime is
+    // the span from the earliest to the latest frame. Building a time-ordered
+    // list reads the timestamps of the chosen entries once, without their
+    // payloads when the file is a SqliteLogFile. Throws like the constructor
+    // above, and std::runtime_error naming the file when its timestamps
+    // cannot be read.
+    LogFilePlayer(std::unique_ptr<LogFileInterface> logFile,
+                  const std::vector<MV_LogDataSourceType>& dataSourceTypes,
+                  const FrameCallback& frameCallback, const PlayerOptions& options);
     // Stops playback (joining the worker) and closes the file.
     ~LogFilePlayer();
     LogFilePlayer(LogFilePlayer&& other) noexcept;
@@ -89,8 +105,9 @@ public:
     void seek(int32_t frame, FrameCallback callback);
     // Seeks (as seek does) to the first frame whose timestamp is at or after
     // `timestamp` (milliseconds since the Unix epoch), found by bisection
-    // over the frames, which are in id order: a file whose timestamps are
-    // not ascending gets one such frame, not necessarily the earliest.
+    // over the frames. In id order a file whose timestamps are not ascending
+    // gets one such frame, not necessarily the earliest; in time order it is
+    // the earliest.
     // Answers the frame number; past the last frame's timestamp it is the
     // frame count, delivered like any seek past the end.
     int32_t seekToTime(int64_t timestamp, FrameCallback callback);
@@ -100,12 +117,16 @@ public:
     int32_t getTotalPlayTime();
     // Number of frames (an unsigned size; frame numbers are signed 32-bit).
     std::size_t getFrameCount() const;
+    // FrameOrder::Id unless the player was built with options asking for time.
+    FrameOrder getFrameOrder() const;
     // The file's data sources of the chosen types, in the file's order.
     const std::vector<DataSource>& getDataSources() const;
     // The file's bookmarks in the file's order, each with the first frame whose
     // entry id is not below its own (the last frame when there is none, -1
-    // without frames), and always without payload. Rebuilt wholesale by every
-    // bookmark edit: references into it are then invalid.
+    // without frames), and always without payload. In time order, the first
+    // frame not before the bookmark's entry in time (timestamp, then id), the
+    // last frame when there is none or the entry is unknown. Rebuilt
+    // wholesale by every bookmark edit: references into it are then invalid.
     const std::vector<PlayerBookmark>& getBookmarks() const;
     // The player keeps ownership.
     LogFileInterface* getUnderlyingLogFile() const;

@@ -14,6 +14,7 @@
 #include <logging/Durability.h>
 #include <logging/EntryIndexFilter.h>
 #include <logging/FailureKind.h>
+#include <logging/FrameOrder.h>
 #include <logging/LegacyLogFileError.h>
 #include <logging/LogFileInterface.h>
 #include <logging/LogFilePlayer.h>
@@ -22,6 +23,7 @@
 #include <logging/NotALogFileError.h>
 #include <logging/PlaybackPacing.h>
 #include <logging/PlayerBookmark.h>
+#include <logging/PlayerOptions.h>
 #include <logging/PropertyValue.h>
 #include <logging/Recorder.h>
 #include <logging/Recover.h>

@@ -12,6 +12,12 @@ LogFilePlayer::LogFilePlayer(std::unique_ptr<LogFileInterface> logFile,
     : d(std::make_unique<LogFilePlayerPrivate>(std::move(logFile), dataSourceTypes, frameCallback, loop,
                                                maxFrameDelayMs)) {}
 
+LogFilePlayer::LogFilePlayer(std::unique_ptr<LogFileInterface> logFile,
+                             const std::vector<MV_LogDataSourceType>& dataSourceTypes,
+                             const FrameCallback& frameCallback, const PlayerOptions& options)
+    : d(std::make_unique<LogFilePlayerPrivate>(std::move(logFile), dataSourceTypes, frameCallback, options)) {
+}
+
 // No guard for a moved-from player (null d): destroying one is outside the
 // contract. stop() failing here ends the process.
 LogFilePlayer::~LogFilePlayer() {
@@ -46,6 +52,10 @@ int32_t LogFilePlayer::getTotalPlayTime() {
 
 std::size_t LogFilePlayer::getFrameCount() const {
     return d->frames.size();
+}
+
+FrameOrder LogFilePlayer::getFrameOrder() const {
+    return d->order;
 }
 
 const std::vector<DataSource>& LogFilePlayer::getDataSources() const {

@@ -84,16 +84,48 @@ int32_t frameOfEntry(const std::vector<int32_t>& frames, int32_t entryId) {
 
 }  // namespace
 
-int64_t computeFrameWait(int64_t delta, int32_t maxFrameDelay, float speedMultiplier, int64_t carry) {
-    if (delta >= maxFrameDelay) {
-        return maxFrameDelay;
-    }
+namespace {
+
+int64_t scaledWaitMs(int64_t delta, float speedMultiplier) {
     float scaled = static_cast<float>(delta) / speedMultiplier;
     if (std::isnan(scaled)) {
         scaled = 0.0F;
     }
     scaled = std::clamp(scaled, -kLongestWaitMsFloat, kLongestWaitMsFloat);
-    return std::llroundf(scaled) - carry;
+    return std::llroundf(scaled);
+}
+
+}  // namespace
+
+int64_t computeFrameWait(int64_t delta, int32_t maxFrameDelay, float speedMultiplier, int64_t carry) {
+    if (delta >= maxFrameDelay) {
+        return maxFrameDelay;
+    }
+    return scaledWaitMs(delta, speedMultiplier) - carry;
+}
+
+int64_t computeCappedFrameWait(int64_t delta, std::optional<std::chrono::milliseconds> maxFrameDelay,
+                               float speedMultiplier, int64_t carry) {
+    if (maxFrameDelay) {
+        const int64_t cap = std::clamp<int64_t>(maxFrameDelay->count(), 0, kLongestWaitMs);
+        if (delta >= cap) {
+            return cap;
+        }
+    }
+    return scaledWaitMs(delta, speedMultiplier) - carry;
+}
+
+std::chrono::nanoseconds scaledFrameGap(int64_t timestampGapMs, float speed,
+                                        std::optional<std::chrono::milliseconds> maxFrameDelay) noexcept {
+    double scaledMs = static_cast<double>(timestampGapMs) / static_cast<double>(speed);
+    if (std::isnan(scaledMs) || scaledMs < 0.0) {
+        scaledMs = 0.0;
+    }
+    scaledMs = std::min(scaledMs, static_cast<double>(kLongestWaitMs));
+    if (maxFrameDelay) {
+        scaledMs = std::min(scaledMs, static_cast<double>(std::max<int64_t>(maxFrameDelay->count(), 0)));
+    }
+    return std::chrono::nanoseconds(std::llround(scaledMs * 1e6));
 }
 
 std::chrono::nanoseconds idealFrameGap(int64_t timestampGapMs, int32_t maxFrameDelayMs,
@@ -117,8 +149,67 @@ LogFilePlayerPrivate::LogFilePlayerPrivate(std::unique_ptr<LogFileInterface> fil
       frames(logFile->getEntryIndex(filterForDataSources(dataSources))),
       frameCallback(callback),
       loopPlayback(loop),
-      maxFrameDelay(maxFrameDelayMs) {
+      maxFrameDelay(maxFrameDelayMs),
+      sqliteFile(dynamic_cast<const SqliteLogFile*>(logFile.get())) {
     updateBookmarkList();
+}
+
+LogFilePlayerPrivate::LogFilePlayerPrivate(std::unique_ptr<LogFileInterface> file,
+                                           const std::vector<MV_LogDataSourceType>& dataSourceTypes,
+                                           const FrameCallback& callback, const PlayerOptions& options)
+    : logFile(requireLogFile(std::move(file))),
+      dataSources(selectDataSources(*logFile, dataSourceTypes)),
+      frameCallback(callback),
+      pacing(options.pacing),
+      loopPlayback(options.loop),
+      maxFrameDelay(std::numeric_limits<int32_t>::max()),
+      playbackSpeedMultiplier(options.speed),
+      // Reading advances first: the first play() delivers frame 0.
+      currentFrame(-1),
+      order(options.order),
+      builtWithOptions(true),
+      delayCap(options.maxFrameDelay),
+      sqliteFile(dynamic_cast<const SqliteLogFile*>(logFile.get())) {
+    const EntryIndexFilter filter = filterForDataSources(dataSources);
+    frames = order == FrameOrder::Time ? framesInTimeOrder(filter) : logFile->getEntryIndex(filter);
+    updateBookmarkList();
+}
+
+std::vector<int32_t> LogFilePlayerPrivate::framesInTimeOrder(const EntryIndexFilter& filter) const {
+    std::vector<std::pair<int64_t, int32_t>> keyed;
+    if (sqliteFile != nullptr) {
+        const bool read =
+            sqliteFile->visitEntrySummaries(EntryRange::all(), filter, [&keyed](const EntrySummary& entry) {
+                keyed.emplace_back(entry.timestamp, entry.entryId);
+                return true;
+            });
+        if (!read) {
+            throw std::runtime_error("Cannot order the frames of '" + sqliteFile->getFilePath().string() +
+                                     "' by time: " + sqliteFile->getLastFailure());
+        }
+    } else {
+        // Another implementation tells timestamps only with the entries.
+        const std::vector<int32_t> ids = logFile->getEntryIndex(filter);
+        keyed.reserve(ids.size());
+        int64_t previous = std::numeric_limits<int64_t>::min();
+        for (const int32_t id : ids) {
+            // An entry the file does not hand out stays beside the one before it.
+            if (const std::optional<DataEntry> entry = logFile->readEntry(id)) {
+                previous = entry->timestamp;
+            }
+            keyed.emplace_back(previous, id);
+        }
+    }
+    // A file written in time order costs no sort.
+    if (!std::is_sorted(keyed.begin(), keyed.end())) {
+        std::sort(keyed.begin(), keyed.end());
+    }
+    std::vector<int32_t> ordered;
+    ordered.reserve(keyed.size());
+    for (const auto& [timestamp, id] : keyed) {
+        ordered.push_back(id);
+    }
+    return ordered;
 }
 
 bool LogFilePlayerPrivate::isPlaying() {
@@ -174,6 +265,7 @@ void LogFilePlayerPrivate::seek(int32_t frame, const FrameCallback& callback) {
     // A later play() then waits the true gap from this frame to the next.
     if (currentEntry) {
         lastTimestamp = currentEntry->timestamp;
+        hasPrevious = !(currentIsPlaceholder && !hasPrevious);
     }
     deliverSought(frame, callback);
     if (wasPlaying) {
@@ -238,13 +330,56 @@ int64_t LogFilePlayerPrivate::timestampOfFrame(int32_t frame) {
 }
 
 int64_t LogFilePlayerPrivate::timestampOnlyOfFrame(int32_t frame) {
-    if (const auto* sqliteFile = dynamic_cast<const SqliteLogFile*>(logFile.get())) {
+    if (sqliteFile != nullptr) {
         if (const std::optional<int64_t> timestamp =
                 sqliteFile->getEntryTimestamp(frames[static_cast<std::size_t>(frame)])) {
             return *timestamp;
         }
     }
     return timestampOfFrame(frame);
+}
+
+std::optional<std::pair<int64_t, int32_t>> LogFilePlayerPrivate::timeKeyOfEntry(int32_t entryId) const {
+    if (sqliteFile != nullptr) {
+        if (const std::optional<int64_t> timestamp = sqliteFile->getEntryTimestamp(entryId)) {
+            return std::pair{*timestamp, entryId};
+        }
+        return std::nullopt;
+    }
+    if (const std::optional<DataEntry> entry = logFile->readEntry(entryId)) {
+        return std::pair{entry->timestamp, entryId};
+    }
+    return std::nullopt;
+}
+
+// The lower bound of the bookmark's entry among the frames ordered by
+// (timestamp, id): its own frame when it is played, the next one in time
+// otherwise, the last frame past the end or when the entry is unknown (a
+// SqliteLogFile hands out bookmarks of its own entries only).
+int32_t LogFilePlayerPrivate::frameOfEntryInTime(int32_t entryId) const {
+    if (frames.empty()) {
+        return -1;
+    }
+    const std::optional<std::pair<int64_t, int32_t>> key = timeKeyOfEntry(entryId);
+    const int32_t last = frameCount() - 1;
+    if (!key) {
+        return last;
+    }
+    int32_t low = 0;
+    int32_t high = frameCount();
+    while (low < high) {
+        const int32_t middle = low + (high - low) / 2;
+        const int32_t id = frames[static_cast<std::size_t>(middle)];
+        const std::optional<std::pair<int64_t, int32_t>> probe = timeKeyOfEntry(id);
+        // A frame the file cannot tell about is taken as its own id at the
+        // earliest time: the search still ends.
+        if (probe.value_or(std::pair{std::numeric_limits<int64_t>::min(), id}) < *key) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return std::min(low, last);
 }
 
 bool LogFilePlayerPrivate::readNextFrame() {
@@ -257,6 +392,7 @@ bool LogFilePlayerPrivate::readNextFrame() {
         }
         currentFrame = 0;
         lastTimestamp = 0;
+        hasPrevious = false;
     }
     if (currentFrame < 0) {
         return false;
@@ -277,7 +413,24 @@ void LogFilePlayerPrivate::readCurrentFrame() {
             unreadableFrameHandler(currentFrame, entryId, error.what());
         }
     }
+    currentIsPlaceholder = !entry;
     currentEntry = std::make_unique<DataEntry>(entry ? std::move(*entry) : placeholderForCurrentFrame());
+}
+
+int64_t LogFilePlayerPrivate::gapToCurrentFrame() const {
+    if (builtWithOptions && !hasPrevious) {
+        return 0;
+    }
+    return timestampGap(currentEntry->timestamp, lastTimestamp);
+}
+
+// A placeholder without a predecessor carries no time of its own (its
+// timestamp is lastTimestamp's), so the next frame is due at once too.
+void LogFilePlayerPrivate::advancePrevious() {
+    if (!(currentIsPlaceholder && !hasPrevious)) {
+        hasPrevious = true;
+    }
+    lastTimestamp = currentEntry->timestamp;
 }
 
 // The frame list comes from the file's own index, so every id should be
@@ -318,9 +471,11 @@ void LogFilePlayerPrivate::runPlayback() {
             finishPlayback();
             return;
         }
-        const int64_t wait = computeFrameWait(timestampGap(currentEntry->timestamp, lastTimestamp),
-                                              maxFrameDelay, playbackSpeedMultiplier.load(), carry);
-        lastTimestamp = currentEntry->timestamp;
+        const int64_t wait =
+            builtWithOptions
+                ? computeCappedFrameWait(gapToCurrentFrame(), delayCap, playbackSpeedMultiplier.load(), carry)
+                : computeFrameWait(gapToCurrentFrame(), maxFrameDelay, playbackSpeedMultiplier.load(), carry);
+        advancePrevious();
         const int64_t readTime = millisecondsSince(cycleStart);
         const Clock::time_point waitStart = Clock::now();
         int64_t overshoot = 0;
@@ -349,10 +504,11 @@ void LogFilePlayerPrivate::runExactPlayback() {
             finishPlayback();
             return;
         }
+        const float speed = playbackSpeedMultiplier.load();
         due += std::chrono::duration_cast<Clock::duration>(
-            idealFrameGap(timestampGap(currentEntry->timestamp, lastTimestamp), maxFrameDelay,
-                          playbackSpeedMultiplier.load()));
-        lastTimestamp = currentEntry->timestamp;
+            builtWithOptions ? scaledFrameGap(gapToCurrentFrame(), speed, delayCap)
+                             : idealFrameGap(gapToCurrentFrame(), maxFrameDelay, speed));
+        advancePrevious();
         {
             std::unique_lock lock(mutex);
             waitUntil(lock, due);
@@ -392,7 +548,8 @@ void LogFilePlayerPrivate::updateBookmarkList() {
     for (Bookmark& fileBookmark : fileBookmarks) {
         PlayerBookmark& bookmark = bookmarks.emplace_back(fileBookmark.entryId, std::move(fileBookmark.title),
                                                           std::move(fileBookmark.comments));
-        bookmark.frame = frameOfEntry(frames, fileBookmark.entryId);
+        bookmark.frame = order == FrameOrder::Time ? frameOfEntryInTime(fileBookmark.entryId)
+                                                   : frameOfEntry(frames, fileBookmark.entryId);
     }
 }
 

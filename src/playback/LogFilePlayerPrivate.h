@@ -7,6 +7,7 @@
 #include <logging/LogFilePlayer.h>
 #include <logging/MV_LogDataSourceType.h>
 #include <logging/PlayerBookmark.h>
+#include <logging/PlayerOptions.h>
 
 #include <atomic>
 #include <chrono>
@@ -14,8 +15,14 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
+
+namespace Marivane::Logging {
+class SqliteLogFile;
+}
 
 namespace Marivane::Logging::Playback {
 
@@ -27,6 +34,12 @@ namespace Marivane::Logging::Playback {
 // wrap) is shown as one fixed delay whatever the speed. The result may be
 // negative, meaning "deliver at once".
 int64_t computeFrameWait(int64_t delta, int32_t maxFrameDelay, float speedMultiplier, int64_t carry);
+
+// As computeFrameWait for a player built with options: the cap, when there is
+// one, still waits bare for gaps at or above it, and without one every gap
+// is scaled by the speed.
+int64_t computeCappedFrameWait(int64_t delta, std::optional<std::chrono::milliseconds> maxFrameDelay,
+                               float speedMultiplier, int64_t carry);
 
 // State of a LogFilePlayer and the worker loop that plays it.
 //
@@ -44,6 +57,9 @@ public:
     LogFilePlayerPrivate(std::unique_ptr<LogFileInterface> file,
                          const std::vector<MV_LogDataSourceType>& dataSourceTypes,
                          const FrameCallback& callback, bool loop, int32_t maxFrameDelayMs);
+    LogFilePlayerPrivate(std::unique_ptr<LogFileInterface> file,
+                         const std::vector<MV_LogDataSourceType>& dataSourceTypes,
+                         const FrameCallback& callback, const PlayerOptions& options);
     // Does not stop the worker: the owner stops it first. Destroying a player
     // whose worker thread is still joinable ends the process.
     ~LogFilePlayerPrivate() = default;
@@ -64,7 +80,8 @@ public:
     bool readNextFrame();
 
     // Rebuilds `bookmarks` from the file, each mapped to the first frame whose
-    // entry id is not below the bookmark's (the last frame when none is).
+    // entry id is not below the bookmark's (the last frame when none is); in
+    // time order, the first frame not before the bookmark's entry in time.
     void updateBookmarkList();
 
     bool isPlaying();
@@ -91,6 +108,19 @@ public:
     int64_t lastTimestamp = 0;
     bool playing = false;
 
+    // Set by the constructor that takes options; fixed afterwards.
+    FrameOrder order = FrameOrder::Id;
+    bool builtWithOptions = false;
+    std::optional<std::chrono::milliseconds> delayCap;
+    // The file as a SqliteLogFile when it is one: timestamps without payloads.
+    const SqliteLogFile* sqliteFile = nullptr;
+    // Players built with options only: whether lastTimestamp belongs to a
+    // frame played before the current one in this run. Frame 0 from the
+    // start and after a wrap has none and is due at once.
+    bool hasPrevious = false;
+    // The current entry stands for a frame that could not be read.
+    bool currentIsPlaceholder = false;
+
     // The worker thread's body; started by play() only.
     void runPlayback();
 
@@ -114,6 +144,15 @@ private:
     // A frame's timestamp without reading its payload when the file can tell
     // it (a SqliteLogFile); otherwise through timestampOfFrame.
     int64_t timestampOnlyOfFrame(int32_t frame);
+    // The frames of `filter` sorted by (timestamp, id).
+    std::vector<int32_t> framesInTimeOrder(const EntryIndexFilter& filter) const;
+    // (timestamp, id) of an entry, read without touching the playing state
+    // (bookmark edits run beside the worker); absent when unknown.
+    std::optional<std::pair<int64_t, int32_t>> timeKeyOfEntry(int32_t entryId) const;
+    int32_t frameOfEntryInTime(int32_t entryId) const;
+    // The gap from the previous frame to the current one, and the step to it.
+    int64_t gapToCurrentFrame() const;
+    void advancePrevious();
 };
 
 }  // namespace Marivane::Logging::Playback
