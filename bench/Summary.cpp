@@ -413,6 +413,17 @@ void printSummary(const Figures& figures, std::ostream& out) {
     }
 
     table.section(
+        "Entry checksums: write batches with checksums against without (library: with; baseline column: "
+        "without)");
+    for (int level : {0, -1}) {
+        for (std::size_t size : {std::size_t{1024}, std::size_t{16 * 1024}, std::size_t{256 * 1024}}) {
+            table.pair(figures, label("logData in a batch", level, size),
+                       writeName("checksums", "batchChecked", level, size),
+                       writeName("checksums", "batch", level, size), 0.95);
+        }
+    }
+
+    table.section(
         "The recorder's default (balanced: survives a kill) against fast, wall time (library: balanced; "
         "baseline column: fast)");
     for (std::size_t size : {std::size_t{1024}, std::size_t{64 * 1024}}) {

@@ -27,9 +27,10 @@ int64_t timestampOf(int64_t index) {
 }
 
 SqliteLogFile createLibraryFile(const std::string& path, int level,
-                                Logging::Durability durability = Logging::Durability::Fast) {
+                                Logging::Durability durability = Logging::Durability::Fast,
+                                bool entryChecksums = false) {
     SqliteLogFile file(path, "UTC", "marivane_bench", "1", static_cast<int8_t>(level), kFirstTimestamp,
-                       durability);
+                       durability, entryChecksums);
     DataSource source;
     source.name = "bench";
     if (!file.addDataSource(source) || source.id != kDataSourceId) {
@@ -117,11 +118,12 @@ void libraryLogDataIn(benchmark::State& state, int level, std::size_t size, Logg
     removeLogFile(path);
 }
 
-void libraryBatchIn(benchmark::State& state, int level, std::size_t size, Logging::Durability durability) {
+void libraryBatchIn(benchmark::State& state, int level, std::size_t size, Logging::Durability durability,
+                    bool entryChecksums = false) {
     const std::string path = freshPath("batch");
     const std::size_t perTransaction = entriesPerTransaction(size);
     {
-        SqliteLogFile file = createLibraryFile(path, level, durability);
+        SqliteLogFile file = createLibraryFile(path, level, durability, entryChecksums);
         DataEntry entry = makeEntry(size);
         int64_t index = 0;
         for (auto _ : state) {
@@ -221,6 +223,17 @@ void registerWriteBenchmarks(int round) {
         registerRound({durable("durability", "batchFast", libraryBatchIn, Logging::Durability::Fast),
                        durable("durability", "batchSafe", libraryBatchIn, Logging::Durability::Safe)},
                       round, wallClock);
+    }
+    // Entry checksums against none: write batches, CPU time (hashing is CPU).
+    for (int level : {0, -1}) {
+        for (std::size_t size : {std::size_t{1024}, std::size_t{16 * 1024}, std::size_t{256 * 1024}}) {
+            const auto batch = [level, size](const std::string& writer, bool checksums) {
+                return Member{writeName("checksums", writer, level, size), [=](benchmark::State& state) {
+                                  libraryBatchIn(state, level, size, Logging::Durability::Fast, checksums);
+                              }};
+            };
+            registerRound({batch("batch", false), batch("batchChecked", true)}, round, throughputSettings);
+        }
     }
 }
 

@@ -206,7 +206,7 @@ void lookOnce(const std::string& path, bool readOnly, ReaderTally& tally) {
 // A recorder in safe mode in another process, and a reader here that opens
 // the file again and again while it grows: each look sees a prefix of what
 // was recorded, exact bytes, never less than the look before.
-TEST(OtherProcesses, ALiveSafeRecordingReadsAsAGrowingPrefix) {
+void expectALiveRecordingReadsAsAGrowingPrefix(Durability durability) {
     TempDir dir;
     const std::string path = dir.file("live.mvlog");
     const pid_t recorderProcess = fork();
@@ -215,7 +215,7 @@ TEST(OtherProcesses, ALiveSafeRecordingReadsAsAGrowingPrefix) {
         int status = 0;
         try {
             RecorderOptions options;
-            options.durability = Durability::Safe;
+            options.durability = durability;
             options.maxCommitDelay = std::chrono::milliseconds(5);
             Recorder recorder(path, options);
             DataSource source{-1, MV_LogDataSourceType_Lidar, "lidar"};
@@ -276,6 +276,16 @@ TEST(OtherProcesses, ALiveSafeRecordingReadsAsAGrowingPrefix) {
     EXPECT_GE(static_cast<std::size_t>(file.getEntryCount()), previous);
     EXPECT_TRUE(integrityOk(path));
     std::printf("live: %d looks, last saw %zu of %d entries\n", looks, previous, file.getEntryCount());
+}
+
+TEST(OtherProcesses, ALiveSafeRecordingReadsAsAGrowingPrefix) {
+    expectALiveRecordingReadsAsAGrowingPrefix(Durability::Safe);
+}
+
+// The recorder's default: readers wait out each commit instead of reading
+// beside it, and still see a growing prefix.
+TEST(OtherProcesses, ALiveRecordingWithTheRecordersDefaultReadsAsAGrowingPrefix) {
+    expectALiveRecordingReadsAsAGrowingPrefix(RecorderOptions().durability);
 }
 
 #ifdef MVLOG_BINARY
