@@ -118,8 +118,8 @@ void libraryLogDataIn(benchmark::State& state, int level, std::size_t size, Logg
     removeLogFile(path);
 }
 
-void libraryBatchIn(benchmark::State& state, int level, std::size_t size, Logging::Durability durability,
-                    bool entryChecksums = false) {
+void libraryBatchWith(benchmark::State& state, int level, std::size_t size, Logging::Durability durability,
+                      bool entryChecksums) {
     const std::string path = freshPath("batch");
     const std::size_t perTransaction = entriesPerTransaction(size);
     {
@@ -180,6 +180,10 @@ void libraryLogData(benchmark::State& state, int level, std::size_t size) {
     libraryLogDataIn(state, level, size, Logging::Durability::Fast);
 }
 
+void libraryBatchIn(benchmark::State& state, int level, std::size_t size, Logging::Durability durability) {
+    libraryBatchWith(state, level, size, durability, false);
+}
+
 void libraryBatch(benchmark::State& state, int level, std::size_t size) {
     libraryBatchIn(state, level, size, Logging::Durability::Fast);
 }
@@ -229,7 +233,7 @@ void registerWriteBenchmarks(int round) {
         for (std::size_t size : {std::size_t{1024}, std::size_t{16 * 1024}, std::size_t{256 * 1024}}) {
             const auto batch = [level, size](const std::string& writer, bool checksums) {
                 return Member{writeName("checksums", writer, level, size), [=](benchmark::State& state) {
-                                  libraryBatchIn(state, level, size, Logging::Durability::Fast, checksums);
+                                  libraryBatchWith(state, level, size, Logging::Durability::Fast, checksums);
                               }};
             };
             registerRound({batch("batch", false), batch("batchChecked", true)}, round, throughputSettings);
