@@ -266,7 +266,8 @@ typedef struct MV_LogRecorderStats {
     int64_t maxLatencyMicroseconds;
 } MV_LogRecorderStats;
 /* Defaults: 256 MiB of queue, the cores minus one compression threads, 100 ms
- * of commit delay, MV_LOG_OVERFLOW_BLOCK. Null when out of memory. */
+ * of commit delay, MV_LOG_OVERFLOW_BLOCK, no reorder window, the time index
+ * built on close. Null when out of memory. */
 MV_LOGGING_EXPORT MV_LogRecorderOptions_p MV_LogRecorderOptions_Create(void);
 MV_LOGGING_EXPORT void MV_LogRecorderOptions_Destroy(MV_LogRecorderOptions_p options);
 /* At least 1. */
@@ -281,6 +282,19 @@ MV_LOGGING_EXPORT bool MV_LogRecorderOptions_SetMaxCommitDelay(MV_LogRecorderOpt
 MV_LOGGING_EXPORT bool MV_LogRecorderOptions_SetOverflowPolicy(MV_LogRecorderOptions_p options,
                                                                MV_LogOverflowPolicy policy,
                                                                MV_LogError_p* error);
+/* Time order in the file: entries are held until one at least `milliseconds`
+ * later (by timestamp) was recorded, and written in timestamp order (equal
+ * timestamps in the order they were recorded), so entry ids follow time when
+ * sources lag each other by less than the window. Later arrivals are written
+ * anyway and counted (MV_LogRecorder_GetLateCount). Flushing, closing and the
+ * other operations write everything held first. 0 (the default) writes in the
+ * order entries were recorded; negative values are refused. */
+MV_LOGGING_EXPORT bool MV_LogRecorderOptions_SetReorderWindow(MV_LogRecorderOptions_p options,
+                                                              int32_t milliseconds, MV_LogError_p* error);
+/* Whether closing builds the time index (as MV_LogFile_CreateTimeIndex);
+ * true by default. */
+MV_LOGGING_EXPORT void MV_LogRecorderOptions_SetBuildTimeIndexOnClose(MV_LogRecorderOptions_p options,
+                                                                      bool build);
 /* Refuses an existing path like MV_LogFile_Create; options may be NULL for the defaults. */
 MV_LOGGING_EXPORT MV_LogRecorder_p MV_LogRecorder_Create(const char* path, MV_LogConfig_p config,
                                                          MV_LogRecorderOptions_p options,
@@ -304,7 +318,12 @@ MV_LOGGING_EXPORT bool MV_LogRecorder_Record(MV_LogRecorder_p recorder, int8_t d
 MV_LOGGING_EXPORT bool MV_LogRecorder_Flush(MV_LogRecorder_p recorder, MV_LogError_p* error);
 /* `dropped` counts the entries dropped and refused. */
 MV_LOGGING_EXPORT void MV_LogRecorder_GetStats(MV_LogRecorder_p recorder, MV_LogRecorderStats* stats);
-/* Flushes, stops the threads and closes the file; Record answers false afterwards. */
+/* Entries written with a timestamp earlier than that of an entry written
+ * before them: out of time order in the file despite the reorder window
+ * (every such entry when there is none). */
+MV_LOGGING_EXPORT uint64_t MV_LogRecorder_GetLateCount(MV_LogRecorder_p recorder);
+/* Flushes, stops the threads, builds the time index unless told not to and
+ * closes the file; Record answers false afterwards. */
 MV_LOGGING_EXPORT bool MV_LogRecorder_Close(MV_LogRecorder_p recorder, MV_LogError_p* error);
 MV_LOGGING_EXPORT void MV_LogRecorder_Destroy(MV_LogRecorder_p recorder); /* closes if needed; accepts NULL */
 

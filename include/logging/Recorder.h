@@ -25,11 +25,12 @@ class RecorderPrivate;
 // record() only enqueues: compression runs on a pool of threads and one
 // writer thread inserts the entries, in transactions committed at least every
 // maxCommitDelay. Entries are stored in the order in which record() accepted
-// them, across threads, so entry ids follow acceptance order; the stored bytes
-// are those logData would store at the file's level. Data sources,
-// properties, metadata, resources and bookmarks go through the same queue and
-// keep their place relative to the entries; those calls wait for the writer
-// and answer what the file answered.
+// them, across threads, so entry ids follow acceptance order, or, with a
+// reorder window (RecorderOptions::reorderWindow), timestamp order; the
+// stored bytes are those logData would store at the file's level. Data
+// sources, properties, metadata, resources and bookmarks go through the same
+// queue and keep their place relative to the entries; those calls wait for
+// the writer and answer what the file answered.
 //
 // A failure of the writer (a full disk, an I/O error) never blocks or ends a
 // capture thread: the recorder stops accepting (record answers false), stats()
@@ -67,9 +68,11 @@ public:
     // Returns once everything accepted before the call is committed; false
     // when the writer has failed (stats().lastError says why).
     bool flush();
-    // Flushes, stops and joins every thread and closes the file. Idempotent;
-    // record() answers false afterwards. False when anything accepted could
-    // not be written.
+    // Flushes, stops and joins every thread, builds the time index unless
+    // told not to (RecorderOptions::buildTimeIndexOnClose) and closes the
+    // file. Idempotent; record() answers false afterwards. False when
+    // anything accepted could not be written; an index that could not be
+    // built leaves the file without it and says so in stats().lastError.
     bool close();
 
     RecorderStats stats() const;

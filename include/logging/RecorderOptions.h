@@ -49,6 +49,24 @@ struct RecorderOptions {
     std::chrono::milliseconds maxCommitDelay{100};
     std::size_t maxTransactionEntries = 65536;
     OverflowPolicy overflowPolicy = OverflowPolicy::Block;
+
+    // Time order in the file. Above 0, the writer holds each entry until an
+    // entry at least this much later (by timestamp) has been accepted, and
+    // writes what it holds in timestamp order (equal timestamps in the order
+    // record() accepted them): sources whose timestamps lag each other by
+    // less than the window get ids that follow time. An entry that arrives
+    // after a later one was written is written anyway and counted as late
+    // (RecorderStats::late). Held entries count against queueBytes, and the
+    // writer lets the earliest go when they fill half of it or a record()
+    // waits for room. flush(), close() and the other operations (data
+    // sources, metadata, bookmarks, ...) write everything held first. With
+    // a window, entry ids follow time rather than acceptance order. 0 (the
+    // default): every entry is written in acceptance order.
+    std::chrono::milliseconds reorderWindow{0};
+    // Builds the time index (SqliteLogFile::createTimeIndex) when the
+    // recorder closes, so that the file answers time queries without a scan.
+    // Not after a failure of the writer.
+    bool buildTimeIndexOnClose = true;
 };
 
 }  // namespace Marivane::Logging

@@ -16,6 +16,11 @@ struct RecorderStats {
     // refused (OverflowPolicy::Refuse, or after the recorder stopped).
     uint64_t dropped = 0;
     uint64_t refused = 0;
+    // Written entries whose timestamp is earlier than that of an entry
+    // written before them: out of time order in the file, beyond what
+    // RecorderOptions::reorderWindow could mend (every such entry when there
+    // is no window).
+    uint64_t late = 0;
     // Payload bytes accepted, and the bytes stored for the written entries
     // (compressed when the file compresses).
     uint64_t bytesIn = 0;

@@ -78,6 +78,20 @@ bool MV_LogRecorderOptions_SetOverflowPolicy(MV_LogRecorderOptions_p options, MV
     return true;
 }
 
+bool MV_LogRecorderOptions_SetReorderWindow(MV_LogRecorderOptions_p options, int32_t milliseconds,
+                                            MV_LogError_p* error) {
+    if (milliseconds < 0) {
+        storeError(error, "Invalid reorder window, value must be 0 (off) or more milliseconds.");
+        return false;
+    }
+    options->value.reorderWindow = std::chrono::milliseconds(milliseconds);
+    return true;
+}
+
+void MV_LogRecorderOptions_SetBuildTimeIndexOnClose(MV_LogRecorderOptions_p options, bool build) {
+    options->value.buildTimeIndexOnClose = build;
+}
+
 MV_LogRecorder_p MV_LogRecorder_Create(const char* path, MV_LogConfig_p config,
                                        MV_LogRecorderOptions_p options, MV_LogError_p* error) {
     MV_LogRecorder_p created = nullptr;
@@ -165,6 +179,15 @@ void MV_LogRecorder_GetStats(MV_LogRecorder_p recorder, MV_LogRecorderStats* sta
                                  current.bytesStored,
                                  current.queueHighWaterBytes,
                                  current.maxLatencyMicroseconds};
+}
+
+uint64_t MV_LogRecorder_GetLateCount(MV_LogRecorder_p recorder) {
+    try {
+        return recorder->recorder->stats().late;
+    } catch (...) {
+        // Out of memory for the error text that comes with the counts.
+        return 0;
+    }
 }
 
 bool MV_LogRecorder_Close(MV_LogRecorder_p recorder, MV_LogError_p* error) {

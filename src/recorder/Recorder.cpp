@@ -15,10 +15,13 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <limits>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace Marivane::Logging {
@@ -61,12 +64,24 @@ int32_t compressionThreadsFor(int32_t requested) {
     return std::max(1, cores - 1);
 }
 
+// later - earlier, saturated: timestamps are whatever the application gave.
+int64_t timestampDistance(int64_t later, int64_t earlier) {
+    int64_t distance = 0;
+    if (__builtin_sub_overflow(later, earlier, &distance)) {
+        return later < earlier ? std::numeric_limits<int64_t>::min() : std::numeric_limits<int64_t>::max();
+    }
+    return distance;
+}
+
 }  // namespace
 
 class RecorderPrivate {
 public:
     RecorderPrivate(const std::filesystem::path& path, const RecorderOptions& options)
-        : options_(options), path_(path), file_(createFile(path, options)) {
+        : options_(options),
+          path_(path),
+          file_(createFile(path, options)),
+          reorders_(options.reorderWindow.count() > 0) {
         compresses_ = StoreAccess::of(*file_).compressesPayloads();
         writer_ = std::thread([this] { runWriter(); });
         if (compresses_) {
@@ -160,6 +175,9 @@ public:
         }
         const bool flushed = flush();
         stopThreads();
+        if (flushed && options_.buildTimeIndexOnClose && !hasFailed()) {
+            buildTimeIndex();
+        }
         file_.reset();
         std::lock_guard lock(mutex_);
         closedCleanly_ = flushed && stats_.failed == 0 && failure_.empty();
@@ -240,6 +258,23 @@ private:
         return error.what();
     }
 
+    // On the closing thread, once the writer has ended. A file without the
+    // index is still a good file: the failure is told, not fatal.
+    void buildTimeIndex() noexcept {
+        std::string failure;
+        try {
+            if (!file_->createTimeIndex()) {
+                failure = file_->getLastError();
+            }
+        } catch (const std::exception& error) {
+            failure = error.what();
+        }
+        if (!failure.empty()) {
+            std::lock_guard lock(mutex_);
+            noteRefusal("Cannot build the time index of '" + path_.string() + "': " + failure);
+        }
+    }
+
     // Under the overflow policy: true when the entry may be queued.
     bool waitForRoom(std::unique_lock<std::mutex>& lock, std::size_t size) {
         const auto fits = [&] { return queuedBytes_ == 0 || queuedBytes_ + size <= options_.queueBytes; };
@@ -249,6 +284,12 @@ private:
         }
         if (fits()) {
             return true;
+        }
+        if (reorders_) {
+            // Entries held for ordering may be what fills the queue: the
+            // writer lets them go rather than hold the producers up.
+            roomWanted_ = true;
+            writerWanted_.notify_one();
         }
         switch (options_.overflowPolicy) {
             case OverflowPolicy::DropNewest:
@@ -323,7 +364,8 @@ private:
         std::unique_lock lock(mutex_);
         while (true) {
             const auto workOrStop = [&] {
-                return (!jobs_.empty() && jobs_.front().ready) || (stopped_ && jobs_.empty());
+                return (!jobs_.empty() && jobs_.front().ready) || (stopped_ && jobs_.empty()) ||
+                       (roomWanted_ && !held_.empty());
             };
             std::optional<Clock::time_point> deadline;
             if (!uncommitted.empty()) {
@@ -334,10 +376,25 @@ private:
             }
             takeReadyJobs(taken);
             const bool finished = stopped_ && jobs_.empty();
+            const bool roomWanted = std::exchange(roomWanted_, false);
             lock.unlock();
             bool commitNow = finished || (deadline && Clock::now() >= *deadline);
             for (Job& job : taken) {
+                if (reorders_ && job.kind == Job::Kind::Entry) {
+                    hold(std::move(job));
+                    continue;
+                }
+                // Everything accepted before an operation or a flush is
+                // written before it.
+                releaseHeld(true, batch, uncommitted);
+                noteWriteOrder(job);
                 commitNow = writeJobSafely(job, batch, uncommitted) || commitNow;
+                if (uncommitted.size() >= options_.maxTransactionEntries) {
+                    commitNow = true;
+                }
+            }
+            if (reorders_) {
+                releaseHeld(finished || roomWanted, batch, uncommitted);
                 if (uncommitted.size() >= options_.maxTransactionEntries) {
                     commitNow = true;
                 }
@@ -352,6 +409,49 @@ private:
             if (finished) {
                 return;
             }
+        }
+    }
+
+    // ---- time order (reorderWindow) ---------------------------------------
+    // The writer thread's own: held_ is read under the mutex by the writer
+    // only (its wake-up condition), so it needs no lock of its own.
+    void hold(Job&& job) {
+        newestHeld_ = newestHeld_ ? std::max(*newestHeld_, job.timestamp) : job.timestamp;
+        heldBytes_ += job.acceptedSize;
+        const std::pair<int64_t, uint64_t> key{job.timestamp, job.sequence};
+        held_.emplace(key, std::move(job));
+    }
+
+    // Writes the held entries that are due, earliest first: those at least
+    // the window older than the newest entry seen, then as many as keep the
+    // held bytes within half the queue; every one when `all`.
+    void releaseHeld(bool all, std::optional<SqliteLogFile::WriteBatch>& batch,
+                     std::vector<Clock::time_point>& uncommitted) {
+        const int64_t window = options_.reorderWindow.count();
+        while (!held_.empty()) {
+            auto earliest = held_.begin();
+            const bool due = all || heldBytes_ > options_.queueBytes / 2 ||
+                             timestampDistance(*newestHeld_, earliest->first.first) >= window;
+            if (!due) {
+                return;
+            }
+            Job job = std::move(earliest->second);
+            held_.erase(earliest);
+            heldBytes_ -= job.acceptedSize;
+            noteWriteOrder(job);
+            writeJobSafely(job, batch, uncommitted);
+        }
+    }
+
+    // Counts an entry written after one with a later timestamp.
+    void noteWriteOrder(const Job& job) {
+        if (job.kind != Job::Kind::Entry) {
+            return;
+        }
+        if (newestWritten_ && job.timestamp < *newestWritten_) {
+            ++pendingLate_;
+        } else {
+            newestWritten_ = job.timestamp;
         }
     }
 
@@ -451,13 +551,15 @@ private:
 
     // Gives the queue back the room of the entries written this round.
     void publishWrites() {
-        if (freedBytes_ == 0) {
+        if (freedBytes_ == 0 && pendingLate_ == 0) {
             return;
         }
         {
             std::lock_guard lock(mutex_);
             queuedBytes_ -= std::min<uint64_t>(queuedBytes_, freedBytes_);
+            stats_.late += pendingLate_;
         }
+        pendingLate_ = 0;
         freedBytes_ = 0;
         roomAvailable_.notify_all();
     }
@@ -536,6 +638,7 @@ private:
     const std::filesystem::path path_;
     std::unique_ptr<SqliteLogFile> file_;
     bool compresses_ = false;
+    const bool reorders_;
 
     mutable std::mutex mutex_;
     std::mutex closeMutex_;
@@ -551,6 +654,14 @@ private:
     // Written by the writer thread only.
     uint64_t pendingStoredBytes_ = 0;
     uint64_t freedBytes_ = 0;
+    uint64_t pendingLate_ = 0;
+    std::optional<int64_t> newestWritten_;
+    // Entries held for time order, by (timestamp, acceptance).
+    std::map<std::pair<int64_t, uint64_t>, Job> held_;
+    uint64_t heldBytes_ = 0;
+    std::optional<int64_t> newestHeld_;
+    // Set by a producer that found the queue full; guarded by mutex_.
+    bool roomWanted_ = false;
     std::atomic<bool> failed_{false};
     bool stopped_ = false;
     bool closed_ = false;

@@ -201,3 +201,121 @@ TEST(balanced_durability_is_a_mode_of_its_own) {
     MV_LogFile_Destroy(file);
     MV_LogConfig_Destroy(config);
 }
+
+static void read_timestamps_and_payloads(const char* path, int64_t* timestamps, char* payloads,
+                                         int32_t count) {
+    MV_LogError_p error = NULL;
+    MV_LogFile_p file = MV_LogFile_OpenReadOnly(path, &error);
+    int32_t stored = 0;
+    int32_t id;
+    CHECK(file != NULL);
+    CHECK(MV_LogFile_GetEntryCount(file, &stored, &error));
+    CHECK_INT_EQ(stored, count);
+    for (id = 1; id <= count; ++id) {
+        MV_LogDataEntry_p entry = NULL;
+        int64_t length = 0;
+        const uint8_t* data = NULL;
+        CHECK(MV_LogFile_ReadEntry(file, id, &entry, &error));
+        MV_LogDataEntry_GetTimestamp(entry, &timestamps[id - 1]);
+        MV_LogDataEntry_GetData(entry, &length, &data);
+        CHECK_INT_EQ(length, 1);
+        payloads[id - 1] = (char)data[0];
+        MV_LogDataEntry_Destroy(entry);
+    }
+    MV_LogFile_Destroy(file);
+}
+
+TEST(recorder_reorder_window_writes_time_order_and_counts_late_entries) {
+    const char* path = test_path("window.mvlog");
+    MV_LogConfig_p config = make_config(-1);
+    MV_LogRecorderOptions_p options = MV_LogRecorderOptions_Create();
+    MV_LogError_p error = NULL;
+    MV_LogRecorder_p recorder = NULL;
+    MV_LogRecorderStats stats;
+    int64_t timestamps[4];
+    char payloads[5] = {0, 0, 0, 0, 0};
+    int8_t source;
+    /* The statistics programs were compiled against keep their layout. */
+    CHECK_INT_EQ((int)sizeof(MV_LogRecorderStats), 8 * 8);
+    CHECK(!MV_LogRecorderOptions_SetReorderWindow(options, -1, &error));
+    CHECK_ERROR(error, "Invalid reorder window, value must be 0 (off) or more milliseconds.");
+    CHECK(MV_LogRecorderOptions_SetReorderWindow(options, 0, &error));
+    CHECK(MV_LogRecorderOptions_SetReorderWindow(options, 50, &error));
+    recorder = MV_LogRecorder_Create(path, config, options, &error);
+    CHECK(recorder != NULL);
+    source = add_recorder_source(recorder, MV_LogDataSourceType_Camera, "camera");
+    CHECK(MV_LogRecorder_Record(recorder, source, 0, 1000, (const uint8_t*)"a", 1));
+    CHECK(MV_LogRecorder_Record(recorder, source, 0, 970, (const uint8_t*)"b", 1));
+    CHECK(MV_LogRecorder_Record(recorder, source, 0, 1100, (const uint8_t*)"c", 1));
+    CHECK(MV_LogRecorder_Flush(recorder, &error));
+    CHECK_INT_EQ(MV_LogRecorder_GetLateCount(recorder), 0);
+    /* 1100 is written already: 900 is late, and written anyway. */
+    CHECK(MV_LogRecorder_Record(recorder, source, 0, 900, (const uint8_t*)"d", 1));
+    CHECK(MV_LogRecorder_Close(recorder, &error));
+    CHECK_INT_EQ(MV_LogRecorder_GetLateCount(recorder), 1);
+    MV_LogRecorder_GetStats(recorder, &stats);
+    CHECK_INT_EQ(stats.accepted, 4);
+    CHECK_INT_EQ(stats.written, 4);
+    MV_LogRecorder_Destroy(recorder);
+
+    read_timestamps_and_payloads(path, timestamps, payloads, 4);
+    CHECK_INT_EQ(timestamps[0], 970);
+    CHECK_INT_EQ(timestamps[1], 1000);
+    CHECK_INT_EQ(timestamps[2], 1100);
+    CHECK_INT_EQ(timestamps[3], 900);
+    CHECK(strcmp(payloads, "bacd") == 0);
+    MV_LogRecorderOptions_Destroy(options);
+    MV_LogConfig_Destroy(config);
+}
+
+TEST(recorder_without_a_window_keeps_the_order_of_recording_and_counts_late_entries) {
+    const char* path = test_path("nowindow.mvlog");
+    MV_LogConfig_p config = make_config(0);
+    MV_LogError_p error = NULL;
+    MV_LogRecorder_p recorder = MV_LogRecorder_Create(path, config, NULL, &error);
+    int64_t timestamps[3];
+    char payloads[4] = {0, 0, 0, 0};
+    int8_t source;
+    CHECK(recorder != NULL);
+    source = add_recorder_source(recorder, MV_LogDataSourceType_Camera, "camera");
+    CHECK(MV_LogRecorder_Record(recorder, source, 0, 1000, (const uint8_t*)"a", 1));
+    CHECK(MV_LogRecorder_Record(recorder, source, 0, 970, (const uint8_t*)"b", 1));
+    CHECK(MV_LogRecorder_Record(recorder, source, 0, 1100, (const uint8_t*)"c", 1));
+    CHECK(MV_LogRecorder_Close(recorder, &error));
+    CHECK_INT_EQ(MV_LogRecorder_GetLateCount(recorder), 1);
+    MV_LogRecorder_Destroy(recorder);
+    read_timestamps_and_payloads(path, timestamps, payloads, 3);
+    CHECK(strcmp(payloads, "abc") == 0);
+    MV_LogConfig_Destroy(config);
+}
+
+static bool recorded_file_has_time_index(const char* path, MV_LogRecorderOptions_p options) {
+    MV_LogConfig_p config = make_config(0);
+    MV_LogError_p error = NULL;
+    MV_LogRecorder_p recorder = MV_LogRecorder_Create(path, config, options, &error);
+    MV_LogFile_p file = NULL;
+    bool present = false;
+    int8_t source;
+    CHECK(recorder != NULL);
+    source = add_recorder_source(recorder, MV_LogDataSourceType_Generic, "generic");
+    CHECK(MV_LogRecorder_Record(recorder, source, 0, 5, (const uint8_t*)"x", 1));
+    CHECK(MV_LogRecorder_Close(recorder, &error));
+    MV_LogRecorder_Destroy(recorder);
+    file = MV_LogFile_OpenReadOnly(path, &error);
+    CHECK(file != NULL);
+    CHECK(MV_LogFile_HasTimeIndex(file, &present, &error));
+    MV_LogFile_Destroy(file);
+    MV_LogConfig_Destroy(config);
+    return present;
+}
+
+TEST(recorder_builds_the_time_index_on_close_unless_told_not_to) {
+    MV_LogRecorderOptions_p options = MV_LogRecorderOptions_Create();
+    CHECK(recorded_file_has_time_index(test_path("default.mvlog"), NULL));
+    CHECK(recorded_file_has_time_index(test_path("options.mvlog"), options));
+    MV_LogRecorderOptions_SetBuildTimeIndexOnClose(options, false);
+    CHECK(!recorded_file_has_time_index(test_path("without.mvlog"), options));
+    MV_LogRecorderOptions_SetBuildTimeIndexOnClose(options, true);
+    CHECK(recorded_file_has_time_index(test_path("with.mvlog"), options));
+    MV_LogRecorderOptions_Destroy(options);
+}
