@@ -8,6 +8,7 @@
 
 #include <logging/SqliteLogFile.h>
 
+#include <core/Checksum.h>
 #include <core/Chrono.h>
 #include <core/Compression.h>
 #include <database/SqliteDatabase.h>
@@ -512,7 +513,7 @@ void readSmallTablesWithSqlite(const SqliteDatabase& database, SmallTables& tabl
 // and their kinds. An INTEGER PRIMARY KEY column is stored as NULL in the
 // record (its value is the rowid), which tells data and dataSources apart
 // from tables with an ordinary integer first column.
-enum class Shape { Other, Data, DataSource, Property, Metadata, Resource, Bookmark };
+enum class Shape { Other, Data, DataSource, Property, Metadata, Resource, Bookmark, Checksum };
 
 bool isValueKind(Kind kind) {
     return kind == Kind::Integer || kind == Kind::Real || kind == Kind::Text;
@@ -545,6 +546,10 @@ Shape shapeOf(const std::vector<uint64_t>& serialTypes) {
         (kinds[2] == Kind::Text || kinds[2] == Kind::Null) &&
         (kinds[3] == Kind::Blob || kinds[3] == Kind::Null)) {
         return Shape::Bookmark;
+    }
+    // entryChecksums(entryId INTEGER PRIMARY KEY, checksum INT NOT NULL).
+    if (kinds.size() == 2 && kinds[0] == Kind::Null && kinds[1] == Kind::Integer) {
+        return Shape::Checksum;
     }
     return Shape::Other;
 }
@@ -661,8 +666,13 @@ struct SchemaRoots {
     uint32_t data = 0;
     std::vector<uint32_t> dataIndexes;
     std::vector<uint32_t> bookmarkIndexes;
+    // The schema names the table of entry checksums.
+    bool entryChecksums = false;
 
     void add(const std::string& type, const std::string& table, int64_t root) {
+        if (type == "table" && table == "entryChecksums") {
+            entryChecksums = true;
+        }
         if (root < 2 || root > std::numeric_limits<uint32_t>::max()) {
             return;
         }
@@ -717,9 +727,11 @@ public:
         if (database_) {
             readSmallTablesWithSqlite(*database_, tables_);
         }
+        findEntryChecksums();
         decideCompression();
         scanPagesForSmallTables();
         finishCompressionDecision();
+        finishChecksumDecision();
         {
             SqliteLogFile file = createOutput();
             output_ = &file;
@@ -734,6 +746,7 @@ public:
             writeResources();
             writeBookmarks();
             commitBatch();
+            noteChecksums();
             summariseEntries(sqliteReadEveryEntry);
             pending_.checkEntryCount(file, report_.entriesRecovered);
             output_ = nullptr;
@@ -841,7 +854,9 @@ private:
     }
 
     void scanPagesForSmallTables() {
-        if (tables_.allClean() && levelKnown_) {
+        const bool checksumCells = checksumTable_ == ChecksumTable::Unknown ||
+                                   (checksumTable_ == ChecksumTable::Present && !checksumsClean_);
+        if (tables_.allClean() && levelKnown_ && !checksumCells) {
             return;
         }
         report_.pagesScanned = true;
@@ -852,6 +867,9 @@ private:
                 if (shape == Shape::Data) {
                     return !levelKnown_ && !vote.full();
                 }
+                if (shape == Shape::Checksum) {
+                    return checksumCells;
+                }
                 return shape != Shape::Other;
             },
             [&](const ScannedCell& cell) {
@@ -859,6 +877,12 @@ private:
                 if (shape == Shape::Data) {
                     if (cell.complete && !cell.values.empty()) {
                         vote.add(cell.values[5].bytes.data(), cell.values[5].bytes.size());
+                    }
+                    return;
+                }
+                if (shape == Shape::Checksum) {
+                    if (checksumCells) {
+                        takeChecksumCell(cell);
                     }
                     return;
                 }
@@ -879,6 +903,138 @@ private:
         report_.notes.push_back(std::string("The compression level is lost; payloads look ") +
                                 (compressed_ ? "compressed, so the new file uses the default level."
                                              : "uncompressed, so the new file stores them as they are."));
+    }
+
+    // ---- entry checksums ----
+
+    // A file created with entry checksums has a table of them. Its schema
+    // says whether this one was, through SQLite or from page 1; when neither
+    // can be read, records of that table found by the page scan say so. The
+    // checksums are read through SQLite as far as it gets; the page scan
+    // adds those of entries it could not reach.
+    void findEntryChecksums() {
+        const SchemaRoots roots = schemaRoots();
+        if (!roots.known) {
+            checksumTable_ = ChecksumTable::Unknown;
+            return;
+        }
+        if (!roots.entryChecksums) {
+            checksumTable_ = ChecksumTable::Absent;
+            return;
+        }
+        checksumTable_ = ChecksumTable::Present;
+        if (!database_) {
+            return;
+        }
+        checksumsClean_ = ResilientTableReader(*database_, "entryChecksums", "checksum")
+                              .read([&](const SqliteQuery& query, int64_t rowid) {
+                                  if (const std::optional<int64_t> checksum = query.getIntegerFromColumn(1)) {
+                                      checksums_.emplace_back(rowid, *checksum);
+                                  }
+                              });
+        checksumsReadBySqlite_ = checksums_.size();
+    }
+
+    // A checksum SQLite read is never replaced by one found in the pages;
+    // another one found for the same entry (a stale copy) is kept beside the
+    // first, and the entry passes when its payload matches either.
+    void takeChecksumCell(const ScannedCell& cell) {
+        if (!cell.complete || cell.values.size() != 2 || cell.values[1].kind != Kind::Integer) {
+            return;
+        }
+        const auto sqliteEnd = checksums_.begin() + static_cast<std::ptrdiff_t>(checksumsReadBySqlite_);
+        const auto found = std::lower_bound(checksums_.begin(), sqliteEnd, cell.rowid, idBelow);
+        if (found != sqliteEnd && found->first == cell.rowid) {
+            return;
+        }
+        checksums_.emplace_back(cell.rowid, cell.values[1].integer);
+        ++checksumsFoundInPages_;
+    }
+
+    void finishChecksumDecision() {
+        if (checksumTable_ == ChecksumTable::Unknown) {
+            checksumTable_ = checksumsFoundInPages_ != 0 ? ChecksumTable::Present : ChecksumTable::Absent;
+            if (checksumTable_ == ChecksumTable::Present) {
+                report_.notes.push_back(
+                    "The schema is lost; the entry checksums found in the pages show that the file keeps "
+                    "them, so the new file does too.");
+            }
+        }
+        checksummed_ = checksumTable_ == ChecksumTable::Present;
+        std::sort(checksums_.begin(), checksums_.end());
+    }
+
+    static bool idBelow(const std::pair<int64_t, int64_t>& checksum, int64_t id) {
+        return checksum.first < id;
+    }
+
+    // How an entry's stored payload compares with the checksums kept for it.
+    enum class ChecksumMatch { Matches, Differs, Missing };
+    ChecksumMatch compareChecksum(const FoundEntry& entry) const {
+        const auto first = std::lower_bound(checksums_.begin(), checksums_.end(), entry.entryId, idBelow);
+        if (first == checksums_.end() || first->first != entry.entryId) {
+            return ChecksumMatch::Missing;
+        }
+        const auto actual = static_cast<int64_t>(Checksum::of(entry.payload, entry.size));
+        for (auto at = first; at != checksums_.end() && at->first == entry.entryId; ++at) {
+            if (at->second == actual) {
+                return ChecksumMatch::Matches;
+            }
+        }
+        return ChecksumMatch::Differs;
+    }
+
+    // What an entry found is worth: damaged; intact and vouched for by its
+    // checksum; or intact as far as a file without checksums can tell.
+    enum class Verdict { Damaged, Verified, Unverified };
+    Verdict judge(const FoundEntry& entry) {
+        if (!intact(entry)) {
+            return Verdict::Damaged;
+        }
+        if (!checksummed_) {
+            return Verdict::Unverified;
+        }
+        switch (compareChecksum(entry)) {
+            case ChecksumMatch::Matches:
+                return Verdict::Verified;
+            case ChecksumMatch::Differs:
+                // Bytes that look like a payload but are not the ones
+                // written: a mismatch is damage, never a recovered entry.
+                failedChecksums_.insert(entry.entryId);
+                return Verdict::Damaged;
+            case ChecksumMatch::Missing:
+                break;
+        }
+        return Verdict::Unverified;
+    }
+
+    // Whether an entry read through SQLite matched its checksum.
+    bool verifiedBySqliteRead(int64_t id) const {
+        return checksummed_ && !std::binary_search(uncheckedSqliteIds_.begin(), uncheckedSqliteIds_.end(),
+                                                   static_cast<int32_t>(id));
+    }
+
+    void noteChecksums() {
+        if (!failedChecksums_.empty()) {
+            const std::size_t failed = failedChecksums_.size();
+            report_.notes.push_back(
+                failed == 1
+                    ? std::string("1 entry failed its checksum and is lost: its stored payload is not the "
+                                  "one that was written.")
+                    : std::to_string(failed) +
+                          " entries failed their checksums and are lost: their stored payloads are not "
+                          "the ones that were written.");
+        }
+        if (entriesWithoutChecksum_ != 0) {
+            const bool one = entriesWithoutChecksum_ == 1;
+            report_.notes.push_back(
+                std::to_string(entriesWithoutChecksum_) + (one ? " entry has" : " entries have") +
+                " no readable checksum; " + (one ? "it was" : "they were") +
+                " recovered as from a file without checksums (" +
+                (compressed_ ? "the compressed frame" : "the recorded length and the pages") + " vouch" +
+                (compressed_ ? "es" : "") + " for " + (one ? "it" : "them") +
+                "), and the new file keeps no checksum for " + (one ? "it." : "them."));
+        }
     }
 
     // Whether a payload's stored bytes are intact, as far as they can tell:
@@ -907,7 +1063,8 @@ private:
         try {
             return SqliteLogFile(pending_.temporaryPath().string(), tables_.metadataText("currentTimeZone"),
                                  options_.applicationName, options_.applicationVersion, level_,
-                                 created.value_or(Chrono::msSinceUnixEpoch()), Durability::Fast);
+                                 created.value_or(Chrono::msSinceUnixEpoch()), Durability::Fast,
+                                 checksummed_);
         } catch (const std::exception& error) {
             throw WriteFailure("Cannot write '" + pending_.finalPath().string() + "': " + error.what(),
                                FullDisk::Possible);
@@ -993,7 +1150,11 @@ private:
         ++report_.dataSourcesRecreated;
     }
 
-    void writeEntry(const FoundEntry& entry) {
+    // The new file of a checksummed one writes a checksum with every entry,
+    // the same as the one it had when the entry matched it; an entry that had
+    // none keeps none, so that verifying reads of the new file still tell it
+    // apart.
+    void writeEntry(const FoundEntry& entry, Verdict verdict) {
         beginBatch();
         const auto source = static_cast<int8_t>(entry.dataSourceId);
         ensureDataSource(source);
@@ -1003,6 +1164,10 @@ private:
                 source, entryBytes_)) {
             throwWriteFailure("writing entry " + std::to_string(entry.entryId));
         }
+        if (checksummed_ && verdict == Verdict::Unverified) {
+            forgetChecksum(entry.entryId);
+            ++entriesWithoutChecksum_;
+        }
         ++report_.entriesRecovered;
         bytesInBatch_ += entry.size;
         if (++entriesInBatch_ == kBatchEntries || bytesInBatch_ >= kBatchBytes) {
@@ -1010,6 +1175,15 @@ private:
         }
         if (options_.progress && report_.entriesRecovered % kProgressEvery == 0) {
             options_.progress(report_.entriesRecovered);
+        }
+    }
+
+    void forgetChecksum(int64_t id) {
+        SqliteQuery remove(StoreAccess::of(*output_).database,
+                           "DELETE FROM entryChecksums WHERE entryId = :id;");
+        remove.bindParameter(":id", id);
+        if (remove.executeStep() != Database::StepDone) {
+            throwWriteFailure("writing entry " + std::to_string(id));
         }
     }
 
@@ -1031,12 +1205,16 @@ private:
                                    columns[4].integer,
                                    shaped ? columns[5].bytes.data : nullptr,
                                    shaped ? columns[5].bytes.size : 0};
-            if (!shaped || !intact(entry)) {
+            const Verdict verdict = shaped ? judge(entry) : Verdict::Damaged;
+            if (verdict == Verdict::Damaged) {
                 damagedIds_.insert(rowid);
                 return;
             }
-            writeEntry(entry);
+            writeEntry(entry, verdict);
             sqliteIds_.push_back(static_cast<int32_t>(rowid));
+            if (checksummed_ && verdict == Verdict::Unverified) {
+                uncheckedSqliteIds_.push_back(static_cast<int32_t>(rowid));
+            }
         });
         if (!clean) {
             report_.notes.push_back(
@@ -1062,7 +1240,8 @@ private:
     // Takes the entries SQLite could not reach from the pages; for
     // uncompressed files also drops entries whose overflow chain runs
     // through a zeroed page or past the end of the file, which SQLite reads
-    // back as zeros without complaint and no checksum would catch.
+    // back as zeros without complaint, unless their checksum vouches for
+    // the bytes.
     void scanPagesForEntries(bool sqliteReadEveryEntry) {
         report_.pagesScanned = report_.pagesScanned || !sqliteReadEveryEntry;
         std::set<int64_t> unsure;
@@ -1072,10 +1251,10 @@ private:
                 if (shapeOf(cell.serialTypes) != Shape::Data) {
                     return;
                 }
-                const bool sound =
-                    cell.complete && !cell.values.empty() && (compressed_ || !cell.zeroPageInChain);
+                const bool complete = cell.complete && !cell.values.empty();
+                const bool sound = complete && (compressed_ || !cell.zeroPageInChain);
                 if (readBySqlite(cell.rowid)) {
-                    if (!sound && !compressed_) {
+                    if (!sound && !compressed_ && !verifiedBySqliteRead(cell.rowid)) {
                         unsure.insert(cell.rowid);
                     }
                     return;
@@ -1083,20 +1262,22 @@ private:
                 if (sqliteReadEveryEntry || pageIds_.count(cell.rowid) != 0) {
                     return;
                 }
-                if (!sound) {
+                if (!complete || (!sound && !checksummed_)) {
                     damagedIds_.insert(cell.rowid);
                     return;
                 }
                 const std::vector<RecordValue>& v = cell.values;
                 const FoundEntry entry{cell.rowid,   v[1].integer,      v[2].integer,     v[3].integer,
                                        v[4].integer, v[5].bytes.data(), v[5].bytes.size()};
-                if (!intact(entry)) {
+                const Verdict verdict = judge(entry);
+                if (verdict == Verdict::Damaged || (!sound && verdict != Verdict::Verified)) {
                     damagedIds_.insert(cell.rowid);
                     return;
                 }
-                writeEntry(entry);
+                writeEntry(entry, verdict);
                 pageIds_.insert(cell.rowid);
                 damagedIds_.erase(cell.rowid);
+                failedChecksums_.erase(cell.rowid);
             });
         commitBatch();
         dropUnsureEntries(unsure);
@@ -1115,6 +1296,10 @@ private:
             }
             damagedIds_.insert(id);
             --report_.entriesRecovered;
+            // Only entries without a checksum are ever unsure, and they kept none.
+            if (checksummed_) {
+                --entriesWithoutChecksum_;
+            }
         }
         commitBatch();
         sqliteIds_.erase(std::remove_if(sqliteIds_.begin(), sqliteIds_.end(),
@@ -1265,6 +1450,10 @@ private:
         }
         if (!damagedIds_.empty()) {
             evidence.saw(*damagedIds_.rbegin());
+        }
+        // A checksum is written with its entry, in the same transaction.
+        if (checksummed_ && !checksums_.empty()) {
+            evidence.saw(checksums_.back().first);
         }
         if (sqliteHighest_) {
             evidence.knew(*sqliteHighest_);
@@ -1504,6 +1693,24 @@ private:
     CompressionVote vote_;
     bool levelKnown_ = false;
     bool compressed_ = false;
+    // Whether the damaged file keeps entry checksums; Unknown while neither
+    // SQLite nor page 1 gives its schema and the page scan has not looked.
+    enum class ChecksumTable { Absent, Present, Unknown };
+    ChecksumTable checksumTable_ = ChecksumTable::Absent;
+    bool checksummed_ = false;
+    bool checksumsClean_ = false;
+    // (entry id, checksum): SQLite's reads first, ascending, then those found
+    // in the pages; sorted once the page scan is done.
+    std::vector<std::pair<int64_t, int64_t>> checksums_;
+    std::size_t checksumsReadBySqlite_ = 0;
+    std::size_t checksumsFoundInPages_ = 0;
+    // Entries whose stored payload looked whole but did not match its
+    // checksum, and was not found whole elsewhere.
+    std::set<int64_t> failedChecksums_;
+    // Entries written without a checksum to vouch for them: those read
+    // through SQLite (ascending), and how many in all.
+    std::vector<int32_t> uncheckedSqliteIds_;
+    uint64_t entriesWithoutChecksum_ = 0;
     int8_t level_ = 0;
     int64_t logVersion_ = 4;
 

@@ -43,8 +43,8 @@ static int8_t source_of(int32_t id) {
     return id % 3 == 0 ? camera_id : gnss_id;
 }
 
-static void make_recover_input(const char* path) {
-    MV_LogFile_p file = create_log(path, -1);
+/* Fills a new file with the entries, resource and bookmark above, and closes it. */
+static void fill_recover_input(MV_LogFile_p file) {
     MV_LogError_p error = NULL;
     MV_LogResource_p resource = NULL;
     MV_LogBookmark_p bookmark = NULL;
@@ -66,6 +66,10 @@ static void make_recover_input(const char* path) {
     MV_LogBookmark_Destroy(bookmark);
     CHECK(error == NULL);
     MV_LogFile_Destroy(file);
+}
+
+static void make_recover_input(const char* path) {
+    fill_recover_input(create_log(path, -1));
 }
 
 static void copy_file(const char* from, const char* to) {
@@ -408,4 +412,60 @@ TEST(recover_details_respect_the_struct_size) {
     CHECK_ERROR(error, expected);
     CHECK(memcmp(&small, &untouched, sizeof small) == 0);
     CHECK(!path_exists(test_path("refused.mvlog")));
+}
+
+/* An uncompressed file with entry checksums, one byte of entry 1000's payload
+ * changed where the file stores it: every page is still well formed, and only
+ * the checksum tells. The entry is lost; the rest come back, with checksums. */
+TEST(recover_loses_an_entry_that_fails_its_checksum) {
+    const char* damaged = test_path("checked.mvlog");
+    const char* output = test_path("saved.mvlog");
+    MV_LogConfig_p config = make_config(0);
+    MV_LogError_p error = NULL;
+    MV_LogFile_p file = NULL;
+    MV_LogRecoveryReport report;
+    unsigned char payload[512];
+    unsigned char* bytes = NULL;
+    size_t length = 0;
+    size_t payload_length = 0;
+    size_t at;
+    size_t found = 0;
+    size_t places = 0;
+    bool checksums = false;
+    int32_t present = 0;
+    int32_t missing = 0;
+    REQUIRE(MV_LogConfig_SetChecksums(config, true, &error));
+    file = MV_LogFile_Create(damaged, config, &error);
+    MV_LogConfig_Destroy(config);
+    REQUIRE(file != NULL);
+    fill_recover_input(file);
+
+    payload_length = payload_of(1000, payload);
+    bytes = read_file(damaged, &length);
+    REQUIRE(bytes != NULL);
+    for (at = 0; at + payload_length <= length; ++at) {
+        if (memcmp(bytes + at, payload, payload_length) == 0) {
+            found = at;
+            ++places;
+        }
+    }
+    REQUIRE_INT_EQ(places, 1);
+    bytes[found + payload_length / 2] ^= 0x20;
+    write_file(damaged, bytes, length);
+    free(bytes);
+
+    memset(&report, 0, sizeof report);
+    REQUIRE(MV_LogAlgorithms_RecoverWithReport(damaged, output, &report, &error));
+    CHECK(error == NULL);
+    CHECK_INT_EQ(report.entriesRecovered, RECOVER_COUNT - 1);
+    CHECK_INT_EQ(report.entriesLost, 1);
+    check_recovered_entries(output, &present, &missing);
+    CHECK_INT_EQ(present, RECOVER_COUNT - 1);
+    CHECK_INT_EQ(missing, 1);
+
+    file = MV_LogFile_OpenReadOnly(output, &error);
+    REQUIRE(file != NULL);
+    CHECK(MV_LogFile_HasChecksums(file, &checksums, &error));
+    CHECK(checksums);
+    MV_LogFile_Destroy(file);
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <fstream>
 #include <stdexcept>
+#include <vector>
 
 namespace RecoverTest {
 
@@ -63,6 +64,43 @@ void overwritePage(const std::filesystem::path& path, uint32_t page, uint32_t pa
     file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
+ByteBuffer readWhole(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    ByteBuffer bytes(std::filesystem::file_size(path));
+    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
+}
+
+// Changes one byte of an entry's stored payload where the file holds it,
+// found as the only place on the entry's pages where the bytes around it
+// occur; false when no such place turns up (a payload too short or too
+// repetitive, or the bytes tried run across two pages).
+bool garbleOneByteOf(const OriginalFile& original, int32_t id, ByteBuffer& file, std::mt19937& random) {
+    constexpr std::size_t kAround = 12;
+    const ByteBuffer& stored = original.stored.at(id);
+    if (stored.size() < 2 * kAround + 1) {
+        return false;
+    }
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        const std::size_t at = pick(random, kAround, stored.size() - kAround - 1);
+        const auto window = stored.begin() + static_cast<std::ptrdiff_t>(at - kAround);
+        std::vector<std::size_t> places;
+        for (const uint32_t page : original.pagesOf.at(id)) {
+            const auto first = file.begin() + static_cast<std::ptrdiff_t>(page - 1) * original.pageSize;
+            const auto last = first + original.pageSize;
+            for (auto found = std::search(first, last, window, window + 2 * kAround + 1); found != last;
+                 found = std::search(found + 1, last, window, window + 2 * kAround + 1)) {
+                places.push_back(static_cast<std::size_t>(found - file.begin()) + kAround);
+            }
+        }
+        if (places.size() == 1) {
+            file[places.front()] ^= static_cast<std::byte>(pick(random, 1, 255));
+            return true;
+        }
+    }
+    return false;
+}
+
 std::vector<uint32_t> pagesOfType(const OriginalFile& original, uint8_t type) {
     PageScanner scanner(original.path, original.path);
     std::vector<uint32_t> pages;
@@ -84,13 +122,14 @@ ByteBuffer randomBytes(std::size_t size, std::mt19937& random) {
     return bytes;
 }
 
-OriginalFile writeOriginal(const std::filesystem::path& path, int8_t level, int entries,
-                           std::mt19937& random) {
+OriginalFile writeOriginal(const std::filesystem::path& path, int8_t level, int entries, std::mt19937& random,
+                           bool entryChecksums) {
     OriginalFile original;
     original.path = path;
     original.level = level;
     {
-        SqliteLogFile file(path.string(), "Europe/Oslo", "corpus", "1.0", level, kStart);
+        SqliteLogFile file(path.string(), "Europe/Oslo", "corpus", "1.0", level, kStart,
+                           Marivane::Logging::Durability::Fast, entryChecksums);
         std::vector<int8_t> sources;
         for (const char* name : {"camera", "lidar", "gnss"}) {
             DataSource source{-1, MV_LogDataSourceType_Generic, name};
@@ -132,6 +171,7 @@ OriginalFile writeOriginal(const std::filesystem::path& path, int8_t level, int 
                             if (!cell.complete) {
                                 throw std::runtime_error("a healthy file holds an incomplete cell");
                             }
+                            original.stored[static_cast<int32_t>(cell.rowid)] = cell.values[5].bytes;
                             std::vector<uint32_t>& pages = original.pagesOf[static_cast<int32_t>(cell.rowid)];
                             pages.push_back(cell.page);
                             pages.insert(pages.end(), cell.overflowPages.begin(), cell.overflowPages.end());
@@ -238,6 +278,21 @@ Damage damageCopy(const OriginalFile& original, const std::filesystem::path& cop
             for (uint32_t page = static_cast<uint32_t>(cut / size) + 1; page <= pages; ++page) {
                 damage.pages.insert(page);
             }
+            break;
+        }
+        case kGarbledInsidePayloads: {
+            damage.kind = "garbled inside a payload";
+            ByteBuffer bytes = readWhole(copy);
+            const std::size_t count = pick(random, 1, 4);
+            while (damage.entries.size() < count) {
+                const auto id = static_cast<int32_t>(pick(random, 1, original.stored.size()));
+                if (damage.entries.count(id) == 0 && garbleOneByteOf(original, id, bytes, random)) {
+                    damage.entries.insert(id);
+                }
+            }
+            std::ofstream(copy, std::ios::binary | std::ios::trunc)
+                .write(reinterpret_cast<const char*>(bytes.data()),
+                       static_cast<std::streamsize>(bytes.size()));
             break;
         }
         default:
