@@ -14,6 +14,7 @@ PropertyValue = Union[int, float, str]
 class Durability(enum.IntEnum):
     FAST: int
     SAFE: int
+    BALANCED: int
 
 class FailureKind(enum.IntEnum):
     NONE: int
@@ -28,6 +29,10 @@ class FailureKind(enum.IntEnum):
 class Pacing(enum.IntEnum):
     CARRY_MILLISECONDS: int
     EXACT: int
+
+class FrameOrder(enum.IntEnum):
+    ID: int
+    TIME: int
 
 class OverflowPolicy(enum.IntEnum):
     BLOCK: int
@@ -145,7 +150,8 @@ def _recover(damaged: str, output: str, application: str, version: str,
 
 class _Player:
     def __init__(self, path: str, callback: Callable[[int, Entry], Any], source_types: List[int], loop: bool,
-                 max_frame_delay_ms: int, speed: float, pacing: Pacing, on_error: Any, on_unreadable: Any) -> None: ...
+                 max_frame_delay_ms: Optional[int], speed: float, pacing: Pacing, on_error: Any, on_unreadable: Any,
+                 order: FrameOrder = ...) -> None: ...
     def play(self) -> None: ...
     def stop(self) -> None: ...
     def close(self) -> None: ...
@@ -154,6 +160,7 @@ class _Player:
     def seek_to_time(self, timestamp: int) -> int: ...
     def total_play_time_ms(self) -> int: ...
     delivered: int
+    order: FrameOrder
     frame_count: int
     data_sources: List[Tuple[int, int, str]]
     bookmarks: List[Tuple[int, str, str, int]]
@@ -167,10 +174,14 @@ class _Player:
 class _Recorder:
     def __init__(self, path: str, application: str, version: str, time_zone: str, level: int,
                  durability: Durability, queue_bytes: int, compression_threads: int, max_commit_delay_ms: int,
-                 max_transaction_entries: int, overflow: OverflowPolicy) -> None: ...
+                 max_transaction_entries: int, overflow: OverflowPolicy, reorder_window_ms: int = ...,
+                 build_time_index: bool = ...) -> None: ...
     path: str
     is_open: bool
     overflow: OverflowPolicy
+    durability: Durability
+    reorder_window_ms: int
+    build_time_index: bool
     def record(self, source: int, type: int, payload: Buffer, timestamp: Optional[int] = ...) -> bool: ...
     def add_data_source(self, type: int, name: str) -> int: ...
     def add_property(self, source: int, key: str, value: PropertyValue) -> None: ...
@@ -179,4 +190,4 @@ class _Recorder:
     def add_bookmark(self, entry_id: int, title: str, comments: str, payload: Optional[Buffer] = ...) -> None: ...
     def flush(self) -> None: ...
     def close(self) -> bool: ...
-    def stats(self) -> Tuple[int, int, int, int, int, int, int, int, int, str]: ...
+    def stats(self) -> Tuple[int, int, int, int, int, int, int, int, int, str, int]: ...

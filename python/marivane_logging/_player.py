@@ -6,7 +6,7 @@ import os
 from typing import Any, Callable, List, NamedTuple, Optional, Sequence, Tuple, Union
 
 from . import _core, _paths
-from ._core import Entry, Pacing
+from ._core import Entry, FrameOrder, Pacing
 from ._selection import SourceType, Time, int32, source_type, to_ms
 
 FrameCallback = Callable[[int, Entry], Any]
@@ -21,14 +21,28 @@ class PlayerBookmark(NamedTuple):
     frame: int
 
 
+_ORDERS = {"id": FrameOrder.ID, "time": FrameOrder.TIME}
+
+
+def _frame_order(value: Union[str, FrameOrder]) -> FrameOrder:
+    if isinstance(value, FrameOrder):
+        return value
+    if isinstance(value, str):
+        try:
+            return _ORDERS[value.lower()]
+        except KeyError:
+            pass
+    raise ValueError(f"order is 'id' or 'time', not {value!r}")
+
+
 class Player:
     """Replays a log file on a worker thread, calling `callback(frame, entry)` per frame.
 
     Frames are the entries whose data source has one of `source_types` (every
     entry when none matches or the list is empty), in id order. The worker
     waits for each entry's timestamp gap to the previous one, divided by
-    `speed` (at most `max_frame_delay_ms`), then calls the callback with the
-    GIL held; the player otherwise runs without it::
+    `speed` (at most `max_frame_delay_ms`, 1000 unless given), then calls the
+    callback with the GIL held; the player otherwise runs without it::
 
         def show(frame, entry):
             print(frame, entry.source, entry.timestamp, len(entry.payload))
@@ -53,6 +67,15 @@ class Player:
     properties may be used there. A player whose last reference a callback
     drops stops once that callback returns.
 
+    With ``order="time"`` the frames are the same entries in time order
+    (ascending timestamp, equal timestamps by id), whatever order they were
+    written in: :meth:`play` starts at frame 0, :meth:`seek_to_time` finds the
+    earliest frame at or after a time, bookmarks show at their entry's frame,
+    and the speed scales every gap; `max_frame_delay_ms`, when given, caps
+    the scaled gap, and `pacing` is :attr:`Pacing.EXACT` unless given. With
+    the default ``order="id"`` the first :meth:`play` starts at frame 1 (seek
+    to 0 first to see frame 0).
+
     The file must exist: a missing path raises :class:`LogFileNotFoundError`,
     a directory :class:`LogFileIsADirectoryError`.
     """
@@ -64,19 +87,24 @@ class Player:
         *,
         source_types: Sequence[int] = (),
         loop: bool = False,
-        max_frame_delay_ms: int = 1000,
+        max_frame_delay_ms: Optional[int] = None,
         speed: float = 1.0,
-        pacing: Pacing = Pacing.CARRY_MILLISECONDS,
+        pacing: Optional[Pacing] = None,
         on_error: Optional[Callable[[BaseException], Any]] = None,
         on_unreadable: Optional[Callable[[int, int, str], Any]] = None,
+        order: Union[str, FrameOrder] = "id",
     ) -> None:
         if not callable(callback):
             raise TypeError("callback must be callable as callback(frame, entry)")
+        frame_order = _frame_order(order)
         # The player opens the file for writing (for its bookmark edits),
         # which would make a new file of a missing path.
         path = _paths.existing(path)
         source_types = [int32(t, "source_types") for t in source_types]
-        max_frame_delay_ms = int32(max_frame_delay_ms, "max_frame_delay_ms")
+        if max_frame_delay_ms is not None:
+            max_frame_delay_ms = int32(max_frame_delay_ms, "max_frame_delay_ms")
+        if pacing is None:
+            pacing = Pacing.EXACT if frame_order == FrameOrder.TIME else Pacing.CARRY_MILLISECONDS
         with _paths.naming(path):
             self._native = _core._Player(
                 path,
@@ -88,6 +116,7 @@ class Player:
                 pacing,
                 on_error,
                 on_unreadable,
+                frame_order,
             )
 
     def __enter__(self) -> "Player":
@@ -129,6 +158,11 @@ class Player:
     @property
     def frame_count(self) -> int:
         return self._native.frame_count
+
+    @property
+    def order(self) -> str:
+        """``"id"`` or ``"time"``: the order the frames are played in."""
+        return "time" if self._native.order == FrameOrder.TIME else "id"
 
     @property
     def delivered(self) -> int:

@@ -38,7 +38,9 @@ class RecorderStats:
     longest time, in microseconds, from record() to the commit that made an
     entry durable (`max_latency` is the same in seconds). `last_error` says why
     the recorder stopped, or what the file last refused; empty when nothing
-    went wrong.
+    went wrong. `late` counts the written entries whose timestamp is earlier
+    than that of an entry written before them: out of time order in the file
+    despite the recorder's `reorder_window` (every such entry without one).
     """
 
     accepted: int
@@ -51,6 +53,7 @@ class RecorderStats:
     queue_high_water_bytes: int
     max_latency_us: int
     last_error: str
+    late: int = 0
 
     @property
     def max_latency(self) -> float:
@@ -70,19 +73,19 @@ def _overflow_policy(value: Union[str, OverflowPolicy]) -> OverflowPolicy:
                      f"not {value!r}")
 
 
-def _delay_ms(value: Union[float, int, _dt.timedelta]) -> int:
+def _delay_ms(value: Union[float, int, _dt.timedelta], name: str = "max_commit_delay") -> int:
     if isinstance(value, _dt.timedelta):
         seconds = value.total_seconds()
     elif isinstance(value, (int, float)) and not isinstance(value, bool):
         seconds = float(value)
     else:
-        raise TypeError(f"max_commit_delay is seconds (a float) or a timedelta, not {type(value).__name__}")
+        raise TypeError(f"{name} is seconds (a float) or a timedelta, not {type(value).__name__}")
     if math.isnan(seconds) or seconds < 0:
-        raise ValueError(f"max_commit_delay must be 0 or more seconds, not {value!r}")
+        raise ValueError(f"{name} must be 0 or more seconds, not {value!r}")
     # The library counts whole milliseconds: round up, so that a short delay
     # is not turned into "commit every entry at once" by accident.
     if seconds * 1000 > INT64_MAX:
-        raise OverflowError(f"max_commit_delay must fit in 64 bits of milliseconds: {value!r} is out of range")
+        raise OverflowError(f"{name} must fit in 64 bits of milliseconds: {value!r} is out of range")
     return math.ceil(seconds * 1000 - 1e-9)
 
 
@@ -101,7 +104,8 @@ class Recorder:
     :meth:`record` only queues the entry and returns: compression runs on a
     pool of native threads and one writer thread inserts the entries, committing
     at least every `max_commit_delay`. Entries are stored in the order record()
-    accepted them, across threads, so each thread's entries keep their order::
+    accepted them, across threads, so each thread's entries keep their order
+    (or in time order, with a `reorder_window`)::
 
         with ml.Recorder("run.mvlog", application="probe", version="1.0") as rec:
             cam = rec.add_data_source(ml.SourceType.CAMERA, "cam")
@@ -110,12 +114,28 @@ class Recorder:
             print(rec.stats.written, rec.stats.max_latency)
 
     `application`, `version`, `time_zone`, `level` and `durability` are the new
-    file's settings, as for :meth:`LogFile.create`. `queue_bytes` is the budget
-    of payload bytes that may wait in the queue; when it is full, `overflow`
-    decides: ``"block"`` (the default) waits for room, ``"drop_newest"`` and
+    file's settings, as for :meth:`LogFile.create`; the recorder's durability
+    is :attr:`Durability.BALANCED` unless told otherwise (a journal on disk
+    without flushes: every committed entry survives a kill of the process,
+    at nearly the speed of :attr:`Durability.FAST`; :attr:`Durability.SAFE`
+    also survives power cuts). `queue_bytes` is the budget of payload bytes
+    that may wait in the queue; when it is full, `overflow` decides:
+    ``"block"`` (the default) waits for room, ``"drop_newest"`` and
     ``"refuse"`` return False at once and count the entry as dropped or
-    refused. `compression_threads` = 0 uses the cores but one. The path must
-    not exist (:class:`FileExistsError`), its directory must
+    refused. `compression_threads` = 0 uses the cores but one.
+
+    `reorder_window` (seconds of timestamps, or a timedelta; 0, the default,
+    is off) writes the file in time order when sources lag each other by less
+    than it: each entry is held until one at least that much later (by
+    timestamp) was recorded, and the held entries are written by timestamp
+    (equal timestamps in the order recorded). Entry ids then follow time, not
+    the order of record() calls. An entry that arrives after a later one was
+    written is written anyway and counted in :attr:`RecorderStats.late`.
+    :meth:`flush`, :meth:`close` and the other calls write everything held
+    first. `build_time_index` (True by default) builds the time index when the
+    recorder closes, so the file answers time queries without a scan.
+
+    The path must not exist (:class:`FileExistsError`), its directory must
     (:class:`LogFileNotFoundError`), and it must not be empty (ValueError).
 
     Data sources, properties, metadata, resources and bookmarks go through the
@@ -139,12 +159,14 @@ class Recorder:
         version: str,
         time_zone: str = "Etc/UTC",
         level: int = -1,
-        durability: Durability = Durability.FAST,
+        durability: Durability = Durability.BALANCED,
         queue_bytes: int = 256 << 20,
         compression_threads: int = 0,
         max_commit_delay: Union[float, _dt.timedelta] = 0.1,
         max_transaction_entries: int = 65536,
         overflow: Union[str, OverflowPolicy] = "block",
+        reorder_window: Union[float, _dt.timedelta] = 0,
+        build_time_index: bool = True,
     ) -> None:
         path = _paths.given(path)
         if os.path.lexists(path):
@@ -174,6 +196,8 @@ class Recorder:
             _delay_ms(max_commit_delay),
             max_transaction_entries,
             _overflow_policy(overflow),
+            _delay_ms(reorder_window, "reorder_window"),
+            bool(build_time_index),
         )
 
     # ---- life ---------------------------------------------------------------
@@ -214,6 +238,21 @@ class Recorder:
     @property
     def overflow(self) -> OverflowPolicy:
         return self._native.overflow
+
+    @property
+    def durability(self) -> Durability:
+        """The durability the file is written with (:attr:`Durability.BALANCED` unless told otherwise)."""
+        return self._native.durability
+
+    @property
+    def reorder_window(self) -> float:
+        """The reorder window in seconds (0: entries are written in the order recorded)."""
+        return self._native.reorder_window_ms / 1000
+
+    @property
+    def build_time_index(self) -> bool:
+        """Whether closing builds the file's time index."""
+        return self._native.build_time_index
 
     # ---- recording ----------------------------------------------------------
     def record(self, source: int, type: int, payload: Any, timestamp: Optional[Time] = None) -> bool:
@@ -259,7 +298,7 @@ class Recorder:
         self._native.add_resource(name, data)
 
     def add_bookmark(self, entry_id: int, title: str, comments: str = "", payload: Any = b"") -> None:
-        """Marks an entry (by its id: the n-th accepted entry has id n in a new file)."""
+        """Marks an entry by its id: the n-th accepted entry has id n in a new file (without a reorder window)."""
         self._native.add_bookmark(int32(entry_id, "entry_id"), title, comments, payload)
 
     def flush(self) -> None:

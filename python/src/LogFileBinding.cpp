@@ -51,7 +51,10 @@ void bindLogFile(py::module_& m) {
     py::enum_<ml::Durability>(m, "Durability", "How a log file trades speed for safety (kept by the file).")
         .value("FAST", ml::Durability::Fast,
                "No flushes, journal in memory: fastest, a crash may lose writes.")
-        .value("SAFE", ml::Durability::Safe, "Write-ahead log with flushes: commits survive a crash.");
+        .value("SAFE", ml::Durability::Safe, "Write-ahead log with flushes: commits survive a crash.")
+        .value("BALANCED", ml::Durability::Balanced,
+               "Journal on disk without flushes: commits survive a kill of the process (the recorder's "
+               "default; not kept by the file).");
 
     py::enum_<ml::FailureKind>(m, "FailureKind", "What kind of failure a log file's most recent failure was.")
         .value("NONE", ml::FailureKind::None)

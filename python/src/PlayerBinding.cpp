@@ -2,6 +2,7 @@
 
 #include <logging/LogFilePlayer.h>
 #include <logging/PlaybackPacing.h>
+#include <logging/PlayerOptions.h>
 
 #include <pybind11/stl.h>
 
@@ -103,8 +104,8 @@ struct Orphan {
 class Player {
 public:
     Player(const std::string& path, py::object callback, const std::vector<int32_t>& sourceTypes, bool loop,
-           int32_t maxFrameDelayMs, float speed, pb::Pacing pacing, py::object onError,
-           py::object onUnreadable)
+           std::optional<int32_t> maxFrameDelayMs, float speed, pb::Pacing pacing, py::object onError,
+           py::object onUnreadable, pb::FrameOrder order)
         : state_(std::make_shared<PlayerState>()) {
         state_->callback = std::move(callback);
         state_->onError = std::move(onError);
@@ -154,8 +155,24 @@ public:
         };
         {
             py::gil_scoped_release release;
-            player_ = std::make_unique<pb::LogFilePlayer>(std::make_unique<ml::SqliteLogFile>(path), types,
-                                                          frameCallback, loop, maxFrameDelayMs);
+            if (order == pb::FrameOrder::Time) {
+                // Time order comes with the options' playback: frame 0 first,
+                // and a cap on the scaled gap only when one was given.
+                pb::PlayerOptions options;
+                options.order = order;
+                options.pacing = pacing;
+                options.loop = loop;
+                options.speed = speed;
+                if (maxFrameDelayMs) {
+                    options.maxFrameDelay = std::chrono::milliseconds(*maxFrameDelayMs);
+                }
+                player_ = std::make_unique<pb::LogFilePlayer>(std::make_unique<ml::SqliteLogFile>(path),
+                                                              types, frameCallback, options);
+            } else {
+                player_ =
+                    std::make_unique<pb::LogFilePlayer>(std::make_unique<ml::SqliteLogFile>(path), types,
+                                                        frameCallback, loop, maxFrameDelayMs.value_or(1000));
+            }
         }
         state_->frameCount = player_->getFrameCount();
         player_->setPlaybackSpeedMultiplier(speed);
@@ -413,12 +430,16 @@ void bindPlayer(py::module_& m) {
                "Gap divided by the speed, in whole milliseconds, less the previous lateness.")
         .value("EXACT", pb::Pacing::Exact, "Frames due on an absolute timeline: no drift.");
 
+    py::enum_<pb::FrameOrder>(m, "FrameOrder", "The order in which a player plays its frames.")
+        .value("ID", pb::FrameOrder::Id, "Ascending entry id: the order the entries were written in.")
+        .value("TIME", pb::FrameOrder::Time, "Ascending timestamp, equal timestamps by ascending id.");
+
     py::class_<Player>(m, "_Player", "The native player; use marivane_logging.Player instead.")
-        .def(py::init<const std::string&, py::object, const std::vector<int32_t>&, bool, int32_t, float,
-                      pb::Pacing, py::object, py::object>(),
+        .def(py::init<const std::string&, py::object, const std::vector<int32_t>&, bool,
+                      std::optional<int32_t>, float, pb::Pacing, py::object, py::object, pb::FrameOrder>(),
              py::arg("path"), py::arg("callback"), py::arg("source_types"), py::arg("loop"),
              py::arg("max_frame_delay_ms"), py::arg("speed"), py::arg("pacing"), py::arg("on_error"),
-             py::arg("on_unreadable"))
+             py::arg("on_unreadable"), py::arg("order") = pb::FrameOrder::Id)
         .def("play", &Player::play)
         .def("stop", &Player::stop)
         .def("close", &Player::close)
@@ -427,6 +448,7 @@ void bindPlayer(py::module_& m) {
         .def("seek_to_time", &Player::seekToTime, py::arg("timestamp"))
         .def("total_play_time_ms", &Player::totalPlayTime)
         .def_property_readonly("delivered", &Player::delivered)
+        .def_property_readonly("order", [](Player& self) { return self.player().getFrameOrder(); })
         .def_property_readonly("frame_count", [](Player& self) { return self.player().getFrameCount(); })
         .def_property_readonly(
             "data_sources",

@@ -40,7 +40,11 @@ int8_t sourceId(int32_t source) {
 class OpenRecorder {
 public:
     OpenRecorder(const std::filesystem::path& path, const ml::RecorderOptions& options)
-        : recorder_(std::make_unique<ml::Recorder>(path, options)), policy_(options.overflowPolicy) {}
+        : recorder_(std::make_unique<ml::Recorder>(path, options)),
+          policy_(options.overflowPolicy),
+          durability_(options.durability),
+          reorderWindowMs_(options.reorderWindow.count()),
+          buildsTimeIndex_(options.buildTimeIndexOnClose) {}
 
     ~OpenRecorder() {
         // Closing joins the threads and commits what is queued: let the other
@@ -58,6 +62,9 @@ public:
     ml::Recorder& recorder() { return *recorder_; }
     const ml::Recorder& recorder() const { return *recorder_; }
     ml::OverflowPolicy policy() const { return policy_; }
+    ml::Durability durability() const { return durability_; }
+    int64_t reorderWindowMs() const { return reorderWindowMs_; }
+    bool buildsTimeIndex() const { return buildsTimeIndex_; }
 
     bool isClosed() const { return closed_.load(); }
     // True for the one call that closes.
@@ -110,6 +117,9 @@ public:
 private:
     std::unique_ptr<ml::Recorder> recorder_;
     const ml::OverflowPolicy policy_;
+    const ml::Durability durability_;
+    const int64_t reorderWindowMs_;
+    const bool buildsTimeIndex_;
     std::atomic<bool> closed_{false};
 };
 
@@ -153,7 +163,8 @@ void bindRecorder(py::module_& m) {
         .def(py::init([](const std::string& path, const std::string& application, const std::string& version,
                          const std::string& timeZone, int level, ml::Durability durability,
                          std::size_t queueBytes, int32_t compressionThreads, int64_t maxCommitDelayMs,
-                         std::size_t maxTransactionEntries, ml::OverflowPolicy overflow) {
+                         std::size_t maxTransactionEntries, ml::OverflowPolicy overflow,
+                         int64_t reorderWindowMs, bool buildTimeIndex) {
                  if (level < -128 || level > 127) {
                      throw py::value_error("compression level out of range: " + std::to_string(level));
                  }
@@ -166,6 +177,9 @@ void bindRecorder(py::module_& m) {
                  if (maxTransactionEntries < 1) {
                      throw py::value_error("max_transaction_entries must be 1 or more");
                  }
+                 if (reorderWindowMs < 0) {
+                     throw py::value_error("reorder_window must not be negative");
+                 }
                  ml::RecorderOptions options;
                  options.applicationName = application;
                  options.applicationVersion = version;
@@ -177,15 +191,21 @@ void bindRecorder(py::module_& m) {
                  options.maxCommitDelay = std::chrono::milliseconds(maxCommitDelayMs);
                  options.maxTransactionEntries = maxTransactionEntries;
                  options.overflowPolicy = overflow;
+                 options.reorderWindow = std::chrono::milliseconds(reorderWindowMs);
+                 options.buildTimeIndexOnClose = buildTimeIndex;
                  return createRecorder(path, options);
              }),
              py::arg("path"), py::arg("application"), py::arg("version"), py::arg("time_zone"),
              py::arg("level"), py::arg("durability"), py::arg("queue_bytes"), py::arg("compression_threads"),
-             py::arg("max_commit_delay_ms"), py::arg("max_transaction_entries"), py::arg("overflow"))
+             py::arg("max_commit_delay_ms"), py::arg("max_transaction_entries"), py::arg("overflow"),
+             py::arg("reorder_window_ms") = 0, py::arg("build_time_index") = true)
         .def_property_readonly("path",
                                [](const OpenRecorder& self) { return self.recorder().path().string(); })
         .def_property_readonly("is_open", [](const OpenRecorder& self) { return !self.isClosed(); })
         .def_property_readonly("overflow", &OpenRecorder::policy)
+        .def_property_readonly("durability", &OpenRecorder::durability)
+        .def_property_readonly("reorder_window_ms", &OpenRecorder::reorderWindowMs)
+        .def_property_readonly("build_time_index", &OpenRecorder::buildsTimeIndex)
         .def(
             "record",
             [](OpenRecorder& self, int32_t source, int32_t type, const py::buffer& payload,
@@ -288,7 +308,7 @@ void bindRecorder(py::module_& m) {
             const ml::RecorderStats stats = self.recorder().stats();
             return py::make_tuple(stats.accepted, stats.written, stats.dropped, stats.refused, stats.failed,
                                   stats.bytesIn, stats.bytesStored, stats.queueHighWaterBytes,
-                                  stats.maxLatencyMicroseconds, stats.lastError);
+                                  stats.maxLatencyMicroseconds, stats.lastError, stats.late);
         });
 }
 

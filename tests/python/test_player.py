@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import threading
+import time
 
 import pytest
 
@@ -177,3 +178,66 @@ def test_on_unreadable_receives_unreadable_frames(tmp_path):
         p.play()
         assert p.wait(timeout=30)
     assert reports == [(2, 3, REASON)]
+
+
+OFFSETS = (50, 10, 70, 30, 20, 60, 40, 0)
+
+
+def shuffled_file(path):
+    """Ids 1 to 8 at OFFSETS (ms) after BASE; in time order: 8, 2, 5, 4, 7, 1, 6, 3."""
+    with ml.LogFile.create(path, application="a", version="1") as f:
+        cam = f.add_data_source(ml.SourceType.CAMERA, "cam")
+        for offset in OFFSETS:
+            f.log(cam, 1, b"%d" % offset, BASE + offset)
+        f.add_bookmark(4, "at 30")
+        f.add_bookmark(3, "last in time")
+
+
+TIME_ORDER = [8, 2, 5, 4, 7, 1, 6, 3]
+
+
+def test_time_order_plays_every_frame_from_frame_zero(tmp_path):
+    path = tmp_path / "shuffled.mvlog"
+    shuffled_file(path)
+    seen = []
+    with ml.Player(path, lambda frame, e: seen.append((frame, e.id, e.payload)), order="time", speed=100.0) as p:
+        assert p.order == "time"
+        assert p.frame_count == 8
+        assert p.total_play_time_ms == 70
+        p.play()
+        assert p.wait(timeout=30)
+    assert seen == [(i, id, b"%d" % OFFSETS[id - 1]) for i, id in enumerate(TIME_ORDER)]
+    with ml.Player(path, lambda frame, e: None) as p:
+        assert p.order == "id"
+
+
+def test_time_order_seeks_by_time_and_maps_bookmarks(tmp_path):
+    path = tmp_path / "shuffled.mvlog"
+    shuffled_file(path)
+    seen = []
+    with ml.Player(path, lambda frame, e: seen.append((frame, e.id)), order=ml._core.FrameOrder.TIME) as p:
+        assert p.seek_to_time(BASE + 25) == 3
+        assert p.seek_to_time(BASE - 5) == 0
+        assert sorted(p.bookmarks) == [ml.PlayerBookmark(3, "last in time", "", 7),
+                                       ml.PlayerBookmark(4, "at 30", "", 3)]
+    assert seen == [(3, 4), (0, 8)]
+
+
+def test_time_order_scales_every_gap_by_the_speed(tmp_path):
+    path = tmp_path / "slow.mvlog"
+    with ml.LogFile.create(path, application="a", version="1") as f:
+        mast = f.add_data_source(ml.SourceType.ENVIRONMENT, "mast")
+        for i in range(6):
+            f.log(mast, 1, b"reading", BASE + 1000 * i)
+    # 5 s of 1 Hz readings at 20x: 250 ms, where a 1 s cap would make it 5 s.
+    with ml.Player(path, lambda frame, e: None, order="time", speed=20.0, max_frame_delay_ms=1000) as p:
+        started = time.monotonic()
+        p.play()
+        assert p.wait(timeout=30)
+        elapsed = time.monotonic() - started
+    assert 0.2 <= elapsed < 2.0
+
+
+def test_an_unknown_order_is_refused(sample_path):
+    with pytest.raises(ValueError, match="order is 'id' or 'time', not 'random'"):
+        ml.Player(sample_path, lambda frame, e: None, order="random")

@@ -436,3 +436,99 @@ def test_exports_and_stats_type():
     assert stats.max_latency == 0.0025
     with pytest.raises(AttributeError):
         stats.accepted = 2
+
+
+def test_the_default_durability_is_balanced(tmp_path):
+    assert ml.Durability.BALANCED.name == "BALANCED"
+    with ml.Recorder(tmp_path / "default.mvlog", application="a", version="1") as rec:
+        assert rec.durability == ml.Durability.BALANCED
+    with ml.Recorder(tmp_path / "fast.mvlog", application="a", version="1", durability=ml.Durability.FAST) as rec:
+        assert rec.durability == ml.Durability.FAST
+    # A balanced file is an ordinary log file once closed; the mode belongs
+    # to the connection that wrote it.
+    with ml.LogFile.create(tmp_path / "created.mvlog", application="a", version="1",
+                           durability=ml.Durability.BALANCED) as f:
+        assert f.durability == ml.Durability.BALANCED
+    with ml.LogFile.open(tmp_path / "created.mvlog") as f:
+        assert f.durability == ml.Durability.FAST
+
+
+def stored(path):
+    with ml.LogFile.open(path) as f:
+        return [(e.id, e.timestamp, e.payload) for e in f]
+
+
+def test_a_reorder_window_writes_time_order_and_counts_late_entries(tmp_path):
+    path = tmp_path / "window.mvlog"
+    with ml.Recorder(path, application="a", version="1", reorder_window=0.05) as rec:
+        assert rec.reorder_window == 0.05
+        source = rec.add_data_source(ml.SourceType.CAMERA, "cam")
+        rec.record(source, 1, b"a", 1000)
+        rec.record(source, 1, b"b", 970)
+        rec.record(source, 1, b"c", 1100)
+        rec.flush()
+        assert rec.stats.late == 0
+        # 1100 is written already: 900 comes too late, and is written anyway.
+        rec.record(source, 1, b"d", 900)
+    assert rec.stats.late == 1
+    assert rec.stats.written == 4
+    assert stored(path) == [(1, 970, b"b"), (2, 1000, b"a"), (3, 1100, b"c"), (4, 900, b"d")]
+
+
+def test_without_a_window_entries_keep_the_order_recorded(tmp_path):
+    path = tmp_path / "plain.mvlog"
+    with ml.Recorder(path, application="a", version="1", reorder_window=dt.timedelta(0)) as rec:
+        assert rec.reorder_window == 0
+        source = rec.add_data_source(ml.SourceType.CAMERA, "cam")
+        rec.record(source, 1, b"a", 1000)
+        rec.record(source, 1, b"b", 970)
+        rec.record(source, 1, b"c", 1100)
+    assert rec.stats.late == 1
+    assert stored(path) == [(1, 1000, b"a"), (2, 970, b"b"), (3, 1100, b"c")]
+
+
+def test_threads_lagging_less_than_the_window_give_ids_that_follow_time(tmp_path):
+    path = tmp_path / "threads.mvlog"
+    steps = 100
+    barrier = threading.Barrier(3)
+    with ml.Recorder(path, application="a", version="1", reorder_window=dt.timedelta(milliseconds=100)) as rec:
+        sources = [rec.add_data_source(ml.SourceType.LIDAR, f"lidar-{t}") for t in range(3)]
+
+        def capture(t):
+            for step in range(steps):
+                # Thread t's clock lags by 20 ms per thread.
+                rec.record(sources[t], t, f"{t}:{step}".encode(), BASE + 10 * step - 20 * t)
+                barrier.wait()
+
+        threads = [threading.Thread(target=capture, args=(t,)) for t in range(3)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+    assert rec.stats.late == 0
+    entries = stored(path)
+    assert len(entries) == 3 * steps
+    timestamps = [timestamp for _, timestamp, _ in entries]
+    assert timestamps == sorted(timestamps)
+
+
+def test_the_time_index_is_built_on_close_unless_told_not_to(tmp_path):
+    for build, name in ((None, "default.mvlog"), (True, "with.mvlog"), (False, "without.mvlog")):
+        options = {} if build is None else {"build_time_index": build}
+        with ml.Recorder(tmp_path / name, application="a", version="1", **options) as rec:
+            assert rec.build_time_index is (build is not False)
+            source = rec.add_data_source(0, "s")
+            rec.record(source, 1, b"x", BASE)
+            rec.flush()
+            with ml.LogFile.open(tmp_path / name) as f:
+                assert not f.has_time_index
+        with ml.LogFile.open(tmp_path / name) as f:
+            assert f.has_time_index is (build is not False)
+
+
+def test_a_negative_reorder_window_is_refused(tmp_path):
+    with pytest.raises(ValueError, match="reorder_window must be 0 or more seconds, not -0.5"):
+        ml.Recorder(tmp_path / "negative.mvlog", application="a", version="1", reorder_window=-0.5)
+    with pytest.raises(TypeError, match="reorder_window is seconds"):
+        ml.Recorder(tmp_path / "text.mvlog", application="a", version="1", reorder_window="1s")
+    assert not os.path.exists(tmp_path / "negative.mvlog")
