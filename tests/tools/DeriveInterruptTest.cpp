@@ -83,8 +83,8 @@ struct SignalledRun {
 std::optional<SignalledRun> signalWhileWriting(const std::string& big, const std::string& output, int signal,
                                                const std::function<std::vector<std::string>(int)>& command) {
     const std::filesystem::path directory = std::filesystem::path(output).parent_path();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(150);
-    for (int entries = 300; std::chrono::steady_clock::now() < deadline; entries *= 2) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(90);
+    for (int entries = 300; entries <= 4800 && std::chrono::steady_clock::now() < deadline; entries *= 2) {
         std::filesystem::remove(big);
         writeIncompressibleFile(big, entries);
         SignalledRun run;
@@ -93,7 +93,7 @@ std::optional<SignalledRun> signalWhileWriting(const std::string& big, const std
         const std::string program = arguments.front();
         arguments.erase(arguments.begin());
         ChildProcess child(program, arguments);
-        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         bool writing = false;
         while (!writing && std::chrono::steady_clock::now() < giveUp && !std::filesystem::exists(output)) {
             const std::optional<std::filesystem::path> partial = partialFileFor(output);
@@ -104,13 +104,16 @@ std::optional<SignalledRun> signalWhileWriting(const std::string& big, const std
             }
         }
         if (!writing) {
-            const RunResult finished = child.wait(std::chrono::seconds(120));
-            EXPECT_EQ(finished.exitCode, 0) << finished.err;
+            const RunResult finished = child.wait(std::chrono::seconds(60));
+            if (finished.exitCode != 0) {
+                ADD_FAILURE() << "the command failed before it could be signalled: " << finished.err;
+                return std::nullopt;
+            }
             std::filesystem::remove(output);
             continue;
         }
         child.sendSignal(signal);
-        run.result = child.wait(std::chrono::seconds(120));
+        run.result = child.wait(std::chrono::seconds(60));
         return run;
     }
     ADD_FAILURE() << "the command always finished before it could be signalled";
