@@ -197,6 +197,18 @@ TEST_F(CraftedValues, AnEntryOfAMissingDataSourceIsNamedAsSuch) {
               "mvlog: entry 7 refers to data source 9, which the file does not have\n"
               "mvlog: 1 of 101 entries could not be read\n");
     EXPECT_EQ(cat.outLines().size(), static_cast<std::size_t>(kKnownEntries - 1));
+    // By id and by time too, though the index leaves the entry out.
+    const RunResult byId = runMvlog({"cat", path, "--from", "7", "--to", "7"});
+    EXPECT_EQ(byId.exitCode, 1);
+    EXPECT_EQ(byId.err,
+              "mvlog: entry 7 refers to data source 9, which the file does not have\n"
+              "mvlog: 1 of 1 entries could not be read\n");
+    const RunResult byTime = runMvlog({"cat", path, "--start", "+0.5", "--end", "+0.7"});
+    EXPECT_EQ(byTime.exitCode, 1);
+    EXPECT_EQ(byTime.err,
+              "mvlog: entry 7 refers to data source 9, which the file does not have\n"
+              "mvlog: 1 of 3 entries could not be read\n");
+    EXPECT_EQ(byTime.outLines().size(), 2u) << byTime.out;
 
     const RunResult info = runMvlog({"info", path});
     EXPECT_EQ(info.exitCode, 0) << info.err;

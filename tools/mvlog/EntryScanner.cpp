@@ -157,15 +157,10 @@ void EntryScanner::run(const EntryHandler& onEntry, const DamageHandler& onDamag
     file_.visitEntries(
         range, selection_.filter,
         [&](const EntryView& view) {
-            if (takeListed(view.entryId)) {
-                deliver(view, onEntry, onDamaged);
-            } else if (!fileHasSource(view.dataSourceId)) {
-                report(onDamaged, {view.entryId,
-                                   fmt::format("refers to data source {}, which the file does not have",
-                                               view.dataSourceId),
-                                   true});
-            }
             // Other unlisted entries: a writer added them since.
+            if (takeListed(view.entryId) || !fileHasSource(view.dataSourceId)) {
+                deliver(view, onEntry, onDamaged);
+            }
             return !limited || next < ids_.size();
         },
         options);
@@ -205,6 +200,14 @@ VisitOptions EntryScanner::optionsReportingTo(const DamageHandler& onDamaged) {
 
 void EntryScanner::deliver(const EntryView& view, const EntryHandler& onEntry,
                            const DamageHandler& onDamaged) {
+    // The index leaves such an entry out, but a read by id or by time finds it.
+    if (!fileHasSource(view.dataSourceId)) {
+        report(
+            onDamaged,
+            {view.entryId,
+             fmt::format("refers to data source {}, which the file does not have", view.dataSourceId), true});
+        return;
+    }
     try {
         ++met_;
         onEntry(scannedFrom(view));
