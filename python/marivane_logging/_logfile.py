@@ -146,6 +146,7 @@ class LogFile:
         level: int = -1,
         durability: Durability = Durability.FAST,
         created: Optional[Time] = None,
+        checksums: bool = False,
     ) -> "LogFile":
         """Creates a log file and writes its fixed metadata.
 
@@ -153,7 +154,11 @@ class LogFile:
         the zstd compression level of payloads (-1 is the codec's default, 0
         stores them uncompressed); `durability` is kept by the file
         (:attr:`Durability.SAFE` survives crashes at some cost in speed);
-        `created` defaults to now. An existing file is refused
+        `created` defaults to now. With ``checksums=True`` the file keeps a
+        checksum of every entry's stored payload, so that damage inside a
+        payload can be told from data (``verify_checksums`` of :meth:`entries`
+        and :meth:`visit`, :func:`recover`); a file created without them is
+        exactly what it always was. An existing file is refused
         (:class:`FileExistsError`): the library would keep its metadata. A
         missing directory raises :class:`LogFileNotFoundError`, an empty path
         ValueError.
@@ -170,6 +175,7 @@ class LogFile:
             compression_level(level),
             durability,
             None if created is None else to_ms(created),
+            bool(checksums),
         )
         return cls(native)
 
@@ -213,6 +219,11 @@ class LogFile:
     @property
     def durability(self) -> Durability:
         return self._native.durability
+
+    @property
+    def has_checksums(self) -> bool:
+        """Whether the file keeps a checksum of every entry (chosen when it was created)."""
+        return self._native.has_checksums
 
     @property
     def failure_count(self) -> int:
@@ -328,6 +339,7 @@ class LogFile:
         source_types: Ints = None,
         time: Optional[Tuple[Optional[Time], Optional[Time]]] = None,
         payload_as: str = "bytes",
+        verify_checksums: bool = False,
     ) -> Iterator[Entry]:
         """Streams the selected entries in id order.
 
@@ -349,6 +361,13 @@ class LogFile:
           keeps its whole chunk in memory: take ``bytes(view)`` to keep one
           payload for long.
 
+        With ``verify_checksums=True``, in a file that keeps checksums
+        (:attr:`has_checksums`), each stored payload is compared with the
+        checksum written with it: an entry that does not match, or has none,
+        raises :class:`DamagedError` naming the entry and the file, as a
+        payload that does not expand does. Files without checksums read as
+        they always do.
+
         For zero-copy access use :meth:`visit`.
         """
         names = self._names(sources)
@@ -358,6 +377,7 @@ class LogFile:
             payload_as=payload_as,
             chunk_entries=CHUNK_ENTRIES,
             chunk_bytes=CHUNK_BYTES,
+            verify_checksums=bool(verify_checksums),
         )
 
     def visit(
@@ -371,6 +391,7 @@ class LogFile:
         source_types: Ints = None,
         time: Optional[Tuple[Optional[Time], Optional[Time]]] = None,
         payload_as: str = "memoryview",
+        verify_checksums: bool = False,
     ) -> int:
         """Calls `callback(entry)` for each selected entry; answers how many it saw.
 
@@ -386,6 +407,11 @@ class LogFile:
         The callback may read this file (look entries up, visit again), but
         closing the file or writing to it while the visit walks it raises
         RuntimeError: close or write after visit() returns.
+
+        ``verify_checksums=True`` compares each stored payload with its
+        checksum, as in :meth:`entries`: the visit ends at the first entry
+        that does not match (the callback has seen the entries before it) and
+        raises :class:`DamagedError`.
         """
         names = self._names(sources)
         return _core._visit(
@@ -393,6 +419,7 @@ class LogFile:
             callback,
             **selection(start, end, sources, types, source_types, time, names),
             payload_as=payload_as,
+            verify_checksums=bool(verify_checksums),
         )
 
     def index(

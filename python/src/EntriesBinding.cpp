@@ -2,6 +2,7 @@
 
 #include <logging/EntrySummary.h>
 #include <logging/EntryView.h>
+#include <logging/VisitOptions.h>
 
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>
@@ -75,6 +76,18 @@ py::array arrayOwning(std::vector<std::byte>&& bytes) {
     return array;
 }
 
+// visitEntries with the visitor last, where a long lambda reads best.
+template <typename Visitor>
+bool visitSelection(const ml::SqliteLogFile& file, const Selection& selection, bool verifyChecksums,
+                    const Visitor& visitor) {
+    // Without a handler for damaged entries the first one (a payload that
+    // does not expand, or does not match its checksum) ends the read as
+    // failed, which raises.
+    ml::VisitOptions options;
+    options.verifyChecksums = verifyChecksums;
+    return file.visitEntries(selection.range, selection.filter, visitor, options);
+}
+
 // Streams the selected entries by visiting them a chunk at a time: each
 // visit stops after `chunkEntries` entries or `chunkBytes` of payload, and
 // the next one starts after the last id handed out, so memory stays bounded
@@ -82,12 +95,13 @@ py::array arrayOwning(std::vector<std::byte>&& bytes) {
 class EntryIterator {
 public:
     EntryIterator(Handle file, Selection selection, PayloadAs payloadAs, std::size_t chunkEntries,
-                  std::size_t chunkBytes)
+                  std::size_t chunkBytes, bool verifyChecksums)
         : file_(std::move(file)),
           selection_(std::move(selection)),
           payloadAs_(payloadAs),
           chunkEntries_(std::max<std::size_t>(chunkEntries, 1)),
-          chunkBytes_(std::max<std::size_t>(chunkBytes, 1)) {}
+          chunkBytes_(std::max<std::size_t>(chunkBytes, 1)),
+          verifyChecksums_(verifyChecksums) {}
 
     py::object next() {
         // Filling may let other Python code run on this iterator: the garbage
@@ -143,7 +157,7 @@ private:
         std::vector<Pending> pending;
         const bool copyToArena = payloadAs_ != PayloadAs::Bytes;
         uint64_t before = file.getFailureCount();
-        bool ok = file.visitEntries(selection_.range, selection_.filter, [&](const ml::EntryView& view) {
+        bool ok = visitSelection(file, selection_, verifyChecksums_, [&](const ml::EntryView& view) {
             if (copyToArena) {
                 pending.push_back(Pending{view.entryId, view.dataSourceId, view.type, view.timestamp,
                                           arena.size(), view.size});
@@ -195,6 +209,7 @@ private:
     PayloadAs payloadAs_;
     std::size_t chunkEntries_;
     std::size_t chunkBytes_;
+    bool verifyChecksums_;
     std::vector<py::object> chunk_;
     std::size_t position_ = 0;
     bool finished_ = false;
@@ -358,20 +373,20 @@ void bindEntries(py::module_& m) {
         [](const Handle& file, int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
            const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
            const std::vector<int32_t>& sourceTypes, const std::string& payloadAs, std::size_t chunkEntries,
-           std::size_t chunkBytes) {
+           std::size_t chunkBytes, bool verifyChecksums) {
             file->file();  // a closed file fails here, not at the first next()
             return EntryIterator(file,
                                  selectionFrom(firstId, lastId, startMs, endMs, sources, types, sourceTypes),
-                                 parsePayloadAs(payloadAs), chunkEntries, chunkBytes);
+                                 parsePayloadAs(payloadAs), chunkEntries, chunkBytes, verifyChecksums);
         },
         py::arg("file"), MV_SELECTION_ARGS, py::arg("payload_as"), py::arg("chunk_entries"),
-        py::arg("chunk_bytes"));
+        py::arg("chunk_bytes"), py::arg("verify_checksums") = false);
 
     m.def(
         "_visit",
         [](const Handle& file, const py::function& callback, int32_t firstId, int32_t lastId, int64_t startMs,
            int64_t endMs, const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
-           const std::vector<int32_t>& sourceTypes, const std::string& payloadAs) {
+           const std::vector<int32_t>& sourceTypes, const std::string& payloadAs, bool verifyChecksums) {
             PayloadAs as = parsePayloadAs(payloadAs);
             if (as == PayloadAs::Numpy) {
                 throw py::value_error("visit hands out payload_as='bytes' or 'memoryview'");
@@ -383,7 +398,7 @@ void bindEntries(py::module_& m) {
             uint64_t before = f.getFailureCount();
             int64_t visited = 0;
             PayloadBuffers buffers;
-            bool ok = f.visitEntries(selection.range, selection.filter, [&](const ml::EntryView& view) {
+            bool ok = visitSelection(f, selection, verifyChecksums, [&](const ml::EntryView& view) {
                 py::object payloadView;
                 py::object payload;
                 if (as == PayloadAs::Bytes) {
@@ -412,7 +427,8 @@ void bindEntries(py::module_& m) {
             }
             return visited;
         },
-        py::arg("file"), py::arg("callback"), MV_SELECTION_ARGS, py::arg("payload_as"));
+        py::arg("file"), py::arg("callback"), MV_SELECTION_ARGS, py::arg("payload_as"),
+        py::arg("verify_checksums") = false);
 
     m.def(
         "_read_entry",

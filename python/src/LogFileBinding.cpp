@@ -88,7 +88,7 @@ void bindLogFile(py::module_& m) {
             "create",
             [](const std::string& path, const std::string& application, const std::string& version,
                const std::string& timeZone, int level, ml::Durability durability,
-               std::optional<int64_t> created) {
+               std::optional<int64_t> created, bool checksums) {
                 if (level < -128 || level > 127) {
                     throw py::value_error("compression level out of range: " + std::to_string(level));
                 }
@@ -96,12 +96,13 @@ void bindLogFile(py::module_& m) {
                 {
                     py::gil_scoped_release release;
                     file.emplace(path, timeZone, application, version, static_cast<int8_t>(level),
-                                 created.value_or(nowMs()), durability);
+                                 created.value_or(nowMs()), durability, checksums);
                 }
                 return std::make_shared<OpenLogFile>(std::move(*file));
             },
             py::arg("path"), py::arg("application"), py::arg("version"), py::arg("time_zone"),
-            py::arg("level"), py::arg("durability"), py::arg("created") = py::none())
+            py::arg("level"), py::arg("durability"), py::arg("created") = py::none(),
+            py::arg("checksums") = false)
         .def("close",
              [](OpenLogFile& self) {
                  auto lock = self.lockHoldingGil();
@@ -113,6 +114,8 @@ void bindLogFile(py::module_& m) {
         .def_property_readonly("read_only", [](const OpenLogFile& self) { return self.file().isReadOnly(); })
         .def_property_readonly("durability",
                                [](const OpenLogFile& self) { return self.file().getDurability(); })
+        .def_property_readonly("has_checksums",
+                               [](const OpenLogFile& self) { return self.file().hasEntryChecksums(); })
         .def_property_readonly("failure_count",
                                [](const OpenLogFile& self) { return self.file().getFailureCount(); })
         .def_property_readonly("last_failure",
