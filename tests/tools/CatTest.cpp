@@ -56,6 +56,17 @@ TEST_F(CatTest, AReversedIdRangeIsRefused) {
     EXPECT_EQ(idsOf(runMvlog({"cat", path, "--from", "5", "--to", "5"})), (std::vector<int>{5}));
 }
 
+TEST_F(CatTest, HelpSaysWhatHappensToAnEntryThatCannotBeRead) {
+    const RunResult result = runMvlog({"cat", "--help"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_NE(
+        result.out.find("a compressed frame in a file whose compression level is 0, a data source the "
+                        "file does not have, an id beyond 32 bits) is not printed: it is named on stderr, "
+                        "and cat exits with 1."),
+        std::string::npos)
+        << result.out;
+}
+
 TEST_F(CatTest, TextLineShowsIdTimeSourceTypeSizeAndFirstBytes) {
     const RunResult result = runMvlog({"cat", path, "--from", "2", "--to", "3"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
