@@ -208,11 +208,9 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
         ->needs(follow);
     cat->footer(
         "An entry that cannot be read as it was logged (a payload that does not expand, a compressed frame "
-        "in "
-        "a file whose compression level is 0, a data source the file does not have, an id beyond 32 bits) is "
-        "not printed: it is named on stderr, and cat exits with 1. --from after --to, or --start after "
-        "--end, "
-        "is refused.");
+        "in a file whose compression level is 0, a data source the file does not have, an id beyond 32 "
+        "bits) is not printed: it is named on stderr, and cat exits with 1. --from after --to, or --start "
+        "after --end, is refused.");
     subcommands.add(
         cat, [options] { return std::vector{options->file}; },
         [options, sourceTypeNames, format] {
