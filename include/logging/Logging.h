@@ -13,6 +13,7 @@
 #include <logging/DataSourceProperty.h>
 #include <logging/Durability.h>
 #include <logging/EntryIndexFilter.h>
+#include <logging/EntryOrder.h>
 #include <logging/FailureKind.h>
 #include <logging/FrameOrder.h>
 #include <logging/LegacyLogFileError.h>
@@ -21,6 +22,7 @@
 #include <logging/LogMetadataEntry.h>
 #include <logging/LogResourceEntry.h>
 #include <logging/NotALogFileError.h>
+#include <logging/NotYetALogFileError.h>
 #include <logging/PlaybackPacing.h>
 #include <logging/PlayerBookmark.h>
 #include <logging/PlayerOptions.h>

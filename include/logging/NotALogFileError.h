@@ -3,6 +3,7 @@
 #include <logging/LoggingExport.h>
 
 #include <stdexcept>
+#include <string>
 
 namespace Marivane::Logging {
 
@@ -11,6 +12,10 @@ namespace Marivane::Logging {
 class MV_LOGGING_EXPORT NotALogFileError : public std::runtime_error {
 public:
     NotALogFileError();
+
+protected:
+    // For the more precise errors below, which are still this one.
+    explicit NotALogFileError(const std::string& message);
 };
 
 }  // namespace Marivane::Logging

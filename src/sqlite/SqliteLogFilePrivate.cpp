@@ -2,6 +2,7 @@
 
 #include <logging/LegacyLogFileError.h>
 #include <logging/NotALogFileError.h>
+#include <logging/NotYetALogFileError.h>
 
 #include <core/Checksum.h>
 #include <core/Compression.h>
@@ -104,9 +105,10 @@ void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability,
         // count as the process's resident memory, and a streaming read of a
         // large file must stay small. A failure keeps plain reads.
         (void)database.execute("PRAGMA mmap_size = 33554432;");
-        // An empty database becomes a log file only when it may be written.
+        // An empty database becomes a log file only when it may be written;
+        // read-only, it may be a file whose creation has not committed yet.
         if (!checkForTables()) {
-            throw NotALogFileError();
+            throw NotYetALogFileError(filePath.string());
         }
         durability = journalIsWriteAheadLog() ? Durability::Safe : Durability::Fast;
     } else {

@@ -6,6 +6,7 @@
 #include "sqlite/StoreAccess.h"
 
 #include <logging/NotALogFileError.h>
+#include <logging/NotYetALogFileError.h>
 #include <logging/SqliteLogFile.h>
 
 #include <database/DatabaseAccessError.h>
@@ -125,6 +126,20 @@ TEST(ReadOnlyOpen, TakesAnEmptyDatabaseForNoLogFileAndLeavesItEmpty) {
     std::ofstream(path).close();
     EXPECT_THROW((void)SqliteLogFile::openReadOnly(path), NotALogFileError);
     EXPECT_EQ(fs::file_size(path), 0u);
+}
+
+TEST(ReadOnlyOpen, SaysAnEmptyDatabaseIsNotALogFileYet) {
+    TempDir dir;
+    const std::string path = dir.file("empty.mvlog");
+    std::ofstream(path).close();
+    try {
+        (void)SqliteLogFile::openReadOnly(path);
+        FAIL() << "opened an empty file read-only";
+    } catch (const Marivane::Logging::NotYetALogFileError& error) {
+        EXPECT_EQ(std::string(error.what()),
+                  "'" + path +
+                      "' is not a log file yet: it holds no tables (it is empty, or still being created).");
+    }
 }
 
 TEST(ReadOnlyOpen, KeepsBookmarksThatTheRepairWouldDrop) {
