@@ -18,6 +18,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace Marivane::Bench {
@@ -262,6 +263,56 @@ void recorderMemory(benchmark::State& state) {
     }
 }
 
+// One capture thread standing for three sources, one entry per millisecond
+// each, the second and third lagging the first by 20 and 40 ms: ids follow
+// time only with a reorder window.
+int64_t laggingTimestamp(std::size_t i) {
+    const auto step = static_cast<int64_t>(i / 3);
+    const auto lag = static_cast<int64_t>(i % 3) * 20;
+    return kFirstTimestamp + step - lag;
+}
+
+// Open to close, like recorderThroughput, with a reorder window of
+// `windowMs` (0: none) and with or without the time index built on close;
+// close_ms is the close alone, after a flush (mostly the index).
+void recorderTimeOrder(benchmark::State& state, int level, std::size_t size, int64_t windowMs,
+                       bool buildIndex) {
+    const std::size_t entries = entriesPerRun(size);
+    const ByteBuffer& data = payload(size);
+    std::vector<double> closeMs;
+    uint64_t late = 0;
+    for (auto _ : state) {
+        const std::string path = freshPath("recorder-order");
+        {
+            RecorderOptions options = recorderOptions(level, Logging::Durability::Balanced);
+            options.reorderWindow = std::chrono::milliseconds(windowMs);
+            options.buildTimeIndexOnClose = buildIndex;
+            Recorder recorder(path, options);
+            addSource(recorder);
+            for (std::size_t i = 0; i < entries; ++i) {
+                recorder.record(kDataSourceId, kEntryType, laggingTimestamp(i), data.data(), data.size());
+            }
+            recorder.flush();
+            const auto closing = Clock::now();
+            const bool closed = recorder.close();
+            closeMs.push_back(std::chrono::duration<double, std::milli>(Clock::now() - closing).count());
+            if (!closed || recorder.stats().written != entries) {
+                state.SkipWithError("the recorder lost entries");
+                break;
+            }
+            late = recorder.stats().late;
+        }
+        state.PauseTiming();
+        removeLogFile(path);
+        state.ResumeTiming();
+    }
+    setThroughput(state, entries, size);
+    if (!closeMs.empty()) {
+        state.counters["close_ms"] = percentileOf(closeMs, 0.5);
+    }
+    state.counters["late"] = static_cast<double>(late);
+}
+
 void wallClock(benchmark::internal::Benchmark* benchmark) {
     benchmark->MinTime(kMinTime)->UseRealTime()->Unit(benchmark::kMillisecond);
 }
@@ -324,6 +375,24 @@ void registerRecorderBenchmarks(int round) {
                        Member{recorderName("recorder", 0, size),
                               [=](benchmark::State& state) { recorderThroughput(state, 0, size); }}},
                       round, wallClock);
+    }
+    // What time order costs: a 100 ms reorder window against none (neither
+    // builds the index), and closing with the time index against without
+    // (no window), on sources that lag each other by up to 40 ms.
+    for (const auto& [level, size] : {std::pair{0, std::size_t{64}}, std::pair{0, std::size_t{1024}},
+                                      std::pair{-1, std::size_t{16 * 1024}}}) {
+        registerRound(
+            {Member{recorderName("noWindow", level, size),
+                    [=](benchmark::State& state) { recorderTimeOrder(state, level, size, 0, false); }},
+             Member{recorderName("window100", level, size),
+                    [=](benchmark::State& state) { recorderTimeOrder(state, level, size, 100, false); }}},
+            round, wallClock);
+        registerRound(
+            {Member{recorderName("closePlain", level, size),
+                    [=](benchmark::State& state) { recorderTimeOrder(state, level, size, 0, false); }},
+             Member{recorderName("closeIndexed", level, size),
+                    [=](benchmark::State& state) { recorderTimeOrder(state, level, size, 0, true); }}},
+            round, wallClock);
     }
 }
 

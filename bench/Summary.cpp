@@ -483,6 +483,37 @@ void printSummary(const Figures& figures, std::ostream& out) {
                     std::nullopt);
     }
 
+    table.section(
+        "Time order in the recorder, open to close, wall time, three sources lagging by up to 40 ms "
+        "(library: 100 ms reorder window; baseline: none)");
+    for (const auto& [level, size] : {std::pair{0, std::size_t{64}}, std::pair{0, std::size_t{1024}},
+                                      std::pair{-1, std::size_t{16 * 1024}}}) {
+        table.pair(figures, label("Recorder", level, size), recorderName("window100", level, size),
+                   recorderName("noWindow", level, size), std::nullopt);
+    }
+    table.section(
+        "The recorder's close with the time index (the default) against without, open to close, wall time "
+        "(library: with; baseline: without)");
+    for (const auto& [level, size] : {std::pair{0, std::size_t{64}}, std::pair{0, std::size_t{1024}},
+                                      std::pair{-1, std::size_t{16 * 1024}}}) {
+        table.pair(figures, label("Recorder", level, size), recorderName("closeIndexed", level, size),
+                   recorderName("closePlain", level, size), std::nullopt);
+    }
+    out << "\nThe recorder's close() after a flush, median (with the time index / without)\n";
+    for (const auto& [level, size] : {std::pair{0, std::size_t{64}}, std::pair{0, std::size_t{1024}},
+                                      std::pair{-1, std::size_t{16 * 1024}}}) {
+        table.bound("with the index " + levelLabel(level) + " " + sizeLabel(size),
+                    counter(figures, recorderName("closeIndexed", level, size), "close_ms"), "ms",
+                    std::nullopt);
+        table.bound("without " + levelLabel(level) + " " + sizeLabel(size),
+                    counter(figures, recorderName("closePlain", level, size), "close_ms"), "ms",
+                    std::nullopt);
+    }
+    table.bound("late entries with the window (64 B)",
+                counter(figures, recorderName("window100", 0, 64), "late"), "", std::nullopt);
+    table.bound("late entries without (64 B)", counter(figures, recorderName("noWindow", 0, 64), "late"), "",
+                std::nullopt);
+
     table.totals();
     for (const auto& [name, runs] : figures) {
         for (const Figure& figure : runs) {
