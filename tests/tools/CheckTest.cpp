@@ -338,3 +338,56 @@ TEST(CheckVersion, CompressedResourcesInAnUncompressedFileAreNamed) {
 
 }  // namespace
 }  // namespace MvlogTest
+
+namespace MvlogTest {
+namespace {
+
+// A level-0 file with entry checksums whose entry 3 has one byte changed in
+// place: the pages stay well formed, only the checksum can tell.
+std::string checksummedFileWithAChangedByte(const TempDir& directory) {
+    const std::string path = directory.file("checked.mvlog");
+    {
+        SqliteLogFile file(path, "UTC", "test", "1", 0, 0, Marivane::Logging::Durability::Fast, true);
+        DataSource source{-1, MV_LogDataSourceType_Generic, "generic"};
+        EXPECT_TRUE(file.addDataSource(source));
+        for (int i = 1; i <= 5; ++i) {
+            EXPECT_TRUE(file.logData(DataEntry{0, source.id, 1, bytesOf("reading " + std::to_string(i)), i}));
+        }
+    }
+    sqlite3* db = nullptr;
+    EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, "UPDATE data SET payload = CAST('readinG 3' AS BLOB) WHERE entryId = 3;",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+    return path;
+}
+
+TEST(CheckChecksums, APayloadThatNoLongerMatchesItsChecksumIsAProblem) {
+    TempDir directory;
+    const std::string path = checksummedFileWithAChangedByte(directory);
+    const RunResult result = runMvlog({"check", path});
+    EXPECT_EQ(result.exitCode, 1) << result.out << result.err;
+    const std::vector<std::string> problems = problemLines(result);
+    ASSERT_EQ(problems.size(), 1u) << result.out;
+    EXPECT_EQ(problems[0], "problem: entry 3: its payload does not match its checksum") << result.out;
+    // cat does not verify: the bytes are what the file holds.
+    EXPECT_EQ(runMvlog({"cat", path, "--from", "3", "--to", "3", "--format", "hex"}).exitCode, 0);
+}
+
+TEST(CheckChecksums, AnIntactChecksummedFileIsOk) {
+    TempDir directory;
+    const std::string path = directory.file("intact.mvlog");
+    {
+        SqliteLogFile file(path, "UTC", "test", "1", 0, 0, Marivane::Logging::Durability::Fast, true);
+        DataSource source{-1, MV_LogDataSourceType_Generic, "generic"};
+        EXPECT_TRUE(file.addDataSource(source));
+        EXPECT_TRUE(file.logData(DataEntry{0, source.id, 1, bytesOf("reading"), 1}));
+    }
+    const RunResult result = runMvlog({"check", path});
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    EXPECT_EQ(result.outLines().back(), "OK");
+}
+
+}  // namespace
+}  // namespace MvlogTest

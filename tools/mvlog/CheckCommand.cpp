@@ -261,6 +261,7 @@ Probe probeEntry(const SqliteLogFile& file, int32_t entryId, std::string& reason
     Probe found = Probe::Missing;
     Marivane::Logging::VisitOptions options;
     options.payloadForm = Marivane::Logging::PayloadForm::Stored;
+    options.verifyChecksums = true;
     options.onDamagedEntry = [&](int64_t, const std::string& why) {
         found = Probe::Damaged;
         reason = why;
@@ -334,6 +335,7 @@ std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems) {
     std::size_t readable = 0;
     try {
         EntryScanner scanner(file, EntrySelection{});
+        scanner.verifyChecksums(true);
         scanner.run(
             [&](const ScannedEntry& entry) {
                 if (const std::optional<std::string> problem = storedFormProblem(entry)) {

@@ -191,6 +191,7 @@ bool EntryScanner::fileHasSource(int8_t dataSourceId) {
 VisitOptions EntryScanner::optionsReportingTo(const DamageHandler& onDamaged) {
     VisitOptions options;
     options.payloadForm = Marivane::Logging::PayloadForm::Stored;
+    options.verifyChecksums = verifyChecksums_;
     options.onDamagedEntry = [this, &onDamaged](int64_t entryId, const std::string& reason) {
         report(onDamaged, {entryId, reason});
         return true;

@@ -91,6 +91,10 @@ public:
     // Whether the selection is every entry of the file.
     bool coversWholeFile() const;
 
+    // In a file that keeps entry checksums, report an entry whose stored
+    // payload no longer matches its checksum as damaged.
+    void verifyChecksums(bool verify) { verifyChecksums_ = verify; }
+
 private:
     void deliver(const Marivane::Logging::EntryView& view, const EntryHandler& onEntry,
                  const DamageHandler& onDamaged);
@@ -104,6 +108,7 @@ private:
     EntrySelection selection_;
     std::vector<int32_t> ids_;
     std::set<int8_t> sources_;
+    bool verifyChecksums_ = false;
     std::size_t met_ = 0;
 };
 
