@@ -355,7 +355,8 @@ void mergeMetadataAndResources(std::vector<MergeInput>& inputs, OutputWriter& wr
     SqliteLogFile& file = writer.file();
     recordPreviousProducer(inputs.front().file, file, "applicationName", options.applicationName);
     recordPreviousProducer(inputs.front().file, file, "applicationVersion", options.applicationVersion);
-    std::set<std::string> resourceNames;
+    // The merge's own keys come first: an input that is itself a merge holds
+    // keys of the same names, which then differ and are noted, not clash.
     for (std::size_t i = 0; i < inputs.size(); ++i) {
         const SqliteLogFile& input = inputs[i].file;
         const std::string prefix = "mergedInput" + std::to_string(i + 1);
@@ -367,6 +368,10 @@ void mergeMetadataAndResources(std::vector<MergeInput>& inputs, OutputWriter& wr
                 writer.require(file.addMetadata(prefix + suffix, *value), "adding metadata");
             }
         }
+    }
+    std::set<std::string> resourceNames;
+    for (std::size_t i = 0; i < inputs.size(); ++i) {
+        const SqliteLogFile& input = inputs[i].file;
         for (const LogMetadataEntry& entry : input.getAllMetadata()) {
             if (isFixedMetadataKey(entry.key)) {
                 continue;

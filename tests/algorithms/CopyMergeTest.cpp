@@ -278,3 +278,26 @@ TEST(Merge, RenumbersADataSourceWhoseIdIsTakenAndMovesItsEntriesAndProperties) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Merge, AMergedFileMergesAgain) {
+    TempDir dir;
+    writeSource(dir.file("a.mvlog"), 3, 1000);
+    writeSource(dir.file("b.mvlog"), 3, 1001);
+    writeSource(dir.file("c.mvlog"), 3, 1002);
+    Algorithms::merge({dir.file("a.mvlog"), dir.file("b.mvlog")}, dir.file("ab.mvlog"));
+    const CopyReport report =
+        Algorithms::merge({dir.file("ab.mvlog"), dir.file("c.mvlog")}, dir.file("abc.mvlog"));
+    const SqliteLogFile merged = SqliteLogFile::openReadOnly(dir.file("abc.mvlog"));
+    EXPECT_EQ(merged.getEntryCount(), 9);
+    EXPECT_EQ(std::get<std::string>(*merged.getMetadataValue("mergedInput1Path")), dir.file("ab.mvlog"));
+    EXPECT_EQ(std::get<std::string>(*merged.getMetadataValue("mergedInput2Path")), dir.file("c.mvlog"));
+    // The earlier merge's own history of the same names is noted, not copied.
+    EXPECT_NE(std::find(report.notes.begin(), report.notes.end(),
+                        "Metadata \"mergedInput1Path\" of '" + dir.file("ab.mvlog") +
+                            "' differs from an earlier input's and was not copied."),
+              report.notes.end());
+}
+
+}  // namespace
