@@ -13,6 +13,7 @@
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -255,4 +256,69 @@ TEST(SpecialFiles, ADeviceIsRefusedAndASymlinkToAFileIsNot) {
     fs::create_symlink(path, link);
     SqliteLogFile file = SqliteLogFile::openReadOnly(link);
     EXPECT_EQ(file.getEntryCount(), 0);
+}
+
+namespace {
+
+// A stored payload that declares 2 GiB in 64 KiB of frame (RLE blocks).
+std::vector<unsigned char> twoGiBBomb() {
+    constexpr uint32_t kBlock = 128 * 1024;
+    constexpr uint32_t kBlocks = 16384;
+    std::vector<unsigned char> frame = {0x28, 0xB5, 0x2F, 0xFD, 0xE0};
+    const uint64_t declared = uint64_t{kBlocks} * kBlock;
+    for (int i = 0; i < 8; ++i) {
+        frame.push_back(static_cast<unsigned char>(declared >> (8 * i)));
+    }
+    for (uint32_t block = 0; block < kBlocks; ++block) {
+        const uint32_t header = (block + 1 == kBlocks ? 1u : 0u) | (1u << 1) | (kBlock << 3);
+        frame.push_back(static_cast<unsigned char>(header));
+        frame.push_back(static_cast<unsigned char>(header >> 8));
+        frame.push_back(static_cast<unsigned char>(header >> 16));
+        frame.push_back(0x42);
+    }
+    return frame;
+}
+
+}  // namespace
+
+TEST(DecompressionBombs, ReadsRefuseAPayloadLargerThanAnyStoredValue) {
+    TempDir dir;
+    const std::string path = dir.file("bomb.mvlog");
+    {
+        SqliteLogFile file(path, "Etc/UTC", "app", "1.0", -1, kCreated);
+        DataSource source{-1, MV_LogDataSourceType(1), "sensor"};
+        ASSERT_TRUE(file.addDataSource(source));
+        ASSERT_TRUE(file.logData(DataEntry{0, source.id, 1, pattern(100, 1), kCreated}));
+    }
+    {
+        const std::vector<unsigned char> bomb = twoGiBBomb();
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+        sqlite3_stmt* statement = nullptr;
+        ASSERT_EQ(sqlite3_prepare_v2(db, "UPDATE data SET payload = ?, length = ? WHERE entryId = 1;", -1,
+                                     &statement, nullptr),
+                  SQLITE_OK);
+        sqlite3_bind_blob(statement, 1, bomb.data(), static_cast<int>(bomb.size()), SQLITE_STATIC);
+        sqlite3_bind_int(statement, 2, static_cast<int>(bomb.size()));
+        ASSERT_EQ(sqlite3_step(statement), SQLITE_DONE);
+        sqlite3_finalize(statement);
+        sqlite3_close(db);
+    }
+    const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
+    const auto started = std::chrono::steady_clock::now();
+    try {
+        (void)file.readEntry(1);
+        ADD_FAILURE() << "expanded a 2 GiB bomb";
+    } catch (const std::exception& error) {
+        EXPECT_STREQ(
+            error.what(),
+            "Cannot uncompress data: the frame declares 2147483648 bytes, more than the 1000000000 bytes "
+            "any stored value can hold");
+    }
+    EXPECT_FALSE(file.visitEntries(EntryRange{}, EntryIndexFilter{}, [](const EntryView&) { return true; }));
+    EXPECT_NE(file.getLastFailure().find("more than the 1000000000 bytes any stored value can hold"),
+              std::string::npos)
+        << file.getLastFailure();
+    // Refused before anything was allocated or expanded.
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
 }
