@@ -9,6 +9,7 @@
 #include <logging/Recorder.h>
 #include <logging/SqliteLogFile.h>
 
+#include "support/IntegrityCheck.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -27,6 +28,8 @@
 #include <string>
 
 namespace {
+
+using Marivane::Testing::integrityCheckPasses;
 
 using namespace Marivane::Logging;
 using Marivane::Testing::TempDir;
@@ -72,21 +75,6 @@ ByteBuffer payloadFor(uint64_t index, std::size_t fixedSize) {
             }
         }
     }
-}
-
-bool integrityCheckPasses(const std::string& path) {
-    sqlite3* db = nullptr;
-    bool ok = false;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-        sqlite3_stmt* statement = nullptr;
-        if (sqlite3_prepare_v2(db, "PRAGMA integrity_check;", -1, &statement, nullptr) == SQLITE_OK &&
-            sqlite3_step(statement) == SQLITE_ROW) {
-            ok = std::string(reinterpret_cast<const char*>(sqlite3_column_text(statement, 0))) == "ok";
-        }
-        sqlite3_finalize(statement);
-    }
-    sqlite3_close(db);
-    return ok;
 }
 
 struct Outcome {

@@ -11,6 +11,7 @@
 #include <core/Compression.h>
 #include <database/DatabaseAccessError.h>
 
+#include "support/IntegrityCheck.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -31,6 +32,8 @@
 using namespace Marivane::Logging;
 
 namespace {
+
+using Marivane::Testing::integrityCheckPasses;
 
 constexpr int kRuns = 50;
 
@@ -119,21 +122,6 @@ struct RunResult {
     int64_t lost = 0;
     std::string error;
 };
-
-bool integrityCheckPasses(const std::string& path) {
-    sqlite3* db = nullptr;
-    bool ok = false;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-        sqlite3_stmt* statement = nullptr;
-        if (sqlite3_prepare_v2(db, "PRAGMA integrity_check;", -1, &statement, nullptr) == SQLITE_OK &&
-            sqlite3_step(statement) == SQLITE_ROW) {
-            ok = std::string(reinterpret_cast<const char*>(sqlite3_column_text(statement, 0))) == "ok";
-        }
-        sqlite3_finalize(statement);
-    }
-    sqlite3_close(db);
-    return ok;
-}
 
 // Every surviving entry must be one the child wrote, with its exact bytes,
 // in order with no gaps: entry k holds recording index k - 1.
