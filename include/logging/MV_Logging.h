@@ -222,6 +222,16 @@ MV_LOGGING_EXPORT bool MV_LogFile_VisitEntries(MV_LogFile_p file, int32_t minimu
                                                int64_t endTimestamp, MV_LogEntryIndexFilter_p filter,
                                                MV_LogEntryViewCallback callback, void* userData,
                                                MV_LogError_p* error);
+/* The order of MV_LogFile_VisitEntriesOrdered. */
+typedef enum MV_LogEntryOrder { MV_LOG_ORDER_ID = 0, MV_LOG_ORDER_TIME = 1 } MV_LogEntryOrder;
+/* As MV_LogFile_VisitEntries, in the given order; MV_LOG_ORDER_TIME is ascending
+   timestamp, ties by ascending id. Never lets an exception escape. */
+MV_LOGGING_EXPORT bool MV_LogFile_VisitEntriesOrdered(MV_LogFile_p file, int32_t minimumEntryId,
+                                                      int32_t maximumEntryId, int64_t startTimestamp,
+                                                      int64_t endTimestamp, MV_LogEntryIndexFilter_p filter,
+                                                      MV_LogEntryOrder order,
+                                                      MV_LogEntryViewCallback callback, void* userData,
+                                                      MV_LogError_p* error);
 /* The first and last timestamp of the entries that pass filter (NULL: all).
  * True with *found false when no entry passes; false with an error when the
  * read fails. */

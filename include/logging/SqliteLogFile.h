@@ -149,7 +149,11 @@ public:
     using SummaryVisitor = std::function<bool(const EntrySummary& entry)>;
 
     // Hands every entry that lies in `range` and passes `filter` to `visitor`,
-    // in ascending id order, as a borrowed view (valid during the call only).
+    // in options.order (ascending id unless told otherwise; in time order by
+    // ascending timestamp, equal timestamps by ascending id), as a borrowed
+    // view (valid during the call only). A read in time order or within a
+    // time range sees the file as it was when the read began (one read
+    // transaction, or the open write batch's).
     // No count pass, no copy per entry: payloads are expanded into one reused
     // buffer, or passed straight from the database when the file does not
     // compress. Returns true when every entry was visited or the visitor
@@ -163,6 +167,11 @@ public:
     // types, timestamps and stored sizes of the matching entries.
     bool visitEntrySummaries(const EntryRange& range, const EntryIndexFilter& filter,
                              const SummaryVisitor& visitor) const;
+    // As above, in options.order; options.onDamagedEntry decides about an
+    // entry whose stored values cannot be handed out, as in visitEntries
+    // (payloadForm and verifyChecksums do not apply: no payload is read).
+    bool visitEntrySummaries(const EntryRange& range, const EntryIndexFilter& filter,
+                             const SummaryVisitor& visitor, const VisitOptions& options) const;
 
     // The first and the last timestamp of the entries that pass `filter`;
     // absent when none does, or when the read fails (the failure count

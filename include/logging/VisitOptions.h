@@ -1,5 +1,7 @@
 #pragma once
 
+#include <logging/EntryOrder.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -32,6 +34,12 @@ struct VisitOptions {
     // has none) is a damaged entry as above. Files without checksums read
     // as they always do.
     bool verifyChecksums = false;
+    // The order of the visit. In time order the file's time index, when it
+    // has one, is walked; without it a file whose ids already follow time is
+    // walked by id after a pass over its timestamps, and any other file goes
+    // through SQLite's sorter, which spills to temporary files: memory stays
+    // flat whatever the size of the file.
+    EntryOrder order = EntryOrder::Id;
 };
 
 }  // namespace Marivane::Logging

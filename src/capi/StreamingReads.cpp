@@ -4,6 +4,7 @@
 #include <logging/SqliteLogFile.h>
 
 #include <stdexcept>
+#include <string>
 
 using namespace Marivane::Logging;
 using Marivane::Logging::CApi::reportingFailures;
@@ -34,32 +35,55 @@ bool failedSince(const SqliteLogFile& file, uint64_t failuresBefore, MV_LogError
     return true;
 }
 
+bool visit(MV_LogFile_p file, const EntryRange& range, MV_LogEntryIndexFilter_p filter, EntryOrder order,
+           MV_LogEntryViewCallback callback, void* userData, MV_LogError_p* error) {
+    SqliteLogFile& sqliteFile = sqliteFileOf(file);
+    VisitOptions options;
+    options.verifyChecksums = file->verifyChecksums;
+    options.order = order;
+    const bool completed = sqliteFile.visitEntries(
+        range, filterOrAll(filter),
+        [&](const EntryView& view) {
+            const MV_LogEntryView entry{view.entryId,
+                                        view.dataSourceId,
+                                        view.type,
+                                        view.timestamp,
+                                        reinterpret_cast<const uint8_t*>(view.data),
+                                        view.size};
+            return callback(userData, &entry);
+        },
+        options);
+    if (!completed) {
+        storeError(error, sqliteFile.getLastFailure());
+    }
+    return completed;
+}
+
 }  // namespace
 
 bool MV_LogFile_VisitEntries(MV_LogFile_p file, int32_t minimumEntryId, int32_t maximumEntryId,
                              int64_t startTimestamp, int64_t endTimestamp, MV_LogEntryIndexFilter_p filter,
                              MV_LogEntryViewCallback callback, void* userData, MV_LogError_p* error) {
     return reportingFailures(error, [&] {
-        SqliteLogFile& sqliteFile = sqliteFileOf(file);
-        const EntryRange range{minimumEntryId, maximumEntryId, startTimestamp, endTimestamp};
-        VisitOptions options;
-        options.verifyChecksums = file->verifyChecksums;
-        const bool completed = sqliteFile.visitEntries(
-            range, filterOrAll(filter),
-            [&](const EntryView& view) {
-                const MV_LogEntryView entry{view.entryId,
-                                            view.dataSourceId,
-                                            view.type,
-                                            view.timestamp,
-                                            reinterpret_cast<const uint8_t*>(view.data),
-                                            view.size};
-                return callback(userData, &entry);
-            },
-            options);
-        if (!completed) {
-            storeError(error, sqliteFile.getLastFailure());
+        return visit(file, EntryRange{minimumEntryId, maximumEntryId, startTimestamp, endTimestamp}, filter,
+                     EntryOrder::Id, callback, userData, error);
+    });
+}
+
+bool MV_LogFile_VisitEntriesOrdered(MV_LogFile_p file, int32_t minimumEntryId, int32_t maximumEntryId,
+                                    int64_t startTimestamp, int64_t endTimestamp,
+                                    MV_LogEntryIndexFilter_p filter, MV_LogEntryOrder order,
+                                    MV_LogEntryViewCallback callback, void* userData, MV_LogError_p* error) {
+    return reportingFailures(error, [&] {
+        // A value outside the enumeration (C lets any int through) is refused
+        // rather than read as one of the two.
+        if (order != MV_LOG_ORDER_ID && order != MV_LOG_ORDER_TIME) {
+            storeError(error, "Unknown entry order " + std::to_string(static_cast<int>(order)) + ".");
+            return false;
         }
-        return completed;
+        return visit(file, EntryRange{minimumEntryId, maximumEntryId, startTimestamp, endTimestamp}, filter,
+                     order == MV_LOG_ORDER_TIME ? EntryOrder::Time : EntryOrder::Id, callback, userData,
+                     error);
     });
 }
 

@@ -119,15 +119,26 @@ std::string selectColumns(CursorColumns columns) {
            "(SELECT checksum FROM entryChecksums WHERE entryChecksums.entryId = data.entryId) ";
 }
 
-std::string walkStatement(const std::string& conditions, CursorOrder order, CursorColumns columns) {
+std::string idWalkStatement(const std::string& conditions, CursorColumns columns) {
     // NOT INDEXED keeps the walk on the table itself: a filter on a data
     // source must not make the planner walk that index and sort the rows,
     // payloads and all, to restore id order.
-    if (order == CursorOrder::ById) {
-        return selectColumns(columns) + "FROM data NOT INDEXED WHERE " + conditions +
-               " ORDER BY data.entryId;";
-    }
-    return selectColumns(columns) + "FROM data WHERE " + conditions +
+    return selectColumns(columns) + "FROM data NOT INDEXED WHERE " + conditions + " ORDER BY data.entryId;";
+}
+
+// The rows in id order whose ids the time index finds: one statement, so one
+// read of the index and one walk of the table in a single transaction. SQLite
+// keeps the ids in a temporary b-tree (spilled to disk when large), which it
+// walks in order, so no sort of the rows is needed.
+std::string idsThroughTimeIndexStatement(const std::string& conditions, CursorColumns columns) {
+    return selectColumns(columns) +
+           "FROM data WHERE data.entryId IN (SELECT data.entryId FROM data INDEXED BY " + kTimeIndexName +
+           " WHERE " + conditions + ") ORDER BY data.entryId;";
+}
+
+// The index holds (timestamp, entryId), which is the order asked for: no sort.
+std::string timeIndexWalkStatement(const std::string& conditions, CursorColumns columns) {
+    return selectColumns(columns) + "FROM data INDEXED BY " + kTimeIndexName + " WHERE " + conditions +
            " ORDER BY data.timestamp, data.entryId;";
 }
 
@@ -138,8 +149,60 @@ void bindRange(SqliteQuery& query, const EntryRange& range) {
     query.bindParameter(":endTimestamp", range.endTimestamp);
 }
 
-bool useIdList(const SqliteLogFilePrivate& file, const EntryRange& range, CursorOrder order) {
-    return order == CursorOrder::ById && hasTimeBounds(range) && hasTimeIndex(file);
+std::optional<int64_t> aggregate(const SqliteLogFilePrivate& file, const char* sql) {
+    SqliteQuery query(file.database, sql);
+    if (query.executeStep() != Database::StepRow) {
+        return std::nullopt;
+    }
+    return query.getIntegerFromColumn(0);
+}
+
+// Rows up to this size (on average, as stored) are sorted whole.
+constexpr int64_t kSortWholeRowsUpTo = 2048;
+
+// The file's bytes per entry id, from its page count: no row is read.
+int64_t averageRowBytes(const SqliteLogFilePrivate& file) {
+    const std::optional<int64_t> pages = aggregate(file, "PRAGMA page_count;");
+    const std::optional<int64_t> pageSize = aggregate(file, "PRAGMA page_size;");
+    const std::optional<int64_t> firstId = aggregate(file, "SELECT min(entryId) FROM data;");
+    const std::optional<int64_t> lastId = aggregate(file, "SELECT max(entryId) FROM data;");
+    if (!pages || !pageSize || !firstId || !lastId) {
+        return 0;
+    }
+    const long double ids = static_cast<long double>(*lastId) - static_cast<long double>(*firstId) + 1;
+    return static_cast<int64_t>(static_cast<long double>(*pages) * static_cast<long double>(*pageSize) / ids);
+}
+
+// Whether walking the time index would pass many more entries than the id
+// range holds: then the id range is read and sorted instead. The part of the
+// index walked is estimated from the time bounds as if entries were spread
+// evenly over the file's time span; each end is a lookup of one b-tree edge.
+bool idRangeIsNarrowForTheIndex(const SqliteLogFilePrivate& file, const EntryRange& range) {
+    if (range.minimumEntryId == -1 && range.maximumEntryId == -1) {
+        return false;
+    }
+    const std::optional<int64_t> firstId = aggregate(file, "SELECT min(entryId) FROM data;");
+    const std::optional<int64_t> lastId = aggregate(file, "SELECT max(entryId) FROM data;");
+    if (!firstId || !lastId) {
+        return false;
+    }
+    using Real = long double;
+    const Real low =
+        range.minimumEntryId == -1 ? *firstId : std::max<int64_t>(*firstId, range.minimumEntryId);
+    const Real high = range.maximumEntryId == -1 ? *lastId : std::min<int64_t>(*lastId, range.maximumEntryId);
+    const Real idSpan = std::max<Real>(0, high - low + 1);
+    Real walked = static_cast<Real>(*lastId) - static_cast<Real>(*firstId) + 1;
+    if (hasTimeBounds(range)) {
+        const std::optional<int64_t> firstTime = aggregate(file, "SELECT min(timestamp) FROM data;");
+        const std::optional<int64_t> lastTime = aggregate(file, "SELECT max(timestamp) FROM data;");
+        if (firstTime && lastTime) {
+            const Real start = std::max(range.startTimestamp, *firstTime);
+            const Real end = std::min(range.endTimestamp, *lastTime);
+            const Real span = static_cast<Real>(*lastTime) - static_cast<Real>(*firstTime) + 1;
+            walked *= std::clamp<Real>((end - start + 1) / span, 0, 1);
+        }
+    }
+    return idSpan * 4 < walked;
 }
 
 bool fitsRecordTypes(const StoredEntry& row) {
@@ -186,38 +249,102 @@ bool hasTimeIndex(const SqliteLogFilePrivate& file) {
 EntryCursor::EntryCursor(const SqliteLogFilePrivate& file, const EntryRange& range,
                          const EntryIndexFilter& filter, CursorOrder order, CursorColumns columns)
     : file_(file), columns_(columns) {
+    if ((order == CursorOrder::ByTimestamp || hasTimeBounds(range)) && !pinReadTransaction()) {
+        return;
+    }
     const std::optional<std::string> filtered = filterConditions(file, filter, status_);
     if (!filtered) {
         failed_ = true;
         file_.recordFailure("Reading the data sources of", status_);
+        release();
         return;
     }
     const std::string conditions = rangeConditions(range) + *filtered;
-    if (!useIdList(file, range, order)) {
-        query_.emplace(file.database, walkStatement(conditions, order, columns));
+    if (order == CursorOrder::ByTimestamp) {
+        planTimeOrder(range, conditions);
+        return;
+    }
+    if (hasTimeBounds(range) && hasTimeIndex(file)) {
+        query_.emplace(file.database, idsThroughTimeIndexStatement(conditions, columns));
+    } else {
+        query_.emplace(file.database, idWalkStatement(conditions, columns));
+    }
+    bindRange(*query_, range);
+}
+
+bool EntryCursor::pinReadTransaction() {
+    // A statement that has yielded a row and is not yet reset keeps the
+    // connection's read transaction open, and the statements stepped meanwhile
+    // join it; inside a write batch the batch's transaction already does.
+    pin_.emplace(file_.database, "SELECT count(*) FROM sqlite_master;");
+    if (pin_->executeStep() == Database::StepRow) {
+        return true;
+    }
+    fail(*pin_);
+    return false;
+}
+
+void EntryCursor::planTimeOrder(const EntryRange& range, const std::string& conditions) {
+    if (hasTimeIndex(file_) && !idRangeIsNarrowForTheIndex(file_, range)) {
+        query_.emplace(file_.database, timeIndexWalkStatement(conditions, columns_));
         bindRange(*query_, range);
         return;
     }
-    SqliteQuery idQuery(file.database, std::string("SELECT data.entryId FROM data INDEXED BY ") +
-                                           kTimeIndexName + " WHERE " + conditions + ";");
-    bindRange(idQuery, range);
-    ids_.emplace();
-    while (idQuery.executeStep() == Database::StepRow) {
-        ids_->push_back(Database::getValueFromColumn<int>(idQuery, 0).value_or(0));
-    }
-    if (!idQuery.status().ok()) {
-        fail(idQuery);
+    const std::optional<bool> followIds = timestampsFollowIds(range, conditions);
+    if (!followIds) {
         return;
     }
-    std::sort(ids_->begin(), ids_->end());
-    query_.emplace(file.database, selectColumns(columns) + "FROM data WHERE data.entryId = :entryId;");
+    if (*followIds) {
+        query_.emplace(file_.database, idWalkStatement(conditions, columns_));
+        bindRange(*query_, range);
+        return;
+    }
+    // SQLite's sorter keeps a few MiB in memory and spills the rest to
+    // temporary files. Small rows go through it whole, which is cheaper than a
+    // lookup per row; large ones would be copied to disk and back, so only
+    // their keys are sorted and each row is then read by id.
+    if (columns_ == CursorColumns::WithoutPayloads || averageRowBytes(file_) <= kSortWholeRowsUpTo) {
+        query_.emplace(file_.database, selectColumns(columns_) + "FROM data NOT INDEXED WHERE " + conditions +
+                                           " ORDER BY data.timestamp, data.entryId;");
+        bindRange(*query_, range);
+        return;
+    }
+    sortedKeys_.emplace(file_.database, "SELECT data.entryId FROM data NOT INDEXED WHERE " + conditions +
+                                            " ORDER BY data.timestamp, data.entryId;");
+    bindRange(*sortedKeys_, range);
+    query_.emplace(file_.database, selectColumns(columns_) + "FROM data WHERE data.entryId = :entryId;");
+}
+
+std::optional<bool> EntryCursor::timestampsFollowIds(const EntryRange& range, const std::string& conditions) {
+    SqliteQuery timestamps(file_.database, "SELECT data.timestamp FROM data NOT INDEXED WHERE " + conditions +
+                                               " ORDER BY data.entryId;");
+    bindRange(timestamps, range);
+    bool first = true;
+    int64_t previous = 0;
+    int32_t step = Database::StepFailed;
+    while ((step = timestamps.executeStep()) == Database::StepRow) {
+        SqliteQuery::RawColumn timestamp;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+        timestamps.readColumns(&timestamp, 1);
+        // A stored value that is not an integer is ordered as SQLite orders
+        // it, which only the sort knows.
+        if (!timestamp.isInteger || (!first && timestamp.integer < previous)) {
+            return false;
+        }
+        previous = timestamp.integer;
+        first = false;
+    }
+    if (step != Database::StepDone) {
+        fail(timestamps);
+        return std::nullopt;
+    }
+    return true;
 }
 
 const StoredEntry* EntryCursor::next() {
     if (failed_ || finished_) {
         return nullptr;
     }
-    const bool gotRow = ids_ ? stepThroughIdList() : stepMainQuery();
+    const bool gotRow = sortedKeys_ ? stepThroughSortedKeys() : stepMainQuery();
     if (!gotRow) {
         return nullptr;
     }
@@ -232,29 +359,48 @@ bool EntryCursor::stepMainQuery() {
     }
     if (step == Database::StepDone) {
         finished_ = true;
+        release();
     } else {
         fail(*query_);
     }
     return false;
 }
 
-bool EntryCursor::stepThroughIdList() {
-    // An id that vanished between the two steps (another connection removed
-    // it) is skipped, as a walk that started later would skip it.
-    while (nextId_ < ids_->size()) {
+bool EntryCursor::stepThroughSortedKeys() {
+    while (true) {
+        const int32_t keyStep = sortedKeys_->executeStep();
+        if (keyStep == Database::StepDone) {
+            finished_ = true;
+            release();
+            return false;
+        }
+        if (keyStep != Database::StepRow) {
+            fail(*sortedKeys_);
+            return false;
+        }
+        static const std::string kEntryId = ":entryId";
         query_->resetQuery();
-        query_->bindParameter(":entryId", (*ids_)[nextId_++]);
+        query_->bindParameter(kEntryId, sortedKeys_->getIntegerFromColumn(0).value_or(0));
         const int32_t step = query_->executeStep();
         if (step == Database::StepRow) {
             return true;
         }
+        // The transaction is held, so the row is there; should it be gone all
+        // the same, it is skipped, as a walk that began later would skip it.
         if (step != Database::StepDone) {
             fail(*query_);
             return false;
         }
     }
-    finished_ = true;
-    return false;
+}
+
+void EntryCursor::release() {
+    // After the end or a failure there is no current row to keep: every
+    // statement goes back to the connection's cache, the pin last, and with it
+    // the read transaction.
+    query_.reset();
+    sortedKeys_.reset();
+    pin_.reset();
 }
 
 void EntryCursor::takeRow(const SqliteQuery& query) {
@@ -292,6 +438,7 @@ void EntryCursor::fail(const SqliteQuery& query) {
     status_ = query.status();
     const std::string operation = "Reading entries after entry " + std::to_string(row_.entryId) + " of";
     file_.recordFailure(operation.c_str(), status_);
+    release();
 }
 
 }  // namespace Marivane::Logging

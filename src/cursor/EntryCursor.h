@@ -54,11 +54,23 @@ struct StoredEntry {
 };
 
 // Walks the entries of one file that lie in an id range and a time range and
-// pass a filter, one row at a time, in one statement: memory does not grow
-// with the range. No count pass; the data sources are joined only when the
-// filter names data-source types. With a time index and a bounded time range
-// in id order, the matching ids are found through the index first (4 bytes an
-// entry) and the rows are then read by id.
+// pass a filter, one row at a time: memory does not grow with the range. No
+// count pass; the data sources are joined only when the filter names
+// data-source types.
+//
+// In id order one statement walks the table, or, with a time index and a
+// bounded time range, the rows whose ids the index finds. In time order the
+// time index is walked when the file has one (unless the id range is much
+// narrower than the part of the index it would walk); otherwise a pass over
+// the timestamps tells whether the ids already follow time, in which case the
+// table is walked by id, and if not the rows go through SQLite's external
+// sorter (small rows whole; of large ones only the keys, each row then read
+// by id).
+//
+// A read in time order or within a time range runs in one read transaction
+// from the first question it asks to its last row (a statement held open
+// pins it, or the open write batch's transaction holds it), so its plan and
+// its rows see one state of the file.
 //
 // Ownership: borrows the file's state, which must outlive the cursor. One
 // thread at a time.
@@ -75,16 +87,25 @@ public:
     const Database::Status& status() const { return status_; }
 
 private:
+    bool pinReadTransaction();
+    void planTimeOrder(const EntryRange& range, const std::string& conditions);
+    // Whether the timestamps of the selected rows never decrease with their
+    // ids; absent (the cursor failed) when the pass could not finish.
+    std::optional<bool> timestampsFollowIds(const EntryRange& range, const std::string& conditions);
     bool stepMainQuery();
-    bool stepThroughIdList();
+    bool stepThroughSortedKeys();
     void takeRow(const Database::SqliteQuery& query);
     void fail(const Database::SqliteQuery& query);
+    void release();
 
     const SqliteLogFilePrivate& file_;
+    // Holds the read transaction while the cursor lives (see above).
+    std::optional<Database::SqliteQuery> pin_;
+    // The rows handed out: the walk itself, or the read of one row by id.
     std::optional<Database::SqliteQuery> query_;
-    // Ids found through the time index, read one by one with query_.
-    std::optional<std::vector<int32_t>> ids_;
-    std::size_t nextId_ = 0;
+    // In time order without the index, on a file whose ids do not follow
+    // time: the ids in time order, sorted by SQLite.
+    std::optional<Database::SqliteQuery> sortedKeys_;
     StoredEntry row_;
     CursorColumns columns_;
     bool failed_ = false;

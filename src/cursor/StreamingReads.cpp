@@ -43,6 +43,10 @@ std::optional<std::string> checksumMismatch(const StoredEntry& row) {
     return std::nullopt;
 }
 
+CursorOrder cursorOrder(EntryOrder order) {
+    return order == EntryOrder::Time ? CursorOrder::ByTimestamp : CursorOrder::ById;
+}
+
 EntryView viewOf(const StoredEntry& row) {
     EntryView view;
     view.entryId = static_cast<int32_t>(row.entryId);
@@ -82,7 +86,7 @@ std::optional<int64_t> singleInteger(const SqliteLogFilePrivate& file, SqliteQue
 bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter& filter,
                                  const EntryVisitor& visitor, const VisitOptions& options) const {
     const bool verify = options.verifyChecksums && d->entryChecksums;
-    EntryCursor cursor(*d, range, filter, CursorOrder::ById,
+    EntryCursor cursor(*d, range, filter, cursorOrder(options.order),
                        verify ? CursorColumns::WithPayloadsAndChecksums : CursorColumns::WithPayloads);
     ByteBuffer expanded;
     const bool expand = options.payloadForm == PayloadForm::Expanded && d->compressesPayloads();
@@ -127,11 +131,18 @@ bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter
 
 bool SqliteLogFile::visitEntrySummaries(const EntryRange& range, const EntryIndexFilter& filter,
                                         const SummaryVisitor& visitor) const {
-    EntryCursor cursor(*d, range, filter, CursorOrder::ById, CursorColumns::WithoutPayloads);
+    return visitEntrySummaries(range, filter, visitor, VisitOptions());
+}
+
+bool SqliteLogFile::visitEntrySummaries(const EntryRange& range, const EntryIndexFilter& filter,
+                                        const SummaryVisitor& visitor, const VisitOptions& options) const {
+    EntryCursor cursor(*d, range, filter, cursorOrder(options.order), CursorColumns::WithoutPayloads);
     while (const StoredEntry* row = cursor.next()) {
         if (!row->outOfRange.empty()) {
-            d->recordFailureMessage(FailureKind::Damaged, entryFailure(*d, row->entryId, row->outOfRange));
-            return false;
+            if (!skipDamaged(*d, options, row->entryId, row->outOfRange)) {
+                return false;
+            }
+            continue;
         }
         const EntryView view = viewOf(*row);
         const EntrySummary summary{view.entryId, view.dataSourceId, view.type, view.timestamp,
