@@ -125,11 +125,62 @@ void runPragma(sqlite3* database, const char* pragma, ProblemReport& problems, R
     }
 }
 
+bool writeAheadLogHoldsFrames(const std::string& path) {
+    constexpr uint64_t kWalHeaderBytes = 32;
+    return fileSizeOnDisk(path + "-wal") > kWalHeaderBytes;
+}
+
+// One integer a pragma answers; absent when it cannot run.
+std::optional<uint64_t> pragmaInteger(sqlite3* database, const char* pragma) {
+    std::optional<uint64_t> value;
+    sqlite3_stmt* raw = nullptr;
+    if (sqlite3_prepare_v2(database, pragma, -1, &raw, nullptr) != SQLITE_OK) {
+        return value;
+    }
+    StatementHandle statement(raw);
+    if (sqlite3_step(statement.get()) == SQLITE_ROW) {
+        value = static_cast<uint64_t>(sqlite3_column_int64(statement.get(), 0));
+    }
+    return value;
+}
+
+// SQLite reads the part of a page beyond the end of a file as zeros (the
+// library refuses to), so a file cut short would read back wrong bytes: its
+// length is compared with the page count its header gives. Called under a
+// read lock: a writer's commit writes the header before the pages it counts.
+// The file is only stat()ed, never opened: closing a descriptor of it would
+// drop this process's locks on it. A write-ahead log holding frames may hold
+// the pages the file lacks, so a file beside one is left to the reads.
+void checkFileLength(sqlite3* database, const std::string& path, ProblemReport& problems) {
+    if (writeAheadLogHoldsFrames(path)) {
+        return;
+    }
+    const std::optional<uint64_t> pageSize = pragmaInteger(database, "PRAGMA page_size;");
+    const std::optional<uint64_t> pageCount = pragmaInteger(database, "PRAGMA page_count;");
+    if (!pageSize || !pageCount || *pageSize < 512 || (*pageSize & (*pageSize - 1)) != 0) {
+        return;  // integrity_check names a header this broken
+    }
+    const uint64_t size = fileSizeOnDisk(path);
+    if (size < *pageCount * *pageSize) {
+        problems.addDamage(
+            fmt::format("the file is {} bytes, its header says {} pages of {} bytes: it was cut short", size,
+                        *pageCount, *pageSize));
+    } else if (size % *pageSize != 0) {
+        problems.addDamage(
+            fmt::format("the file is {} bytes, not a whole number of its {}-byte pages", size, *pageSize));
+    }
+}
+
 void checkDatabase(const std::string& path, ProblemReport& problems) {
     const DatabaseHandle database = openReadOnly(path, problems);
     if (!database) {
         return;
     }
+    // One read transaction: the length is compared under its lock, which
+    // keeps a writer's commits out until the checks are done.
+    runPragma(database.get(), "BEGIN;", problems, [](sqlite3_stmt*) {});
+    runPragma(database.get(), "SELECT count(*) FROM sqlite_master;", problems, [](sqlite3_stmt*) {});
+    checkFileLength(database.get(), path, problems);
     runPragma(database.get(), "PRAGMA integrity_check;", problems, [&](sqlite3_stmt* row) {
         // One row may carry several findings, one per line, under a header.
         std::istringstream lines(columnText(row, 0));
@@ -150,58 +201,6 @@ void checkDatabase(const std::string& path, ProblemReport& problems) {
         problems.add(fmt::format("foreign_key_check: row {} of table {} refers to a missing row of table {}",
                                  columnText(row, 1), columnText(row, 0), columnText(row, 2)));
     });
-}
-
-constexpr std::size_t kHeaderBytes = 100;
-
-uint32_t bigEndian(const unsigned char* bytes, std::size_t count) {
-    uint32_t value = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        value = (value << 8) | bytes[i];
-    }
-    return value;
-}
-
-bool writeAheadLogHoldsFrames(const std::string& path) {
-    constexpr uint64_t kWalHeaderBytes = 32;
-    return fileSizeOnDisk(path + "-wal") > kWalHeaderBytes;
-}
-
-// SQLite reads the part of a page beyond the end of a file as zeros and says
-// nothing, so a file cut short reads back wrong bytes without an error: its
-// length is compared with what its header says. A write-ahead log holding
-// frames may hold the pages the file lacks (a checkpoint writes the first
-// page before the others), so a file beside one is left to the reads.
-void checkFileLength(const std::string& path, ProblemReport& problems) {
-    std::array<unsigned char, kHeaderBytes> header{};
-    {
-        std::ifstream stream(path, std::ios::binary);
-        if (!stream.read(reinterpret_cast<char*>(header.data()), header.size())) {
-            return;
-        }
-    }
-    static constexpr char kMagic[] = "SQLite format 3";
-    if (std::memcmp(header.data(), kMagic, sizeof kMagic) != 0 || writeAheadLogHoldsFrames(path)) {
-        return;
-    }
-    const uint32_t storedPageSize = bigEndian(&header[16], 2);
-    const uint64_t pageSize = storedPageSize == 1 ? 65536 : storedPageSize;
-    if (pageSize < 512 || (pageSize & (pageSize - 1)) != 0) {
-        return;  // integrity_check names a header this broken
-    }
-    const uint64_t size = fileSizeOnDisk(path);
-    // The page count counts only when the header's copy of the change
-    // counter is current (older writers left it stale).
-    const uint32_t pageCount = bigEndian(&header[28], 4);
-    const bool countIsValid = pageCount != 0 && bigEndian(&header[24], 4) == bigEndian(&header[92], 4);
-    if (countIsValid && size < pageCount * pageSize) {
-        problems.addDamage(
-            fmt::format("the file is {} bytes, its header says {} pages of {} bytes: it was cut short", size,
-                        pageCount, pageSize));
-    } else if (size % pageSize != 0) {
-        problems.addDamage(
-            fmt::format("the file is {} bytes, not a whole number of its {}-byte pages", size, pageSize));
-    }
 }
 
 enum class ExpectedType { Integer, Text };
@@ -435,7 +434,6 @@ int runCheck(const CheckOptions& options) {
         problems.add("the file is empty (0 bytes)");
         return finishReport(options.file, problems);
     }
-    checkFileLength(options.file, problems);
     checkDatabase(options.file, problems);
     const auto file = openForCheck(options.file, problems);
     if (!file) {
