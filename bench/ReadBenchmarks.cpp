@@ -1,6 +1,8 @@
 // Entry reads: single entries by id and a scan of the whole file, by the
-// library and by the raw baseline, on the very same file; and the entry index
-// of a file of a million entries.
+// library and by the raw baseline, on the very same file; the entry index
+// of a file of a million entries; and streaming reads in time order against
+// the same read in id order, with and without the time index, on files whose
+// ids follow time and on a shuffled one.
 
 #include "BenchSupport.h"
 #include "Benchmarks.h"
@@ -11,9 +13,12 @@
 #include <benchmark/benchmark.h>
 
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -197,6 +202,111 @@ void libraryIndex(benchmark::State& state) {
                             static_cast<int64_t>(kIndexFileEntries));
 }
 
+// ---- time order -------------------------------------------------------------
+
+// Copies of a read file: with the time index, and with the timestamps
+// permuted (entry i gets the timestamp of entry (i * 7919) mod n, a
+// permutation since n is a power of two), without the index or with it.
+enum class OrderFile { Ordered, OrderedIndexed, Shuffled, ShuffledIndexed };
+
+const char* orderFileLabel(OrderFile kind) {
+    switch (kind) {
+        case OrderFile::Ordered:
+            return "ordered";
+        case OrderFile::OrderedIndexed:
+            return "orderedIndexed";
+        case OrderFile::Shuffled:
+            return "shuffled";
+        case OrderFile::ShuffledIndexed:
+            break;
+    }
+    return "shuffledIndexed";
+}
+
+const std::string& orderFile(OrderFile kind, int level, std::size_t size) {
+    if (kind == OrderFile::Ordered) {
+        return readFile(level, size);
+    }
+    static std::map<std::tuple<OrderFile, int, std::size_t>, std::string> files;
+    std::string& path = files[{kind, level, size}];
+    if (path.empty()) {
+        const std::string candidate = freshPath(std::string("order-") + orderFileLabel(kind) + "-" +
+                                                levelLabel(level) + "-" + sizeLabel(size));
+        std::filesystem::copy_file(readFile(level, size), candidate);
+        if (kind == OrderFile::Shuffled || kind == OrderFile::ShuffledIndexed) {
+            const std::string entries = std::to_string(readFileEntries(size));
+            Raw::Connection connection = Raw::openLogFile(candidate);
+            connection.exec("UPDATE data SET timestamp = " + std::to_string(kFirstTimestamp) +
+                            " + ((entryId - 1) * 7919 % " + entries + ") * " +
+                            std::to_string(kEntryPeriodMs) + ";");
+        }
+        if (kind == OrderFile::OrderedIndexed || kind == OrderFile::ShuffledIndexed) {
+            SqliteLogFile file{std::filesystem::path(candidate)};
+            if (!file.createTimeIndex()) {
+                throw std::runtime_error("the time index could not be built: " + file.getLastError());
+            }
+        }
+        path = candidate;
+    }
+    return path;
+}
+
+void libraryStreamInOrder(benchmark::State& state, OrderFile kind, Logging::EntryOrder order, int level,
+                          std::size_t size) {
+    const std::string& path = orderFile(kind, level, size);
+    const std::size_t entries = readFileEntries(size);
+    const SqliteLogFile file = SqliteLogFile::openReadOnly(path);
+    const Logging::EntryIndexFilter everything;
+    Logging::VisitOptions options;
+    options.order = order;
+    for (auto _ : state) {
+        uint64_t sum = 0;
+        std::size_t seen = 0;
+        int64_t previous = std::numeric_limits<int64_t>::min();
+        bool inOrder = true;
+        const bool completed = file.visitEntries(
+            Logging::EntryRange::all(), everything,
+            [&](const Logging::EntryView& view) {
+                sum += touch(view.data, view.size);
+                inOrder = inOrder && view.timestamp >= previous;
+                previous = view.timestamp;
+                ++seen;
+                return true;
+            },
+            options);
+        if (!completed || seen != entries) {
+            state.SkipWithError("visitEntries came short");
+            break;
+        }
+        if (order == Logging::EntryOrder::Time && !inOrder) {
+            state.SkipWithError("visitEntries was not in time order");
+            break;
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    setThroughput(state, entries, size);
+}
+
+// One round of every pair: the same file read in id order, then in time order.
+void registerOrderBenchmarks(int round) {
+    for (int level : kCompressionLevels) {
+        for (std::size_t size : kPayloadSizes) {
+            auto member = [level, size](OrderFile kind, Logging::EntryOrder order) {
+                return Member{
+                    readName(orderFileLabel(kind), order == Logging::EntryOrder::Time ? "byTime" : "byId",
+                             level, size),
+                    [=](benchmark::State& state) { libraryStreamInOrder(state, kind, order, level, size); }};
+            };
+            for (OrderFile kind : {OrderFile::OrderedIndexed, OrderFile::Ordered, OrderFile::Shuffled,
+                                   OrderFile::ShuffledIndexed}) {
+                registerRound(
+                    {member(kind, Logging::EntryOrder::Id), member(kind, Logging::EntryOrder::Time)}, round,
+                    throughputSettings);
+            }
+        }
+    }
+}
+
 }  // namespace
 
 void registerReadBenchmarks(int round) {
@@ -215,6 +325,7 @@ void registerReadBenchmarks(int round) {
                           round, throughputSettings);
         }
     }
+    registerOrderBenchmarks(round);
 }
 
 void registerIndexBenchmarks(int round) {

@@ -10,7 +10,9 @@
 #include <iterator>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 namespace Marivane::Bench {
 
@@ -513,6 +515,27 @@ void printSummary(const Figures& figures, std::ostream& out) {
                 counter(figures, recorderName("window100", 0, 64), "late"), "", std::nullopt);
     table.bound("late entries without (64 B)", counter(figures, recorderName("noWindow", 0, 64), "late"), "",
                 std::nullopt);
+
+    table.section(
+        "Streaming reads in time order, whole file (library: time order; "
+        "baseline column: id order of the same file)");
+    const std::vector<std::tuple<const char*, const char*, std::optional<double>>> orderRows = {
+        {"orderedIndexed", "ids follow time, time index", 0.9},
+        {"ordered", "ids follow time, no index", 0.8},
+        {"shuffled", "shuffled, no index", std::nullopt},
+        {"shuffledIndexed", "shuffled, time index", std::nullopt},
+    };
+    for (const auto& [file, what, target] : orderRows) {
+        for (int level : kCompressionLevels) {
+            for (std::size_t size : kPayloadSizes) {
+                table.pair(figures, label(what, level, size), readName(file, "byTime", level, size),
+                           readName(file, "byId", level, size), target);
+            }
+        }
+    }
+    out << "\nOne-second windows through the time index (100 entries of 5M), mean of 20\n";
+    table.bound("in id order", counter(figures, windowName(), "indexed_window_ms"), "ms", 0.5);
+    table.bound("in time order", counter(figures, windowName(), "indexed_time_window_ms"), "ms", 0.5);
 
     table.totals();
     for (const auto& [name, runs] : figures) {
