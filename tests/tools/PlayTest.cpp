@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdio>
 #include <thread>
 
 namespace MvlogTest {
@@ -169,6 +170,140 @@ TEST_F(PlayTest, InterruptStopsALoopingReplayCleanly) {
     const std::string last = result.outLines().back();
     EXPECT_NE(last.find("(interrupted)"), std::string::npos) << last;
     EXPECT_GT(frameLines(result).size(), static_cast<std::size_t>(kKnownEntries));
+}
+
+TEST_F(PlayTest, EndStopsAfterTheLastFrameAtOrBeforeIt) {
+    const RunResult head = runMvlog({"play", path, "--speed", "100", "--end", "+0.45"});
+    ASSERT_EQ(head.exitCode, 0) << head.err;
+    std::vector<std::string> frames = frameLines(head);
+    ASSERT_EQ(frames.size(), 5u);
+    EXPECT_EQ(frames.back().rfind("frame 4/100  entry 5  2023-11-14T22:13:20.400Z  ", 0), 0u)
+        << frames.back();
+    EXPECT_EQ(head.outLines().back().rfind("Played 5 of 101 frames (400 ms of recording) in ", 0), 0u)
+        << head.outLines().back();
+
+    const RunResult window =
+        runMvlog({"play", path, "--speed", "100", "--start", "+9.45", "--end", "2023-11-14T22:13:29.700Z"});
+    ASSERT_EQ(window.exitCode, 0) << window.err;
+    frames = frameLines(window);
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_EQ(frames.front().rfind("frame 95/100  entry 96  ", 0), 0u) << frames.front();
+    EXPECT_EQ(frames.back().rfind("frame 97/100  entry 98  ", 0), 0u) << frames.back();
+
+    const RunResult idOrder = runMvlog({"play", path, "--speed", "100", "--order", "id", "--end", "+0.45"});
+    ASSERT_EQ(idOrder.exitCode, 0) << idOrder.err;
+    EXPECT_EQ(frameLines(idOrder).size(), 5u);
+
+    const RunResult reversed = runMvlog({"play", path, "--start", "+2", "--end", "+1"});
+    EXPECT_EQ(reversed.exitCode, 1);
+    EXPECT_EQ(reversed.err, "mvlog: refused: the time range is reversed (--start is after --end)\n");
+    const RunResult before = runMvlog({"play", path, "--end", "2023-11-14T22:13:19Z"});
+    EXPECT_EQ(before.exitCode, 1);
+    EXPECT_EQ(before.err, "mvlog: no frame to play: the first frame at or after the start is after --end\n");
+    EXPECT_EQ(runMvlog({"play", path, "--end", "+1", "--loop"}).exitCode, 2);
+    EXPECT_EQ(runMvlog({"play", path, "--end", "later"}).exitCode, 2);
+}
+
+// Two sources written one after the other: ids 1-21 every 100 ms from the
+// start, ids 22-41 50 ms after each of those. 2 s of recording.
+class PlayOutOfOrderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        SqliteLogFile file(path, "UTC", "tooltest", "1", 0, kKnownStart);
+        DataSource early{-1, MV_LogDataSourceType_Text, "early"};
+        DataSource late{-1, MV_LogDataSourceType_Text, "late"};
+        ASSERT_TRUE(file.addDataSource(early));
+        ASSERT_TRUE(file.addDataSource(late));
+        for (int i = 0; i <= 20; ++i) {
+            DataEntry entry;
+            entry.dataSourceId = early.id;
+            entry.timestamp = kKnownStart + i * 100;
+            entry.data = bytesOf("early");
+            ASSERT_TRUE(file.logData(entry));
+        }
+        for (int i = 0; i < 20; ++i) {
+            DataEntry entry;
+            entry.dataSourceId = late.id;
+            entry.timestamp = kKnownStart + 50 + i * 100;
+            entry.data = bytesOf("late");
+            ASSERT_TRUE(file.logData(entry));
+        }
+    }
+
+    static std::vector<std::string> frameLines(const RunResult& result) {
+        std::vector<std::string> frames;
+        for (const std::string& line : result.outLines()) {
+            if (line.rfind("frame ", 0) == 0) {
+                frames.push_back(line);
+            }
+        }
+        return frames;
+    }
+
+    // "12.3 fps, 3.98x" at the end of a frame line.
+    static double achievedSpeed(const std::string& frame) {
+        const std::size_t fps = frame.rfind(" fps, ");
+        if (fps == std::string::npos) {
+            return 0.0;
+        }
+        return std::stod(frame.substr(fps + 6));
+    }
+
+    TempDir directory;
+    std::string path = directory.file("two-threads.mvlog");
+};
+
+TEST_F(PlayOutOfOrderTest, PlaysInTimestampOrderByDefault) {
+    // The speed shown depends on the machine's load: a few tries at most.
+    double achieved = 0.0;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        const RunResult result = runMvlog({"play", path, "--speed", "4"});
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        const std::vector<std::string> frames = frameLines(result);
+        ASSERT_EQ(frames.size(), 41u);
+        for (int frame = 0; frame < 41; ++frame) {
+            const int entryId = frame % 2 == 0 ? frame / 2 + 1 : frame / 2 + 22;
+            const int64_t milliseconds = frame * 50;
+            char expected[128];
+            std::snprintf(expected, sizeof expected,
+                          "frame %d/40  entry %d  2023-11-14T22:13:%02d.%03dZ  %s (%d)  type ", frame,
+                          entryId, static_cast<int>(20 + milliseconds / 1000),
+                          static_cast<int>(milliseconds % 1000), frame % 2 == 0 ? "early" : "late",
+                          frame % 2 == 0 ? 1 : 2);
+            EXPECT_EQ(frames[static_cast<std::size_t>(frame)].rfind(expected, 0), 0u)
+                << frames[static_cast<std::size_t>(frame)];
+        }
+        EXPECT_EQ(result.outLines().back().rfind("Played 41 of 41 frames (2.000 s of recording) in ", 0), 0u)
+            << result.outLines().back();
+        EXPECT_GE(result.seconds, 0.45);
+        for (std::size_t frame = 2; frame < frames.size(); ++frame) {
+            EXPECT_GT(achievedSpeed(frames[frame]), 0.0) << frames[frame];
+        }
+        achieved = achievedSpeed(frames.back());
+        if (achieved >= 3.0 && achieved <= 5.0) {
+            break;
+        }
+    }
+    EXPECT_GE(achieved, 3.0);
+    EXPECT_LE(achieved, 5.0);
+}
+
+TEST_F(PlayOutOfOrderTest, IdOrderPlaysTheEntriesAsWritten) {
+    const RunResult result = runMvlog({"play", path, "--speed", "100", "--order", "id"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const std::vector<std::string> frames = frameLines(result);
+    ASSERT_EQ(frames.size(), 41u);
+    for (int frame = 0; frame < 41; ++frame) {
+        const std::string expected =
+            "frame " + std::to_string(frame) + "/40  entry " + std::to_string(frame + 1) + "  ";
+        EXPECT_EQ(frames[static_cast<std::size_t>(frame)].rfind(expected, 0), 0u)
+            << frames[static_cast<std::size_t>(frame)];
+    }
+    EXPECT_EQ(frames[21].rfind("frame 21/40  entry 22  2023-11-14T22:13:20.050Z  late (2)  ", 0), 0u)
+        << frames[21];
+    EXPECT_EQ(result.outLines().back().rfind("Played 41 of 41 frames (1.950 s of recording) in ", 0), 0u)
+        << result.outLines().back();
+    EXPECT_EQ(runMvlog({"play", path, "--order", "random"}).exitCode, 2);
 }
 
 TEST_F(PlayTest, SpeedMustBePositive) {

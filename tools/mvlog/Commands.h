@@ -90,11 +90,16 @@ struct PlayOptions {
     double speed = 1.0;
     bool loop = false;
     std::vector<MV_LogDataSourceType> sourceTypes;
-    int32_t maxDelayMs = 1000;
+    // Unset: no cap in time order, 1000 ms in id order.
+    std::optional<int32_t> maxDelayMs;
     int32_t fromFrame = 0;
     // A time (see slice's --start) instead of a frame to start at.
     std::optional<std::string> start;
+    // The last time to play, written like start.
+    std::optional<std::string> end;
     bool carryPacing = false;
+    // Frames by entry id (as written) instead of by timestamp.
+    bool idOrder = false;
 };
 int runPlay(const PlayOptions& options);
 

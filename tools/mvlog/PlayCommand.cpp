@@ -21,6 +21,14 @@ int runPlay(const PlayOptions& options) {
     if (options.start) {
         settings.fromTimestamp = parseTime("--start", *options.start, *file);
     }
+    if (options.end) {
+        settings.toTimestamp = parseTime("--end", *options.end, *file);
+        if (settings.fromTimestamp && *settings.fromTimestamp > *settings.toTimestamp) {
+            throw ToolError("refused: the time range is reversed (--start is after --end)");
+        }
+    }
+    settings.order = options.idOrder ? Marivane::Logging::Playback::FrameOrder::Id
+                                     : Marivane::Logging::Playback::FrameOrder::Time;
     settings.pacing = options.carryPacing ? Marivane::Logging::Playback::Pacing::CarryMilliseconds
                                           : Marivane::Logging::Playback::Pacing::Exact;
     settings.style = isTerminal(stdout) ? StatusStyle::Live : StatusStyle::EveryFrame;

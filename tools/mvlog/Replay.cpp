@@ -24,7 +24,10 @@ namespace Mvlog {
 using Marivane::Logging::DataEntry;
 using Marivane::Logging::DataSource;
 using Marivane::Logging::LogFileInterface;
+using Marivane::Logging::Playback::FrameOrder;
 using Marivane::Logging::Playback::LogFilePlayer;
+using Marivane::Logging::Playback::Pacing;
+using Marivane::Logging::Playback::PlayerOptions;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -51,6 +54,9 @@ private:
     std::set<int32_t> entryIds_;
 };
 
+// The cap a player in id order has always had unless told otherwise.
+constexpr int32_t kIdOrderMaxDelayMs = 1000;
+
 constexpr auto kPollPeriod = std::chrono::milliseconds(50);
 constexpr auto kLiveRedrawPeriod = std::chrono::milliseconds(100);
 constexpr auto kPeriodicLinePeriod = std::chrono::milliseconds(500);
@@ -76,6 +82,10 @@ public:
         : lastFrame_(lastFrame), loop_(loop), damage_(std::move(damage)) {}
 
     void push(int32_t frame, const DataEntry& entry) {
+        // A frame after an --end is played only in the moment before stop().
+        if (frame > lastFrame_ && !loop_) {
+            return;
+        }
         DeliveredFrame delivered{frame,      entry.entryId,     entry.timestamp, entry.dataSourceId,
                                  entry.type, entry.data.size(), Clock::now()};
         delivered.damaged = damage_->contains(entry.entryId);
@@ -114,20 +124,29 @@ private:
 // (also after a wrap, where the gap counts from 0), cumulative from the first
 // delivery. Under the default pacing the player rounds each wait to whole
 // milliseconds and compensates only whole milliseconds of lateness, so its
-// drift shows here; exact pacing follows this schedule.
+// drift shows here; exact pacing follows this schedule. A player built with
+// options (any time-ordered replay) plays a frame without a predecessor at
+// once and caps the gap only after scaling it, when a cap is set at all.
 class PacingTracker {
 public:
-    PacingTracker(double speed, int32_t maxDelayMs) : speed_(speed), maxDelayMs_(maxDelayMs) {}
+    PacingTracker(double speed, const ReplaySettings& settings)
+        : speed_(speed),
+          withOptions_(settings.order == FrameOrder::Time),
+          carry_(settings.pacing == Pacing::CarryMilliseconds),
+          maxDelayMs_(settings.maxDelayMs) {}
 
     void observe(const DeliveredFrame& frame) {
         if (!started_) {
             started_ = true;
             scheduled_ = frame.deliveredAt;
         } else {
-            if (frame.frame <= previousFrame_) {
+            const bool wrapped = frame.frame <= previousFrame_;
+            if (wrapped) {
                 previousTimestamp_ = 0;
             }
-            scheduled_ += std::chrono::duration_cast<Clock::duration>(waitBefore(frame.timestamp));
+            if (!(wrapped && withOptions_)) {
+                scheduled_ += std::chrono::duration_cast<Clock::duration>(waitBefore(frame.timestamp));
+            }
             const double errorMs =
                 std::abs(std::chrono::duration<double, std::milli>(frame.deliveredAt - scheduled_).count());
             totalMs_ += errorMs;
@@ -146,12 +165,26 @@ public:
 
 private:
     std::chrono::nanoseconds waitBefore(int64_t timestamp) const {
-        return Marivane::Logging::Playback::idealFrameGap(timestamp - previousTimestamp_, maxDelayMs_,
-                                                          static_cast<float>(speed_));
+        const int64_t gap = timestamp - previousTimestamp_;
+        const auto speed = static_cast<float>(speed_);
+        if (!withOptions_) {
+            return Marivane::Logging::Playback::idealFrameGap(gap, maxDelayMs_.value_or(kIdOrderMaxDelayMs),
+                                                              speed);
+        }
+        if (carry_ && maxDelayMs_) {
+            return Marivane::Logging::Playback::idealFrameGap(gap, *maxDelayMs_, speed);
+        }
+        std::optional<std::chrono::milliseconds> cap;
+        if (maxDelayMs_) {
+            cap = std::chrono::milliseconds(*maxDelayMs_);
+        }
+        return Marivane::Logging::Playback::scaledFrameGap(gap, speed, cap);
     }
 
     double speed_;
-    int32_t maxDelayMs_;
+    bool withOptions_;
+    bool carry_;
+    std::optional<int32_t> maxDelayMs_;
     bool started_ = false;
     Clock::time_point scheduled_;
     int32_t previousFrame_ = 0;
@@ -256,6 +289,24 @@ std::map<int8_t, std::string> sourceNamesOf(const LogFileInterface& file) {
     return names;
 }
 
+LogFilePlayer makePlayer(std::unique_ptr<LogFileInterface> file, const ReplaySettings& settings,
+                         const Marivane::Logging::Playback::FrameCallback& callback) {
+    // Returned as prvalues: a moved-from player must not be destroyed.
+    if (settings.order == FrameOrder::Id) {
+        return LogFilePlayer(std::move(file), settings.sourceTypes, callback, settings.loop,
+                             settings.maxDelayMs.value_or(kIdOrderMaxDelayMs));
+    }
+    PlayerOptions options;
+    options.order = FrameOrder::Time;
+    options.pacing = settings.pacing;
+    options.loop = settings.loop;
+    options.speed = static_cast<float>(settings.speed);
+    if (settings.maxDelayMs) {
+        options.maxFrameDelay = std::chrono::milliseconds(*settings.maxDelayMs);
+    }
+    return LogFilePlayer(std::move(file), settings.sourceTypes, callback, options);
+}
+
 void requireFrame(int32_t frame, std::size_t frameCount) {
     if (frame < 0 || static_cast<std::size_t>(frame) >= frameCount) {
         throw ToolError(fmt::format("frame {} does not exist (the replay has frames 0 to {})", frame,
@@ -273,26 +324,38 @@ ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplayS
 
     // The queue must outlive the player, whose worker calls into it.
     std::unique_ptr<DeliveryQueue> queue;
-    LogFilePlayer player(
-        std::move(file), settings.sourceTypes,
-        [&queue](int32_t frame, DataEntry entry) { queue->push(frame, entry); }, settings.loop,
-        settings.maxDelayMs);
+    LogFilePlayer player = makePlayer(
+        std::move(file), settings, [&queue](int32_t frame, DataEntry entry) { queue->push(frame, entry); });
     // A damaged payload becomes an empty frame, logged for the report.
     player.setUnreadableFrameHandler(
         [damage](int32_t, int32_t entryId, const std::string&) { damage->record(entryId); });
-    player.setPacing(settings.pacing);
+    if (settings.order == FrameOrder::Id) {
+        player.setPacing(settings.pacing);
+    }
     report.frameCount = player.getFrameCount();
     if (report.frameCount == 0) {
         return report;
     }
     requireFrame(settings.fromFrame, report.frameCount);
-    queue =
-        std::make_unique<DeliveryQueue>(static_cast<int32_t>(report.frameCount - 1), settings.loop, damage);
+    auto lastFrame = static_cast<int32_t>(report.frameCount - 1);
+    if (settings.toTimestamp) {
+        // The frame count at or before the end, found by the player's own
+        // bisection; the frame it delivers is dropped.
+        lastFrame = player.seekToTime(*settings.toTimestamp + 1, [](int32_t, const DataEntry&) {}) - 1;
+        const int32_t firstFrame =
+            settings.fromTimestamp
+                ? player.seekToTime(*settings.fromTimestamp, [](int32_t, const DataEntry&) {})
+                : settings.fromFrame;
+        if (lastFrame < firstFrame) {
+            throw ToolError("no frame to play: the first frame at or after the start is after --end");
+        }
+    }
+    queue = std::make_unique<DeliveryQueue>(lastFrame, settings.loop, damage);
     report.recordedSpanMs = player.getTotalPlayTime();
     player.setPlaybackSpeedMultiplier(static_cast<float>(settings.speed));
 
     StatusPrinter printer(stream, settings.style, std::move(names), report.frameCount);
-    PacingTracker pacing(settings.speed, settings.maxDelayMs);
+    PacingTracker pacing(settings.speed, settings);
     InterruptGuard interrupts;
     const auto start = Clock::now();
     // seek delivers the first frame here and now; play() goes on after it.

@@ -23,11 +23,18 @@ struct ReplaySettings {
     double speed = 1.0;
     bool loop = false;
     std::vector<MV_LogDataSourceType> sourceTypes;
-    int32_t maxDelayMs = 1000;
+    // Unset: no cap in time order, 1000 ms in id order.
+    std::optional<int32_t> maxDelayMs;
     int32_t fromFrame = 0;
     // When set, playback starts at the first frame at or after this time
     // instead of fromFrame.
     std::optional<int64_t> fromTimestamp;
+    // When set, playback ends after the last frame at or before this time.
+    std::optional<int64_t> toTimestamp;
+    // Id order keeps the player's original pacing rules (a wait of the
+    // maximum delay before the first frame of a wrap, gaps capped before
+    // the speed scales them); time order is a player built with options.
+    Marivane::Logging::Playback::FrameOrder order = Marivane::Logging::Playback::FrameOrder::Id;
     Marivane::Logging::Playback::Pacing pacing = Marivane::Logging::Playback::Pacing::Exact;
     StatusStyle style = StatusStyle::EveryFrame;
 };
@@ -56,7 +63,8 @@ struct ReplayReport {
 
 // Replays `file` through the player until the last frame is delivered
 // (without looping) or SIGINT/SIGTERM arrives, printing status to `stream`.
-// Throws ToolError for a frame number outside the file.
+// Throws ToolError for a frame number outside the file, and for a range
+// without frames.
 ReplayReport replayLogFile(std::unique_ptr<Marivane::Logging::LogFileInterface> file,
                            const ReplaySettings& settings, std::FILE* stream);
 

@@ -328,7 +328,7 @@ void addPlay(CLI::App& app, Subcommands& subcommands) {
                   "Play only data sources of this type (repeatable; default: all)")
         ->check(kDataSourceTypeValidator);
     play->add_option("--max-delay", options->maxDelayMs,
-                     "Longest wait between two frames in ms (default 1000)")
+                     "Longest wait between two frames in ms (default: none in time order, 1000 in id order)")
         ->check(kMaxDelay);
     CLI::Option* from =
         play->add_option("--from", options->fromFrame, "Frame to start at, counting from 0")->check(kCount);
@@ -336,13 +336,22 @@ void addPlay(CLI::App& app, Subcommands& subcommands) {
                      "Start at the first frame at or after this time: ISO 8601 (2026-11-21T11:58:05.5Z) or "
                      "seconds after the first entry (+12.5)")
         ->excludes(from);
+    play->add_option("--end", options->end,
+                     "Stop after the last frame at or before this time, written like --start")
+        ->excludes("--loop");
+    auto order = std::make_shared<std::string>("time");
+    play->add_option("--order", *order,
+                     "time: frames by timestamp, ties by entry id (default); id: by entry id, as written, "
+                     "with the 1000 ms default --max-delay")
+        ->check(CLI::IsMember({"id", "time"}));
     play->add_flag("--carry-pacing", options->carryPacing,
                    "Pace like the library's default (whole-millisecond waits, which drift at high rates) "
                    "instead of on an exact timeline");
     subcommands.add(
         play, [options] { return std::vector{options->file}; },
-        [options, sourceTypeNames] {
+        [options, sourceTypeNames, order] {
             options->sourceTypes = dataSourceTypes(*sourceTypeNames);
+            options->idOrder = *order == "id";
             return runPlay(*options);
         });
 }
