@@ -3,6 +3,7 @@
 
 #include <logging/SqliteLogFile.h>
 
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -74,15 +75,20 @@ bool MV_LogFile_VisitEntriesOrdered(MV_LogFile_p file, int32_t minimumEntryId, i
                                     int64_t startTimestamp, int64_t endTimestamp,
                                     MV_LogEntryIndexFilter_p filter, MV_LogEntryOrder order,
                                     MV_LogEntryViewCallback callback, void* userData, MV_LogError_p* error) {
+    // C lets any int through: the value is read as an int, since reading an
+    // enumeration outside its values is undefined in C++.
+    int orderValue = 0;
+    static_assert(sizeof orderValue == sizeof order);
+    std::memcpy(&orderValue, &order, sizeof orderValue);
     return reportingFailures(error, [&] {
-        // A value outside the enumeration (C lets any int through) is refused
-        // rather than read as one of the two.
-        if (order != MV_LOG_ORDER_ID && order != MV_LOG_ORDER_TIME) {
-            storeError(error, "Unknown entry order " + std::to_string(static_cast<int>(order)) + ".");
+        // A value outside the enumeration is refused rather than read as one
+        // of the two.
+        if (orderValue != MV_LOG_ORDER_ID && orderValue != MV_LOG_ORDER_TIME) {
+            storeError(error, "Unknown entry order " + std::to_string(orderValue) + ".");
             return false;
         }
         return visit(file, EntryRange{minimumEntryId, maximumEntryId, startTimestamp, endTimestamp}, filter,
-                     order == MV_LOG_ORDER_TIME ? EntryOrder::Time : EntryOrder::Id, callback, userData,
+                     orderValue == MV_LOG_ORDER_TIME ? EntryOrder::Time : EntryOrder::Id, callback, userData,
                      error);
     });
 }
