@@ -173,6 +173,105 @@ TEST(CatDamage, AnEntryOnTheCutOffPartOfAFileIsNamed) {
               "mvlog: 1 of 2 entries could not be read\n");
 }
 
+TEST(CatDamage, DamageIsNamedTheSameWayInBothOrders) {
+    for (const std::string order : {"time", "id"}) {
+        TempDir directory;
+        const std::string path = directory.file("cut.mvlog");
+        writeKnownFile(path, 0);
+        overwriteStoredPayload(path, 101, ByteBuffer(50'000, std::byte{0x5a}));
+        std::filesystem::resize_file(path, std::filesystem::file_size(path) - 1);
+        const RunResult cut = runMvlog({"cat", path, "--from", "99", "--order", order});
+        EXPECT_EQ(cut.exitCode, 1);
+        EXPECT_EQ(cut.outLines().size(), 2u) << cut.out;
+        EXPECT_EQ(cut.err,
+                  "mvlog: entry 101: listed in the index but its row cannot be read\n"
+                  "mvlog: 1 of 3 entries could not be read\n")
+            << order;
+
+        const std::string pages = directory.file("damaged.mvlog");
+        writeFileWithDamagedPages(pages);
+        const RunResult hidden = runMvlog({"cat", pages, "--order", order});
+        EXPECT_EQ(hidden.exitCode, 1);
+        EXPECT_NE(
+            hidden.err.find(" entries of the file are missing from its index (behind a damaged page) and "
+                            "were not printed\n"),
+            std::string::npos)
+            << order << ": " << hidden.err;
+    }
+}
+
+// Two sources written one after the other: ids 1-6 every 100 ms from the
+// start, ids 7-11 50 ms after the first five of those.
+class CatOrderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        SqliteLogFile file(path, "UTC", "tooltest", "1", 3, kKnownStart);
+        DataSource early{-1, MV_LogDataSourceType_Text, "early"};
+        DataSource late{-1, MV_LogDataSourceType_Text, "late"};
+        ASSERT_TRUE(file.addDataSource(early));
+        ASSERT_TRUE(file.addDataSource(late));
+        const auto log = [&file](int8_t source, int32_t type, int64_t timestamp, const std::string& text) {
+            DataEntry entry;
+            entry.dataSourceId = source;
+            entry.type = type;
+            entry.timestamp = timestamp;
+            entry.data = bytesOf(text);
+            return file.logData(entry);
+        };
+        for (int i = 0; i < 6; ++i) {
+            ASSERT_TRUE(log(early.id, 4, kKnownStart + i * 100, "early"));
+        }
+        for (int i = 0; i < 5; ++i) {
+            ASSERT_TRUE(log(late.id, 5, kKnownStart + 50 + i * 100, "late"));
+        }
+    }
+
+    static std::vector<int> idsOf(const RunResult& result) {
+        std::vector<int> ids;
+        for (const std::string& line : result.outLines()) {
+            ids.push_back(std::stoi(line.substr(1)));
+        }
+        return ids;
+    }
+
+    TempDir directory;
+    std::string path = directory.file("two-threads.mvlog");
+};
+
+TEST_F(CatOrderTest, TimeOrderByDefaultAndIdOrderOnRequest) {
+    const RunResult result = runMvlog({"cat", path});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(idsOf(result), (std::vector<int>{1, 7, 2, 8, 3, 9, 4, 10, 5, 11, 6}));
+    EXPECT_EQ(result.outLines()[1],
+              "#7  2023-11-14T22:13:20.050Z  source 2 \"late\"  type 5  4 B  6c 61 74 65");
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--order", "id"})),
+              (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--order", "time"})),
+              (std::vector<int>{1, 7, 2, 8, 3, 9, 4, 10, 5, 11, 6}));
+    EXPECT_EQ(runMvlog({"cat", path, "--order", "entry"}).exitCode, 2);
+}
+
+TEST_F(CatOrderTest, BoundsFiltersAndLimitApplyInTimeOrder) {
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--limit", "3"})), (std::vector<int>{1, 7, 2}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--limit", "3", "--order", "id"})), (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--start", "+0.1", "--end", "+0.3"})),
+              (std::vector<int>{2, 8, 3, 9, 4}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--start", "+0.1", "--end", "+0.3", "--order", "id"})),
+              (std::vector<int>{2, 3, 4, 8, 9}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--from", "5", "--to", "8"})), (std::vector<int>{7, 8, 5, 6}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--source", "2", "--limit", "2"})), (std::vector<int>{7, 8}));
+    EXPECT_TRUE(runMvlog({"cat", path, "--limit", "0"}).out.empty());
+}
+
+TEST_F(CatOrderTest, ADamagedPayloadMetInTimeOrderIsNamed) {
+    overwriteStoredPayload(path, 8, bytesOf("definitely not compressed"));
+    const RunResult result = runMvlog({"cat", path});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(idsOf(result), (std::vector<int>{1, 7, 2, 3, 9, 4, 10, 5, 11, 6}));
+    EXPECT_EQ(result.err.rfind("mvlog: entry 8: payload cannot be expanded: ", 0), 0u) << result.err;
+    EXPECT_NE(result.err.find("mvlog: 1 of 11 entries could not be read\n"), std::string::npos) << result.err;
+}
+
 // More payload than one read chunk holds: every entry still arrives, once,
 // in order.
 TEST(CatLargeFile, ReadsAFileLargerThanOneChunk) {

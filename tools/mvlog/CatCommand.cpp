@@ -52,6 +52,8 @@ EntrySelection selectionOf(const CatOptions& options) {
     selection.from = options.from;
     selection.to = options.to;
     selection.limit = options.limit;
+    selection.order =
+        options.idOrder ? Marivane::Logging::EntryOrder::Id : Marivane::Logging::EntryOrder::Time;
     selection.filter.dataTypes = options.types;
     for (int source : options.sources) {
         selection.filter.dataSources.push_back(static_cast<int8_t>(source));
@@ -258,9 +260,12 @@ int runCat(const CatOptions& options) {
             missing));
     }
     if (options.follow) {
+        // New entries follow the highest id printed, whatever the order.
         const std::vector<int32_t>& seen = scanner.selectedIds();
-        followNewEntries(*file, options, selection,
-                         seen.empty() ? std::max(0, options.from - 1) : seen.back(), names);
+        followNewEntries(
+            *file, options, selection,
+            seen.empty() ? std::max(0, options.from - 1) : *std::max_element(seen.begin(), seen.end()),
+            names);
     }
     return 0;
 }

@@ -37,6 +37,8 @@ struct CatOptions {
     // entry came for idleSeconds (0: no such limit).
     bool follow = false;
     double idleSeconds = 0;
+    // Entries by id (as written) instead of by timestamp.
+    bool idOrder = false;
 };
 int runCat(const CatOptions& options);
 

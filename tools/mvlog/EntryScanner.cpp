@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <unordered_set>
 #include <utility>
 
 namespace Mvlog {
@@ -32,7 +33,32 @@ std::vector<int32_t> idsInTimeWindow(const SqliteLogFile& file, const EntrySelec
     return ids;
 }
 
+// In time order the ids come from the same payload-free read, sorted by it.
+std::vector<int32_t> idsInTimeOrder(const SqliteLogFile& file, const EntrySelection& selection) {
+    std::vector<int32_t> ids;
+    if (selection.limit == 0) {
+        return ids;
+    }
+    const EntryRange range{selection.from, selection.to, selection.startTimestamp, selection.endTimestamp};
+    VisitOptions options;
+    options.order = Marivane::Logging::EntryOrder::Time;
+    // Entries whose stored values cannot be handed out are the scan's to
+    // report; here they are only not listed.
+    options.onDamagedEntry = [](int64_t, const std::string&) { return true; };
+    file.visitEntrySummaries(
+        range, selection.filter,
+        [&](const Marivane::Logging::EntrySummary& entry) {
+            ids.push_back(entry.entryId);
+            return selection.limit < 0 || ids.size() < static_cast<std::size_t>(selection.limit);
+        },
+        options);
+    return ids;
+}
+
 std::vector<int32_t> selectIds(const SqliteLogFile& file, const EntrySelection& selection) {
+    if (selection.order == Marivane::Logging::EntryOrder::Time) {
+        return idsInTimeOrder(file, selection);
+    }
     if (hasTimeBounds(selection)) {
         return idsInTimeWindow(file, selection);
     }
@@ -116,6 +142,10 @@ bool EntryScanner::coversWholeFile() const {
 }
 
 void EntryScanner::run(const EntryHandler& onEntry, const DamageHandler& onDamaged) {
+    if (selection_.order == Marivane::Logging::EntryOrder::Time) {
+        runInTimeOrder(onEntry, onDamaged);
+        return;
+    }
     met_ = 0;
     const bool limited = selection_.limit >= 0;
     if (limited && ids_.empty()) {
@@ -169,6 +199,52 @@ void EntryScanner::run(const EntryHandler& onEntry, const DamageHandler& onDamag
     passedOver.insert(passedOver.end(), ids_.begin() + static_cast<std::ptrdiff_t>(next), ids_.end());
     for (const int32_t entryId : passedOver) {
         readSingle(entryId, narrowedForms.count(entryId) != 0, onEntry, onDamaged);
+    }
+}
+
+// As run in id order, except that the read's ids do not ascend: a listed id
+// is taken when the read meets it, and whatever is left when the read ends
+// (passed over, or beyond a failure inside the database) is read one by one,
+// in time order.
+void EntryScanner::runInTimeOrder(const EntryHandler& onEntry, const DamageHandler& onDamaged) {
+    met_ = 0;
+    const bool limited = selection_.limit >= 0;
+    if (limited && ids_.empty()) {
+        return;
+    }
+    std::unordered_set<int32_t> pending(ids_.begin(), ids_.end());
+    std::set<int32_t> narrowedForms;
+    const auto takeListed = [&](int64_t entryId) {
+        return entryId >= std::numeric_limits<int32_t>::min() &&
+               entryId <= std::numeric_limits<int32_t>::max() &&
+               pending.erase(static_cast<int32_t>(entryId)) != 0;
+    };
+    VisitOptions options = optionsReportingTo(onDamaged);
+    options.order = Marivane::Logging::EntryOrder::Time;
+    options.onDamagedEntry = [&](int64_t entryId, const std::string& reason) {
+        if (entryId < std::numeric_limits<int32_t>::min() || entryId > std::numeric_limits<int32_t>::max()) {
+            narrowedForms.insert(static_cast<int32_t>(static_cast<uint32_t>(entryId)));
+        } else {
+            takeListed(entryId);
+        }
+        report(onDamaged, {entryId, reason});
+        return true;
+    };
+    const EntryRange range{selection_.from, selection_.to, selection_.startTimestamp,
+                           selection_.endTimestamp};
+    file_.visitEntries(
+        range, selection_.filter,
+        [&](const EntryView& view) {
+            if (takeListed(view.entryId) || !fileHasSource(view.dataSourceId)) {
+                deliver(view, onEntry, onDamaged);
+            }
+            return !limited || !pending.empty();
+        },
+        options);
+    for (const int32_t entryId : ids_) {
+        if (pending.count(entryId) != 0) {
+            readSingle(entryId, narrowedForms.count(entryId) != 0, onEntry, onDamaged);
+        }
     }
 }
 

@@ -17,7 +17,8 @@ namespace Mvlog {
 
 // Which entries a scan visits: ids in [from, to] (-1 for the file's first or
 // last) and timestamps in [startTimestamp, endTimestamp], admitted by the
-// filter, at most `limit` of them (-1: all).
+// filter, at most `limit` of them (-1: all), in `order` (by time: ascending
+// timestamp, ties by id; the limit keeps the earliest).
 struct EntrySelection {
     int32_t from = -1;
     int32_t to = -1;
@@ -25,6 +26,7 @@ struct EntrySelection {
     int64_t endTimestamp = std::numeric_limits<int64_t>::max();
     Marivane::Logging::EntryIndexFilter filter;
     int64_t limit = -1;
+    Marivane::Logging::EntryOrder order = Marivane::Logging::EntryOrder::Id;
 };
 
 // An entry whose payload could not be read or expanded, or whose stored
@@ -63,8 +65,8 @@ ScannedEntry scannedFrom(const Marivane::Logging::EntryView& view);
 // uncompressed. Nothing when the payload is as the file says.
 std::optional<std::string> storedFormProblem(const ScannedEntry& entry);
 
-// Visits the entries that the file's index lists for a selection, in id
-// order, through the library's streaming read: payloads stay as stored until
+// Visits the entries that the file's index lists for a selection, in the
+// selection's order, through the library's streaming read: payloads stay as stored until
 // a handler asks for them. An entry that the read cannot hand out is reported
 // as damaged and the scan goes on; after a database failure (a damaged page)
 // the remaining listed entries are read one by one, which names the ones
@@ -81,6 +83,7 @@ public:
 
     // Number of entries the selection names (from the index, before reading).
     std::size_t selectedCount() const { return ids_.size(); }
+    // In the selection's order.
     const std::vector<int32_t>& selectedIds() const { return ids_; }
 
     void run(const EntryHandler& onEntry, const DamageHandler& onDamaged);
@@ -96,6 +99,7 @@ public:
     void verifyChecksums(bool verify) { verifyChecksums_ = verify; }
 
 private:
+    void runInTimeOrder(const EntryHandler& onEntry, const DamageHandler& onDamaged);
     void deliver(const Marivane::Logging::EntryView& view, const EntryHandler& onEntry,
                  const DamageHandler& onDamaged);
     void readSingle(int32_t entryId, bool mayBeNarrowed, const EntryHandler& onEntry,

@@ -181,7 +181,7 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<CatOptions>();
     auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
     auto format = std::make_shared<std::string>("text");
-    CLI::App* cat = app.add_subcommand("cat", "Print entries in id order");
+    CLI::App* cat = app.add_subcommand("cat", "Print entries in time order");
     cat->add_option("FILE", options->file, "Log file")->required();
     cat->add_option("--from", options->from, "First entry id (default: the file's first)");
     cat->add_option("--to", options->to, "Last entry id (default: the file's last)");
@@ -196,6 +196,10 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
                   "Only entries of data sources of this type (repeatable)")
         ->check(kDataSourceTypeValidator);
     cat->add_option("--limit", options->limit, "At most this many entries")->check(kCount);
+    auto order = std::make_shared<std::string>("time");
+    cat->add_option("--order", *order,
+                    "time: by timestamp, ties by entry id (default); id: by entry id, as written")
+        ->check(CLI::IsMember({"id", "time"}));
     cat->add_option("--format", *format, "text (default), json (one object per line) or hex (full dump)")
         ->check(CLI::IsMember({"text", "json", "hex"}));
     CLI::Option* follow = cat->add_flag(
@@ -213,8 +217,9 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
         "after --end, is refused.");
     subcommands.add(
         cat, [options] { return std::vector{options->file}; },
-        [options, sourceTypeNames, format] {
+        [options, sourceTypeNames, format, order] {
             options->sourceTypes = dataSourceTypes(*sourceTypeNames);
+            options->idOrder = *order == "id";
             options->format = *format == "json"  ? CatFormat::Json
                               : *format == "hex" ? CatFormat::Hex
                                                  : CatFormat::Text;
