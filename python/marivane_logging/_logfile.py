@@ -20,6 +20,7 @@ from ._selection import (
     Time,
     TimeRange,
     compression_level,
+    entry_order,
     filter_lists,
     int32,
     selection,
@@ -102,6 +103,10 @@ class LogFile:
 
     Reads stream: :meth:`entries` holds a bounded chunk of entries at a time,
     :meth:`index` builds a numpy array without a Python object per entry.
+    They come in time order (ascending timestamp, equal timestamps by id)
+    unless ``order="id"`` asks for the order the entries were written in.
+    Times are what ``mvlog`` takes as well: ``"2026-11-21T11:58:05.5Z"`` or
+    ``"+12.5"`` (seconds after the first entry).
     Failures raise :class:`LogFileError` subclasses with the library's message.
     A LogFile may be shared between threads; calls on one file take turns.
     """
@@ -328,6 +333,16 @@ class LogFile:
             return None
         return {source.name: source.id for source in self.data_sources}
 
+    def _first_timestamp(self) -> int:
+        # A relative time counts from the first entry, as mvlog counts it.
+        first = self.first_entry_id
+        rows = None if first is None else _core._index(
+            self._native, **selection(first, first, None, None, None, None)
+        )
+        if rows is None or len(rows) == 0:
+            raise ValueError("a time relative to the first entry needs a file with entries")
+        return int(rows["timestamp"][0])
+
     # ---- streaming reads ----------------------------------------------------
     def entries(
         self,
@@ -340,16 +355,18 @@ class LogFile:
         time: Optional[Tuple[Optional[Time], Optional[Time]]] = None,
         payload_as: str = "bytes",
         verify_checksums: bool = False,
+        order: str = "time",
     ) -> Iterator[Entry]:
-        """Streams the selected entries in id order.
+        """Streams the selected entries in time order, or with ``order="id"`` in id order.
 
         Each entry is a named tuple ``(id, source, type, timestamp, payload)``
         with ``.datetime`` (UTC) and ``.size`` besides.
 
         `start` and `end` are entry ids (inclusive); `sources` data-source ids
         or names; `types` entry types; `source_types` data-source types; `time`
-        a (start, end) pair of times (ms ints, aware datetimes, datetime64),
-        inclusive, either may be None. The lists are alternatives; the
+        a (start, end) pair of times (ms ints, aware datetimes, datetime64, ISO
+        8601 text or ``"+seconds"`` after the first entry), inclusive, either
+        may be None. Time order is ascending timestamp, equal timestamps by id. The lists are alternatives; the
         arguments combine with AND.
 
         `payload_as` chooses the payload's form:
@@ -373,11 +390,12 @@ class LogFile:
         names = self._names(sources)
         return _core._entries(
             self._native,
-            **selection(start, end, sources, types, source_types, time, names),
+            **selection(start, end, sources, types, source_types, time, names, self._first_timestamp),
             payload_as=payload_as,
             chunk_entries=CHUNK_ENTRIES,
             chunk_bytes=CHUNK_BYTES,
             verify_checksums=bool(verify_checksums),
+            order=entry_order(order),
         )
 
     def visit(
@@ -392,8 +410,12 @@ class LogFile:
         time: Optional[Tuple[Optional[Time], Optional[Time]]] = None,
         payload_as: str = "memoryview",
         verify_checksums: bool = False,
+        order: str = "time",
     ) -> int:
         """Calls `callback(entry)` for each selected entry; answers how many it saw.
+
+        The entries come in time order, or with ``order="id"`` in id order;
+        the selection is as in :meth:`entries`.
 
         With ``payload_as="memoryview"`` (the default) the payload is a
         read-only view of a buffer the visit reuses from entry to entry, no
@@ -417,9 +439,10 @@ class LogFile:
         return _core._visit(
             self._native,
             callback,
-            **selection(start, end, sources, types, source_types, time, names),
+            **selection(start, end, sources, types, source_types, time, names, self._first_timestamp),
             payload_as=payload_as,
             verify_checksums=bool(verify_checksums),
+            order=entry_order(order),
         )
 
     def index(
@@ -431,8 +454,12 @@ class LogFile:
         types: Ints = None,
         source_types: Ints = None,
         time: Optional[Tuple[Optional[Time], Optional[Time]]] = None,
+        order: str = "time",
     ) -> np.ndarray:
         """The selected entries without payloads, as a numpy structured array.
+
+        Rows in time order, or with ``order="id"`` in id order; the selection
+        is as in :meth:`entries`.
 
         Fields: ``id`` (int32), ``source`` (int8), ``type`` (int32),
         ``timestamp`` (int64 ms since the epoch, UTC) and ``size`` (int64: the
@@ -440,7 +467,11 @@ class LogFile:
         in C++ without a Python object per entry.
         """
         names = self._names(sources)
-        return _core._index(self._native, **selection(start, end, sources, types, source_types, time, names))
+        return _core._index(
+            self._native,
+            **selection(start, end, sources, types, source_types, time, names, self._first_timestamp),
+            order=entry_order(order),
+        )
 
     def to_pandas(
         self,
@@ -451,14 +482,17 @@ class LogFile:
         types: Ints = None,
         source_types: Ints = None,
         time: Optional[Tuple[Optional[Time], Optional[Time]]] = None,
+        order: str = "time",
     ) -> "pandas.DataFrame":  # noqa: F821
-        """:meth:`index` as a pandas DataFrame.
+        """:meth:`index` as a pandas DataFrame (rows in time order unless ``order="id"``).
 
         Columns: id, source, source_name (categorical), type, timestamp
         (timezone-aware UTC: ``datetime64[ms, UTC]`` with pandas 2, nanosecond
         resolution with older pandas) and size (stored bytes).
         """
-        rows = self.index(start, end, sources=sources, types=types, source_types=source_types, time=time)
+        rows = self.index(
+            start, end, sources=sources, types=types, source_types=source_types, time=time, order=order
+        )
         names = {source.id: source.name for source in self.data_sources}
         return index_frame(rows, names)
 
@@ -475,7 +509,7 @@ class LogFile:
     ) -> Optional[int]:
         """The id of the earliest entry at or after `timestamp` (lowest id among equals), or None."""
         return self._native.find_entry_at_or_after(
-            to_ms(timestamp), **filter_lists(sources, types, source_types, self._names(sources))
+            to_ms(timestamp, self._first_timestamp), **filter_lists(sources, types, source_types, self._names(sources))
         )
 
     def create_time_index(self) -> None:

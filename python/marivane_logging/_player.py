@@ -39,10 +39,11 @@ class Player:
     """Replays a log file on a worker thread, calling `callback(frame, entry)` per frame.
 
     Frames are the entries whose data source has one of `source_types` (every
-    entry when none matches or the list is empty), in id order. The worker
-    waits for each entry's timestamp gap to the previous one, divided by
-    `speed` (at most `max_frame_delay_ms`, 1000 unless given), then calls the
-    callback with the GIL held; the player otherwise runs without it::
+    entry when none matches or the list is empty), in time order (ascending
+    timestamp, equal timestamps by id). The worker waits for each entry's
+    timestamp gap to the previous one divided by `speed` (at most
+    `max_frame_delay_ms` when given), then calls the callback with the GIL
+    held; the player otherwise runs without it::
 
         def show(frame, entry):
             print(frame, entry.source, entry.timestamp, len(entry.payload))
@@ -67,14 +68,16 @@ class Player:
     properties may be used there. A player whose last reference a callback
     drops stops once that callback returns.
 
-    With ``order="time"`` the frames are the same entries in time order
-    (ascending timestamp, equal timestamps by id), whatever order they were
-    written in: :meth:`play` starts at frame 0, :meth:`seek_to_time` finds the
-    earliest frame at or after a time, bookmarks show at their entry's frame,
-    and the speed scales every gap; `max_frame_delay_ms`, when given, caps
-    the scaled gap, and `pacing` is :attr:`Pacing.EXACT` unless given. With
-    the default ``order="id"`` the first :meth:`play` starts at frame 1 (seek
-    to 0 first to see frame 0).
+    In time order (the default) the frames come in time order whatever order
+    the entries were written in: :meth:`play` starts at frame 0,
+    :meth:`seek_to_time` finds the earliest frame at or after a time,
+    bookmarks show at their entry's frame, and the speed scales every gap;
+    `max_frame_delay_ms`, when given, caps the scaled gap, and `pacing` is
+    :attr:`Pacing.EXACT` unless given. With ``order="id"`` the frames are in
+    id order as they were written, each wait is at most `max_frame_delay_ms`
+    (1000 unless given) before the speed divides it, pacing is
+    :attr:`Pacing.CARRY_MILLISECONDS` unless given, and the first
+    :meth:`play` starts at frame 1 (seek to 0 first to see frame 0).
 
     The file must exist: a missing path raises :class:`LogFileNotFoundError`,
     a directory :class:`LogFileIsADirectoryError`.
@@ -92,7 +95,7 @@ class Player:
         pacing: Optional[Pacing] = None,
         on_error: Optional[Callable[[BaseException], Any]] = None,
         on_unreadable: Optional[Callable[[int, int, str], Any]] = None,
-        order: Union[str, FrameOrder] = "id",
+        order: Union[str, FrameOrder] = "time",
     ) -> None:
         if not callable(callback):
             raise TypeError("callback must be callable as callback(frame, entry)")
@@ -100,6 +103,7 @@ class Player:
         # The player opens the file for writing (for its bookmark edits),
         # which would make a new file of a missing path.
         path = _paths.existing(path)
+        self._path = path
         source_types = [int32(t, "source_types") for t in source_types]
         if max_frame_delay_ms is not None:
             max_frame_delay_ms = int32(max_frame_delay_ms, "max_frame_delay_ms")
@@ -152,8 +156,18 @@ class Player:
         self._native.seek(int32(frame, "frame"))
 
     def seek_to_time(self, timestamp: Time) -> int:
-        """Seeks to the first frame at or after `timestamp`; answers its number."""
-        return self._native.seek_to_time(to_ms(timestamp))
+        """Seeks to the first frame at or after `timestamp`; answers its number.
+
+        `timestamp` is any time :class:`LogFile` takes, ``"+12.5"`` (seconds
+        after the file's first entry) included.
+        """
+        return self._native.seek_to_time(to_ms(timestamp, self._first_timestamp))
+
+    def _first_timestamp(self) -> int:
+        from ._logfile import LogFile
+
+        with LogFile.open(self._path) as f:
+            return f._first_timestamp()
 
     @property
     def frame_count(self) -> int:

@@ -4,7 +4,9 @@ from __future__ import annotations
 
 import datetime as _dt
 import enum
-from typing import Any, Iterable, NamedTuple, Optional, Sequence, Tuple, Union
+import math
+import re
+from typing import Any, Callable, Iterable, NamedTuple, Optional, Sequence, Tuple, Union
 
 import numpy as np
 
@@ -15,8 +17,17 @@ INT32_MAX = 2**31 - 1
 UINT64_MAX = 2**64 - 1
 
 #: A point in time: milliseconds since the Unix epoch (UTC), a timezone-aware
-#: ``datetime`` or a ``numpy.datetime64``.
-Time = Union[int, _dt.datetime, np.datetime64]
+#: ``datetime`` (a pandas ``Timestamp`` is one), a ``numpy.datetime64``, or
+#: text as ``mvlog`` takes it: ISO 8601 (``"2026-11-21T11:58:05.5Z"``, UTC
+#: without a zone) or seconds after the file's first entry (``"+12.5"``).
+Time = Union[int, str, _dt.datetime, np.datetime64]
+
+#: Answers the timestamp of the file's first entry, for a relative time.
+FirstTimestamp = Callable[[], int]
+
+_ISO_TIME = re.compile(
+    r"(\d{4})-(\d{2})-(\d{2})T(\d{2}):(\d{2}):(\d{2})(?:\.(\d*))?(?:(Z)|([+-])(\d{2}):(\d{2}))?"
+)
 
 _EPOCH = _dt.datetime(1970, 1, 1, tzinfo=_dt.timezone.utc)
 
@@ -48,10 +59,46 @@ def source_type(value: int) -> Union[SourceType, int]:
         return value
 
 
-def to_ms(value: Time) -> int:
-    """Milliseconds since the Unix epoch for an int, an aware datetime or a datetime64."""
+def _text_to_ms(text: str, first: Optional[FirstTimestamp]) -> int:
+    """Milliseconds for a time written as ``mvlog`` takes it; ValueError for other text."""
+    if text.startswith("+"):
+        try:
+            seconds = float(text[1:])
+        except ValueError:
+            seconds = math.nan
+        if math.isfinite(seconds) and text[1:].strip() == text[1:]:
+            if first is None:
+                raise ValueError(f"{text!r}: a time relative to the first entry needs a file")
+            return int64(first() + round(seconds * 1000.0), "a time in milliseconds")
+    match = _ISO_TIME.fullmatch(text)
+    if match is None:
+        raise ValueError(
+            f"{text!r} is not a time (use ISO 8601 such as 2026-11-21T11:58:05.5Z, or seconds after the "
+            "first entry such as +12.5)"
+        )
+    year, month, day, hour, minute, second = (int(part) for part in match.group(1, 2, 3, 4, 5, 6))
+    fraction = (match.group(7) or "")[:3].ljust(3, "0")
+    offset = 0
+    if match.group(9):
+        offset = (int(match.group(10)) * 60 + int(match.group(11))) * (-1 if match.group(9) == "-" else 1)
+    try:
+        moment = _dt.datetime(year, month, day, hour, minute, second, tzinfo=_dt.timezone.utc)
+    except ValueError as error:
+        raise ValueError(f"{text!r} is not a time: {error}") from None
+    delta = moment - _EPOCH
+    return (delta.days * 86_400 + delta.seconds - offset * 60) * 1000 + int(fraction)
+
+
+def to_ms(value: Time, first: Optional[FirstTimestamp] = None) -> int:
+    """Milliseconds since the Unix epoch for an int, an aware datetime, a datetime64 or text.
+
+    Text is ISO 8601 or ``"+seconds"`` after the first entry, which `first`
+    answers (a relative time without it raises ValueError).
+    """
     if isinstance(value, (bool, np.bool_)):
         raise TypeError("a time is an int (milliseconds), a datetime or a numpy.datetime64, not a bool")
+    if isinstance(value, str):
+        return _text_to_ms(value, first)
     if isinstance(value, (int, np.integer)):
         return int64(int(value), "a time in milliseconds")
     if isinstance(value, _dt.datetime):
@@ -131,15 +178,19 @@ class TimeRange(NamedTuple):
         return to_datetime(self.last)
 
 
-def time_bounds(time: Optional[Tuple[Optional[Time], Optional[Time]]]) -> Tuple[int, int]:
+def time_bounds(
+    time: Optional[Tuple[Optional[Time], Optional[Time]]], first: Optional[FirstTimestamp] = None
+) -> Tuple[int, int]:
     """The inclusive (start, end) of a ``time=(start, end)`` argument; None is unbounded."""
     if time is None:
         return INT64_MIN, INT64_MAX
+    if isinstance(time, str):
+        raise TypeError("time is a (start, end) pair; either may be None")
     try:
         start, end = time
     except (TypeError, ValueError):
         raise TypeError("time is a (start, end) pair; either may be None") from None
-    return (INT64_MIN if start is None else to_ms(start), INT64_MAX if end is None else to_ms(end))
+    return (INT64_MIN if start is None else to_ms(start, first), INT64_MAX if end is None else to_ms(end, first))
 
 
 def int_list(values: Any, what: str) -> list:
@@ -189,9 +240,10 @@ def selection(
     source_types: Any,
     time: Optional[Tuple[Optional[Time], Optional[Time]]],
     names: Optional[dict] = None,
+    first: Optional[FirstTimestamp] = None,
 ) -> dict:
     """The native selection keywords."""
-    start_ms, end_ms = time_bounds(time)
+    start_ms, end_ms = time_bounds(time, first)
     return dict(
         first_id=entry_id(start, "start"),
         last_id=entry_id(end, "end"),
@@ -209,6 +261,13 @@ def filter_lists(sources: Any, types: Any, source_types: Any, names: Optional[di
         types=int_list(types, "types"),
         source_types=int_list(source_types, "source_types"),
     )
+
+
+def entry_order(value: Any) -> str:
+    """``"id"`` or ``"time"`` as the native reads take it; ValueError otherwise."""
+    if isinstance(value, str) and value.lower() in ("id", "time"):
+        return value.lower()
+    raise ValueError(f"order is 'id' or 'time', not {value!r}")
 
 
 Ids = Union[None, int, str, Iterable[Union[int, str]]]

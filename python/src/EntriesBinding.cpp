@@ -14,6 +14,8 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
+#include <utility>
 #include <vector>
 
 namespace marivane_python {
@@ -76,32 +78,45 @@ py::array arrayOwning(std::vector<std::byte>&& bytes) {
     return array;
 }
 
+ml::EntryOrder parseOrder(const std::string& order) {
+    if (order == "id") {
+        return ml::EntryOrder::Id;
+    }
+    if (order == "time") {
+        return ml::EntryOrder::Time;
+    }
+    throw py::value_error("order is 'id' or 'time', not '" + order + "'");
+}
+
 // visitEntries with the visitor last, where a long lambda reads best.
 template <typename Visitor>
 bool visitSelection(const ml::SqliteLogFile& file, const Selection& selection, bool verifyChecksums,
-                    const Visitor& visitor) {
+                    ml::EntryOrder order, const Visitor& visitor) {
     // Without a handler for damaged entries the first one (a payload that
     // does not expand, or does not match its checksum) ends the read as
     // failed, which raises.
     ml::VisitOptions options;
     options.verifyChecksums = verifyChecksums;
+    options.order = order;
     return file.visitEntries(selection.range, selection.filter, visitor, options);
 }
 
 // Streams the selected entries by visiting them a chunk at a time: each
 // visit stops after `chunkEntries` entries or `chunkBytes` of payload, and
-// the next one starts after the last id handed out, so memory stays bounded
-// whatever the file's length.
+// the next one starts after the last entry handed out (its id, or in time
+// order its timestamp and id), so memory stays bounded whatever the file's
+// length.
 class EntryIterator {
 public:
     EntryIterator(Handle file, Selection selection, PayloadAs payloadAs, std::size_t chunkEntries,
-                  std::size_t chunkBytes, bool verifyChecksums)
+                  std::size_t chunkBytes, bool verifyChecksums, ml::EntryOrder order)
         : file_(std::move(file)),
           selection_(std::move(selection)),
           payloadAs_(payloadAs),
           chunkEntries_(std::max<std::size_t>(chunkEntries, 1)),
           chunkBytes_(std::max<std::size_t>(chunkBytes, 1)),
-          verifyChecksums_(verifyChecksums) {}
+          verifyChecksums_(verifyChecksums),
+          order_(order) {}
 
     py::object next() {
         // Filling may let other Python code run on this iterator: the garbage
@@ -152,12 +167,20 @@ private:
         std::size_t bytes = 0;
         std::size_t count = 0;
         int32_t lastId = 0;
+        int64_t lastTimestamp = 0;
         bool stopped = false;
         std::vector<std::byte> arena;
         std::vector<Pending> pending;
         const bool copyToArena = payloadAs_ != PayloadAs::Bytes;
         uint64_t before = file.getFailureCount();
-        bool ok = visitSelection(file, selection_, verifyChecksums_, [&](const ml::EntryView& view) {
+        bool ok = visitSelection(file, selection_, verifyChecksums_, order_, [&](const ml::EntryView& view) {
+            // A time-ordered chunk starts at the previous one's last
+            // timestamp: the entries of that timestamp handed out already
+            // come first, by id.
+            if (resumeAfter_ && view.timestamp == resumeAfter_->first &&
+                view.entryId <= resumeAfter_->second) {
+                return true;
+            }
             if (copyToArena) {
                 pending.push_back(Pending{view.entryId, view.dataSourceId, view.type, view.timestamp,
                                           arena.size(), view.size});
@@ -169,6 +192,7 @@ private:
             }
             ++count;
             lastId = view.entryId;
+            lastTimestamp = view.timestamp;
             bytes += view.size;
             if (count >= chunkEntries_ || bytes >= chunkBytes_) {
                 stopped = true;
@@ -181,7 +205,14 @@ private:
             finished_ = true;
             file_->raiseFailure(before);
         }
-        if (!stopped || lastId == std::numeric_limits<int32_t>::max()) {
+        if (order_ == ml::EntryOrder::Time) {
+            if (!stopped) {
+                finished_ = true;
+            } else {
+                selection_.range.startTimestamp = lastTimestamp;
+                resumeAfter_ = std::make_pair(lastTimestamp, lastId);
+            }
+        } else if (!stopped || lastId == std::numeric_limits<int32_t>::max()) {
             finished_ = true;
         } else {
             selection_.range.minimumEntryId = lastId + 1;
@@ -210,6 +241,9 @@ private:
     std::size_t chunkEntries_;
     std::size_t chunkBytes_;
     bool verifyChecksums_;
+    ml::EntryOrder order_;
+    // In time order: the timestamp and id of the last entry handed out.
+    std::optional<std::pair<int64_t, int32_t>> resumeAfter_;
     std::vector<py::object> chunk_;
     std::size_t position_ = 0;
     bool finished_ = false;
@@ -373,20 +407,23 @@ void bindEntries(py::module_& m) {
         [](const Handle& file, int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
            const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
            const std::vector<int32_t>& sourceTypes, const std::string& payloadAs, std::size_t chunkEntries,
-           std::size_t chunkBytes, bool verifyChecksums) {
+           std::size_t chunkBytes, bool verifyChecksums, const std::string& order) {
+            const ml::EntryOrder entryOrder = parseOrder(order);
             file->file();  // a closed file fails here, not at the first next()
-            return EntryIterator(file,
-                                 selectionFrom(firstId, lastId, startMs, endMs, sources, types, sourceTypes),
-                                 parsePayloadAs(payloadAs), chunkEntries, chunkBytes, verifyChecksums);
+            return EntryIterator(
+                file, selectionFrom(firstId, lastId, startMs, endMs, sources, types, sourceTypes),
+                parsePayloadAs(payloadAs), chunkEntries, chunkBytes, verifyChecksums, entryOrder);
         },
         py::arg("file"), MV_SELECTION_ARGS, py::arg("payload_as"), py::arg("chunk_entries"),
-        py::arg("chunk_bytes"), py::arg("verify_checksums") = false);
+        py::arg("chunk_bytes"), py::arg("verify_checksums") = false, py::arg("order") = "id");
 
     m.def(
         "_visit",
         [](const Handle& file, const py::function& callback, int32_t firstId, int32_t lastId, int64_t startMs,
            int64_t endMs, const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
-           const std::vector<int32_t>& sourceTypes, const std::string& payloadAs, bool verifyChecksums) {
+           const std::vector<int32_t>& sourceTypes, const std::string& payloadAs, bool verifyChecksums,
+           const std::string& order) {
+            const ml::EntryOrder entryOrder = parseOrder(order);
             PayloadAs as = parsePayloadAs(payloadAs);
             if (as == PayloadAs::Numpy) {
                 throw py::value_error("visit hands out payload_as='bytes' or 'memoryview'");
@@ -398,37 +435,38 @@ void bindEntries(py::module_& m) {
             uint64_t before = f.getFailureCount();
             int64_t visited = 0;
             PayloadBuffers buffers;
-            bool ok = visitSelection(f, selection, verifyChecksums, [&](const ml::EntryView& view) {
-                py::object payloadView;
-                py::object payload;
-                if (as == PayloadAs::Bytes) {
-                    payload = toBytes(view.data, view.size);
-                } else {
-                    payloadView = buffers.view(view.data, view.size);
-                    payload = payloadView;
-                }
-                py::object entry =
-                    makeEntry(view.entryId, view.dataSourceId, view.type, view.timestamp, std::move(payload));
-                ++visited;
-                py::object answer;
-                try {
-                    answer = callback(std::move(entry));
-                } catch (...) {
-                    // The traceback may hold the entry.
+            bool ok =
+                visitSelection(f, selection, verifyChecksums, entryOrder, [&](const ml::EntryView& view) {
+                    py::object payloadView;
+                    py::object payload;
+                    if (as == PayloadAs::Bytes) {
+                        payload = toBytes(view.data, view.size);
+                    } else {
+                        payloadView = buffers.view(view.data, view.size);
+                        payload = payloadView;
+                    }
+                    py::object entry = makeEntry(view.entryId, view.dataSourceId, view.type, view.timestamp,
+                                                 std::move(payload));
+                    ++visited;
+                    py::object answer;
+                    try {
+                        answer = callback(std::move(entry));
+                    } catch (...) {
+                        // The traceback may hold the entry.
+                        buffers.release(payloadView);
+                        throw;
+                    }
+                    // Valid during the call only, as documented.
                     buffers.release(payloadView);
-                    throw;
-                }
-                // Valid during the call only, as documented.
-                buffers.release(payloadView);
-                return answer.is_none() || answer.cast<bool>();
-            });
+                    return answer.is_none() || answer.cast<bool>();
+                });
             if (!ok) {
                 file->raiseFailure(before);
             }
             return visited;
         },
         py::arg("file"), py::arg("callback"), MV_SELECTION_ARGS, py::arg("payload_as"),
-        py::arg("verify_checksums") = false);
+        py::arg("verify_checksums") = false, py::arg("order") = "id");
 
     m.def(
         "_read_entry",
@@ -452,8 +490,10 @@ void bindEntries(py::module_& m) {
         "_index",
         [](const Handle& file, int32_t firstId, int32_t lastId, int64_t startMs, int64_t endMs,
            const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
-           const std::vector<int32_t>& sourceTypes) {
+           const std::vector<int32_t>& sourceTypes, const std::string& order) {
             Selection selection = selectionFrom(firstId, lastId, startMs, endMs, sources, types, sourceTypes);
+            ml::VisitOptions options;
+            options.order = parseOrder(order);
             auto rows = std::make_unique<std::vector<IndexRow>>();
             bool ok = false;
             uint64_t before = 0;
@@ -462,10 +502,13 @@ void bindEntries(py::module_& m) {
                 auto lock = file->lockWithoutGil();
                 ml::SqliteLogFile& f = file->file();
                 before = f.getFailureCount();
-                ok = f.visitEntrySummaries(selection.range, selection.filter, [&](const ml::EntrySummary& s) {
+                const auto addRow = [&](const ml::EntrySummary& s) {
                     rows->push_back(IndexRow{s.entryId, s.dataSourceId, s.type, s.timestamp, s.storedSize});
                     return true;
-                });
+                };
+                ok = options.order == ml::EntryOrder::Id
+                         ? f.visitEntrySummaries(selection.range, selection.filter, addRow)
+                         : f.visitEntrySummaries(selection.range, selection.filter, addRow, options);
             }
             if (!ok) {
                 file->raiseFailure(before);
@@ -476,7 +519,7 @@ void bindEntries(py::module_& m) {
                               [](void* pointer) { delete static_cast<std::vector<IndexRow>*>(pointer); });
             return py::array_t<IndexRow>(static_cast<py::ssize_t>(owned->size()), owned->data(), owner);
         },
-        py::arg("file"), MV_SELECTION_ARGS);
+        py::arg("file"), MV_SELECTION_ARGS, py::arg("order") = "id");
 
     // For the benchmark only: the same reads in C++ alone, timed there.
     m.def(

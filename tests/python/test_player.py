@@ -13,7 +13,7 @@ from conftest import BASE, ENTRIES, payload_of
 FAST = dict(speed=1000.0, max_frame_delay_ms=5)
 
 
-def test_plays_every_frame_after_the_first(sample_path):
+def test_in_id_order_plays_every_frame_after_the_first(sample_path):
     frames = []
     threads = set()
 
@@ -21,7 +21,7 @@ def test_plays_every_frame_after_the_first(sample_path):
         frames.append((frame, entry.id, entry.timestamp, entry.payload))
         threads.add(threading.get_ident())
 
-    with ml.Player(sample_path, on_frame, **FAST) as player:
+    with ml.Player(sample_path, on_frame, order="id", **FAST) as player:
         assert player.frame_count == ENTRIES
         player.play()
         assert player.wait(timeout=30)
@@ -65,7 +65,7 @@ def test_a_callback_error_is_raised_by_wait_and_stops_delivery(sample_path):
     player.play()
     with pytest.raises(ValueError, match="^bad frame 3$"):
         player.wait(timeout=30)
-    assert seen == [1, 2, 3]
+    assert seen == [0, 1, 2, 3]
     player.stop()  # the error was raised once
     player.close()
 
@@ -99,8 +99,8 @@ def test_on_error_receives_errors_and_playback_goes_on(sample_path):
     with ml.Player(sample_path, on_frame, on_error=errors.append, **FAST) as player:
         player.play()
         assert player.wait(timeout=30)
-    assert [type(e) for e in errors] == [KeyError, KeyError]
-    assert [e.args for e in errors] == [(10,), (20,)]
+    assert [type(e) for e in errors] == [KeyError, KeyError, KeyError]
+    assert [e.args for e in errors] == [(0,), (10,), (20,)]
 
 
 def test_bookmarks_and_their_frames(tmp_path):
@@ -166,7 +166,7 @@ def test_an_unreadable_frame_is_a_placeholder_and_an_error(tmp_path):
     with pytest.raises(ml.DamagedError) as caught:
         player.wait(timeout=30)
     assert str(caught.value) == f"Frame 2 (entry 3) cannot be read: {REASON}"
-    assert seen == [(1, 2, 1, 350), (2, 3, -1, 0), (3, 4, 1, 350), (4, 5, 1, 350)]
+    assert seen == [(0, 1, 1, 350), (1, 2, 1, 350), (2, 3, -1, 0), (3, 4, 1, 350), (4, 5, 1, 350)]
     player.close()
 
 
@@ -208,6 +208,8 @@ def test_time_order_plays_every_frame_from_frame_zero(tmp_path):
         assert p.wait(timeout=30)
     assert seen == [(i, id, b"%d" % OFFSETS[id - 1]) for i, id in enumerate(TIME_ORDER)]
     with ml.Player(path, lambda frame, e: None) as p:
+        assert p.order == "time"
+    with ml.Player(path, lambda frame, e: None, order="id") as p:
         assert p.order == "id"
 
 

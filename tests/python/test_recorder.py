@@ -455,7 +455,7 @@ def test_the_default_durability_is_balanced(tmp_path):
 
 def stored(path):
     with ml.LogFile.open(path) as f:
-        return [(e.id, e.timestamp, e.payload) for e in f]
+        return [(e.id, e.timestamp, e.payload) for e in f.entries(order="id")]
 
 
 def test_a_reorder_window_writes_time_order_and_counts_late_entries(tmp_path):

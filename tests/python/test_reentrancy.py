@@ -364,7 +364,7 @@ def test_a_player_callback_cannot_control_its_player(tmp_path):
         ),
     )
     lines = out.splitlines()
-    assert lines[:2] == ["finished: True", "frames: [1, (2, 6, 0, 1), 3, 4, 5]"]
+    assert lines[:2] == ["finished: True", "frames: [0, 1, (2, 6, 0, 2), 3, 4, 5]"]
     assert lines[2:] == [
         player_message(name)
         for name in (
@@ -430,7 +430,7 @@ def test_a_player_dropped_by_its_own_callback_stops_and_closes_its_file(tmp_path
         print("open handles:", open_handles())
         """,
     )
-    assert out.splitlines() == ["frames: [1, 2, 3] True True", "open handles: []"]
+    assert out.splitlines() == ["frames: [0, 1, 2] True True", "open handles: []"]
 
 
 def test_player_bookmarks_read_by_a_callback_while_they_are_edited(tmp_path):
