@@ -306,6 +306,53 @@ TEST_F(PlayOutOfOrderTest, IdOrderPlaysTheEntriesAsWritten) {
     EXPECT_EQ(runMvlog({"play", path, "--order", "random"}).exitCode, 2);
 }
 
+// A 1 Hz source and a 100 Hz one, written one after the other, over 10 s:
+// at 20x every gap is scaled, the 1 s ones included, so the replay takes
+// 0.5 s. The wall time is read from the report, which starts at the first
+// frame; a loaded machine gets a few tries.
+TEST(PlayMixedRates, TwentyTimesSpeedScalesEveryGap) {
+    TempDir directory;
+    const std::string path = directory.file("rates.mvlog");
+    {
+        SqliteLogFile file(path, "UTC", "tooltest", "1", 0, kKnownStart);
+        DataSource slow{-1, MV_LogDataSourceType_Environment, "mast"};
+        DataSource fast{-1, MV_LogDataSourceType_Navigation, "gnss"};
+        ASSERT_TRUE(file.addDataSource(slow));
+        ASSERT_TRUE(file.addDataSource(fast));
+        const auto log = [&file](int8_t source, int64_t timestamp) {
+            DataEntry entry;
+            entry.dataSourceId = source;
+            entry.timestamp = timestamp;
+            entry.data = bytesOf("x");
+            return file.logData(entry);
+        };
+        for (int i = 0; i <= 10; ++i) {
+            ASSERT_TRUE(log(slow.id, kKnownStart + i * 1000));
+        }
+        for (int i = 0; i <= 1000; ++i) {
+            ASSERT_TRUE(log(fast.id, kKnownStart + i * 10));
+        }
+    }
+    double playedMs = 0.0;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        const RunResult result = runMvlog({"play", path, "--speed", "20"});
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        const std::string last = result.outLines().back();
+        const std::string prefix = "Played 1012 of 1012 frames (10.000 s of recording) in ";
+        ASSERT_EQ(last.rfind(prefix, 0), 0u) << last;
+        const std::string took = last.substr(prefix.size());
+        playedMs = std::stod(took);
+        if (took.find(" s at ") < took.find(" ms at ")) {
+            playedMs *= 1000.0;
+        }
+        if (playedMs >= 450.0 && playedMs <= 550.0) {
+            break;
+        }
+    }
+    EXPECT_GE(playedMs, 450.0);
+    EXPECT_LE(playedMs, 550.0);
+}
+
 TEST_F(PlayTest, SpeedMustBePositive) {
     EXPECT_EQ(runMvlog({"play", path, "--speed", "0"}).exitCode, 2);
     EXPECT_EQ(runMvlog({"play", path, "--source-type", "Submarine"}).exitCode, 2);
