@@ -78,11 +78,13 @@ TEST(a_verifying_visit_names_a_payload_that_no_longer_matches) {
     MV_LogError_p error = NULL;
     MV_LogFile_p file = MV_LogFile_Open(path, &error);
     int visited = 0;
-    CHECK(MV_LogFile_VisitEntries(file, -1, -1, INT64_MIN, INT64_MAX, NULL, count_checked_entry, &visited, &error));
+    CHECK(MV_LogFile_VisitEntries(file, -1, -1, INT64_MIN, INT64_MAX, NULL, count_checked_entry, &visited,
+                                  &error));
     CHECK_INT_EQ(visited, 4);
     CHECK(MV_LogFile_SetChecksumVerification(file, true, &error));
     visited = 0;
-    CHECK(!MV_LogFile_VisitEntries(file, -1, -1, INT64_MIN, INT64_MAX, NULL, count_checked_entry, &visited, &error));
+    CHECK(!MV_LogFile_VisitEntries(file, -1, -1, INT64_MIN, INT64_MAX, NULL, count_checked_entry, &visited,
+                                   &error));
     CHECK_INT_EQ(visited, 2);
     {
         char expected[512];
