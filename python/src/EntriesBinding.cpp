@@ -131,6 +131,15 @@ public:
                 throw py::stop_iteration();
             }
             filling_ = true;
+            if (order_ == ml::EntryOrder::Time && !orderChecked_) {
+                orderChecked_ = true;
+                try {
+                    resumeByIdIfIdsFollowTime();
+                } catch (...) {
+                    filling_ = false;
+                    throw;
+                }
+            }
             try {
                 fill();
             } catch (...) {
@@ -148,6 +157,33 @@ public:
     }
 
 private:
+    // A time-ordered chunk resumes at the last timestamp handed out, which a
+    // file without the time index can only find by walking from its first
+    // entry again: every chunk would cost a walk of the whole selection.
+    // Where the selected ids already follow time (as a recording's usually
+    // do), the order by time is the order by id, and chunks resume by id.
+    // One pass over the stored timestamps, no payloads, decides.
+    void resumeByIdIfIdsFollowTime() {
+        auto lock = file_->lockHoldingGil();
+        const ml::SqliteLogFile& file = file_->file();
+        OpenLogFile::Visit visit(*file_);
+        bool ascending = true;
+        int64_t previous = std::numeric_limits<int64_t>::min();
+        const uint64_t before = file.getFailureCount();
+        const bool ok = file.visitEntrySummaries(selection_.range, selection_.filter,
+                                                 [&](const ml::EntrySummary& summary) {
+                                                     ascending = summary.timestamp >= previous;
+                                                     previous = summary.timestamp;
+                                                     return ascending;
+                                                 });
+        if (!ok) {
+            file_->raiseFailure(before);
+        }
+        if (ascending) {
+            order_ = ml::EntryOrder::Id;
+        }
+    }
+
     // An entry whose payload is still a span of the chunk's arena.
     struct Pending {
         int32_t id;
@@ -242,6 +278,7 @@ private:
     std::size_t chunkBytes_;
     bool verifyChecksums_;
     ml::EntryOrder order_;
+    bool orderChecked_ = false;
     // In time order: the timestamp and id of the last entry handed out.
     std::optional<std::pair<int64_t, int32_t>> resumeAfter_;
     std::vector<py::object> chunk_;
