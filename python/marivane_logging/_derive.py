@@ -33,10 +33,11 @@ def _refused(what: str, source: LogFile, output: str) -> RefusedError:
 
 def slice(  # noqa: A001 - the library's name for it
     source: Source,
-    first_id: int,
-    last_id: int,
+    first_id: Optional[int] = None,
+    last_id: Optional[int] = None,
     output: Optional[PathLike] = None,
     *,
+    time: Optional[Tuple[Optional[Time], Optional[Time]]] = None,
     application: str = APPLICATION,
     version: Optional[str] = None,
     level: int = -1,
@@ -48,9 +49,19 @@ def slice(  # noqa: A001 - the library's name for it
     "<stem>_exported<ext>" beside the source. Answers the new file, open for
     writing (close it, or use it in a ``with``). Raises :class:`RefusedError`
     when the output exists, the range is reversed, or a bound is not an entry.
+
+    With `time` (start, end), the entries are those :func:`copy` selects with
+    that range (and the id bounds, when given, as well), whatever their ids:
+    times are taken as :func:`copy` takes them, plus ``"+seconds"`` after the
+    source's first entry. Bookmarks then move to the first entry written at or
+    after their own, as :func:`copy` moves them.
     """
     from . import __version__
 
+    if time is not None:
+        return _slice_by_time(source, first_id, last_id, output, time, application, version, level)
+    if first_id is None or last_id is None:
+        raise TypeError("slice takes first_id and last_id, or time=(start, end)")
     file, owned = _open(source)
     try:
         out = "" if output is None else os.fspath(output)
@@ -69,6 +80,48 @@ def slice(  # noqa: A001 - the library's name for it
     finally:
         if owned:
             file.close()
+
+
+def _beside(path: str) -> str:
+    # The name a slice without output takes: "<stem>_exported<ext>", then
+    # "<stem>_exported-2<ext>" and so on while something is there.
+    folder, name = os.path.split(path)
+    stem, extension = os.path.splitext(name)
+    candidate = os.path.join(folder, f"{stem}_exported{extension}")
+    counter = 2
+    while os.path.lexists(candidate):
+        candidate = os.path.join(folder, f"{stem}_exported-{counter}{extension}")
+        counter += 1
+    return candidate
+
+
+def _slice_by_time(
+    source: Source,
+    first_id: Optional[int],
+    last_id: Optional[int],
+    output: Optional[PathLike],
+    time: Tuple[Optional[Time], Optional[Time]],
+    application: str,
+    version: Optional[str],
+    level: int,
+) -> LogFile:
+    # Entries in a time window need not be neighbours by id, so the window
+    # goes through copy, which selects them in one pass at flat memory.
+    file, owned = _open(source)
+    try:
+        start_ms, end_ms = time_bounds(time, file._first_timestamp)
+        out = _beside(file.path) if output is None else os.fspath(output)
+        if os.path.lexists(out):
+            raise _refused("A slice", file, out)
+        arguments = _copy_arguments(
+            first_id, last_id, None, None, None, None, level, Durability.FAST, application, version, None
+        )
+        arguments.update(start_ms=start_ms, end_ms=end_ms)
+        _core._copy(file.path, out, **arguments)
+    finally:
+        if owned:
+            file.close()
+    return LogFile.open(out, read_only=False)
 
 
 def clone(
