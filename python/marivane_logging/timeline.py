@@ -71,6 +71,9 @@ def plot_timeline(
     Top: one lane per data source, a bar wherever the source delivered, gaps
     (see :func:`find_gaps`) hatched in red, bookmarks as labelled vertical
     lines. Bottom: each source's entry rate (entries per second) over time.
+    The x axis counts seconds since the file's first entry, as ``"+seconds"``
+    times count them; the clock time (UTC) runs along the top as a second
+    axis, and the bottom axis label names the first entry's time.
     Uses matplotlib's Agg backend unless another was chosen already.
     """
     import matplotlib
@@ -79,6 +82,8 @@ def plot_timeline(
         matplotlib.use("Agg")
     import matplotlib.dates as mdates
     import matplotlib.pyplot as plt
+
+    from ._selection import to_datetime
 
     owned = not isinstance(source, LogFile)
     f = LogFile.open(source) if owned else source
@@ -107,6 +112,11 @@ def plot_timeline(
     bin_seconds = (bins[1] - bins[0]) / 1000.0
     gap_total = 0
 
+    def elapsed(ms):
+        # Seconds since the first entry: the numbers a replay or a "+12.5"
+        # time speaks in, where a wall clock of a long run says little.
+        return (np.asarray(ms, dtype="float64") - start) / 1000.0
+
     for lane, data_source in enumerate(lanes):
         colour = colours(lane % 10)
         stamps = np.sort(index["timestamp"][index["source"] == data_source.id])
@@ -120,16 +130,15 @@ def plot_timeline(
             edges.append(int(stamps[-1]))
         minimum = span / 500.0
         for run_start, run_end in zip(edges[0::2], edges[1::2]):
-            left = mdates.date2num(_to_datetime64(np.array([run_start]))[0])
-            right = mdates.date2num(_to_datetime64(np.array([max(run_end, run_start + minimum)]))[0])
+            left = elapsed(run_start)
+            right = elapsed(max(run_end, run_start + minimum))
             top.broken_barh([(left, right - left)], (lane - 0.35, 0.7), facecolors=colour)
         for gap in gaps:
-            left = mdates.date2num(_to_datetime64(np.array([gap.start]))[0])
-            right = mdates.date2num(_to_datetime64(np.array([gap.end]))[0])
+            left, right = elapsed(gap.start), elapsed(gap.end)
             top.broken_barh([(left, right - left)], (lane - 0.35, 0.7), facecolors="none",
                             edgecolors="red", hatch="///", linewidth=0.8)
         counts, _ = np.histogram(stamps, bins=bins)
-        centres = _to_datetime64((bins[:-1] + bins[1:]) / 2)
+        centres = elapsed((bins[:-1] + bins[1:]) / 2)
         bottom.plot(centres, counts / bin_seconds, color=colour, label=data_source.name, linewidth=1.2)
 
     top.set_yticks(range(len(lanes)))
@@ -145,7 +154,7 @@ def plot_timeline(
     for bookmark in bookmarks:
         if bookmark.entry_id not in stamps_by_id:
             continue
-        when = _to_datetime64(np.array([stamps_by_id[bookmark.entry_id]]))[0]
+        when = float(elapsed(stamps_by_id[bookmark.entry_id]))
         for axes in (top, bottom):
             axes.axvline(when, color="black", linestyle="--", linewidth=1)
         top.annotate(bookmark.title or f"entry {bookmark.entry_id}", xy=(when, 0), xycoords=("data", "axes fraction"),
@@ -155,10 +164,19 @@ def plot_timeline(
     bottom.grid(alpha=0.3)
     if lanes:
         bottom.legend(loc="upper right", fontsize=8)
+    bottom.set_xlim(0.0, span / 1000.0)
+    first_clock = to_datetime(start).strftime("%Y-%m-%d %H:%M:%S.%f")[:-3]
+    bottom.set_xlabel(f"seconds since the first entry ({first_clock} UTC)")
+    # The clock as a second axis on top: datenums are days since the epoch.
+    start_days = mdates.date2num(_to_datetime64(np.array([start]))[0])
+    clock = top.secondary_xaxis(
+        "top", functions=(lambda s: start_days + np.asarray(s) / 86_400.0, lambda d: (np.asarray(d) - start_days) * 86_400.0)
+    )
     locator = mdates.AutoDateLocator()
-    bottom.xaxis.set_major_locator(locator)
-    bottom.xaxis.set_major_formatter(mdates.ConciseDateFormatter(locator))
-    bottom.set_xlabel("time (UTC)")
+    clock.xaxis.set_major_locator(locator)
+    clock.xaxis.set_major_formatter(mdates.AutoDateFormatter(locator))
+    clock.set_xlabel("time (UTC)", fontsize=8)
+    clock.tick_params(labelsize=8)
     figure.tight_layout()
     if output is not None:
         figure.savefig(os.fspath(output))
