@@ -308,7 +308,9 @@ def map_entries(
     selection = dict(sources=sources, types=types, source_types=source_types, time=time, order=entry_order(order))
     chosen = partitions(expand_paths(paths_or_glob), partition_entries, partition=partition, period=period, parts=parts)
     task = dask.delayed(_run_partition, pure=False)
-    return db.from_delayed([task(part, function, reduce, initial, selection, payload_as) for part in _task_parts(chosen)])
+    return db.from_delayed(
+        [task(part, function, reduce, initial, selection, payload_as) for part in _task_parts(chosen)]
+    )
 
 
 def _run_file(path: str, function: Callable[[str, LogFile], Any]) -> list:

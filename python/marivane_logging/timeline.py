@@ -170,7 +170,11 @@ def plot_timeline(
     # The clock as a second axis on top: datenums are days since the epoch.
     start_days = mdates.date2num(_to_datetime64(np.array([start]))[0])
     clock = top.secondary_xaxis(
-        "top", functions=(lambda s: start_days + np.asarray(s) / 86_400.0, lambda d: (np.asarray(d) - start_days) * 86_400.0)
+        "top",
+        functions=(
+            lambda seconds: start_days + np.asarray(seconds) / 86_400.0,
+            lambda days: (np.asarray(days) - start_days) * 86_400.0,
+        ),
     )
     locator = mdates.AutoDateLocator()
     clock.xaxis.set_major_locator(locator)
