@@ -143,8 +143,10 @@ void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability,
 
 void SqliteLogFilePrivate::applyConnectionSettings() {
     if (durability == Durability::Balanced) {
-        // The log is written before a commit returns, so a killed process
-        // loses nothing committed; without flushes a power cut may.
+        // The rollback journal is on disk: a commit a kill cuts short is
+        // rolled back by the next writer, and a finished one is in the
+        // operating system's hands. Nothing is flushed, so a power cut may
+        // lose or damage either.
         (void)database.execute("PRAGMA synchronous = OFF;");
         (void)database.execute("PRAGMA journal_mode = DELETE;");
         return;
