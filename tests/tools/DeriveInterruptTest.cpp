@@ -51,7 +51,11 @@ void writeIncompressibleFile(const std::filesystem::path& path, int entries) {
 
 // The hidden file a derivation writes before it takes the output's name.
 std::optional<std::filesystem::path> partialFileFor(const std::filesystem::path& output) {
-    const std::string prefix = "." + output.filename().string() + ".partial-";
+    // Built in steps: GCC 12 warns falsely about a literal prepended to a
+    // temporary string in optimised builds.
+    std::string prefix = ".";
+    prefix += output.filename().string();
+    prefix += ".partial-";
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(output.parent_path(), error)) {
         if (entry.path().filename().string().rfind(prefix, 0) == 0) {
