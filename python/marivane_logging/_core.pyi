@@ -177,7 +177,7 @@ class _Recorder:
     def __init__(self, path: str, application: str, version: str, time_zone: str, level: int,
                  durability: Durability, queue_bytes: int, compression_threads: int, max_commit_delay_ms: int,
                  max_transaction_entries: int, overflow: OverflowPolicy, reorder_window_ms: int = ...,
-                 build_time_index: bool = ...) -> None: ...
+                 build_time_index: bool = ..., checksums: bool = ...) -> None: ...
     path: str
     is_open: bool
     overflow: OverflowPolicy

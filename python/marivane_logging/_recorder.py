@@ -134,6 +134,8 @@ class Recorder:
     :meth:`flush`, :meth:`close` and the other calls write everything held
     first. `build_time_index` (True by default) builds the time index when the
     recorder closes, so the file answers time queries without a scan.
+    `checksums` (False by default) makes a file that keeps a checksum of every
+    entry, as :meth:`LogFile.create` does with it.
 
     The path must not exist (:class:`FileExistsError`), its directory must
     (:class:`LogFileNotFoundError`), and it must not be empty (ValueError).
@@ -167,6 +169,7 @@ class Recorder:
         overflow: Union[str, OverflowPolicy] = "block",
         reorder_window: Union[float, _dt.timedelta] = 0,
         build_time_index: bool = True,
+        checksums: bool = False,
     ) -> None:
         path = _paths.given(path)
         if os.path.lexists(path):
@@ -198,6 +201,7 @@ class Recorder:
             _overflow_policy(overflow),
             _delay_ms(reorder_window, "reorder_window"),
             bool(build_time_index),
+            bool(checksums),
         )
 
     # ---- life ---------------------------------------------------------------

@@ -164,7 +164,7 @@ void bindRecorder(py::module_& m) {
                          const std::string& timeZone, int level, ml::Durability durability,
                          std::size_t queueBytes, int32_t compressionThreads, int64_t maxCommitDelayMs,
                          std::size_t maxTransactionEntries, ml::OverflowPolicy overflow,
-                         int64_t reorderWindowMs, bool buildTimeIndex) {
+                         int64_t reorderWindowMs, bool buildTimeIndex, bool checksums) {
                  if (level < -128 || level > 127) {
                      throw py::value_error("compression level out of range: " + std::to_string(level));
                  }
@@ -193,12 +193,14 @@ void bindRecorder(py::module_& m) {
                  options.overflowPolicy = overflow;
                  options.reorderWindow = std::chrono::milliseconds(reorderWindowMs);
                  options.buildTimeIndexOnClose = buildTimeIndex;
+                 options.entryChecksums = checksums;
                  return createRecorder(path, options);
              }),
              py::arg("path"), py::arg("application"), py::arg("version"), py::arg("time_zone"),
              py::arg("level"), py::arg("durability"), py::arg("queue_bytes"), py::arg("compression_threads"),
              py::arg("max_commit_delay_ms"), py::arg("max_transaction_entries"), py::arg("overflow"),
-             py::arg("reorder_window_ms") = 0, py::arg("build_time_index") = true)
+             py::arg("reorder_window_ms") = 0, py::arg("build_time_index") = true,
+             py::arg("checksums") = false)
         .def_property_readonly("path",
                                [](const OpenRecorder& self) { return self.recorder().path().string(); })
         .def_property_readonly("is_open", [](const OpenRecorder& self) { return !self.isClosed(); })

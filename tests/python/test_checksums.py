@@ -176,3 +176,21 @@ def test_writes_keep_checksums_and_recover_loses_what_fails_them(tmp_path):
         assert [(e.id, e.payload) for e in f.entries(verify_checksums=True)] == [
             (i, payload_of(i)) for i in range(1, 11) if i != 6
         ]
+
+
+def test_the_recorder_makes_files_that_keep_checksums(tmp_path):
+    path = tmp_path / "recorded.mvlog"
+    with ml.Recorder(path, application="rec", version="1", level=0, checksums=True) as recorder:
+        source = recorder.add_data_source(ml.SourceType.GENERIC, "generic")
+        for n in range(1, 21):
+            recorder.record(source, 1, payload_of(n), n)
+    with ml.LogFile.open(path) as f:
+        assert f.has_checksums
+        assert [e.payload for e in f.entries(verify_checksums=True, order="id")] == [
+            payload_of(n) for n in range(1, 21)
+        ]
+    plain = tmp_path / "plain.mvlog"
+    with ml.Recorder(plain, application="rec", version="1", level=0) as recorder:
+        recorder.add_data_source(ml.SourceType.GENERIC, "generic")
+    with ml.LogFile.open(plain) as f:
+        assert not f.has_checksums
