@@ -169,8 +169,7 @@ int64_t averageRowBytes(const SqliteLogFilePrivate& file) {
     if (!pages || !pageSize || !firstId || !lastId) {
         return 0;
     }
-    const long double ids = static_cast<long double>(*lastId) - static_cast<long double>(*firstId) + 1;
-    return static_cast<int64_t>(static_cast<long double>(*pages) * static_cast<long double>(*pageSize) / ids);
+    return bytesPerEntryId(*pages, *pageSize, *firstId, *lastId);
 }
 
 // Whether walking the time index would pass many more entries than the id
@@ -199,7 +198,9 @@ bool idRangeIsNarrowForTheIndex(const SqliteLogFilePrivate& file, const EntryRan
             const Real start = std::max(range.startTimestamp, *firstTime);
             const Real end = std::min(range.endTimestamp, *lastTime);
             const Real span = static_cast<Real>(*lastTime) - static_cast<Real>(*firstTime) + 1;
-            walked *= std::clamp<Real>((end - start + 1) / span, 0, 1);
+            if (span >= 1) {
+                walked *= std::clamp<Real>((end - start + 1) / span, 0, 1);
+            }
         }
     }
     return idSpan * 4 < walked;
@@ -239,6 +240,19 @@ std::string describeOutOfRange(int64_t entryId, bool timestampIsInteger, int64_t
 }
 
 }  // namespace
+
+int64_t bytesPerEntryId(int64_t pageCount, int64_t pageSize, int64_t firstId, int64_t lastId) {
+    using Real = long double;
+    const Real ids = static_cast<Real>(lastId) - static_cast<Real>(firstId) + 1;
+    if (!(ids >= 1)) {
+        return 0;
+    }
+    const Real bytes = static_cast<Real>(pageCount) * static_cast<Real>(pageSize) / ids;
+    if (!(bytes >= 0)) {
+        return 0;
+    }
+    return static_cast<int64_t>(std::min(bytes, static_cast<Real>(std::numeric_limits<int32_t>::max())));
+}
 
 bool hasTimeIndex(const SqliteLogFilePrivate& file) {
     SqliteQuery query(file.database, "SELECT 1 FROM sqlite_master WHERE type = 'index' AND name = :name;");

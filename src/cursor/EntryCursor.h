@@ -116,6 +116,12 @@ private:
 // True when the file holds the index on entry timestamps.
 bool hasTimeIndex(const SqliteLogFilePrivate& file);
 
+// The file's bytes per entry id (its pages over the span of its ids), which
+// decides whether a time-ordered read sorts whole rows. A damaged file can
+// report bounds that make no span (a first id after its last): then 0, as for
+// a file of which nothing is known.
+int64_t bytesPerEntryId(int64_t pageCount, int64_t pageSize, int64_t firstId, int64_t lastId);
+
 // The name of the index on entry timestamps.
 inline constexpr const char* kTimeIndexName = "dataTimestampIndex";
 

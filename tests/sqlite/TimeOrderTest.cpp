@@ -5,6 +5,8 @@
 
 #include "StoreTestSupport.h"
 
+#include "cursor/EntryCursor.h"
+
 #include <logging/Logging.h>
 
 #include "support/TempDir.h"
@@ -617,6 +619,26 @@ TEST(TimeOrderIndex, EntriesAppendedAfterTheIndexWasMadeAreInOrder) {
     const SqliteLogFile reader = SqliteLogFile::openReadOnly(path);
     EXPECT_EQ(timeOrderedIds(reader, EntryRange{2, 6, kNoStart, kNoEnd}),
               (std::vector<int32_t>{4, 6, 3, 5, 2}));
+}
+
+// A damaged file can report a first id after its last: no span of ids, and
+// then nothing is known of its rows' size.
+TEST(TimeOrderCost, BytesPerEntryIdOfBoundsThatMakeNoSpanIsZero) {
+    using Marivane::Logging::bytesPerEntryId;
+    EXPECT_EQ(bytesPerEntryId(10, 8192, 1, 40), 2048);
+    EXPECT_EQ(bytesPerEntryId(10, 8192, 7, 7), 81920);
+    EXPECT_EQ(bytesPerEntryId(10, 8192, 8, 7), 0);
+    EXPECT_EQ(bytesPerEntryId(10, 8192, 100, 7), 0);
+    EXPECT_EQ(
+        bytesPerEntryId(10, 8192, std::numeric_limits<int64_t>::max(), std::numeric_limits<int64_t>::min()),
+        0);
+    EXPECT_EQ(bytesPerEntryId(-10, 8192, 1, 2), 0);
+    // Far more bytes than ids is a large row, never a number that overflows.
+    EXPECT_EQ(bytesPerEntryId(std::numeric_limits<int64_t>::max(), 65536, 1, 1),
+              std::numeric_limits<int32_t>::max());
+    EXPECT_EQ(
+        bytesPerEntryId(1, 8192, std::numeric_limits<int64_t>::min(), std::numeric_limits<int64_t>::max()),
+        0);
 }
 
 // Several capture threads recording at once, each with its own clock lag:
