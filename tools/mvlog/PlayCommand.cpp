@@ -32,9 +32,10 @@ int runPlay(const PlayOptions& options) {
     settings.pacing = options.carryPacing ? Marivane::Logging::Playback::Pacing::CarryMilliseconds
                                           : Marivane::Logging::Playback::Pacing::Exact;
     settings.style = isTerminal(stdout) ? StatusStyle::Live : StatusStyle::EveryFrame;
+    settings.interactive = isTerminal(stdin) && isTerminal(stdout);
 
-    fmt::print("Playing {} at {}x{}; Ctrl-C stops\n", options.file, options.speed,
-               options.loop ? ", looping" : "");
+    fmt::print("Playing {} at {}x{}; {}\n", options.file, options.speed, options.loop ? ", looping" : "",
+               settings.interactive ? "space pauses, arrow keys step, q or Ctrl-C stops" : "Ctrl-C stops");
     std::fflush(stdout);
     const ReplayReport report = replayLogFile(std::move(file), settings, stdout);
     if (report.frameCount == 0) {

@@ -1,6 +1,7 @@
 #include "Replay.h"
 
 #include "Format.h"
+#include "KeyboardInput.h"
 #include "LogFileAccess.h"
 #include "Terminal.h"
 
@@ -92,11 +93,23 @@ public:
         {
             std::lock_guard lock(mutex_);
             pending_.push_back(delivered);
-            if (frame == lastFrame_ && !loop_) {
+            if (frame == lastFrame_ && !loop_ && !paused_) {
                 finished_ = true;
             }
         }
         wake_.notify_one();
+    }
+
+    // While paused, frames the user steps to never end the replay, not even
+    // the last one: it ends when playback resumes there.
+    void setPaused(bool paused) {
+        std::lock_guard lock(mutex_);
+        paused_ = paused;
+    }
+
+    void finish() {
+        std::lock_guard lock(mutex_);
+        finished_ = true;
     }
 
     // Waits a little for news; returns what arrived and whether the last
@@ -118,6 +131,7 @@ private:
     std::condition_variable wake_;
     std::vector<DeliveredFrame> pending_;
     bool finished_ = false;
+    bool paused_ = false;
 };
 
 // The ideal schedule: each frame due idealFrameGap after the previous one
@@ -156,6 +170,9 @@ public:
         previousFrame_ = frame.frame;
         previousTimestamp_ = frame.timestamp;
     }
+
+    // After a pause or a step the schedule starts again at the next frame.
+    void restart() { started_ = false; }
 
     PacingError error() const {
         PacingError result = error_;
@@ -235,9 +252,8 @@ public:
         rate_.observe(frame);
         latest_ = frame;
         hasLatest_ = true;
-        if (style_ == StatusStyle::EveryFrame) {
-            line_.update(describe(frame));
-            hasLatest_ = false;
+        if (style_ == StatusStyle::EveryFrame || paused_) {
+            draw();
         }
     }
 
@@ -250,25 +266,44 @@ public:
         const auto period = style_ == StatusStyle::Live ? kLiveRedrawPeriod : kPeriodicLinePeriod;
         const auto now = Clock::now();
         if (force || now - lastDrawn_ >= period) {
-            line_.update(describe(latest_));
-            lastDrawn_ = now;
-            hasLatest_ = false;
+            draw();
         }
     }
 
     void finish() { line_.finish(); }
 
+    // Shows (or stops showing) that the replay waits for a key, redrawing the
+    // latest frame's line at once.
+    void setPaused(bool paused) {
+        paused_ = paused;
+        if (!hasLatest_ && hasDrawn_) {
+            // Nothing newer waits to be drawn: the line shown is drawn again.
+            latest_ = lastShown_;
+            hasLatest_ = true;
+        }
+        refresh(true);
+    }
+
 private:
     std::string describe(const DeliveredFrame& frame) const {
+        const std::string state = paused_ ? "  [paused: space resumes, arrow keys step]" : "";
         if (frame.damaged) {
-            return fmt::format("frame {}/{}  entry {}  damaged payload, delivered empty", frame.frame,
-                               lastFrame_, frame.entryId);
+            return fmt::format("frame {}/{}  entry {}  damaged payload, delivered empty{}", frame.frame,
+                               lastFrame_, frame.entryId, state);
         }
         const auto name = sourceNames_.find(frame.dataSourceId);
-        return fmt::format("frame {}/{}  entry {}  {}  {} ({})  type {}  {}  {}", frame.frame, lastFrame_,
+        return fmt::format("frame {}/{}  entry {}  {}  {} ({})  type {}  {}  {}{}", frame.frame, lastFrame_,
                            frame.entryId, isoTimestamp(frame.timestamp),
                            name == sourceNames_.end() ? "?" : name->second, frame.dataSourceId, frame.type,
-                           humanSize(frame.size), rate_.text());
+                           humanSize(frame.size), paused_ ? "paused" : rate_.text(), state);
+    }
+
+    void draw() {
+        line_.update(describe(latest_));
+        lastDrawn_ = Clock::now();
+        lastShown_ = latest_;
+        hasDrawn_ = true;
+        hasLatest_ = false;
     }
 
     StatusLine line_;
@@ -278,6 +313,9 @@ private:
     RateWindow rate_;
     DeliveredFrame latest_;
     bool hasLatest_ = false;
+    DeliveredFrame lastShown_;
+    bool hasDrawn_ = false;
+    bool paused_ = false;
     Clock::time_point lastDrawn_;
 };
 
@@ -306,6 +344,82 @@ LogFilePlayer makePlayer(std::unique_ptr<LogFileInterface> file, const ReplaySet
     }
     return LogFilePlayer(std::move(file), settings.sourceTypes, callback, options);
 }
+
+// What the keys do to a running replay: space pauses and resumes, the arrow
+// keys pause and step one frame back or forward (within the frames the replay
+// plays), q ends it as Ctrl-C does.
+class ReplayControls {
+public:
+    ReplayControls(LogFilePlayer& player, DeliveryQueue& queue, PacingTracker& pacing, StatusPrinter& printer,
+                   int32_t lastFrame, bool loop)
+        : player_(player),
+          queue_(queue),
+          pacing_(pacing),
+          printer_(printer),
+          lastFrame_(lastFrame),
+          loop_(loop) {}
+
+    void observe(const DeliveredFrame& frame) { current_ = frame.frame; }
+
+    // Answers false when the user asked to quit.
+    bool apply(Key key) {
+        switch (key) {
+            case Key::Quit:
+                return false;
+            case Key::Space:
+                paused_ ? resume() : pause();
+                return true;
+            case Key::Left:
+                step(-1);
+                return true;
+            case Key::Right:
+                step(+1);
+                return true;
+        }
+        return true;
+    }
+
+private:
+    void pause() {
+        player_.stop();
+        paused_ = true;
+        queue_.setPaused(true);
+        printer_.setPaused(true);
+    }
+
+    void resume() {
+        paused_ = false;
+        queue_.setPaused(false);
+        printer_.setPaused(false);
+        pacing_.restart();
+        if (current_ >= lastFrame_ && !loop_) {
+            queue_.finish();
+            return;
+        }
+        player_.play();
+    }
+
+    void step(int32_t by) {
+        if (!paused_) {
+            pause();
+        }
+        // Keys typed together step from one another, before the frames they
+        // deliver are taken from the queue.
+        current_ = std::clamp(current_ + by, 0, lastFrame_);
+        pacing_.restart();
+        // Delivered here and now through the replay's own callback.
+        player_.seek(current_, {});
+    }
+
+    LogFilePlayer& player_;
+    DeliveryQueue& queue_;
+    PacingTracker& pacing_;
+    StatusPrinter& printer_;
+    const int32_t lastFrame_;
+    const bool loop_;
+    int32_t current_ = 0;
+    bool paused_ = false;
+};
 
 void requireFrame(int32_t frame, std::size_t frameCount) {
     if (frame < 0 || static_cast<std::size_t>(frame) >= frameCount) {
@@ -373,10 +487,22 @@ ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplayS
         firstTimestamp = firstTimestamp.value_or(frame.timestamp);
         report.playedSpanMs = frame.timestamp - *firstTimestamp;
     };
+    std::optional<KeyboardInput> keyboard;
+    if (settings.interactive) {
+        keyboard.emplace();
+    }
+    ReplayControls controls(player, *queue, pacing, printer, lastFrame, settings.loop);
     bool finished = false;
-    while (!finished && !interruptRequested()) {
+    bool quit = false;
+    while (!finished && !quit && !interruptRequested()) {
         for (const DeliveredFrame& frame : queue->take(finished)) {
             observe(frame);
+            controls.observe(frame);
+        }
+        if (keyboard) {
+            for (const Key key : keyboard->poll()) {
+                quit = quit || !controls.apply(key);
+            }
         }
         printer.refresh(finished);
     }

@@ -37,6 +37,9 @@ struct ReplaySettings {
     Marivane::Logging::Playback::FrameOrder order = Marivane::Logging::Playback::FrameOrder::Id;
     Marivane::Logging::Playback::Pacing pacing = Marivane::Logging::Playback::Pacing::Exact;
     StatusStyle style = StatusStyle::EveryFrame;
+    // Reads keys from a terminal on standard input: space pauses and
+    // resumes, the arrow keys step one frame, q quits.
+    bool interactive = false;
 };
 
 // Difference between when the recorded timing says a frame is due and when
@@ -62,7 +65,7 @@ struct ReplayReport {
 };
 
 // Replays `file` through the player until the last frame is delivered
-// (without looping) or SIGINT/SIGTERM arrives, printing status to `stream`.
+// (without looping), SIGINT/SIGTERM arrives or (interactive) q is pressed, printing status to `stream`.
 // Throws ToolError for a frame number outside the file, and for a range
 // without frames.
 ReplayReport replayLogFile(std::unique_ptr<Marivane::Logging::LogFileInterface> file,

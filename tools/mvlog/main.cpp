@@ -352,6 +352,9 @@ void addPlay(CLI::App& app, Subcommands& subcommands) {
     play->add_flag("--carry-pacing", options->carryPacing,
                    "Pace like the library's default (whole-millisecond waits, which drift at high rates) "
                    "instead of on an exact timeline");
+    play->footer(
+        "On a terminal, keys control the replay: space pauses and resumes, the left and right\n"
+        "arrow keys pause and step one frame back or forward, q stops (as Ctrl-C does).");
     subcommands.add(
         play, [options] { return std::vector{options->file}; },
         [options, sourceTypeNames, order] {
