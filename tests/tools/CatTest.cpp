@@ -102,6 +102,51 @@ TEST_F(CatTest, FiltersCombineAndLimitCuts) {
     EXPECT_TRUE(runMvlog({"cat", path, "--limit", "0"}).out.empty());
 }
 
+TEST_F(CatTest, SourcesByNameSelectWhatTheirIdsSelect) {
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--source", "beta", "--source", "gamma", "--from", "95"})),
+              (std::vector<int>{95, 96, 98, 99, 101}));
+    // Names and ids mix; a source named twice is selected once.
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--source", "alpha", "--source", "1", "--limit", "3"})),
+              (std::vector<int>{1, 4, 7}));
+    EXPECT_EQ(idsOf(runMvlog({"cat", path, "--source", "0x2", "--limit", "2"})), (std::vector<int>{2, 5}));
+}
+
+TEST_F(CatTest, ASourceNameThatMatchesNoSourceListsTheSources) {
+    const RunResult result = runMvlog({"cat", path, "--source", "delta"});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(
+        result.err,
+        "mvlog: --source delta: no data source has that name; the file has alpha (1), beta (2), gamma (3)\n");
+    // Names are matched exactly.
+    EXPECT_EQ(runMvlog({"cat", path, "--source", "Alpha"}).exitCode, 2);
+}
+
+TEST(CatSources, ANameSeveralSourcesShareIsRefusedWithTheirIds) {
+    TempDir directory;
+    const std::string path = directory.file("twins.mvlog");
+    {
+        SqliteLogFile file(path, "UTC", "tooltest", "1", 0, kKnownStart);
+        DataSource left{0, MV_LogDataSourceType_Camera, "cam"};
+        DataSource right{0, MV_LogDataSourceType_Camera, "cam"};
+        DataSource escape{0, MV_LogDataSourceType_Camera, "\x1b[31m"};
+        ASSERT_TRUE(file.addDataSource(left));
+        ASSERT_TRUE(file.addDataSource(right));
+        ASSERT_TRUE(file.addDataSource(escape));
+    }
+    const RunResult result = runMvlog({"cat", path, "--source", "cam"});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_EQ(result.err,
+              "mvlog: --source cam: 2 data sources have that name (ids 1, 2); give the id instead\n");
+    // A name from the file is printed escaped, never as control bytes.
+    const RunResult other = runMvlog({"cat", path, "--source", "x"});
+    EXPECT_EQ(other.exitCode, 2);
+    EXPECT_EQ(
+        other.err,
+        "mvlog: --source x: no data source has that name; the file has cam (1), cam (2), \\x1b[31m (3)\n");
+    EXPECT_EQ(runMvlog({"cat", path, "--source", "\x1b[31m"}).exitCode, 0);
+}
+
 TEST_F(CatTest, JsonLinesCarryTheWholePayload) {
     const RunResult result = runMvlog({"cat", path, "--from", "40", "--to", "41", "--format", "json"});
     ASSERT_EQ(result.exitCode, 0) << result.err;

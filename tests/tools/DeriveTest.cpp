@@ -124,6 +124,23 @@ TEST_F(DeriveTest, SliceByTimeAndFilter) {
     EXPECT_EQ(bytesOf(runMvlog({"export", output, "--entry", "7", "-o", "-"}).out), knownPayload(29));
 }
 
+TEST_F(DeriveTest, SliceTakesSourcesByName) {
+    const RunResult result = runMvlog({"slice", path, "--start", "+1", "--end", "2023-11-14T22:13:23.000Z",
+                                       "--source", "beta", "-o", output});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(infoJson(output)["entries"]["count"], 7);
+    EXPECT_EQ(bytesOf(runMvlog({"export", output, "--entry", "1", "-o", "-"}).out), knownPayload(11));
+
+    std::filesystem::remove(output);
+    const RunResult unknown =
+        runMvlog({"slice", path, "--from", "1", "--to", "9", "--source", "radar", "-o", output});
+    EXPECT_EQ(unknown.exitCode, 2);
+    EXPECT_EQ(
+        unknown.err,
+        "mvlog: --source radar: no data source has that name; the file has alpha (1), beta (2), gamma (3)\n");
+    EXPECT_FALSE(std::filesystem::exists(output));
+}
+
 TEST_F(DeriveTest, SliceNeedsARangeAndReadableTimes) {
     EXPECT_EQ(runMvlog({"slice", path, "-o", output}).exitCode, 2);
     const RunResult bad = runMvlog({"slice", path, "--start", "yesterday", "-o", output});
@@ -172,6 +189,7 @@ TEST_F(DeriveTest, ASliceThatSelectsNothingIsRefusedAndWritesNothing) {
         {{"--from", "2", "--to", "2", "--source", "1", "--source", "3"},
          "--from 2 --to 2 --source 1 --source 3"},
         {{"--start", "+0", "--source-type", "Radar"}, "--start +0 --source-type Radar"},
+        {{"--from", "2", "--to", "2", "--source", "gamma"}, "--from 2 --to 2 --source gamma"},
     };
     for (const auto& [selection, text] : cases) {
         std::vector<std::string> arguments = {"slice", path, "-o", output};

@@ -2,6 +2,7 @@
 #include "EntryScanner.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "SourceArguments.h"
 #include "Terminal.h"
 #include "TimeArguments.h"
 
@@ -47,7 +48,7 @@ std::string sourceName(const SourceNames& names, int8_t id) {
     return found == names.end() ? std::string() : found->second;
 }
 
-EntrySelection selectionOf(const CatOptions& options) {
+EntrySelection selectionOf(const CatOptions& options, const Marivane::Logging::LogFileInterface& file) {
     EntrySelection selection;
     selection.from = options.from;
     selection.to = options.to;
@@ -55,9 +56,7 @@ EntrySelection selectionOf(const CatOptions& options) {
     selection.order =
         options.idOrder ? Marivane::Logging::EntryOrder::Id : Marivane::Logging::EntryOrder::Time;
     selection.filter.dataTypes = options.types;
-    for (int source : options.sources) {
-        selection.filter.dataSources.push_back(static_cast<int8_t>(source));
-    }
+    selection.filter.dataSources = resolveDataSources("--source", options.sources, file.getDataSources());
     selection.filter.dataSourceTypes = options.sourceTypes;
     return selection;
 }
@@ -218,7 +217,7 @@ void followNewEntries(const SqliteLogFile& file, const CatOptions& options, cons
 int runCat(const CatOptions& options) {
     const auto file = openExistingLogFile(options.file);
     const SourceNames names = sourceNamesOf(*file);
-    EntrySelection selection = selectionOf(options);
+    EntrySelection selection = selectionOf(options, *file);
     if (options.start) {
         selection.startTimestamp = parseTime("--start", *options.start, *file);
     }

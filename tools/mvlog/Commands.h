@@ -28,7 +28,8 @@ struct CatOptions {
     std::optional<std::string> start;
     std::optional<std::string> end;
     std::vector<int32_t> types;
-    std::vector<int> sources;
+    // Data-source ids or names, as given.
+    std::vector<std::string> sources;
     std::vector<MV_LogDataSourceType> sourceTypes;
     int64_t limit = -1;
     CatFormat format = CatFormat::Text;
@@ -62,7 +63,8 @@ struct SliceOptions {
     std::optional<std::string> start;
     std::optional<std::string> end;
     std::vector<int32_t> types;
-    std::vector<int> sources;
+    // Data-source ids or names, as given.
+    std::vector<std::string> sources;
     std::vector<MV_LogDataSourceType> sourceTypes;
     std::string output;
     std::optional<int> level;

@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "SourceArguments.h"
 #include "Terminal.h"
 #include "TimeArguments.h"
 
@@ -354,8 +355,8 @@ std::string selectionText(const SliceOptions& options) {
     for (const int32_t type : options.types) {
         parts.push_back(fmt::format("--type {}", type));
     }
-    for (const int source : options.sources) {
-        parts.push_back(fmt::format("--source {}", source));
+    for (const std::string& source : options.sources) {
+        parts.push_back("--source " + printable(source));
     }
     for (const MV_LogDataSourceType type : options.sourceTypes) {
         parts.push_back("--source-type " + dataSourceTypeName(type));
@@ -499,9 +500,7 @@ int runSlice(const SliceOptions& options) {
         throw ToolError("refused: the time range is reversed (--start is after --end)");
     }
     copy.filter.dataTypes = options.types;
-    for (const int source : options.sources) {
-        copy.filter.dataSources.push_back(static_cast<int8_t>(source));
-    }
+    copy.filter.dataSources = resolveDataSources("--source", options.sources, file->getDataSources());
     copy.filter.dataSourceTypes = options.sourceTypes;
     if (!options.allowEmpty && !selectsAnEntry(*file, copy)) {
         throw ToolError(emptySelectionMessage(*file, options));

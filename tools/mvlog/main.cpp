@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "SourceArguments.h"
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
@@ -79,7 +80,13 @@ CLI::Validator finiteNumberFrom(bool zeroAllowed, const std::string& description
 
 // The descriptions are those the help showed before the messages were made
 // short, so that the help reads as it did.
-const CLI::Validator kDataSourceId = wholeNumberIn(-128, 127, "INT in [-128 - 127]");
+// An id in range, or a name (resolved against the file once it is open).
+const CLI::Validator kDataSourceIdOrName(
+    [](std::string& text) -> std::string {
+        static const CLI::Validator kId = wholeNumberIn(-128, 127, "");
+        return isDataSourceIdText(text) ? kId(text) : std::string();
+    },
+    "ID or NAME");
 const CLI::Validator kCompressionLevel = wholeNumberIn(-1, 9, "INT in [-1 - 9]");
 const CLI::Validator kCount = wholeNumberIn(0, std::numeric_limits<int64_t>::max(), "NONNEGATIVE");
 const CLI::Validator kMaxDelay = wholeNumberIn(1, 3'600'000, "INT in [1 - 3600000]");
@@ -190,8 +197,9 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
                     "after the first entry (+12.5)");
     cat->add_option("--end", options->end, "Last time, inclusive, written like --start");
     addRepeatable(*cat, "--type", options->types, "Only entries of this entry type (repeatable)");
-    addRepeatable(*cat, "--source", options->sources, "Only entries of this data-source id (repeatable)")
-        ->check(kDataSourceId);
+    addRepeatable(*cat, "--source", options->sources,
+                  "Only entries of this data source, by id or name (repeatable)")
+        ->check(kDataSourceIdOrName);
     addRepeatable(*cat, "--source-type", *sourceTypeNames,
                   "Only entries of data sources of this type (repeatable)")
         ->check(kDataSourceTypeValidator);
@@ -265,8 +273,9 @@ void addSlice(CLI::App& app, Subcommands& subcommands) {
         "or seconds after the first entry (+12.5)");
     slice->add_option("--end", options->end, "Last time, inclusive, written like --start");
     addRepeatable(*slice, "--type", options->types, "Only entries of this entry type (repeatable)");
-    addRepeatable(*slice, "--source", options->sources, "Only entries of this data-source id (repeatable)")
-        ->check(kDataSourceId);
+    addRepeatable(*slice, "--source", options->sources,
+                  "Only entries of this data source, by id or name (repeatable)")
+        ->check(kDataSourceIdOrName);
     addRepeatable(*slice, "--source-type", *sourceTypeNames,
                   "Only entries of data sources of this type (repeatable)")
         ->check(kDataSourceTypeValidator);
