@@ -3,8 +3,10 @@
 #include "LogFileAccess.h"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <string>
 
 namespace Mvlog {
 
@@ -25,6 +27,26 @@ std::string bookmarkLine(const Bookmark& bookmark) {
     return line;
 }
 
+nlohmann::ordered_json bookmarkFields(const Bookmark& bookmark) {
+    return {{"entryId", bookmark.entryId},
+            {"title", bookmark.title},
+            {"comments", bookmark.comments},
+            {"payloadBytes", bookmark.payload.size()}};
+}
+
+// What a change did: a sentence, or one JSON document.
+void printChange(const BookmarksOptions& options, const char* action, const Bookmark& bookmark) {
+    if (!options.json) {
+        fmt::print("{} {}\n", action, bookmarkLine(bookmark));
+        return;
+    }
+    nlohmann::ordered_json document;
+    document["file"] = options.file;
+    document["action"] = action == std::string("Added") ? "added" : "updated";
+    document["bookmark"] = bookmarkFields(bookmark);
+    fmt::print("{}\n", dumpJson(document, 2));
+}
+
 std::vector<Bookmark> bookmarksOn(const LogFileInterface& file, int32_t entryId) {
     std::vector<Bookmark> found;
     for (Bookmark& bookmark : file.getBookmarks()) {
@@ -41,9 +63,19 @@ void requireWritten(bool written, const LogFileInterface& file, const char* what
     }
 }
 
-int listBookmarks(const SqliteLogFile& file) {
+int listBookmarks(const SqliteLogFile& file, const BookmarksOptions& options) {
     const std::vector<Bookmark> bookmarks = file.getBookmarks();
     requireCompleteReads(file);
+    if (options.json) {
+        nlohmann::ordered_json document;
+        document["file"] = options.file;
+        document["bookmarks"] = nlohmann::ordered_json::array();
+        for (const Bookmark& bookmark : bookmarks) {
+            document["bookmarks"].push_back(bookmarkFields(bookmark));
+        }
+        fmt::print("{}\n", dumpJson(document, 2));
+        return 0;
+    }
     if (bookmarks.empty()) {
         fmt::print("No bookmarks.\n");
     }
@@ -64,7 +96,7 @@ int addBookmark(LogFileInterface& file, const BookmarksOptions& options) {
     bookmark.title = options.title;
     bookmark.comments = options.comments.value_or(std::string());
     requireWritten(file.addBookmark(bookmark), file, "add");
-    fmt::print("Added {}\n", bookmarkLine(bookmark));
+    printChange(options, "Added", bookmark);
     return 0;
 }
 
@@ -81,7 +113,7 @@ int updateBookmark(LogFileInterface& file, const BookmarksOptions& options) {
         bookmark.comments = *options.comments;
     }
     requireWritten(file.updateBookmark(bookmark), file, "update");
-    fmt::print("Updated {}\n", bookmarkLine(bookmark));
+    printChange(options, "Updated", bookmark);
     return 0;
 }
 
@@ -91,6 +123,15 @@ int removeBookmark(LogFileInterface& file, const BookmarksOptions& options) {
         throw ToolError(fmt::format("{}: no bookmark on entry {}", options.file, options.entryId));
     }
     requireWritten(file.removeBookmark(existing.front()), file, "remove");
+    if (options.json) {
+        nlohmann::ordered_json document;
+        document["file"] = options.file;
+        document["action"] = "removed";
+        document["entryId"] = options.entryId;
+        document["count"] = existing.size();
+        fmt::print("{}\n", dumpJson(document, 2));
+        return 0;
+    }
     fmt::print("Removed {} bookmark{} on entry {}\n", existing.size(), existing.size() == 1 ? "" : "s",
                options.entryId);
     return 0;
@@ -103,7 +144,7 @@ int runBookmarks(const BookmarksOptions& options) {
         options.file, options.action == BookmarkAction::List ? Access::ReadOnly : Access::ReadWrite);
     switch (options.action) {
         case BookmarkAction::List:
-            return listBookmarks(*file);
+            return listBookmarks(*file, options);
         case BookmarkAction::Add:
             return addBookmark(*file, options);
         case BookmarkAction::Update:

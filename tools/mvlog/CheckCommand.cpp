@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "EntryScanner.h"
+#include "Format.h"
 #include "LogFileAccess.h"
 
 #include <logging/Logging.h>
@@ -8,6 +9,7 @@
 
 #include <fmt/format.h>
 #include <sqlite3.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
@@ -18,6 +20,7 @@
 #include <optional>
 #include <sstream>
 #include <variant>
+#include <vector>
 
 namespace Mvlog {
 
@@ -30,11 +33,19 @@ namespace {
 
 // Prints each problem as soon as it is found, so that a check that later
 // fails hard still shows what it saw.
+// Problems are printed as they are found (a long check shows its findings
+// at once), or kept for the one JSON document printed at the end.
 class ProblemReport {
 public:
+    explicit ProblemReport(bool collect) : collect_(collect) {}
+
     void add(const std::string& problem) {
-        fmt::print("problem: {}\n", problem);
-        std::fflush(stdout);
+        if (collect_) {
+            problems_.push_back(problem);
+        } else {
+            fmt::print("problem: {}\n", problem);
+            std::fflush(stdout);
+        }
         ++count_;
     }
     // A problem that damaged bytes cause: the report then points to
@@ -53,10 +64,22 @@ public:
     }
     std::size_t count() const { return count_; }
     bool foundDamage() const { return damaged_; }
+    bool collects() const { return collect_; }
+    const std::vector<std::string>& problems() const { return problems_; }
 
 private:
+    bool collect_;
+    std::vector<std::string> problems_;
     std::size_t count_ = 0;
     bool damaged_ = false;
+};
+
+// What a check that got as far as reading the file counted.
+struct CheckedCounts {
+    std::size_t entries = 0;
+    std::size_t dataSources = 0;
+    std::size_t resources = 0;
+    std::size_t bookmarks = 0;
 };
 
 struct DatabaseCloser {
@@ -413,7 +436,33 @@ std::unique_ptr<SqliteLogFile> openForCheck(const std::string& path, ProblemRepo
     }
 }
 
-int finishReport(const std::string& path, const ProblemReport& problems) {
+int finishJsonReport(const std::string& path, const ProblemReport& problems,
+                     const std::optional<CheckedCounts>& counts) {
+    nlohmann::ordered_json document;
+    document["file"] = path;
+    document["ok"] = problems.count() == 0;
+    document["damaged"] = problems.foundDamage();
+    document["problems"] = problems.problems();
+    if (counts) {
+        document["checked"] = {{"entries", counts->entries},
+                               {"dataSources", counts->dataSources},
+                               {"resources", counts->resources},
+                               {"bookmarks", counts->bookmarks}};
+    } else {
+        document["checked"] = nullptr;
+    }
+    document["hint"] = problems.foundDamage()
+                           ? nlohmann::ordered_json(fmt::format("mvlog recover {} -o NEW", path))
+                           : nlohmann::ordered_json(nullptr);
+    fmt::print("{}\n", dumpJson(document, 2));
+    return problems.count() == 0 ? 0 : 1;
+}
+
+int finishReport(const std::string& path, const ProblemReport& problems,
+                 const std::optional<CheckedCounts>& counts = std::nullopt) {
+    if (problems.collects()) {
+        return finishJsonReport(path, problems, counts);
+    }
     if (problems.count() != 0) {
         fmt::print("{} problem{} found in {}\n", problems.count(), problems.count() == 1 ? "" : "s", path);
         if (problems.foundDamage()) {
@@ -429,7 +478,7 @@ int finishReport(const std::string& path, const ProblemReport& problems) {
 
 int runCheck(const CheckOptions& options) {
     requireExistingFile(options.file);
-    ProblemReport problems;
+    ProblemReport problems(options.json);
     if (fileSizeOnDisk(options.file) == 0) {
         problems.add("the file is empty (0 bytes)");
         return finishReport(options.file, problems);
@@ -439,13 +488,19 @@ int runCheck(const CheckOptions& options) {
     if (!file) {
         return finishReport(options.file, problems);
     }
+    std::optional<CheckedCounts> counts;
     try {
         checkMetadata(*file, problems);
-        const std::size_t entries = checkEntries(*file, problems);
-        const std::size_t bookmarks = checkBookmarks(*file, problems);
-        const std::size_t resources = checkResources(*file, problems);
-        fmt::print("Checked {} entries, {} data sources, {} resources, {} bookmarks\n", entries,
-                   file->getDataSources().size(), resources, bookmarks);
+        CheckedCounts checked;
+        checked.entries = checkEntries(*file, problems);
+        checked.bookmarks = checkBookmarks(*file, problems);
+        checked.resources = checkResources(*file, problems);
+        checked.dataSources = file->getDataSources().size();
+        counts = checked;
+        if (!options.json) {
+            fmt::print("Checked {} entries, {} data sources, {} resources, {} bookmarks\n", checked.entries,
+                       checked.dataSources, checked.resources, checked.bookmarks);
+        }
         // Damage has its own findings above; any other failed read (a lock
         // held past the wait, an I/O error) leaves the check incomplete.
         if (file->getFailureCount() != 0 &&
@@ -455,7 +510,7 @@ int runCheck(const CheckOptions& options) {
     } catch (const std::exception& error) {
         problems.add(fmt::format("the check could not go on: {}", error.what()));
     }
-    return finishReport(options.file, problems);
+    return finishReport(options.file, problems, counts);
 }
 
 }  // namespace Mvlog

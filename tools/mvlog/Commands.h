@@ -70,6 +70,8 @@ struct SliceOptions {
     std::optional<int> level;
     // Write a file without entries when nothing matches, instead of refusing.
     bool allowEmpty = false;
+    // One JSON document with the copy's report instead of the output's path.
+    bool json = false;
 };
 int runSlice(const SliceOptions& options);
 
@@ -77,6 +79,8 @@ struct CloneOptions {
     std::string file;
     std::string output;
     std::optional<int> level;
+    // One JSON document with the copy's report instead of the output's path.
+    bool json = false;
 };
 int runClone(const CloneOptions& options);
 
@@ -115,22 +119,30 @@ struct BookmarksOptions {
     int32_t entryId = 0;
     std::string title;
     std::optional<std::string> comments;
+    // One JSON document: the list, or what was added, updated or removed.
+    bool json = false;
 };
 int runBookmarks(const BookmarksOptions& options);
 
 struct CheckOptions {
     std::string file;
+    // One JSON document at the end instead of lines as problems are found.
+    bool json = false;
 };
 int runCheck(const CheckOptions& options);
 
 struct RecoverOptions {
     std::string file;
     std::string output;
+    // The report as one JSON document instead of lines.
+    bool json = false;
 };
 int runRecover(const RecoverOptions& options);
 
 struct IndexOptions {
     std::string file;
+    // One JSON document instead of sentences.
+    bool json = false;
 };
 int runIndex(const IndexOptions& options);
 

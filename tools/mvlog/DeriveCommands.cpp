@@ -444,17 +444,39 @@ std::string countOf(uint64_t count, const char* one, const char* many) {
     return fmt::format("{} {}", count, count == 1 ? one : many);
 }
 
+// What every derived file's report says, in the fields merge --json has
+// always printed.
+void addCopyCounts(nlohmann::ordered_json& document, const CopyReport& report) {
+    document["entries"] = report.entries;
+    document["dataSources"] = report.dataSources;
+    document["resources"] = report.resources;
+    document["bookmarks"] = report.bookmarks;
+    document["payloadsCopiedAsStored"] = report.payloadsCopiedAsStored;
+}
+
+// slice and clone: the output's path alone, as scripts read it, or one JSON
+// document with the report.
+void printDerivedFile(const std::string& input, const std::string& output, const CopyReport& report,
+                      bool json) {
+    if (!json) {
+        fmt::print("{}\n", output);
+        return;
+    }
+    nlohmann::ordered_json document;
+    document["output"] = output;
+    document["input"] = input;
+    addCopyCounts(document, report);
+    document["notes"] = report.notes;
+    fmt::print("{}\n", dumpJson(document, 2));
+}
+
 void printMergeReport(const MergeOptions& options, const CopyReport& report,
                       const std::vector<std::string>& warnings) {
     if (options.json) {
         nlohmann::ordered_json document;
         document["output"] = options.output;
         document["inputs"] = options.files;
-        document["entries"] = report.entries;
-        document["dataSources"] = report.dataSources;
-        document["resources"] = report.resources;
-        document["bookmarks"] = report.bookmarks;
-        document["payloadsCopiedAsStored"] = report.payloadsCopiedAsStored;
+        addCopyCounts(document, report);
         const nlohmann::ordered_json fields = noteFields(report.notes);
         for (const auto& [key, value] : fields.items()) {
             document[key] = value;
@@ -508,10 +530,10 @@ int runSlice(const SliceOptions& options) {
     // The derivation runs in another process, which opens its own connection.
     file.reset();
     const std::string output = outputFor(options.output, options.file);
-    deriveReporting("slicing", output, copy, [&](const CopyOptions& chosen) {
+    const CopyReport report = deriveReporting("slicing", output, copy, [&](const CopyOptions& chosen) {
         return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
     });
-    fmt::print("{}\n", output);
+    printDerivedFile(options.file, output, report, options.json);
     return 0;
 }
 
@@ -521,10 +543,10 @@ int runClone(const CloneOptions& options) {
     const CopyOptions copy = copyOptions(*file, options.level);
     file.reset();
     const std::string output = outputFor(options.output, options.file);
-    deriveReporting("cloning", output, copy, [&](const CopyOptions& chosen) {
+    const CopyReport report = deriveReporting("cloning", output, copy, [&](const CopyOptions& chosen) {
         return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
     });
-    fmt::print("{}\n", output);
+    printDerivedFile(options.file, output, report, options.json);
     return 0;
 }
 

@@ -1,10 +1,12 @@
 #include "Commands.h"
+#include "Format.h"
 #include "LogFileAccess.h"
 #include "Terminal.h"
 
 #include <logging/Recover.h>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include <filesystem>
 #include <string>
@@ -52,6 +54,33 @@ void printReport(const Marivane::Logging::RecoveryReport& report, const std::str
     fmt::print("written: {}\n", output);
 }
 
+nlohmann::ordered_json recoveredAndLost(uint64_t recovered, uint64_t lost) {
+    return {{"recovered", recovered}, {"lost", lost}};
+}
+
+void printJsonReport(const Marivane::Logging::RecoveryReport& report, const std::string& input,
+                     const std::string& output) {
+    nlohmann::ordered_json document;
+    document["input"] = input;
+    document["output"] = output;
+    nlohmann::ordered_json lostIds = nlohmann::ordered_json::array();
+    for (const Marivane::Logging::EntryIdRange& run : report.lostEntryIds) {
+        lostIds.push_back({{"first", run.first}, {"last", run.last}});
+    }
+    document["entries"] = {{"recovered", report.entriesRecovered},
+                           {"lost", report.entriesLost},
+                           {"lostIsLowerBound", report.entriesLostIsLowerBound},
+                           {"lostIds", lostIds}};
+    document["dataSources"] = {{"recovered", report.dataSourcesRecovered},
+                               {"recreated", report.dataSourcesRecreated}};
+    document["properties"] = recoveredAndLost(report.propertiesRecovered, report.propertiesLost);
+    document["metadata"] = recoveredAndLost(report.metadataRecovered, report.metadataLost);
+    document["resources"] = recoveredAndLost(report.resourcesRecovered, report.resourcesLost);
+    document["bookmarks"] = recoveredAndLost(report.bookmarksRecovered, report.bookmarksLost);
+    document["notes"] = report.notes;
+    fmt::print("{}\n", dumpJson(document, 2));
+}
+
 }  // namespace
 
 int runRecover(const RecoverOptions& options) {
@@ -77,7 +106,11 @@ int runRecover(const RecoverOptions& options) {
             fmt::format("recover failed: {} (nothing was written to {})", error.what(), options.output));
     }
     status.finish();
-    printReport(report, options.output);
+    if (options.json) {
+        printJsonReport(report, options.file, options.output);
+    } else {
+        printReport(report, options.output);
+    }
     const bool anything = report.entriesRecovered + report.dataSourcesRecovered + report.metadataRecovered +
                               report.resourcesRecovered + report.bookmarksRecovered !=
                           0;

@@ -285,6 +285,9 @@ void addSlice(CLI::App& app, Subcommands& subcommands) {
         ->check(kCompressionLevel);
     slice->add_flag("--allow-empty", options->allowEmpty,
                     "Write a file without entries when nothing matches (otherwise refused)");
+    slice->add_flag("--json", options->json,
+                    "Print one JSON document (output, input, entries, dataSources, resources, bookmarks, "
+                    "payloadsCopiedAsStored, notes) instead of the output's path");
     slice->footer(
         "The new file is written under a temporary name beside the output and renamed when it is complete: "
         "a failure leaves nothing under the output's name, and an interruption (Ctrl-C, SIGTERM) leaves "
@@ -327,6 +330,9 @@ void addClone(CLI::App& app, Subcommands& subcommands) {
                       "Output file (must not exist; default: <name>_exported<ext> beside the source)");
     clone->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
         ->check(kCompressionLevel);
+    clone->add_flag("--json", options->json,
+                    "Print one JSON document (output, input, entries, dataSources, resources, bookmarks, "
+                    "payloadsCopiedAsStored, notes) instead of the output's path");
     subcommands.add(
         clone, [options] { return std::vector{options->file}; }, [options] { return runClone(*options); });
 }
@@ -379,7 +385,7 @@ void addBookmarks(CLI::App& app, Subcommands& subcommands) {
     bookmarks->add_option("FILE", options->file, "Log file")->required();
     bookmarks->require_subcommand(0, 1);
 
-    bookmarks->add_subcommand("list", "List the bookmarks (the default)");
+    CLI::App* list = bookmarks->add_subcommand("list", "List the bookmarks (the default)");
 
     CLI::App* add = bookmarks->add_subcommand("add", "Bookmark an entry");
     add->add_option("ID", options->entryId, "Entry id")->required();
@@ -394,6 +400,12 @@ void addBookmarks(CLI::App& app, Subcommands& subcommands) {
 
     CLI::App* remove = bookmarks->add_subcommand("remove", "Remove the bookmarks of an entry");
     remove->add_option("ID", options->entryId, "Entry id")->required();
+
+    // Before or after the action's word.
+    for (CLI::App* command : {bookmarks, list, add, update, remove}) {
+        command->add_flag("--json", options->json,
+                          "Print one JSON document: the bookmarks, or what was added, updated or removed");
+    }
 
     subcommands.add(
         bookmarks, [options] { return std::vector{options->file}; },
@@ -411,6 +423,9 @@ void addCheck(CLI::App& app, Subcommands& subcommands) {
     CLI::App* check =
         app.add_subcommand("check", "Verify the database, every payload, resource and bookmark");
     check->add_option("FILE", options->file, "Log file")->required();
+    check->add_flag("--json", options->json,
+                    "Print one JSON document at the end (file, ok, damaged, problems, checked counts, hint) "
+                    "instead of lines");
     subcommands.add(
         check, [options] { return std::vector{options->file}; }, [options] { return runCheck(*options); });
 }
@@ -425,6 +440,7 @@ void addRecover(CLI::App& app, Subcommands& subcommands) {
         "recovered, 1 otherwise");
     recover->add_option("DAMAGED", options->file, "Damaged log file (never changed)")->required();
     recover->add_option("-o,--output", options->output, "New log file (must not exist)")->required();
+    recover->add_flag("--json", options->json, "Print the report as one JSON document");
     subcommands.add(
         recover, [options] { return std::vector{options->file}; },
         [options] { return runRecover(*options); });
@@ -437,6 +453,8 @@ void addIndex(CLI::App& app, Subcommands& subcommands) {
         "Build the time index in FILE, so that reads by time (cat/slice --start/--end, play --start) find "
         "their window without scanning; files get it only when asked");
     index->add_option("FILE", options->file, "Log file (changed in place)")->required();
+    index->add_flag("--json", options->json,
+                    "Print one JSON document (file, built, hasTimeIndex, entries, seconds)");
     subcommands.add(
         index, [options] { return std::vector{options->file}; }, [options] { return runIndex(*options); });
 }
