@@ -227,6 +227,26 @@ public:
     // (uncompressed, even in files whose resources are compressed), or adds
     // one through addResource when there is none.
     bool setThumbnail(const ByteBuffer& data) override;
+    // Editing what a file says about itself, beside the insert-or-refuse
+    // addMetadata and addResource. Allowed on opened files (not on read-only
+    // ones); each is one transaction of its own, or part of an open write
+    // batch. On false, getLastError says why.
+    //
+    // Gives `key` this value, replacing the one it has. The six keys set when
+    // the file was created (createdDateTime, applicationName,
+    // applicationVersion, currentTimeZone, logVersion, compressionLevel) are
+    // refused: readers rely on them.
+    bool setMetadata(const std::string& key, const PropertyValue& value);
+    // Removes `key` and its value; false when the key is absent or one of the
+    // six above.
+    bool removeMetadata(const std::string& key);
+    // Gives the resource `name` these bytes, replacing those it has, stored
+    // as addResource stores them (compressed where the file compresses
+    // resources), so they read back equal, the thumbnail included.
+    bool replaceResource(const std::string& name, const ByteBuffer& data);
+    // Removes the resource `name` (every row of that name); false when there
+    // is none.
+    bool removeResource(const std::string& name);
     bool addBookmark(const Bookmark& bookmark) override;
     bool updateBookmark(const Bookmark& bookmark) override;
     bool removeBookmark(const Bookmark& bookmark) override;

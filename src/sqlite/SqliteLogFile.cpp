@@ -10,6 +10,7 @@
 #include "sqlite/BindParameterVisitor.h"
 #include "sqlite/ReturnPropertyValueVisitor.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 #include <variant>
@@ -403,6 +404,92 @@ std::vector<LogResourceEntry> SqliteLogFile::getAllResources() const {
 
 std::optional<ByteBuffer> SqliteLogFile::getThumbnail() const {
     return getResource(kThumbnailName);
+}
+
+// ---- editing metadata and resources ------------------------------------------------
+
+namespace {
+
+// The keys every log file gets when it is created: readers rely on them.
+bool isFixedMetadataKey(const std::string& key) {
+    return std::find(kFixedMetadataKeys.begin(), kFixedMetadataKeys.end(), key) != kFixedMetadataKeys.end();
+}
+
+bool refuse(const SqliteLogFilePrivate& file, std::string message) {
+    file.lastError = message;
+    file.recordFailureMessage(FailureKind::Refused, std::move(message));
+    return false;
+}
+
+bool refuseFixedKey(const SqliteLogFilePrivate& file, const std::string& key) {
+    return refuse(file, "The metadata key '" + key + "' of '" + file.filePath.string() +
+                            "' is set when a log file is created and cannot be changed or removed.");
+}
+
+// Whether a row with `value` in `column` exists; absent when the read failed
+// (recorded).
+std::optional<bool> rowExists(const SqliteLogFilePrivate& file, const char* sql, const std::string& value,
+                              const char* operation) {
+    SqliteQuery query(file.database, sql);
+    query.bindParameter(":value", value, BindMode::NoCopy);
+    if (query.executeStep() == StepRow) {
+        return true;
+    }
+    if (!file.checkFinished(query, operation)) {
+        file.processErrorCode(query.getLastResultCode());
+        return std::nullopt;
+    }
+    return false;
+}
+
+bool deleteRows(SqliteLogFilePrivate& file, const char* sql, const std::string& value) {
+    SqliteQuery remove(file.database, sql);
+    remove.bindParameter(":value", value, BindMode::NoCopy);
+    return file.executeWrite(remove);
+}
+
+constexpr const char* kMetadataKeyExists = "SELECT 1 FROM metadata WHERE key = :value;";
+constexpr const char* kRemoveMetadataKey = "DELETE FROM metadata WHERE key = :value;";
+constexpr const char* kResourceExists = "SELECT 1 FROM resources WHERE name = :value;";
+constexpr const char* kRemoveResource = "DELETE FROM resources WHERE name = :value;";
+
+}  // namespace
+
+bool SqliteLogFile::setMetadata(const std::string& key, const PropertyValue& value) {
+    if (isFixedMetadataKey(key)) {
+        return refuseFixedKey(*d, key);
+    }
+    return d->writeTogether(
+        [&] { return deleteRows(*d, kRemoveMetadataKey, key) && addMetadata(key, value); });
+}
+
+bool SqliteLogFile::removeMetadata(const std::string& key) {
+    if (isFixedMetadataKey(key)) {
+        return refuseFixedKey(*d, key);
+    }
+    const std::optional<bool> exists = rowExists(*d, kMetadataKeyExists, key, "Looking up a metadata key of");
+    if (!exists) {
+        return false;
+    }
+    if (!*exists) {
+        return refuse(*d, "The file '" + d->filePath.string() + "' has no metadata key '" + key + "'.");
+    }
+    return deleteRows(*d, kRemoveMetadataKey, key);
+}
+
+bool SqliteLogFile::replaceResource(const std::string& name, const ByteBuffer& data) {
+    return d->writeTogether([&] { return deleteRows(*d, kRemoveResource, name) && addResource(name, data); });
+}
+
+bool SqliteLogFile::removeResource(const std::string& name) {
+    const std::optional<bool> exists = rowExists(*d, kResourceExists, name, "Looking up a resource name of");
+    if (!exists) {
+        return false;
+    }
+    if (!*exists) {
+        return refuse(*d, "The file '" + d->filePath.string() + "' has no resource '" + name + "'.");
+    }
+    return deleteRows(*d, kRemoveResource, name);
 }
 
 bool SqliteLogFile::setThumbnail(const ByteBuffer& data) {

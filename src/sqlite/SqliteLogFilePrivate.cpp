@@ -593,27 +593,28 @@ bool SqliteLogFilePrivate::insertStoredEntryWithId(int32_t entryId, int64_t time
     return insertStored(entryId, timestamp, type, dataSourceId, stored);
 }
 
-// With checksums an entry is two rows, written together: inside the batch's
-// transaction, or in one of their own.
+// With checksums an entry is two rows, written together.
 bool SqliteLogFilePrivate::insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
                                         int8_t dataSourceId, const ByteBuffer& stored) {
     if (!entryChecksums) {
         return insertStoredRow(entryId, timestamp, type, dataSourceId, stored);
     }
-    const bool ownTransaction = !database.isInTransaction();
-    if (ownTransaction) {
-        if (const Database::Status begun = database.execute("BEGIN;"); !begun.ok()) {
-            recordFailure("Writing", begun);
-            processErrorCode(begun.resultCode());
-            return false;
-        }
+    return writeTogether([&] {
+        return insertStoredRow(entryId, timestamp, type, dataSourceId, stored) &&
+               insertEntryChecksum(database.getLastInsertedRowId(), stored);
+    });
+}
+
+bool SqliteLogFilePrivate::writeTogether(const std::function<bool()>& writes) {
+    if (database.isInTransaction()) {
+        return writes();
     }
-    const bool written = insertStoredRow(entryId, timestamp, type, dataSourceId, stored) &&
-                         insertEntryChecksum(database.getLastInsertedRowId(), stored);
-    if (!ownTransaction) {
-        return written;
+    if (const Database::Status begun = database.execute("BEGIN;"); !begun.ok()) {
+        recordFailure("Writing", begun);
+        processErrorCode(begun.resultCode());
+        return false;
     }
-    if (!written) {
+    if (!writes()) {
         (void)database.execute("ROLLBACK;");
         return false;
     }

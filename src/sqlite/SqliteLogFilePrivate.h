@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -117,6 +118,11 @@ public:
     // After SQLite rolled back a batch's transaction by itself, keeps the
     // following writes batched.
     void resumeBatchAfterRollback();
+
+    // Runs `writes` (false: one of them failed, with the failure recorded)
+    // so that all of them or none are kept: inside the open transaction (a
+    // write batch's), or in one of their own.
+    bool writeTogether(const std::function<bool()>& writes);
 
     // Reads column 0 of a one-row statement as a 32-bit integer; -1 with a
     // recorded message when it yields nothing.

@@ -305,3 +305,116 @@ TEST(Thumbnail, EveryThumbnailRowIsReplaced) {
     EXPECT_EQ(raw.rows("SELECT CAST(payload AS TEXT) FROM resources WHERE name = 'thumbnail';"),
               (Rows{{"both"}, {"both"}}));
 }
+
+// ---- editing metadata and resources ---------------------------------------------
+
+TEST(EditMetadata, SetReplacesAValueOrAddsTheKey) {
+    TempDir dir;
+    const std::string path = dir.file("edit.mvlog");
+    { SqliteLogFile file = createLogFile(path); }
+    {
+        SqliteLogFile file{fs::path(path)};
+        ASSERT_TRUE(file.setMetadata("vessel", std::string("Polar Star")));
+        ASSERT_TRUE(file.setMetadata("vessel", std::string("Aurora")));
+        ASSERT_TRUE(file.setMetadata("depth", 12.5));
+        ASSERT_TRUE(file.setMetadata("depth", int64_t{40}));
+    }
+    RawDatabase raw(path, SQLITE_OPEN_READONLY);
+    EXPECT_EQ(raw.rows("SELECT value, typeof(value) FROM metadata WHERE key = 'vessel';"),
+              (Rows{{"Aurora", "text"}}));
+    EXPECT_EQ(raw.rows("SELECT value, typeof(value) FROM metadata WHERE key = 'depth';"),
+              (Rows{{"40", "integer"}}));
+}
+
+TEST(EditMetadata, RemoveTakesTheKeyAwayAndNamesAMissingOne) {
+    TempDir dir;
+    const std::string path = dir.file("edit.mvlog");
+    SqliteLogFile file = createLogFile(path);
+    ASSERT_TRUE(file.addMetadata("site", std::string("north")));
+    ASSERT_TRUE(file.removeMetadata("site"));
+    EXPECT_FALSE(file.getMetadataValue("site"));
+    const uint64_t failures = file.getFailureCount();
+    EXPECT_FALSE(file.removeMetadata("site"));
+    EXPECT_EQ(file.getLastError(), "The file '" + path + "' has no metadata key 'site'.");
+    EXPECT_EQ(file.getFailureCount(), failures + 1);
+    EXPECT_EQ(file.getLastFailureKind(), FailureKind::Refused);
+}
+
+TEST(EditMetadata, TheKeysACreatedFileCarriesAreRefused) {
+    TempDir dir;
+    const std::string path = dir.file("edit.mvlog");
+    SqliteLogFile file = createLogFile(path);
+    for (const char* key : {"createdDateTime", "applicationName", "applicationVersion", "currentTimeZone",
+                            "logVersion", "compressionLevel"}) {
+        const std::string expected = std::string("The metadata key '") + key + "' of '" + path +
+                                     "' is set when a log file is created and cannot be changed or removed.";
+        EXPECT_FALSE(file.setMetadata(key, int64_t{1}));
+        EXPECT_EQ(file.getLastError(), expected);
+        EXPECT_FALSE(file.removeMetadata(key));
+        EXPECT_EQ(file.getLastError(), expected);
+    }
+    EXPECT_EQ(file.getMetadataValue("logVersion"), PropertyValue{int64_t{4}});
+    EXPECT_EQ(file.getMetadataValue("applicationName"), PropertyValue{std::string("store-tests")});
+}
+
+TEST(EditMetadata, AReadOnlyFileIsNotChanged) {
+    TempDir dir;
+    const std::string path = dir.file("edit.mvlog");
+    {
+        SqliteLogFile file = createLogFile(path);
+        ASSERT_TRUE(file.addMetadata("site", std::string("north")));
+        ASSERT_TRUE(file.addResource("notes", bytesOf("n")));
+    }
+    SqliteLogFile reader = SqliteLogFile::openReadOnly(path);
+    EXPECT_FALSE(reader.setMetadata("site", std::string("south")));
+    EXPECT_FALSE(reader.removeMetadata("site"));
+    EXPECT_FALSE(reader.replaceResource("notes", bytesOf("m")));
+    EXPECT_FALSE(reader.removeResource("notes"));
+    EXPECT_EQ(reader.getMetadataValue("site"), PropertyValue{std::string("north")});
+    EXPECT_EQ(reader.getResource("notes"), bytesOf("n"));
+}
+
+TEST(EditResources, ReplaceStoresAsAddDoesSoEvenTheThumbnailReadsBack) {
+    for (const int8_t level : {int8_t{0}, int8_t{6}}) {
+        TempDir dir;
+        const std::string path = dir.file("edit.mvlog");
+        SqliteLogFile file = createLogFile(path, level);
+        ASSERT_TRUE(file.setThumbnail(bytesOf("first picture")));
+        ASSERT_TRUE(file.replaceResource("thumbnail", patternBytes(5000, 3)));
+        EXPECT_EQ(file.getThumbnail(), patternBytes(5000, 3));
+        ASSERT_TRUE(file.replaceResource("calibration", bytesOf("v1")));
+        ASSERT_TRUE(file.replaceResource("calibration", bytesOf("v2")));
+        EXPECT_EQ(file.getResource("calibration"), bytesOf("v2"));
+        RawDatabase raw(path, SQLITE_OPEN_READONLY);
+        EXPECT_EQ(raw.rows("SELECT count(*) FROM resources WHERE name = 'calibration';"), (Rows{{"1"}}));
+        const ByteBuffer stored = raw.blob("SELECT payload FROM resources WHERE name = 'thumbnail';");
+        EXPECT_EQ(stored, level == 0 ? patternBytes(5000, 3) : compress(patternBytes(5000, 3), level));
+    }
+}
+
+TEST(EditResources, RemoveTakesEveryRowOfTheNameAndNamesAMissingOne) {
+    TempDir dir;
+    const std::string path = dir.file("edit.mvlog");
+    SqliteLogFile file = createLogFile(path);
+    ASSERT_TRUE(file.addResource("notes", bytesOf("n")));
+    RawDatabase(path).exec("INSERT INTO resources (name, payload) VALUES ('notes', x'01');");
+    ASSERT_TRUE(file.removeResource("notes"));
+    EXPECT_FALSE(file.getResource("notes"));
+    EXPECT_FALSE(file.removeResource("notes"));
+    EXPECT_EQ(file.getLastError(), "The file '" + path + "' has no resource 'notes'.");
+}
+
+TEST(EditResources, EditsInsideAWriteBatchCommitWithIt) {
+    TempDir dir;
+    const std::string path = dir.file("edit.mvlog");
+    {
+        SqliteLogFile file = createLogFile(path);
+        SqliteLogFile::WriteBatch batch = file.beginBatch();
+        ASSERT_TRUE(file.setMetadata("site", std::string("north")));
+        ASSERT_TRUE(file.replaceResource("notes", bytesOf("n")));
+        ASSERT_TRUE(batch.commit());
+    }
+    SqliteLogFile file = SqliteLogFile::openReadOnly(path);
+    EXPECT_EQ(file.getMetadataValue("site"), PropertyValue{std::string("north")});
+    EXPECT_EQ(file.getResource("notes"), bytesOf("n"));
+}
