@@ -124,6 +124,35 @@ struct BookmarksOptions {
 };
 int runBookmarks(const BookmarksOptions& options);
 
+enum class EditAction { List, Get, Set, Remove };
+
+enum class MetadataType { Int32, Int64, Double, Text };
+
+struct MetadataOptions {
+    std::string file;
+    EditAction action = EditAction::List;
+    std::string key;
+    std::string value;
+    MetadataType type = MetadataType::Text;
+    // One JSON document: the list, the value, or what was set or removed.
+    bool json = false;
+};
+int runMetadata(const MetadataOptions& options);
+
+// Set is "add" for resources: the bytes come from a file.
+struct ResourceOptions {
+    std::string file;
+    EditAction action = EditAction::List;
+    std::string name;
+    // get: where the bytes go ('-' for standard output); add: where they
+    // come from ('-' for standard input).
+    std::string path;
+    // get: replace an existing output file; add: replace an existing resource.
+    bool force = false;
+    bool json = false;
+};
+int runResource(const ResourceOptions& options);
+
 struct CheckOptions {
     std::string file;
     // One JSON document at the end instead of lines as problems are found.

@@ -418,6 +418,76 @@ void addBookmarks(CLI::App& app, Subcommands& subcommands) {
         });
 }
 
+void addMetadata(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<MetadataOptions>();
+    auto type = std::make_shared<std::string>("text");
+    CLI::App* metadata = app.add_subcommand("metadata", "List, get, set or remove metadata keys");
+    metadata->add_option("FILE", options->file, "Log file")->required();
+    metadata->require_subcommand(0, 1);
+    CLI::App* list = metadata->add_subcommand("list", "List every key with its value and type (the default)");
+    CLI::App* get = metadata->add_subcommand("get", "Print one key's value (text without quotes)");
+    get->add_option("KEY", options->key, "Key")->required();
+    CLI::App* set = metadata->add_subcommand("set", "Give a key a value, replacing the one it has");
+    set->add_option("KEY", options->key, "Key")->required();
+    set->add_option("VALUE", options->value, "Value")->required();
+    set->add_option("--type", *type, "int32, int64, double or text (default)")
+        ->check(CLI::IsMember({"int32", "int64", "double", "text"}));
+    CLI::App* remove = metadata->add_subcommand("remove", "Remove a key and its value");
+    remove->add_option("KEY", options->key, "Key")->required();
+    for (CLI::App* command : {metadata, list, get, set, remove}) {
+        command->add_flag("--json", options->json, "Print one JSON document instead of text");
+    }
+    metadata->footer(
+        "The keys every log file is created with (createdDateTime, applicationName, applicationVersion,\n"
+        "currentTimeZone, logVersion, compressionLevel) are refused for set and remove: readers rely on "
+        "them.");
+    subcommands.add(
+        metadata, [options] { return std::vector{options->file}; },
+        [options, type, get, set, remove] {
+            options->action = get->parsed()      ? EditAction::Get
+                              : set->parsed()    ? EditAction::Set
+                              : remove->parsed() ? EditAction::Remove
+                                                 : EditAction::List;
+            options->type = *type == "int32"    ? MetadataType::Int32
+                            : *type == "int64"  ? MetadataType::Int64
+                            : *type == "double" ? MetadataType::Double
+                                                : MetadataType::Text;
+            return runMetadata(*options);
+        });
+}
+
+void addResource(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<ResourceOptions>();
+    CLI::App* resource =
+        app.add_subcommand("resource", "List, get, add or remove resources (the thumbnail is \"thumbnail\")");
+    resource->add_option("FILE", options->file, "Log file")->required();
+    resource->require_subcommand(0, 1);
+    CLI::App* list = resource->add_subcommand("list", "List every resource with its size (the default)");
+    CLI::App* get = resource->add_subcommand("get", "Write a resource's bytes to a file, as export does");
+    get->add_option("NAME", options->name, "Resource name")->required();
+    get->add_option("-o,--output", options->path, "Output file ('-' for standard output; must not exist)")
+        ->required();
+    get->add_flag("--force", options->force, "Replace an existing output file (never the log file itself)");
+    CLI::App* add = resource->add_subcommand("add", "Store a file's bytes as a resource");
+    add->add_option("NAME", options->name, "Resource name")->required();
+    add->add_option("FROM", options->path, "File to read ('-' for standard input)")->required();
+    add->add_flag("--force", options->force, "Replace a resource of that name");
+    CLI::App* remove = resource->add_subcommand("remove", "Remove a resource");
+    remove->add_option("NAME", options->name, "Resource name")->required();
+    for (CLI::App* command : {resource, list, add, remove}) {
+        command->add_flag("--json", options->json, "Print one JSON document instead of text");
+    }
+    subcommands.add(
+        resource, [options] { return std::vector{options->file}; },
+        [options, get, add, remove] {
+            options->action = get->parsed()      ? EditAction::Get
+                              : add->parsed()    ? EditAction::Set
+                              : remove->parsed() ? EditAction::Remove
+                                                 : EditAction::List;
+            return runResource(*options);
+        });
+}
+
 void addCheck(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<CheckOptions>();
     CLI::App* check =
@@ -526,6 +596,8 @@ int main(int argc, char** argv) {
     addMerge(app, subcommands);
     addPlay(app, subcommands);
     addBookmarks(app, subcommands);
+    addMetadata(app, subcommands);
+    addResource(app, subcommands);
     addCheck(app, subcommands);
     addRecover(app, subcommands);
     addIndex(app, subcommands);
