@@ -3,7 +3,9 @@
 #include <core/CoreExport.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -57,6 +59,11 @@ using PieceHandler = std::function<bool(const std::byte* piece, std::size_t size
 // input, after handing out the pieces that preceded the damage.
 MV_CORE_EXPORT std::size_t uncompressInPieces(const std::byte* data, std::size_t size,
                                               const PieceHandler& onPiece);
+
+// The number of bytes the frames at `data` expand to, as their headers
+// declare it, without expanding them: absent when a frame does not declare
+// its size (a streaming writer's), or the bytes are not whole frames.
+MV_CORE_EXPORT std::optional<uint64_t> declaredExpandedSize(const std::byte* data, std::size_t size);
 
 // True when `data` starts with a frame of the codec (the 4-byte magic of a
 // data frame or of a skippable frame): what a compressed payload looks like.

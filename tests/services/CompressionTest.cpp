@@ -407,3 +407,30 @@ TEST(CompressionTest, AFrameWithoutSizeJustBelowTheLimitStillExpands) {
     const ByteBuffer frame = rleBomb(64, false);
     EXPECT_EQ(uncompress(frame), ByteBuffer(64u * 128 * 1024, std::byte{0x42}));
 }
+
+TEST(DeclaredExpandedSize, IsWhatTheFramesDeclareWithoutExpandingThem) {
+    using Marivane::Compression::declaredExpandedSize;
+    const ByteBuffer first = compress(compressibleBytes(200 * 1024 + 7, 1), 3);
+    const ByteBuffer second = compress(incompressibleBytes(999, 2), -1);
+    EXPECT_EQ(declaredExpandedSize(first.data(), first.size()), 200u * 1024 + 7);
+    ByteBuffer both = first;
+    both.insert(both.end(), second.begin(), second.end());
+    EXPECT_EQ(declaredExpandedSize(both.data(), both.size()), 200u * 1024 + 7 + 999);
+    const ByteBuffer empty = compress({}, 3);
+    EXPECT_EQ(declaredExpandedSize(empty.data(), empty.size()), 0u);
+    // Nothing at all is no frame to measure, but no bytes either.
+    EXPECT_EQ(declaredExpandedSize(nullptr, 0), 0u);
+}
+
+TEST(DeclaredExpandedSize, IsAbsentForWhatDoesNotDeclareIt) {
+    using Marivane::Compression::declaredExpandedSize;
+    const ByteBuffer streamed = streamedFrameWithoutSize(compressibleBytes(5000, 3), 3);
+    EXPECT_EQ(declaredExpandedSize(streamed.data(), streamed.size()), std::nullopt);
+    const ByteBuffer frame = compress(compressibleBytes(5000, 4), 3);
+    EXPECT_EQ(declaredExpandedSize(frame.data(), frame.size() - 1), std::nullopt);
+    const ByteBuffer garbage = incompressibleBytes(64, 5);
+    EXPECT_EQ(declaredExpandedSize(garbage.data(), garbage.size()), std::nullopt);
+    ByteBuffer trailing = frame;
+    trailing.push_back(std::byte{0x42});
+    EXPECT_EQ(declaredExpandedSize(trailing.data(), trailing.size()), std::nullopt);
+}

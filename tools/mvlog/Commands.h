@@ -153,6 +153,12 @@ struct ResourceOptions {
 };
 int runResource(const ResourceOptions& options);
 
+struct DuOptions {
+    std::string file;
+    bool json = false;
+};
+int runDu(const DuOptions& options);
+
 struct CheckOptions {
     std::string file;
     // One JSON document at the end instead of lines as problems are found.

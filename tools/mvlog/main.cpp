@@ -488,6 +488,21 @@ void addResource(CLI::App& app, Subcommands& subcommands) {
         });
 }
 
+void addDu(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<DuOptions>();
+    CLI::App* du = app.add_subcommand(
+        "du", "Logged and stored bytes per data source and per entry type, with the compression ratio");
+    du->add_option("FILE", options->file, "Log file")->required();
+    du->add_flag("--json", options->json, "Print one JSON document instead of a table");
+    du->footer(
+        "Logged bytes are the payloads as they were recorded; stored bytes as the file keeps them "
+        "(compressed\n"
+        "where the file compresses). Compressed sizes are read from the frames' headers: nothing is "
+        "expanded.");
+    subcommands.add(
+        du, [options] { return std::vector{options->file}; }, [options] { return runDu(*options); });
+}
+
 void addCheck(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<CheckOptions>();
     CLI::App* check =
@@ -598,6 +613,7 @@ int main(int argc, char** argv) {
     addBookmarks(app, subcommands);
     addMetadata(app, subcommands);
     addResource(app, subcommands);
+    addDu(app, subcommands);
     addCheck(app, subcommands);
     addRecover(app, subcommands);
     addIndex(app, subcommands);

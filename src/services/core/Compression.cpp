@@ -203,6 +203,25 @@ std::size_t uncompressInPieces(const std::byte* data, std::size_t size, const Pi
                         [&](std::size_t filled) { return onPiece(piece.data(), filled); });
 }
 
+std::optional<uint64_t> declaredExpandedSize(const std::byte* data, std::size_t size) {
+    uint64_t total = 0;
+    while (size > 0) {
+        const std::size_t frame = ZSTD_findFrameCompressedSize(data, size);
+        if (ZSTD_isError(frame) != 0 || frame == 0 || frame > size) {
+            return std::nullopt;
+        }
+        const unsigned long long declared = ZSTD_getFrameContentSize(data, frame);
+        if (declared == ZSTD_CONTENTSIZE_UNKNOWN || declared == ZSTD_CONTENTSIZE_ERROR ||
+            declared > std::numeric_limits<uint64_t>::max() - total) {
+            return std::nullopt;
+        }
+        total += declared;
+        data += frame;
+        size -= frame;
+    }
+    return total;
+}
+
 bool startsWithFrame(const std::byte* data, std::size_t size) {
     if (size < 4) {
         return false;
