@@ -12,6 +12,7 @@
 #include <core/Compression.h>
 
 #include <algorithm>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -172,13 +173,28 @@ uint64_t entryCountOf(const SqliteLogFile& input) {
 // Bookmarks of one input, waiting for the copied entry they will point at.
 class BookmarkMapper {
 public:
-    BookmarkMapper(const SqliteLogFile& input, std::optional<IdBounds> bounds) {
+    // With a time range, a bookmark whose entry lies outside it is not
+    // copied: moved to the next copied entry it would mark a moment it does
+    // not belong to. (One on an entry a type or source filter leaves out
+    // still moves to the next copied entry, as a slice moves one on a
+    // missing id.)
+    BookmarkMapper(const SqliteLogFile& input, std::optional<IdBounds> bounds, int64_t startTimestamp,
+                   int64_t endTimestamp) {
+        const bool timeBounded = startTimestamp != std::numeric_limits<int64_t>::min() ||
+                                 endTimestamp != std::numeric_limits<int64_t>::max();
         for (Bookmark& bookmark : input.getBookmarks()) {
-            if (bounds && bookmark.entryId >= bounds->first && bookmark.entryId <= bounds->last) {
-                pending_.push_back(std::move(bookmark));
-            } else {
+            if (!bounds || bookmark.entryId < bounds->first || bookmark.entryId > bounds->last) {
                 ++outside_;
+                continue;
             }
+            if (timeBounded) {
+                const std::optional<int64_t> timestamp = input.getEntryTimestamp(bookmark.entryId);
+                if (timestamp && (*timestamp < startTimestamp || *timestamp > endTimestamp)) {
+                    ++outsideTime_;
+                    continue;
+                }
+            }
+            pending_.push_back(std::move(bookmark));
         }
         std::stable_sort(pending_.begin(), pending_.end(),
                          [](const Bookmark& a, const Bookmark& b) { return a.entryId < b.entryId; });
@@ -221,6 +237,10 @@ public:
             report.notes.push_back(std::to_string(outside_) + " bookmark(s) of " + inputName +
                                    " lie outside the selected id range and were not copied.");
         }
+        if (outsideTime_ > 0) {
+            report.notes.push_back(std::to_string(outsideTime_) + " bookmark(s) of " + inputName +
+                                   " mark entries outside the selected time range and were not copied.");
+        }
     }
 
 private:
@@ -229,6 +249,7 @@ private:
     std::size_t next_ = 0;
     std::size_t exactlyMapped_ = 0;
     std::size_t outside_ = 0;
+    std::size_t outsideTime_ = 0;
 };
 
 RowSelection selectionFor(const CopyOptions& options, IdBounds bounds) {
@@ -266,7 +287,7 @@ CopyReport copy(const std::filesystem::path& source, const std::filesystem::path
         writer.commitBatch();
 
         const std::optional<IdBounds> bounds = resolveIdBounds(input, options);
-        BookmarkMapper bookmarks(input, bounds);
+        BookmarkMapper bookmarks(input, bounds, options.startTimestamp, options.endTimestamp);
         if (bounds) {
             const uint64_t total = entryCountOf(input);
             const int8_t inputLevel = StoreAccess::of(input).compressionLevel;
@@ -433,7 +454,11 @@ CopyReport merge(const std::vector<std::filesystem::path>& inputPaths, const std
         for (std::size_t i = 0; i < inputs.size(); ++i) {
             MergeInput& input = inputs[i];
             input.bounds = resolveIdBounds(input.file, options);
-            input.bookmarks = std::make_unique<BookmarkMapper>(input.file, input.bounds);
+            // A merge maps bookmarks exactly: one whose entry is not copied is
+            // dropped, whatever left it out.
+            input.bookmarks = std::make_unique<BookmarkMapper>(input.file, input.bounds,
+                                                               std::numeric_limits<int64_t>::min(),
+                                                               std::numeric_limits<int64_t>::max());
             if (!input.bounds) {
                 continue;
             }

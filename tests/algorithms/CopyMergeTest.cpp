@@ -97,6 +97,33 @@ TEST(Copy, TakesAnIdRangeATimeRangeAndAFilterAtOnce) {
     }
 }
 
+// A bookmark on an entry outside a time range marks another moment: it is
+// not moved into the copy, however the ids run.
+TEST(Copy, BookmarksOutsideATimeRangeAreNotCopied) {
+    TempDir dir;
+    const std::string source = dir.file("source.mvlog");
+    writeSource(source, 12, 1000);
+    {
+        // Entry 13, written last, is the earliest of all.
+        SqliteLogFile file{fs::path(source)};
+        ASSERT_TRUE(file.logData(DataEntry{0, 1, 0, payloadFor(13), 1000}));
+        ASSERT_TRUE(file.addBookmark(Bookmark{13, "mark 13", "", {}}));
+    }
+    CopyOptions options;
+    options.startTimestamp = 1060;  // entries 6..12
+    const CopyReport report = Algorithms::copy(source, dir.file("copy.mvlog"), options);
+    EXPECT_EQ(report.entries, 7u);
+    const auto bookmarks = SqliteLogFile::openReadOnly(dir.file("copy.mvlog")).getBookmarks();
+    // 9 becomes 4; 2, 5 and 13 mark entries before the range.
+    ASSERT_EQ(bookmarks.size(), 1u);
+    EXPECT_EQ(bookmarks[0].entryId, 4);
+    EXPECT_EQ(bookmarks[0].title, "mark 9");
+    EXPECT_EQ(report.notes,
+              std::vector<std::string>{"3 bookmark(s) of '" + source +
+                                       "' mark entries outside the selected time range and were "
+                                       "not copied."});
+}
+
 TEST(Copy, WritesMetadataHistoryResourcesSourcesAndMovesBookmarks) {
     TempDir dir;
     const std::string source = dir.file("source.mvlog");
