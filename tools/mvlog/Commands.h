@@ -153,6 +153,15 @@ struct ResourceOptions {
 };
 int runResource(const ResourceOptions& options);
 
+struct SplitOptions {
+    std::string file;
+    std::string directory;
+    // A duration (30s), a size of stored bytes (64MiB) or a number of entries.
+    std::string every;
+    bool json = false;
+};
+int runSplit(const SplitOptions& options);
+
 struct DuOptions {
     std::string file;
     bool json = false;

@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "Derivation.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "SourceArguments.h"
@@ -318,9 +319,8 @@ CopyReport deriveInChild(const char* what, const std::filesystem::path& output,
                         : fmt::format("the process writing it ended with status {}", WEXITSTATUS(status)));
 }
 
-// Runs a derivation with a progress line on a terminal. The library writes
-// under a temporary name and renames only a complete file, so a failure
-// leaves nothing under the requested name; an interruption neither.
+}  // namespace
+
 CopyReport deriveReporting(const char* what, const std::string& output, CopyOptions options,
                            const std::function<CopyReport(const CopyOptions&)>& derive) {
     try {
@@ -337,6 +337,8 @@ CopyReport deriveReporting(const char* what, const std::string& output, CopyOpti
         throw ToolError(fmt::format("{} failed: {} (nothing was written to {})", what, error.what(), output));
     }
 }
+
+namespace {
 
 // ---- slice: a selection that matches nothing ----------------------------
 

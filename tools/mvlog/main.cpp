@@ -337,6 +337,31 @@ void addClone(CLI::App& app, Subcommands& subcommands) {
         clone, [options] { return std::vector{options->file}; }, [options] { return runClone(*options); });
 }
 
+void addSplit(CLI::App& app, Subcommands& subcommands) {
+    auto options = std::make_shared<SplitOptions>();
+    CLI::App* split =
+        app.add_subcommand("split", "Cut a log file into numbered complete log files by time, size or count");
+    split->add_option("FILE", options->file, "Log file")->required();
+    split->add_option("-o,--output", options->directory, "Directory for the parts (made if missing)")
+        ->required();
+    split
+        ->add_option("--every", options->every,
+                     "A duration (500ms, 30s, 5m, 1h), a size of stored bytes (64MiB, 100MB, 512KiB) or a "
+                     "number of entries (1000)")
+        ->required();
+    split->add_flag("--json", options->json, "Print one JSON document with the parts instead of a line each");
+    split->footer(
+        "Parts are FILE's name with _0001, _0002, ... in time order; each is a complete log file with the\n"
+        "metadata (and the producer history), the data sources and their properties, the resources and the\n"
+        "bookmarks on its entries. A duration cuts windows of that length from the first entry's time "
+        "(windows\n"
+        "without entries make no file); a size or a count closes a part once it holds that much, never "
+        "between\n"
+        "two entries of the same timestamp. No existing file is ever overwritten.");
+    subcommands.add(
+        split, [options] { return std::vector{options->file}; }, [options] { return runSplit(*options); });
+}
+
 void addPlay(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<PlayOptions>();
     auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
@@ -609,6 +634,7 @@ int main(int argc, char** argv) {
     addSlice(app, subcommands);
     addClone(app, subcommands);
     addMerge(app, subcommands);
+    addSplit(app, subcommands);
     addPlay(app, subcommands);
     addBookmarks(app, subcommands);
     addMetadata(app, subcommands);
