@@ -574,6 +574,30 @@ class LogFile:
         """Adds a named resource; an existing name is refused (:class:`RefusedError`)."""
         self._native.add_resource(name, data)
 
+    def set_metadata(self, key: str, value: PropertyValue) -> None:
+        """Gives `key` this value, replacing the one it has (or adding the key).
+
+        The six keys a file is created with (createdDateTime, applicationName,
+        applicationVersion, currentTimeZone, logVersion, compressionLevel) are
+        refused with :class:`RefusedError`: readers rely on them.
+        """
+        if isinstance(value, bool) or not isinstance(value, (int, float, str)):
+            raise TypeError(f"metadata values are int, float or str, not {type(value).__name__}")
+        self._native.set_metadata(key, value)
+
+    def remove_metadata(self, key: str) -> None:
+        """Removes `key`; a missing or fixed key raises :class:`RefusedError`."""
+        self._native.remove_metadata(key)
+
+    def replace_resource(self, name: str, data: Any) -> None:
+        """Gives the resource `name` these bytes (adding it if absent), stored as
+        :meth:`add_resource` stores them, so a replaced thumbnail reads back."""
+        self._native.replace_resource(name, data)
+
+    def remove_resource(self, name: str) -> None:
+        """Removes the resource `name`; a missing one raises :class:`RefusedError`."""
+        self._native.remove_resource(name)
+
     def set_thumbnail(self, data: Any) -> None:
         """Replaces the thumbnail (stored uncompressed), or adds one."""
         self._native.set_thumbnail(data)

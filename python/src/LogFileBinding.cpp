@@ -405,6 +405,43 @@ void bindLogFile(py::module_& m) {
             },
             py::arg("name"), py::arg("data"))
         .def(
+            "set_metadata",
+            [](OpenLogFile& self, const std::string& key, const ml::PropertyValue& value) {
+                auto lock = self.lockHoldingGil();
+                uint64_t before = self.failures();
+                bool ok = self.fileForWriting().setMetadata(key, value);
+                self.check(ok, before);
+            },
+            py::arg("key"), py::arg("value"))
+        .def(
+            "remove_metadata",
+            [](OpenLogFile& self, const std::string& key) {
+                auto lock = self.lockHoldingGil();
+                uint64_t before = self.failures();
+                bool ok = self.fileForWriting().removeMetadata(key);
+                self.check(ok, before);
+            },
+            py::arg("key"))
+        .def(
+            "replace_resource",
+            [](OpenLogFile& self, const std::string& name, const py::buffer& data) {
+                auto bytes = toByteBuffer(data);
+                auto lock = self.lockHoldingGil();
+                uint64_t before = self.failures();
+                bool ok = self.fileForWriting().replaceResource(name, bytes);
+                self.check(ok, before);
+            },
+            py::arg("name"), py::arg("data"))
+        .def(
+            "remove_resource",
+            [](OpenLogFile& self, const std::string& name) {
+                auto lock = self.lockHoldingGil();
+                uint64_t before = self.failures();
+                bool ok = self.fileForWriting().removeResource(name);
+                self.check(ok, before);
+            },
+            py::arg("name"))
+        .def(
             "set_thumbnail",
             [](OpenLogFile& self, const py::buffer& data) {
                 auto bytes = toByteBuffer(data);
