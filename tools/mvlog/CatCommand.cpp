@@ -2,6 +2,7 @@
 #include "EntryScanner.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "ProgressBar.h"
 #include "SourceArguments.h"
 #include "Terminal.h"
 #include "TimeArguments.h"
@@ -232,17 +233,32 @@ int runCat(const CatOptions& options) {
     }
     EntryScanner scanner(*file, selection);
     std::size_t damaged = 0;
+    // Progress only when the entries go elsewhere than the terminal (a file,
+    // a pipe), unless asked for.
+    ProgressBar bar("cat", "entries",
+                    options.progress     ? ProgressMode::Always
+                    : isTerminal(stdout) ? ProgressMode::Never
+                                         : ProgressMode::Auto);
+    uint64_t total = scanner.selectedCount();
+    if (options.limit >= 0) {
+        total = std::min<uint64_t>(total, static_cast<uint64_t>(options.limit));
+    }
+    uint64_t met = 0;
     scanner.run(
         [&](const ScannedEntry& entry) {
             if (!printOrName(options.format, entry, names)) {
                 ++damaged;
             }
+            bar.update(++met, total);
         },
         [&](const DamagedEntry& entry) {
             ++damaged;
+            bar.erase();
             std::fflush(stdout);
             fmt::print(stderr, "mvlog: {}\n", describe(entry));
+            bar.update(++met, total);
         });
+    bar.finish();
     requireCompleteReads(*file);
     if (damaged != 0) {
         throw ToolError(fmt::format("{} of {} entries could not be read", damaged, scanner.metCount()));

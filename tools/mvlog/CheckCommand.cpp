@@ -2,6 +2,7 @@
 #include "EntryScanner.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "ProgressBar.h"
 
 #include <logging/Logging.h>
 
@@ -16,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -43,6 +45,9 @@ public:
         if (collect_) {
             problems_.push_back(problem);
         } else {
+            if (beforePrinting_) {
+                beforePrinting_();
+            }
             fmt::print("problem: {}\n", problem);
             std::fflush(stdout);
         }
@@ -62,12 +67,15 @@ public:
             add(problem);
         }
     }
+    // Called before a problem is printed (a progress bar steps aside).
+    void beforePrinting(std::function<void()> hook) { beforePrinting_ = std::move(hook); }
     std::size_t count() const { return count_; }
     bool foundDamage() const { return damaged_; }
     bool collects() const { return collect_; }
     const std::vector<std::string>& problems() const { return problems_; }
 
 private:
+    std::function<void()> beforePrinting_;
     bool collect_;
     std::vector<std::string> problems_;
     std::size_t count_ = 0;
@@ -349,12 +357,17 @@ std::size_t probeBeyondIndex(const SqliteLogFile& file, int32_t lastListedId, Pr
 }
 
 // Returns the number of entries that could be read in full.
-std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems) {
+std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems, ProgressMode progress) {
     const int32_t counted = file.getEntryCount();
     if (counted < 0) {
         problems.add(fmt::format("cannot count the entries: {}", file.getLastError()));
     }
     std::size_t readable = 0;
+    ProgressBar bar("checking", "entries", progress);
+    problems.beforePrinting([&bar] { bar.erase(); });
+    std::size_t met = 0;
+    const std::optional<uint64_t> total =
+        counted > 0 ? std::optional<uint64_t>(static_cast<uint64_t>(counted)) : std::nullopt;
     try {
         EntryScanner scanner(file, EntrySelection{});
         scanner.verifyChecksums(true);
@@ -365,8 +378,12 @@ std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems) {
                 }
                 entry.forEachPiece([](const std::byte*, std::size_t) { return true; });
                 ++readable;
+                bar.update(++met, total);
             },
-            [&](const DamagedEntry& damaged) { problems.addDamage(describe(damaged)); });
+            [&](const DamagedEntry& damaged) {
+                problems.addDamage(describe(damaged));
+                bar.update(++met, total);
+            });
         // The count was taken first: entries that a writer appended since can
         // only make the index longer. A shorter index hides entries.
         if (counted >= 0 && scanner.metCount() < static_cast<std::size_t>(counted)) {
@@ -378,6 +395,8 @@ std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems) {
     } catch (const std::exception& error) {
         problems.addDamage(fmt::format("cannot read the entry index: {}", error.what()));
     }
+    bar.finish();
+    problems.beforePrinting({});
     return readable;
 }
 
@@ -492,7 +511,8 @@ int runCheck(const CheckOptions& options) {
     try {
         checkMetadata(*file, problems);
         CheckedCounts checked;
-        checked.entries = checkEntries(*file, problems);
+        checked.entries =
+            checkEntries(*file, problems, options.progress ? ProgressMode::Always : ProgressMode::Auto);
         checked.bookmarks = checkBookmarks(*file, problems);
         checked.resources = checkResources(*file, problems);
         checked.dataSources = file->getDataSources().size();

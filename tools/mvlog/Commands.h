@@ -40,6 +40,8 @@ struct CatOptions {
     double idleSeconds = 0;
     // Entries by id (as written) instead of by timestamp.
     bool idOrder = false;
+    // Show the progress bar on stderr even when it is not a terminal.
+    bool progress = false;
 };
 int runCat(const CatOptions& options);
 
@@ -72,6 +74,8 @@ struct SliceOptions {
     bool allowEmpty = false;
     // One JSON document with the copy's report instead of the output's path.
     bool json = false;
+    // Show the progress bar on stderr even when it is not a terminal.
+    bool progress = false;
 };
 int runSlice(const SliceOptions& options);
 
@@ -81,6 +85,8 @@ struct CloneOptions {
     std::optional<int> level;
     // One JSON document with the copy's report instead of the output's path.
     bool json = false;
+    // Show the progress bar on stderr even when it is not a terminal.
+    bool progress = false;
 };
 int runClone(const CloneOptions& options);
 
@@ -90,6 +96,8 @@ struct MergeOptions {
     std::optional<int> level;
     // One JSON document on stdout instead of the path and the report.
     bool json = false;
+    // Show the progress bar on stderr even when it is not a terminal.
+    bool progress = false;
 };
 int runMerge(const MergeOptions& options);
 
@@ -159,12 +167,16 @@ struct SplitOptions {
     // A duration (30s), a size of stored bytes (64MiB) or a number of entries.
     std::string every;
     bool json = false;
+    // Show the progress bar on stderr even when it is not a terminal.
+    bool progress = false;
 };
 int runSplit(const SplitOptions& options);
 
 struct DuOptions {
     std::string file;
     bool json = false;
+    // Show the progress bar on stderr even when it is not a terminal.
+    bool progress = false;
 };
 int runDu(const DuOptions& options);
 
@@ -172,6 +184,8 @@ struct CheckOptions {
     std::string file;
     // One JSON document at the end instead of lines as problems are found.
     bool json = false;
+    // Show the progress bar on stderr even when it is not a terminal.
+    bool progress = false;
 };
 int runCheck(const CheckOptions& options);
 
@@ -180,6 +194,8 @@ struct RecoverOptions {
     std::string output;
     // The report as one JSON document instead of lines.
     bool json = false;
+    // Show the progress bar on stderr even when it is not a terminal.
+    bool progress = false;
 };
 int runRecover(const RecoverOptions& options);
 

@@ -322,16 +322,18 @@ CopyReport deriveInChild(const char* what, const std::filesystem::path& output,
 }  // namespace
 
 CopyReport deriveReporting(const char* what, const std::string& output, CopyOptions options,
-                           const std::function<CopyReport(const CopyOptions&)>& derive) {
+                           const std::function<CopyReport(const CopyOptions&)>& derive,
+                           ProgressMode progress) {
     try {
         return deriveInChild(what, output, [&] {
-            StatusLine status(stderr, isTerminal(stderr));
-            if (status.isLive()) {
-                options.progress = [&](uint64_t written, uint64_t total) {
-                    status.update(fmt::format("{}: {} of at most {} entries", what, written, total));
-                };
+            // The total is the inputs' entry count: a filter may take fewer.
+            ProgressBar bar(what, "entries", progress);
+            if (bar.isShown()) {
+                options.progress = [&](uint64_t written, uint64_t total) { bar.update(written, total); };
             }
-            return derive(options);
+            CopyReport report = derive(options);
+            bar.update(report.entries, report.entries);
+            return report;
         });
     } catch (const std::exception& error) {
         throw ToolError(fmt::format("{} failed: {} (nothing was written to {})", what, error.what(), output));
@@ -532,9 +534,12 @@ int runSlice(const SliceOptions& options) {
     // The derivation runs in another process, which opens its own connection.
     file.reset();
     const std::string output = outputFor(options.output, options.file);
-    const CopyReport report = deriveReporting("slicing", output, copy, [&](const CopyOptions& chosen) {
-        return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
-    });
+    const CopyReport report = deriveReporting(
+        "slicing", output, copy,
+        [&](const CopyOptions& chosen) {
+            return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
+        },
+        options.progress ? ProgressMode::Always : ProgressMode::Auto);
     printDerivedFile(options.file, output, report, options.json);
     return 0;
 }
@@ -545,9 +550,12 @@ int runClone(const CloneOptions& options) {
     const CopyOptions copy = copyOptions(*file, options.level);
     file.reset();
     const std::string output = outputFor(options.output, options.file);
-    const CopyReport report = deriveReporting("cloning", output, copy, [&](const CopyOptions& chosen) {
-        return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
-    });
+    const CopyReport report = deriveReporting(
+        "cloning", output, copy,
+        [&](const CopyOptions& chosen) {
+            return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
+        },
+        options.progress ? ProgressMode::Always : ProgressMode::Auto);
     printDerivedFile(options.file, output, report, options.json);
     return 0;
 }
@@ -566,10 +574,12 @@ int runMerge(const MergeOptions& options) {
     for (const std::string& warning : warnings) {
         fmt::print(stderr, "mvlog: warning: {}\n", warning);
     }
-    const CopyReport report =
-        deriveReporting("merging", options.output, copy, [&](const CopyOptions& chosen) {
+    const CopyReport report = deriveReporting(
+        "merging", options.output, copy,
+        [&](const CopyOptions& chosen) {
             return Marivane::Logging::Algorithms::merge(inputs, options.output, chosen);
-        });
+        },
+        options.progress ? ProgressMode::Always : ProgressMode::Auto);
     printMergeReport(options, report, warnings);
     return 0;
 }

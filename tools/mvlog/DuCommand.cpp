@@ -2,6 +2,7 @@
 #include "EntryScanner.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "ProgressBar.h"
 
 #include <core/Compression.h>
 
@@ -59,17 +60,25 @@ uint64_t loggedSizeOf(const ScannedEntry& entry) {
     return entry.forEachPiece([](const std::byte*, std::size_t) { return true; });
 }
 
-DiskUsage measure(const SqliteLogFile& file) {
+DiskUsage measure(const SqliteLogFile& file, ProgressMode progress) {
     DiskUsage usage;
     EntryScanner scanner(file, EntrySelection{});
+    ProgressBar bar("measuring", "entries", progress);
+    const uint64_t total = scanner.selectedCount();
+    uint64_t met = 0;
     scanner.run(
         [&](const ScannedEntry& entry) {
             const uint64_t logged = loggedSizeOf(entry);
             usage.total.add(logged, entry.size);
             usage.bySource[entry.dataSourceId].add(logged, entry.size);
             usage.byType[entry.type].add(logged, entry.size);
+            bar.update(++met, total);
         },
-        [&](const DamagedEntry& damaged) { usage.damaged.push_back(damaged); });
+        [&](const DamagedEntry& damaged) {
+            usage.damaged.push_back(damaged);
+            bar.update(++met, total);
+        });
+    bar.finish();
     return usage;
 }
 
@@ -163,7 +172,7 @@ void printJson(const DuOptions& options, const SqliteLogFile& file, const std::v
 int runDu(const DuOptions& options) {
     const auto file = openExistingLogFile(options.file);
     const std::vector<DataSource> sources = file->getDataSources();
-    const DiskUsage usage = measure(*file);
+    const DiskUsage usage = measure(*file, options.progress ? ProgressMode::Always : ProgressMode::Auto);
     requireCompleteReads(*file);
     if (options.json) {
         printJson(options, *file, sources, usage);

@@ -1,7 +1,7 @@
 #include "Commands.h"
 #include "Format.h"
 #include "LogFileAccess.h"
-#include "Terminal.h"
+#include "ProgressBar.h"
 
 #include <logging/Recover.h>
 
@@ -91,11 +91,9 @@ int runRecover(const RecoverOptions& options) {
     Marivane::Logging::RecoverOptions salvage;
     salvage.applicationName = kToolName;
     salvage.applicationVersion = kToolVersion;
-    StatusLine status(stderr, isTerminal(stderr));
-    if (status.isLive()) {
-        salvage.progress = [&](uint64_t recovered) {
-            status.update(fmt::format("recovering: {} entries so far", recovered));
-        };
+    ProgressBar status("recovering", "entries", options.progress ? ProgressMode::Always : ProgressMode::Auto);
+    if (status.isShown()) {
+        salvage.progress = [&](uint64_t recovered) { status.update(recovered); };
     }
     Marivane::Logging::RecoveryReport report;
     try {

@@ -193,10 +193,12 @@ int runSplit(const SplitOptions& options) {
         copy.startTimestamp = parts[i].start;
         copy.endTimestamp = parts[i].end;
         const std::string what = fmt::format("splitting, part {} of {}", i + 1, parts.size());
-        const CopyReport report =
-            deriveReporting(what.c_str(), paths[i], copy, [&](const CopyOptions& chosen) {
+        const CopyReport report = deriveReporting(
+            what.c_str(), paths[i], copy,
+            [&](const CopyOptions& chosen) {
                 return Marivane::Logging::Algorithms::copy(options.file, paths[i], chosen);
-            });
+            },
+            options.progress ? ProgressMode::Always : ProgressMode::Auto);
         if (options.json) {
             written.push_back({{"output", paths[i]},
                                {"entries", report.entries},

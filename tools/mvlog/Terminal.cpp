@@ -48,6 +48,14 @@ void StatusLine::finish() {
     }
 }
 
+void StatusLine::erase() {
+    if (pending_) {
+        fmt::print(stream_, "{}", kRedrawLine);
+        std::fflush(stream_);
+        pending_ = false;
+    }
+}
+
 void clearStatusLine(std::FILE* stream) {
     if (isTerminal(stream)) {
         fmt::print(stream, "{}", kRedrawLine);

@@ -24,6 +24,9 @@ public:
     void update(const std::string& text);
     // Ends an in-place line so that what follows starts on a fresh one.
     void finish();
+    // Removes an in-place line, so that other output can take its place; the
+    // next update draws it again.
+    void erase();
 
 private:
     std::FILE* stream_;

@@ -174,6 +174,12 @@ void requireRegularFiles(const std::vector<std::string>& paths) {
     }
 }
 
+// Long commands show a progress bar on a terminal; this asks for it in pipes too.
+void addProgressFlag(CLI::App& command, bool& progress) {
+    command.add_flag("--progress", progress,
+                     "Show the progress bar on stderr even when it is not a terminal (one line a second)");
+}
+
 void addInfo(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<InfoOptions>();
     CLI::App* info =
@@ -190,6 +196,7 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
     auto format = std::make_shared<std::string>("text");
     CLI::App* cat = app.add_subcommand("cat", "Print entries in time order");
     cat->add_option("FILE", options->file, "Log file")->required();
+    addProgressFlag(*cat, options->progress);
     cat->add_option("--from", options->from, "First entry id (default: the file's first)");
     cat->add_option("--to", options->to, "Last entry id (default: the file's last)");
     cat->add_option("--start", options->start,
@@ -263,6 +270,7 @@ void addSlice(CLI::App& app, Subcommands& subcommands) {
         "Write the entries of an id range and/or a time range, optionally filtered, with everything "
         "they need to a new file");
     slice->add_option("FILE", options->file, "Log file")->required();
+    addProgressFlag(*slice, options->progress);
     CLI::Option* from = slice->add_option("--from", options->from, "First entry id (must exist)");
     CLI::Option* to = slice->add_option("--to", options->to, "Last entry id (must exist)");
     from->needs(to);
@@ -307,6 +315,7 @@ void addMerge(CLI::App& app, Subcommands& subcommands) {
     merge->add_option("FILES", options->files, "Log files, in order (ties in time go to the earlier file)")
         ->required()
         ->expected(2, -1);
+    addProgressFlag(*merge, options->progress);
     merge->add_option("-o,--output", options->output, "Output file (must not exist)")->required();
     merge->add_option("--level", options->level, "Compression level -1..9 (default: the first file's)")
         ->check(kCompressionLevel);
@@ -326,6 +335,7 @@ void addClone(CLI::App& app, Subcommands& subcommands) {
     CLI::App* clone =
         app.add_subcommand("clone", "Copy a whole log file, optionally at another compression level");
     clone->add_option("FILE", options->file, "Log file")->required();
+    addProgressFlag(*clone, options->progress);
     clone->add_option("-o,--output", options->output,
                       "Output file (must not exist; default: <name>_exported<ext> beside the source)");
     clone->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
@@ -342,6 +352,7 @@ void addSplit(CLI::App& app, Subcommands& subcommands) {
     CLI::App* split =
         app.add_subcommand("split", "Cut a log file into numbered complete log files by time, size or count");
     split->add_option("FILE", options->file, "Log file")->required();
+    addProgressFlag(*split, options->progress);
     split->add_option("-o,--output", options->directory, "Directory for the parts (made if missing)")
         ->required();
     split
@@ -518,6 +529,7 @@ void addDu(CLI::App& app, Subcommands& subcommands) {
     CLI::App* du = app.add_subcommand(
         "du", "Logged and stored bytes per data source and per entry type, with the compression ratio");
     du->add_option("FILE", options->file, "Log file")->required();
+    addProgressFlag(*du, options->progress);
     du->add_flag("--json", options->json, "Print one JSON document instead of a table");
     du->footer(
         "Logged bytes are the payloads as they were recorded; stored bytes as the file keeps them "
@@ -533,6 +545,7 @@ void addCheck(CLI::App& app, Subcommands& subcommands) {
     CLI::App* check =
         app.add_subcommand("check", "Verify the database, every payload, resource and bookmark");
     check->add_option("FILE", options->file, "Log file")->required();
+    addProgressFlag(*check, options->progress);
     check->add_flag("--json", options->json,
                     "Print one JSON document at the end (file, ok, damaged, problems, checked counts, hint) "
                     "instead of lines");
@@ -549,6 +562,7 @@ void addRecover(CLI::App& app, Subcommands& subcommands) {
         "back and the ids that did not. DAMAGED (and its journal) is only read. Exit 0 when something was "
         "recovered, 1 otherwise");
     recover->add_option("DAMAGED", options->file, "Damaged log file (never changed)")->required();
+    addProgressFlag(*recover, options->progress);
     recover->add_option("-o,--output", options->output, "New log file (must not exist)")->required();
     recover->add_flag("--json", options->json, "Print the report as one JSON document");
     subcommands.add(
