@@ -57,12 +57,6 @@ std::vector<Bookmark> bookmarksOn(const LogFileInterface& file, int32_t entryId)
     return found;
 }
 
-void requireWritten(bool written, const LogFileInterface& file, const char* what) {
-    if (!written) {
-        throw ToolError(fmt::format("cannot {} the bookmark: {}", what, file.getLastError()));
-    }
-}
-
 int listBookmarks(const SqliteLogFile& file, const BookmarksOptions& options) {
     const std::vector<Bookmark> bookmarks = file.getBookmarks();
     requireCompleteReads(file);
@@ -95,7 +89,7 @@ int addBookmark(LogFileInterface& file, const BookmarksOptions& options) {
     bookmark.entryId = options.entryId;
     bookmark.title = options.title;
     bookmark.comments = options.comments.value_or(std::string());
-    requireWritten(file.addBookmark(bookmark), file, "add");
+    requireWritten(file.addBookmark(bookmark), file, "add the bookmark");
     printChange(options, "Added", bookmark);
     return 0;
 }
@@ -112,7 +106,7 @@ int updateBookmark(LogFileInterface& file, const BookmarksOptions& options) {
     if (options.comments) {
         bookmark.comments = *options.comments;
     }
-    requireWritten(file.updateBookmark(bookmark), file, "update");
+    requireWritten(file.updateBookmark(bookmark), file, "update the bookmark");
     printChange(options, "Updated", bookmark);
     return 0;
 }
@@ -122,7 +116,7 @@ int removeBookmark(LogFileInterface& file, const BookmarksOptions& options) {
     if (existing.empty()) {
         throw ToolError(fmt::format("{}: no bookmark on entry {}", options.file, options.entryId));
     }
-    requireWritten(file.removeBookmark(existing.front()), file, "remove");
+    requireWritten(file.removeBookmark(existing.front()), file, "remove the bookmark");
     if (options.json) {
         nlohmann::ordered_json document;
         document["file"] = options.file;

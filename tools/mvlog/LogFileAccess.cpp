@@ -128,4 +128,10 @@ bool hasEntry(const LogFileInterface& file, int32_t entryId) {
     return std::binary_search(ids.begin(), ids.end(), entryId);
 }
 
+void requireWritten(bool written, const Marivane::Logging::LogFileInterface& file, const char* what) {
+    if (!written) {
+        throw ToolError(fmt::format("cannot {}: {}", what, file.getLastError()));
+    }
+}
+
 }  // namespace Mvlog

@@ -43,6 +43,9 @@ std::unique_ptr<Marivane::Logging::SqliteLogFile> openExistingLogFile(const std:
 // it were. Damage is left to each command, which says what it hides.
 void requireCompleteReads(const Marivane::Logging::SqliteLogFile& file);
 
+// Throws ToolError "cannot <what>: <the file's last error>" unless `written`.
+void requireWritten(bool written, const Marivane::Logging::LogFileInterface& file, const char* what);
+
 // Throws ToolError unless something readable exists at `path`.
 void requireExistingFile(const std::filesystem::path& path);
 

@@ -61,12 +61,6 @@ PropertyValue parseValue(const std::string& text, MetadataType type) {
     return text;
 }
 
-void requireWritten(bool written, const SqliteLogFile& file, const char* what) {
-    if (!written) {
-        throw ToolError(fmt::format("cannot {}: {}", what, file.getLastError()));
-    }
-}
-
 int listMetadata(const SqliteLogFile& file, const MetadataOptions& options) {
     const std::vector<LogMetadataEntry> entries = file.getAllMetadata();
     requireCompleteReads(file);

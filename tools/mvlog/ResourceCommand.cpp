@@ -56,12 +56,6 @@ ByteBuffer readSource(const std::string& path) {
     return bytesFrom(input, path);
 }
 
-void requireWritten(bool written, const SqliteLogFile& file, const char* what) {
-    if (!written) {
-        throw ToolError(fmt::format("cannot {}: {}", what, file.getLastError()));
-    }
-}
-
 int listResources(const SqliteLogFile& file, const ResourceOptions& options) {
     const std::vector<LogResourceEntry> resources = file.getAllResources();
     requireCompleteReads(file);
