@@ -4,8 +4,6 @@
 #include "LogFileAccess.h"
 #include "ProgressBar.h"
 
-#include <core/Compression.h>
-
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -47,19 +45,6 @@ struct DiskUsage {
     std::vector<DamagedEntry> damaged;
 };
 
-// A compressed payload's logged size is what its frame header declares: no
-// expansion. A frame that does not declare it is expanded in pieces to count.
-uint64_t loggedSizeOf(const ScannedEntry& entry) {
-    if (!entry.compressed) {
-        return entry.size;
-    }
-    if (const std::optional<uint64_t> declared =
-            Marivane::Compression::declaredExpandedSize(entry.data, entry.size)) {
-        return *declared;
-    }
-    return entry.forEachPiece([](const std::byte*, std::size_t) { return true; });
-}
-
 DiskUsage measure(const SqliteLogFile& file, ProgressMode progress) {
     DiskUsage usage;
     EntryScanner scanner(file, EntrySelection{});
@@ -68,7 +53,7 @@ DiskUsage measure(const SqliteLogFile& file, ProgressMode progress) {
     uint64_t met = 0;
     scanner.run(
         [&](const ScannedEntry& entry) {
-            const uint64_t logged = loggedSizeOf(entry);
+            const uint64_t logged = entry.loggedSize();
             usage.total.add(logged, entry.size);
             usage.bySource[entry.dataSourceId].add(logged, entry.size);
             usage.byType[entry.type].add(logged, entry.size);

@@ -105,6 +105,16 @@ std::size_t ScannedEntry::forEachPiece(const Marivane::Compression::PieceHandler
     return Marivane::Compression::uncompressInPieces(data, size, onPiece);
 }
 
+uint64_t ScannedEntry::loggedSize() const {
+    if (!compressed) {
+        return size;
+    }
+    if (const std::optional<uint64_t> declared = Marivane::Compression::declaredExpandedSize(data, size)) {
+        return *declared;
+    }
+    return forEachPiece([](const std::byte*, std::size_t) { return true; });
+}
+
 std::size_t ScannedEntry::sizeAndPrefix(std::size_t prefixLength, ByteBuffer& prefix) const {
     prefix.clear();
     return forEachPiece([&](const std::byte* piece, std::size_t size) {

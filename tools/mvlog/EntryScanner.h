@@ -52,6 +52,10 @@ struct ScannedEntry : Marivane::Logging::EntryView {
     // Throws Marivane::Compression::CompressionError for a payload that does
     // not expand; the scan reports that entry as damaged.
     std::size_t forEachPiece(const Marivane::Compression::PieceHandler& onPiece) const;
+    // The payload's size as logged: a compressed frame's declared size,
+    // without expanding it (a frame that declares none is expanded in pieces
+    // to count). Throws as forEachPiece does.
+    uint64_t loggedSize() const;
     // The payload's size, and up to `prefixLength` of its first bytes.
     std::size_t sizeAndPrefix(std::size_t prefixLength, Marivane::Logging::ByteBuffer& prefix) const;
     // The whole payload, for output that holds all of it.
