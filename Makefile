@@ -81,7 +81,11 @@ bench: deps
 	./$(BENCH_DIR)/bench/marivane_bench
 	PYTHONPATH=$(BENCH_DIR)/python /usr/bin/python3 python/bench/bench_python.py
 
-demo: build
+# Builds only the tool (no tests, no Python module), so the first output
+# comes in a couple of minutes on a fresh machine; `make test` builds the rest.
+demo: deps
+	cmake -S . -B $(BUILD_DIR) $(CMAKE_FLAGS) $(PYTHON_FLAGS)
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target mvlog
 	./$(BUILD_DIR)/tools/mvlog demo
 
 install: build
