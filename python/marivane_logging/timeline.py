@@ -13,7 +13,7 @@ from __future__ import annotations
 
 import os
 from dataclasses import dataclass
-from typing import Dict, List, Optional, Tuple, Union
+from typing import Any, Dict, List, Optional, Tuple, Union
 
 import numpy as np
 
@@ -151,14 +151,14 @@ def plot_timeline(
 
     ids = index["id"]
     stamps_by_id = dict(zip(ids.tolist(), index["timestamp"].tolist())) if len(bookmarks) else {}
+    marks: List[Tuple[float, str]] = []
     for bookmark in bookmarks:
         if bookmark.entry_id not in stamps_by_id:
             continue
         when = float(elapsed(stamps_by_id[bookmark.entry_id]))
         for axes in (top, bottom):
             axes.axvline(when, color="black", linestyle="--", linewidth=1)
-        top.annotate(bookmark.title or f"entry {bookmark.entry_id}", xy=(when, 0), xycoords=("data", "axes fraction"),
-                     xytext=(3, 3), textcoords="offset points", fontsize=8, rotation=90, va="bottom")
+        marks.append((when, bookmark.title or f"entry {bookmark.entry_id}"))
 
     bottom.set_ylabel("entries/s")
     bottom.grid(alpha=0.3)
@@ -182,9 +182,53 @@ def plot_timeline(
     clock.set_xlabel("time (UTC)", fontsize=8)
     clock.tick_params(labelsize=8)
     figure.tight_layout()
+    _label_bookmarks(figure, top, sorted(marks))
     if output is not None:
         figure.savefig(os.fspath(output))
     return figure
+
+
+def _label_bookmarks(figure: Any, axes: Any, marks: List[Tuple[float, str]]) -> None:
+    """Writes each bookmark's title beside its line, in rows from the top of
+    `axes` down, so that no two labels overlap however close the bookmarks
+    are (a long file has many). Titles that find no free place in the rows
+    the lanes leave room for are left out, and a note in the corner says how
+    many."""
+    if not marks:
+        return
+    renderer = figure.canvas.get_renderer()
+    box = axes.get_window_extent(renderer)
+    gap = 4.0  # pixels between two labels of a row
+    row_ends: List[float] = []
+    row_height = 0.0
+    hidden = 0
+    for when, title in marks:
+        label = axes.annotate(title, xy=(when, 1.0), xycoords=("data", "axes fraction"), xytext=(3, -3),
+                              textcoords="offset points", fontsize=8, va="top", ha="left", gid="bookmark",
+                              bbox=dict(boxstyle="square,pad=0.1", facecolor="white", edgecolor="none", alpha=0.8))
+        extent = label.get_window_extent(renderer)
+        if extent.x1 > box.x1:
+            # Near the right edge the title goes to the left of its line.
+            label.set_horizontalalignment("right")
+            label.xyann = (-3, -3)
+            extent = label.get_window_extent(renderer)
+        row_height = max(row_height, extent.height + 2.0)
+        rows = max(1, int(box.height // row_height))
+        row = next((i for i, end in enumerate(row_ends) if end + gap <= extent.x0), len(row_ends))
+        if row >= rows or extent.x0 < box.x0 - 1.0:
+            label.remove()
+            hidden += 1
+            continue
+        if row == len(row_ends):
+            row_ends.append(extent.x1)
+        else:
+            row_ends[row] = extent.x1
+        label.xyann = (label.xyann[0], -3 - row * row_height * 72.0 / figure.dpi)
+    if hidden:
+        plural = "" if hidden == 1 else "s"
+        axes.annotate(f"+{hidden} bookmark{plural} not labelled", xy=(1.0, 0.0), xycoords="axes fraction",
+                      xytext=(-3, 3), textcoords="offset points", fontsize=7, ha="right", va="bottom",
+                      gid="bookmarks-hidden")
 
 
 def source_statistics(f: LogFile) -> Dict[int, Tuple[int, int, float]]:
