@@ -35,6 +35,12 @@ compress and write)::
         rec.stats                            # RecorderStats(accepted=..., written=..., ...)
 
 Derived files: :func:`slice`, :func:`clone`, :func:`copy`, :func:`merge`.
+Each answers the new file as a :class:`LogFile` open read-only; the
+:class:`CopyReport` of a copy or a merge is its ``report``::
+
+    with ml.copy("run.mvlog", "gnss.mvlog", sources="gnss", time=("+60", "+120")) as part:
+        part.path, len(part), part.report.entries, part.report.notes
+
 Salvage of a damaged file into a new one: :func:`recover`, which answers a
 :class:`RecoveryReport` of what came back and what was lost.
 Replay: :class:`Player`. Many files at once on Dask: :mod:`marivane_logging.dask`.

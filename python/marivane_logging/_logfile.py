@@ -10,7 +10,7 @@ from typing import Any, Callable, Dict, Iterator, List, Optional, Tuple, Union
 import numpy as np
 
 from . import _core, _paths
-from ._core import Durability, Entry, FailureKind
+from ._core import CopyReport, Durability, Entry, FailureKind
 from ._selection import (
     INT32_MAX,
     INT32_MIN,
@@ -109,15 +109,20 @@ class LogFile:
     ``"+12.5"`` (seconds after the first entry).
     Failures raise :class:`LogFileError` subclasses with the library's message.
     A LogFile may be shared between threads; calls on one file take turns.
+
+    The derived files (:func:`slice`, :func:`clone`, :func:`copy`,
+    :func:`merge`) come back as a LogFile too, open read-only; the
+    :class:`CopyReport` of a copy or a merge is its :attr:`report`.
     """
 
-    __slots__ = ("_native", "__weakref__")
+    __slots__ = ("_native", "_report", "__weakref__")
 
     def __init__(self, native: Any) -> None:
         """Not for direct use: call LogFile.open(path) or LogFile.create(path, ...)."""
         if not isinstance(native, _core._LogFile):
             raise TypeError("use LogFile.open(path) or LogFile.create(path, application=..., version=...)")
         self._native = native
+        self._report: Optional[CopyReport] = None
 
     # ---- opening ------------------------------------------------------------
     @classmethod
@@ -220,6 +225,16 @@ class LogFile:
     @property
     def read_only(self) -> bool:
         return self._native.read_only
+
+    @property
+    def report(self) -> Optional[CopyReport]:
+        """What :func:`copy` or :func:`merge` wrote into this file, when this handle is the one it answered.
+
+        None for every other handle (opened, created, or made by
+        :func:`slice` or :func:`clone`). It stays readable after
+        :meth:`close`.
+        """
+        return self._report
 
     @property
     def durability(self) -> Durability:
@@ -326,12 +341,18 @@ class LogFile:
         return self.entries()
 
     def _names(self, sources: Ids) -> Optional[Dict[str, int]]:
+        # The ids of the data sources named in `sources`; KeyError naming the
+        # file for a name none of its sources has.
         if sources is None:
             return None
         values = [sources] if isinstance(sources, (str, int)) else list(sources)
         if not any(isinstance(value, str) for value in values):
             return None
-        return {source.name: source.id for source in self.data_sources}
+        names = {source.name: source.id for source in self.data_sources}
+        for value in values:
+            if isinstance(value, str) and value not in names:
+                raise KeyError(f"no data source named {value!r} in '{self.path}'")
+        return names
 
     def _first_timestamp(self) -> int:
         # A relative time counts from the first entry, as mvlog counts it.
@@ -340,7 +361,9 @@ class LogFile:
             self._native, **selection(first, first, None, None, None, None)
         )
         if rows is None or len(rows) == 0:
-            raise ValueError("a time relative to the first entry needs a file with entries")
+            raise ValueError(
+                f"a time relative to the first entry needs a file with entries: '{self.path}' has none"
+            )
         return int(rows["timestamp"][0])
 
     # ---- streaming reads ----------------------------------------------------

@@ -36,10 +36,11 @@ def rows(path):
 
 def test_slice_by_time_writes_what_copy_writes(shuffled, tmp_path):
     window = (BASE + 150, BASE + 350)
-    report = ml.copy(shuffled, tmp_path / "copy.mvlog", time=window)
+    with ml.copy(shuffled, tmp_path / "copy.mvlog", time=window) as copied:
+        report = copied.report
     with ml.slice(shuffled, output=tmp_path / "slice.mvlog", time=window) as part:
         assert part.path == str(tmp_path / "slice.mvlog")
-        assert not part.read_only
+        assert part.read_only and part.report is None
         assert len(part) == report.entries == 5
         assert part.bookmarks == [ml.Bookmark(1, "Mark", "on early 2", b"")]
         assert [s.name for s in part.data_sources] == ["early", "late"]
@@ -57,7 +58,7 @@ def test_slice_by_time_writes_what_copy_writes(shuffled, tmp_path):
     ],
 )
 def test_slice_by_time_takes_every_form_of_time(shuffled, tmp_path, window):
-    ml.copy(shuffled, tmp_path / "copy.mvlog", time=(BASE + 150, BASE + 350))
+    ml.copy(shuffled, tmp_path / "copy.mvlog", time=(BASE + 150, BASE + 350)).close()
     ml.slice(shuffled, output=tmp_path / "slice.mvlog", time=window).close()
     assert rows(tmp_path / "slice.mvlog") == rows(tmp_path / "copy.mvlog")
 
@@ -65,7 +66,7 @@ def test_slice_by_time_takes_every_form_of_time(shuffled, tmp_path, window):
 def test_slice_by_time_with_open_ends_and_id_bounds(shuffled, tmp_path):
     ml.slice(shuffled, output=tmp_path / "from.mvlog", time=(BASE + 420, None)).close()
     assert [p for *_, p in rows(tmp_path / "from.mvlog")] == [b"early 5", b"late 4"]
-    ml.copy(shuffled, tmp_path / "copy.mvlog", first_id=2, last_id=8, time=(None, BASE + 250))
+    ml.copy(shuffled, tmp_path / "copy.mvlog", first_id=2, last_id=8, time=(None, BASE + 250)).close()
     with ml.LogFile.open(shuffled) as f:
         ml.slice(f, 2, 8, tmp_path / "both.mvlog", time=(None, BASE + 250)).close()
     assert rows(tmp_path / "both.mvlog") == rows(tmp_path / "copy.mvlog")
