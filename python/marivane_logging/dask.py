@@ -23,24 +23,240 @@ partition is read in time order unless ``order="id"`` is given, so a file's
 time windows, one after the other, are the whole file in time order::
 
         per_minute = mld.read_index("/data/fleet/*.mvlog", partition="time", period=60)
+
+A fleet may hold files that cannot be read: missing, not log files,
+damaged. By default (``on_error="raise"``) the first one stops the work
+with an error naming it. With ``on_error="skip"`` each such file is left
+out, and a :class:`SkippedFiles` given as ``skipped=`` says which and why::
+
+        skipped = mld.SkippedFiles()
+        index = mld.read_index("/data/fleet/*.mvlog", on_error="skip", skipped=skipped, progress=True)
+        skipped.paths                      # files that did not open: known now
+        (frame,) = skipped.compute(index)  # and files whose reading failed in a task
+        for path, reason in skipped:
+            print(path, reason)
+
+With ``on_error="skip"`` the files are opened (read-only) when the
+collection is built, so those that do not open are known at once and get no
+partition. Damage that shows only while a partition is read gives an empty
+partition (of the collection's columns and dtypes) in its place; it is
+recorded when the collection, or one built from it, is computed through
+:meth:`SkippedFiles.compute`, and logged on the ``marivane_logging.dask``
+logger wherever the task ran (a plain ``.compute()`` gives the same result
+without recording). ``progress=True`` writes how far the opening of the
+files has come on stderr.
 """
 
 from __future__ import annotations
 
+import contextlib
 import functools
 import glob
+import logging
 import math
 import os
-from typing import Any, Callable, Iterable, List, NamedTuple, Optional, Sequence, Tuple, Union
+import sys
+import threading
+import time as _time
+import uuid
+from typing import Any, Callable, Iterable, Iterator, List, NamedTuple, Optional, Sequence, Tuple, TypeVar, Union
 
 import numpy as np
 import pandas as pd
 
+from ._errors import LogFileError
 from ._logfile import LogFile, index_frame
 from ._selection import Ids, Ints, Time, entry_order, time_bounds
 
 PathLike = Union[str, "os.PathLike[str]"]
 Paths = Union[PathLike, Iterable[PathLike]]
+T = TypeVar("T")
+
+_log = logging.getLogger(__name__)
+
+#: What ``on_error`` takes: stop at the first file that cannot be read, or leave it out.
+ON_ERROR = ("raise", "skip")
+
+
+class SkippedFile(NamedTuple):
+    """A file left out with ``on_error="skip"``: its path and why (the error's message, which names it)."""
+
+    path: str
+    reason: str
+
+
+class SkippedFiles(Sequence[SkippedFile]):
+    """The files that calls with ``on_error="skip"`` left out, each a :class:`SkippedFile`, in the order found.
+
+    Give one as ``skipped=`` to :func:`read_index`, :func:`map_entries`,
+    :func:`map_files` or :func:`partitions`. Files that do not open, or
+    whose entries cannot be counted, are recorded when the collection is
+    built. A file that opens but fails while a task reads it gives an empty
+    partition; such failures are recorded by :meth:`compute`, which computes
+    the collections and the failures of their tasks together (each task
+    runs once). A file is recorded once per reason, however many calls or
+    partitions meet it. Safe to share between threads.
+    """
+
+    def __init__(self) -> None:
+        self._lock = threading.Lock()
+        self._files: List[SkippedFile] = []
+        # Per collection built with this report: the keys of its guarded
+        # tasks, and a delayed list of the failures they met.
+        self._pending: List[Tuple[frozenset, Any]] = []
+
+    def __len__(self) -> int:
+        with self._lock:
+            return len(self._files)
+
+    def __getitem__(self, index: Any) -> Any:
+        with self._lock:
+            return self._files[index]
+
+    def __iter__(self) -> Iterator[SkippedFile]:
+        with self._lock:
+            return iter(list(self._files))
+
+    def __repr__(self) -> str:
+        return f"SkippedFiles({list(self)!r})"
+
+    @property
+    def paths(self) -> List[str]:
+        """The paths of the files left out, each once."""
+        return list(dict.fromkeys(skipped.path for skipped in self))
+
+    def _add(self, path: str, reason: str) -> None:
+        skipped = SkippedFile(path, reason)
+        with self._lock:
+            if skipped not in self._files:
+                self._files.append(skipped)
+
+    def _watch(self, tasks: List[Any]) -> None:
+        import dask
+
+        failures = dask.delayed(_failures, pure=False)([task[1] for task in tasks])
+        with self._lock:
+            self._pending.append((frozenset(task.key for task in tasks), failures))
+
+    def _failures_of(self, collections: Sequence[Any]) -> List[Any]:
+        names: set = set()
+        for collection in collections:
+            graph = collection.__dask_graph__()
+            names.update(getattr(graph, "layers", graph).keys())
+        with self._lock:
+            return [failures for keys, failures in self._pending if keys & names]
+
+    def compute(self, *collections: Any, progress: bool = False, **kwargs: Any) -> tuple:
+        """``dask.compute(*collections, **kwargs)``, recording the files whose tasks failed.
+
+        Answers what :func:`dask.compute` answers: a tuple of results, one
+        per collection. The collections may be those the functions of this
+        module answered or any built from them (``index.groupby(...).size()``).
+        With ``progress=True`` a :class:`dask.diagnostics.ProgressBar` is drawn
+        on stderr (on the local schedulers; a ``distributed`` client has its
+        own dashboard).
+        """
+        import dask
+
+        failures = self._failures_of(collections)
+        if failures and kwargs.get("scheduler") is None and dask.config.get("scheduler", None) is None:
+            # The failures are delayed values: the collections choose the scheduler.
+            from dask.base import get_scheduler
+
+            kwargs["scheduler"] = get_scheduler(collections=list(collections))
+        if progress:
+            from dask.diagnostics import ProgressBar
+
+            bar: Any = ProgressBar(out=sys.stderr)
+        else:
+            bar = contextlib.nullcontext()
+        # The collections and their failures share the partitions' tasks; fusing
+        # a task into one of them alone would run it twice.
+        unfused = dask.config.set({"optimization.fuse.active": False}) if failures else contextlib.nullcontext()
+        with bar, unfused:
+            results = dask.compute(*collections, *failures, **kwargs)
+        for found in results[len(collections):]:
+            for skipped in found:
+                self._add(*skipped)
+        return tuple(results[: len(collections)])
+
+
+def _failures(found: List[Optional[SkippedFile]]) -> List[Tuple[str, str]]:
+    return [tuple(skipped) for skipped in found if skipped is not None]
+
+
+def _on_error(value: Any) -> str:
+    if value not in ON_ERROR:
+        raise ValueError(f"on_error is 'raise' or 'skip', not {value!r}")
+    return value
+
+
+@contextlib.contextmanager
+def _naming(path: str) -> Iterator[None]:
+    """Re-raises a LogFileError whose message does not name `path` with the path in front."""
+    try:
+        yield
+    except LogFileError as error:
+        if path in str(error) or getattr(error, "filename", None) == path:
+            raise
+        raise type(error)(f"'{path}': {error}").with_traceback(error.__traceback__) from None
+
+
+class _Progress:
+    """How far the opening of the files has come, on stderr: a line a second at most, and the last."""
+
+    INTERVAL = 1.0
+
+    def __init__(self, total: int, enabled: bool) -> None:
+        self.total, self.enabled = total, enabled
+        self.done = self.skipped = 0
+        self.last = _time.monotonic()
+
+    def _write(self, text: str) -> None:
+        sys.stderr.write(f"marivane_logging.dask: {text}\n")
+        sys.stderr.flush()
+
+    def skip(self, reason: str) -> None:
+        self.skipped += 1
+        if self.enabled:
+            self._write(f"skipped {reason}")
+
+    def step(self) -> None:
+        self.done += 1
+        now = _time.monotonic()
+        if self.enabled and (self.done == self.total or now - self.last >= self.INTERVAL):
+            self.last = now
+            skipped = f", {self.skipped} skipped" if self.skipped else ""
+            self._write(f"{self.done}/{self.total} files opened{skipped}")
+
+
+def _each_file(
+    paths: Sequence[str],
+    on_error: str,
+    skipped: Optional[SkippedFiles],
+    progress: bool,
+    visit: Callable[[LogFile], T],
+) -> List[Tuple[str, T]]:
+    """``(path, visit(file))`` for each file opened read-only; with "skip", those that fail are recorded instead."""
+    meter = _Progress(len(paths), progress)
+    result: List[Tuple[str, T]] = []
+    for path in paths:
+        try:
+            with _naming(path), LogFile.open(path) as f:
+                result.append((path, visit(f)))
+        except LogFileError as error:
+            if on_error == "raise":
+                raise
+            _skip(skipped, path, str(error))
+            meter.skip(str(error))
+        meter.step()
+    return result
+
+
+def _skip(skipped: Optional[SkippedFiles], path: str, reason: str) -> None:
+    _log.warning("left out: %s", reason)
+    if skipped is not None:
+        skipped._add(path, reason)
 
 
 class TimePart(NamedTuple):
@@ -122,6 +338,9 @@ def partitions(
     partition: Optional[str] = None,
     period: Optional[float] = None,
     parts: Optional[int] = None,
+    on_error: str = "raise",
+    skipped: Optional[SkippedFiles] = None,
+    progress: bool = False,
 ) -> List[Part]:
     """The partitions of `paths`.
 
@@ -131,32 +350,38 @@ def partitions(
     :class:`TimePart` per window of `period` seconds from each file's first
     timestamp, or `parts` windows of equal span per file. A file without
     entries is one partition ``(path, None, None)`` whatever the partitioning.
+
+    Id and time partitions open every file here; whole files are opened
+    here only with ``on_error="skip"``, which leaves out (and records in
+    `skipped`) each file that does not open or whose entries cannot be
+    counted. With ``on_error="raise"`` the first such file raises its error,
+    which names it. ``progress=True`` reports the opening on stderr.
     """
     how = _partitioning(partition, partition_entries, period, parts)
+    on_error = _on_error(on_error)
     if how == "time":
         result: List[Part] = []
-        for path in paths:
-            with LogFile.open(path) as f:
-                span = f.time_range()
+        for path, span in _each_file(paths, on_error, skipped, progress, lambda f: f.time_range()):
             if span is None:
                 result.append((path, None, None))
                 continue
             result.extend(TimePart(path, start, end) for start, end in _windows(span.first, span.last, period, parts))
         return result
     if partition_entries is None:
+        if on_error == "skip":
+            paths = [path for path, _ in _each_file(paths, on_error, skipped, progress, lambda f: None)]
         return [(path, None, None) for path in paths]
     if partition_entries < 1:
         raise ValueError("partition_entries must be positive")
-    parts: List[Part] = []
-    for path in paths:
-        with LogFile.open(path) as f:
-            first, last = f.first_entry_id, f.last_entry_id
+    chosen: List[Part] = []
+    bounds = _each_file(paths, on_error, skipped, progress, lambda f: (f.first_entry_id, f.last_entry_id))
+    for path, (first, last) in bounds:
         if first is None or last is None:
-            parts.append((path, None, None))
+            chosen.append((path, None, None))
             continue
         for start in range(first, last + 1, partition_entries):
-            parts.append((path, start, min(start + partition_entries - 1, last)))
-    return parts
+            chosen.append((path, start, min(start + partition_entries - 1, last)))
+    return chosen
 
 
 def index_meta() -> pd.DataFrame:
@@ -197,7 +422,7 @@ def _read_arguments(f: LogFile, part: tuple, selection: dict) -> Optional[Tuple[
 
 def _index_partition(part: Part, selection: dict) -> pd.DataFrame:
     path = part[0]
-    with LogFile.open(path) as f:
+    with _naming(path), LogFile.open(path) as f:
         arguments = _read_arguments(f, part, selection)
         if arguments is None:
             rows = np.zeros(0, _index_dtype())
@@ -223,6 +448,9 @@ def read_index(
     period: Optional[float] = None,
     parts: Optional[int] = None,
     order: str = "time",
+    on_error: str = "raise",
+    skipped: Optional[SkippedFiles] = None,
+    progress: bool = False,
 ) -> "dask.dataframe.DataFrame":  # noqa: F821
     """A dask DataFrame of every selected entry of many files, without payloads.
 
@@ -232,20 +460,35 @@ def read_index(
     Rows come in time order within each partition, or in id order with
     ``order="id"``. The selection arguments are those of
     :meth:`LogFile.index`; a relative `time` counts from each file's first entry.
+
+    With ``on_error="raise"`` (the default) a file that cannot be read raises
+    its error, naming it, when the collection is built or computed. With
+    ``on_error="skip"`` every file is opened here: those that do not open
+    have no partition, and a partition whose reading fails is empty; each
+    such file is recorded in `skipped` (see :class:`SkippedFiles`).
+    ``progress=True`` reports the opening of the files on stderr.
     """
     import dask.dataframe as dd
 
+    on_error = _on_error(on_error)
     paths = expand_paths(paths_or_glob)
     selection = dict(sources=sources, types=types, source_types=source_types, time=time, order=entry_order(order))
-    chosen = partitions(paths, partition_entries, partition=partition, period=period, parts=parts)
-    return dd.from_map(
-        _index_partition,
-        _task_parts(chosen),
-        selection=selection,
-        meta=index_meta(),
-        label="marivane-read-index",
-        enforce_metadata=False,
-    )
+    chosen = partitions(paths, partition_entries, partition=partition, period=period, parts=parts,
+                        on_error=on_error, skipped=skipped, progress=progress)
+    if on_error == "raise":
+        return dd.from_map(
+            _index_partition,
+            _task_parts(chosen),
+            selection=selection,
+            meta=index_meta(),
+            label="marivane-read-index",
+            enforce_metadata=False,
+        )
+    tasks = _guarded_tasks("marivane-read-index", _index_partition, index_meta, _task_parts(chosen), skipped,
+                           selection)
+    if not tasks:
+        return dd.from_pandas(index_meta(), npartitions=1)
+    return dd.from_delayed([task[0] for task in tasks], meta=index_meta(), verify_meta=False)
 
 
 def _run_partition(
@@ -257,7 +500,7 @@ def _run_partition(
     payload_as: str,
 ) -> list:
     path = part[0]
-    with LogFile.open(path) as f:
+    with _naming(path), LogFile.open(path) as f:
         arguments = _read_arguments(f, part, selection)
         if arguments is None:
             values: Iterable[Any] = iter(())
@@ -285,6 +528,9 @@ def map_entries(
     period: Optional[float] = None,
     parts: Optional[int] = None,
     order: str = "time",
+    on_error: str = "raise",
+    skipped: Optional[SkippedFiles] = None,
+    progress: bool = False,
 ) -> "dask.bag.Bag":  # noqa: F821
     """Runs `function(entry)` over the selected entries of many files in parallel.
 
@@ -297,34 +543,105 @@ def map_entries(
       aggregate inside the tasks, combine the few results afterwards.
 
     Partitions as for :func:`read_index`; each streams its entries in time
-    order, or in id order with ``order="id"``.
+    order, or in id order with ``order="id"``. `on_error`, `skipped` and
+    `progress` as for :func:`read_index`: with ``on_error="skip"`` a
+    partition whose reading fails (a :class:`LogFileError` while it runs)
+    contributes nothing, not even the values of the entries it read before
+    the failure; other exceptions, those of `function` among them, still
+    propagate.
 
     `function` and `reduce` travel to the workers, so they must pickle
     (lambdas do, through cloudpickle).
     """
     import dask
-    import dask.bag as db
 
+    on_error = _on_error(on_error)
     selection = dict(sources=sources, types=types, source_types=source_types, time=time, order=entry_order(order))
-    chosen = partitions(expand_paths(paths_or_glob), partition_entries, partition=partition, period=period, parts=parts)
-    task = dask.delayed(_run_partition, pure=False)
-    return db.from_delayed(
-        [task(part, function, reduce, initial, selection, payload_as) for part in _task_parts(chosen)]
-    )
+    chosen = partitions(expand_paths(paths_or_glob), partition_entries, partition=partition, period=period,
+                        parts=parts, on_error=on_error, skipped=skipped, progress=progress)
+    arguments = (function, reduce, initial, selection, payload_as)
+    if on_error == "raise":
+        task = dask.delayed(_run_partition, pure=False)
+        return _bag([task(part, *arguments) for part in _task_parts(chosen)])
+    tasks = _guarded_tasks("marivane-map-entries", _run_partition, list, _task_parts(chosen), skipped, *arguments)
+    return _bag([task[0] for task in tasks])
 
 
-def _run_file(path: str, function: Callable[[str, LogFile], Any]) -> list:
-    with LogFile.open(path) as f:
+def _run_file(part: Part, function: Callable[[str, LogFile], Any]) -> list:
+    path = part[0]
+    with _naming(path), LogFile.open(path) as f:
         return [(path, function(path, f))]
 
 
-def map_files(paths_or_glob: Paths, function: Callable[[str, LogFile], Any]) -> "dask.bag.Bag":  # noqa: F821
-    """A bag of ``(path, function(path, log_file))``, one task per file (opened read-only)."""
+def _guarded(work: Callable[..., T], empty: Callable[[], T], part: Part, *arguments: Any) -> Tuple[T, Any]:
+    """``(work(part, ...), None)``, or when reading the file fails ``(empty(), (path, reason))``."""
+    try:
+        return work(part, *arguments), None
+    except LogFileError as error:
+        _log.warning("left out: %s", error)
+        return empty(), (part[0], str(error))
+
+
+def _guarded_tasks(name: str, work: Callable[..., Any], empty: Callable[[], Any], chosen: List[tuple],
+                   skipped: Optional[SkippedFiles], *arguments: Any) -> List[Any]:
+    """One task per partition answering (its data, its failure or None); `skipped` watches their failures."""
     import dask
+
+    token = uuid.uuid4().hex
+    tasks = [
+        dask.delayed(_guarded, pure=False)(work, empty, part, *arguments, dask_key_name=f"{name}-{token}-{number}")
+        for number, part in enumerate(chosen)
+    ]
+    if skipped is not None and tasks:
+        skipped._watch(tasks)
+    return tasks
+
+
+def _bag(tasks: List[Any]) -> "dask.bag.Bag":  # noqa: F821
     import dask.bag as db
 
-    task = dask.delayed(_run_file, pure=False)
-    return db.from_delayed([task(path, function) for path in expand_paths(paths_or_glob)])
+    if not tasks:
+        return db.from_sequence([], npartitions=1)
+    return db.from_delayed(tasks)
 
 
-__all__ = ["read_index", "map_entries", "map_files", "expand_paths", "partitions", "index_meta", "TimePart"]
+def map_files(
+    paths_or_glob: Paths,
+    function: Callable[[str, LogFile], Any],
+    *,
+    on_error: str = "raise",
+    skipped: Optional[SkippedFiles] = None,
+    progress: bool = False,
+) -> "dask.bag.Bag":  # noqa: F821
+    """A bag of ``(path, function(path, log_file))``, one task per file (opened read-only).
+
+    With ``on_error="skip"`` the files are opened here first: one that does
+    not open is left out, and so is one whose task meets a
+    :class:`LogFileError` (reading a damaged file in `function`); both are
+    recorded in `skipped` as for :func:`read_index`. ``progress=True``
+    reports that opening on stderr.
+    """
+    import dask
+
+    on_error = _on_error(on_error)
+    paths = expand_paths(paths_or_glob)
+    if on_error == "raise":
+        task = dask.delayed(_run_file, pure=False)
+        return _bag([task((path,), function) for path in paths])
+    opened = [(path,) for path, _ in _each_file(paths, on_error, skipped, progress, lambda f: None)]
+    tasks = _guarded_tasks("marivane-map-files", _run_file, list, opened, skipped, function)
+    return _bag([task[0] for task in tasks])
+
+
+__all__ = [
+    "read_index",
+    "map_entries",
+    "map_files",
+    "expand_paths",
+    "partitions",
+    "index_meta",
+    "TimePart",
+    "SkippedFile",
+    "SkippedFiles",
+    "ON_ERROR",
+]
