@@ -76,7 +76,7 @@ soak: build
 # then the Python package beside the C++ reads it wraps.
 bench: deps
 	cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DMARIVANE_BUILD_BENCH=ON \
-		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_TOOLS=OFF $(PYTHON_FLAGS)
+		-DMARIVANE_BUILD_TESTS=OFF $(PYTHON_FLAGS)
 	cmake --build $(BENCH_DIR) -j $(JOBS) --target marivane_bench marivane_python_core marivane_python_files
 	./$(BENCH_DIR)/bench/marivane_bench
 	PYTHONPATH=$(BENCH_DIR)/python /usr/bin/python3 python/bench/bench_python.py
@@ -96,14 +96,17 @@ release: deps
 	cmake -S . -B $(RELEASE_DIR) -DCMAKE_BUILD_TYPE=Release $(DEV_FLAGS)
 	cmake --build $(RELEASE_DIR) -j $(JOBS)
 
-# Debian packages of a Release build: libmarivane-logging4 (the libraries),
-# libmarivane-logging-dev (headers, pkg-config, CMake package), mvlog and
-# python3-marivane-logging, as $(PACKAGE_DIR)/*.deb.
+# Debian packages of a Release build: libmarivane-logging4 (the libraries, in
+# the multiarch directory), libmarivane-logging-dev (headers, pkg-config, CMake
+# package), mvlog (with its manual pages) and python3-marivane-logging, as
+# $(PACKAGE_DIR)/*.deb; then the package check on them, lintian included.
 package: deps
 	cmake -S . -B $(PACKAGE_DIR) -DCMAKE_BUILD_TYPE=Release $(DEV_FLAGS) $(PYTHON_FLAGS) \
-		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_EXAMPLES=OFF
+		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_EXAMPLES=OFF -DMARIVANE_DEBIAN_LAYOUT=ON
 	cmake --build $(PACKAGE_DIR) -j $(JOBS)
 	cd $(PACKAGE_DIR) && cpack -G DEB
+	bash tests/package/package_smoke.sh $(PACKAGE_DIR) tests/install/consumer \
+		$$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' $(PACKAGE_DIR)/CMakeCache.txt)
 
 format:
 	@./scripts/install-deps.sh clang-format

@@ -72,7 +72,11 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_NAME mvlog)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-marivane-logging)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
-# The native module is built for one minor version of the interpreter.
+# The native module (_core.cpython-3XY-<triplet>.so) is built against one
+# minor version's ABI, and pybind11 has no stable-ABI build: that version, and
+# only it, is a real requirement, in the form Debian gives extension modules
+# (">= 3.X~, << 3.X+1"). numpy is imported by the package itself; pandas,
+# Dask and matplotlib only by the functions that use them.
 if(MARIVANE_PYTHON_EXECUTABLE)
     execute_process(COMMAND ${MARIVANE_PYTHON_EXECUTABLE} -c
             "import sys; print(f'{sys.version_info[0]}.{sys.version_info[1]};{sys.version_info[0]}.{sys.version_info[1] + 1}')"
@@ -80,7 +84,9 @@ if(MARIVANE_PYTHON_EXECUTABLE)
     list(GET _marivane_python_versions 0 _marivane_python_minor)
     list(GET _marivane_python_versions 1 _marivane_python_next)
     set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
-        "python3 (>= ${_marivane_python_minor}), python3 (<< ${_marivane_python_next}), python3-numpy")
+        "python3 (>= ${_marivane_python_minor}~), python3 (<< ${_marivane_python_next}), python3-numpy")
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS
+        "python3-pandas, python3-dask, python3-distributed, python3-matplotlib")
 endif()
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
@@ -99,9 +105,29 @@ if(NOT _marivane_library_dir)
 endif()
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${_marivane_library_dir})
 unset(_marivane_library_dir)
-# The runtime package says which sonames it provides (DEBIAN/shlibs) and runs
-# ldconfig when installed.
+# The runtime package says which sonames it provides (DEBIAN/shlibs) and has
+# dpkg's ldconfig trigger run when installed.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+configure_file(${PROJECT_SOURCE_DIR}/packaging/libmarivane-logging4.triggers
+    ${CMAKE_CURRENT_BINARY_DIR}/packaging/runtime/triggers COPYONLY)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_BINARY_DIR}/packaging/runtime/triggers)
+
+# Every package carries the copyright file and the changelog in
+# /usr/share/doc/<package>/, as Debian policy asks.
+set(_marivane_doc_dir ${CMAKE_CURRENT_BINARY_DIR}/packaging/doc)
+configure_file(${PROJECT_SOURCE_DIR}/packaging/copyright.in ${_marivane_doc_dir}/copyright @ONLY)
+configure_file(${PROJECT_SOURCE_DIR}/packaging/changelog.in ${_marivane_doc_dir}/changelog @ONLY)
+add_custom_command(OUTPUT ${_marivane_doc_dir}/changelog.gz
+    COMMAND gzip -9n -c ${_marivane_doc_dir}/changelog > ${_marivane_doc_dir}/changelog.gz
+    DEPENDS ${_marivane_doc_dir}/changelog
+    COMMENT "Compressing the package changelog")
+add_custom_target(marivane-package-docs ALL DEPENDS ${_marivane_doc_dir}/changelog.gz)
+foreach(_marivane_component IN LISTS CPACK_COMPONENTS_ALL)
+    string(TOUPPER ${_marivane_component} _marivane_upper)
+    install(FILES ${_marivane_doc_dir}/copyright ${_marivane_doc_dir}/changelog.gz
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${_marivane_upper}_PACKAGE_NAME}
+        COMPONENT ${_marivane_component})
+endforeach()
 
 include(CPack)

@@ -133,5 +133,6 @@ void bindEntries(py::module_& module);
 void bindDerived(py::module_& module);
 void bindPlayer(py::module_& module);
 void bindRecorder(py::module_& module);
+void bindTool(py::module_& module);
 
 }  // namespace marivane_python

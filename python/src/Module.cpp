@@ -12,5 +12,6 @@ PYBIND11_MODULE(_core, module) {
     marivane_python::bindDerived(module);
     marivane_python::bindPlayer(module);
     marivane_python::bindRecorder(module);
+    marivane_python::bindTool(module);
     module.attr("LIBRARY_VERSION") = MARIVANE_VERSION;
 }

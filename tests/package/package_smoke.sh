@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # package_smoke.sh BUILD_DIR CONSUMER_DIR VERSION
 # Runs CPack on BUILD_DIR into a temporary directory, then checks the three
-# Debian packages (four when the build has the Python package): their names, versions and dependencies, which files each
-# one holds, and that no file is in two of them. Unpacked together into a
+# Debian packages (four when the build has the Python package): their names,
+# versions and dependencies, which files each one holds (the copyright file
+# and changelog of each, the manual pages of mvlog), that no file is in two of
+# them and that lintian finds no error in any. Unpacked together into a
 # scratch root, they must serve a C and a C++ program built with pkg-config,
-# a CMake project built with find_package(MarivaneLogging), and run mvlog.
+# a CMake project built with find_package(MarivaneLogging), run mvlog and
+# import the Python package.
 set -euo pipefail
 
 build_dir=$1
@@ -17,7 +20,7 @@ fail() {
     exit 1
 }
 
-for tool in dpkg-deb dpkg-shlibdeps file pkg-config; do
+for tool in dpkg-deb dpkg-shlibdeps file pkg-config lintian; do
     command -v "$tool" >/dev/null || fail "$tool is not installed (scripts/install-deps.sh installs it)"
 done
 
@@ -28,6 +31,15 @@ trap 'rm -rf "$work"' EXIT
 if ! "$CPACK_COMMAND" --config "$build_dir/CPackConfig.cmake" -G DEB -B "$work/packages" >"$work/cpack.log" 2>&1; then
     cat "$work/cpack.log" >&2
     fail "cpack failed"
+fi
+
+# The library directory the build tree installs to: lib, or the multiarch
+# lib/<triplet> of a Debian-layout build.
+libdir_name=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:[A-Z]*=//p' "$build_dir/CMakeCache.txt")
+[[ -n $libdir_name ]] || fail "$build_dir/CMakeCache.txt names no CMAKE_INSTALL_LIBDIR"
+if grep -q '^MARIVANE_DEBIAN_LAYOUT:BOOL=ON' "$build_dir/CMakeCache.txt"; then
+    [[ $libdir_name == lib/$(gcc -print-multiarch) ]] ||
+        fail "a Debian-layout build installs its libraries in '$libdir_name', not the multiarch directory"
 fi
 
 runtime_pkg=libmarivane-logging4
@@ -80,6 +92,19 @@ if [[ $with_python == yes ]]; then
     [[ ", $python_depends," == *", $runtime_pkg (= $version),"* ]] ||
         fail "$python_pkg does not depend on '$runtime_pkg (= $version)'"
     has_dependency "$python_depends" python3-numpy || fail "$python_pkg does not depend on python3-numpy"
+    # The native module is built for this interpreter's minor version: the
+    # range allows its point releases and no other minor version.
+    python_minor=$(/usr/bin/python3 -c 'import sys; print(f"{sys.version_info[0]}.{sys.version_info[1]}")')
+    python_next=$(/usr/bin/python3 -c 'import sys; print(f"{sys.version_info[0]}.{sys.version_info[1] + 1}")')
+    has_dependency "$python_depends" "python3 (>= $python_minor~)" ||
+        fail "$python_pkg does not depend on 'python3 (>= $python_minor~)'"
+    has_dependency "$python_depends" "python3 (<< $python_next)" ||
+        fail "$python_pkg does not depend on 'python3 (<< $python_next)'"
+    python_suggests=$(dpkg-deb -f "$python_deb" Suggests)
+    echo "$python_pkg Suggests: $python_suggests"
+    for suggested in python3-pandas python3-dask python3-matplotlib; do
+        has_dependency "$python_suggests" "$suggested" || fail "$python_pkg does not suggest $suggested"
+    done
 fi
 
 runtime_depends=$(dpkg-deb -f "$runtime_deb" Depends)
@@ -132,17 +157,41 @@ expect() {
         [[ -e $work/only/$component/$path || -L $work/only/$component/$path ]] || fail "$component package lacks /$path"
     done
 }
-expect runtime usr/lib/libmarivane-logging.so.4 usr/lib/libmarivane-core.so.1 usr/lib/libmarivane-database.so.1
-expect dev usr/lib/libmarivane-logging.so usr/lib/libmarivane-core.so usr/lib/libmarivane-database.so \
+lib=usr/$libdir_name
+expect runtime $lib/libmarivane-logging.so.4 $lib/libmarivane-core.so.1 $lib/libmarivane-database.so.1
+expect dev $lib/libmarivane-logging.so $lib/libmarivane-core.so $lib/libmarivane-database.so \
     usr/include/logging/MV_Logging.h usr/include/logging/Logging.h usr/include/core usr/include/database \
-    usr/lib/pkgconfig/marivane-logging.pc \
-    usr/lib/cmake/MarivaneLogging/MarivaneLoggingConfig.cmake \
-    usr/lib/cmake/MarivaneLogging/MarivaneLoggingConfigVersion.cmake \
-    usr/lib/cmake/MarivaneLogging/MarivaneLoggingTargets.cmake
+    $lib/pkgconfig/marivane-logging.pc \
+    $lib/cmake/MarivaneLogging/MarivaneLoggingConfig.cmake \
+    $lib/cmake/MarivaneLogging/MarivaneLoggingConfigVersion.cmake \
+    $lib/cmake/MarivaneLogging/MarivaneLoggingTargets.cmake
 expect tool usr/bin/mvlog
 [[ -x $work/only/tool/usr/bin/mvlog ]] || fail "/usr/bin/mvlog is not executable"
-[[ ! -e $work/only/runtime/usr/include && ! -e $work/only/runtime/usr/lib/libmarivane-logging.so ]] ||
+[[ ! -e $work/only/runtime/usr/include && ! -e $work/only/runtime/$lib/libmarivane-logging.so ]] ||
     fail "$runtime_pkg holds development files"
+
+# Each package: /usr/share/doc/<package>/ with the copyright file and the
+# changelog.
+for pair in "runtime:$runtime_pkg" "dev:$dev_pkg" "tool:$tool_pkg" ${python_debs:+"python:$python_pkg"}; do
+    component=${pair%%:*}
+    name=${pair##*:}
+    expect "$component" "usr/share/doc/$name/copyright" "usr/share/doc/$name/changelog.gz"
+    grep -q '^Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/' \
+        "$work/only/$component/usr/share/doc/$name/copyright" || fail "$name's copyright file is not machine-readable"
+    gzip -dc "$work/only/$component/usr/share/doc/$name/changelog.gz" | head -n 1 |
+        grep -q "^libmarivane-logging ($version) " || fail "$name's changelog does not start with version $version"
+done
+
+# The tool package has a manual page for mvlog and for each of its commands.
+mvlog_commands=$(LD_LIBRARY_PATH=$work/only/runtime/$lib "$work/only/tool/usr/bin/mvlog" --help |
+    sed -n '/^Subcommands:/,$s/^  \([a-z][a-z-]*\)  .*/\1/p')
+[[ -n $mvlog_commands ]] || fail "the packaged mvlog --help lists no commands"
+expect tool usr/share/man/man1/mvlog.1.gz
+for command in $mvlog_commands; do
+    expect tool "usr/share/man/man1/mvlog-$command.1.gz"
+    gzip -dc "$work/only/tool/usr/share/man/man1/mvlog-$command.1.gz" | grep -q "^mvlog-$command \\\\- " ||
+        fail "mvlog-$command.1 has no NAME line for the command"
+done
 [[ ! -e $work/only/runtime/usr/bin ]] || fail "$runtime_pkg holds programs"
 
 # Nothing but directories may be in two packages: dpkg refuses such a pair.
@@ -157,7 +206,7 @@ for pair in "sqlite3:libsqlite3-dev" "zstd:libzstd-dev"; do
     dev_dependency=${pair##*:}
     needed=no
     if grep -rqE "#[[:space:]]*include[[:space:]]*[<\"]$module\.h[>\"]" "$dev_root/include" ||
-        grep -qE "^Requires.*\b(lib)?$module\b" "$dev_root/lib/pkgconfig/marivane-logging.pc"; then
+        grep -qE "^Requires.*\b(lib)?$module\b" "$dev_root/$libdir_name/pkgconfig/marivane-logging.pc"; then
         needed=yes
     fi
     if [[ $needed == yes ]]; then
@@ -169,13 +218,23 @@ for pair in "sqlite3:libsqlite3-dev" "zstd:libzstd-dev"; do
     fi
 done
 
+# ---- lintian -----------------------------------------------------------------
+# Errors fail the check; warnings are printed for whoever reads the log.
+for deb in "$runtime_deb" "$dev_deb" "$tool_deb" "${python_debs[@]}"; do
+    lintian --tag-display-limit 0 "$deb" >"$work/lintian.log" 2>&1 || true
+    grep -E '^[EWI]: ' "$work/lintian.log" || true
+    if grep -q '^E: ' "$work/lintian.log"; then
+        fail "lintian finds errors in $(basename "$deb")"
+    fi
+done
+
 # ---- consumers against the unpacked packages -----------------------------------
 root=$work/root
 mkdir -p "$root"
 for deb in "$runtime_deb" "$dev_deb" "$tool_deb" "${python_debs[@]}"; do
     dpkg -x "$deb" "$root"
 done
-libdir=$root/usr/lib
+libdir=$root/usr/$libdir_name
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 cflags=$(pkg-config --cflags marivane-logging)

@@ -144,8 +144,15 @@ def test_a_damaged_file_names_the_path(sample_path, tmp_path):
 
 def test_the_command_line_reports_a_missing_file(tmp_path):
     missing = tmp_path / "missing.mvlog"
+    # info is mvlog's own command, with its message.
     completed = subprocess.run(
         [sys.executable, "-m", "marivane_logging", "info", os.fspath(missing)], capture_output=True, text=True
+    )
+    assert (completed.returncode, completed.stdout, completed.stderr) == (1, "", f"mvlog: {missing}: no such file\n")
+    completed = subprocess.run(
+        [sys.executable, "-m", "marivane_logging", "timeline", os.fspath(missing), "-o", os.fspath(tmp_path / "t.png")],
+        capture_output=True,
+        text=True,
     )
     assert (completed.returncode, completed.stdout, completed.stderr) == (1, "", f"error: {not_found(missing)}\n")
 

@@ -1,8 +1,7 @@
-"""The command line: info and the timeline picture."""
+"""The timeline picture and its command line."""
 
 from __future__ import annotations
 
-import io
 import os
 import subprocess
 import sys
@@ -11,7 +10,6 @@ import numpy as np
 import pytest
 
 import marivane_logging as ml
-from marivane_logging.__main__ import info, main
 from marivane_logging.timeline import Gap, find_gaps, plot_timeline
 from conftest import BASE
 
@@ -67,47 +65,3 @@ def test_timeline_command(gappy, tmp_path):
     assert result.returncode == 0, result.stderr
     assert result.stdout == f"Wrote {output}\n"
     assert output.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
-
-
-def test_info(sample_path):
-    out = io.StringIO()
-    info(sample_path, out)
-    text = out.getvalue()
-    size = os.path.getsize(sample_path)
-    assert text.startswith(f"File               {sample_path}\n")
-    assert "Compression level  -1 (codec default)\n" in text
-    assert "Durability         fast (no flushes, journal in memory)\n" in text
-    assert 'Created            2023-11-14T22:13:19.000Z (stored time zone "Etc/UTC")\n' in text
-    assert "Application        sample 1.2.3\n" in text
-    assert "Entries            30 (ids 1 to 30)\n" in text
-    assert "Time span          2023-11-14T22:13:20.000Z to 2023-11-14T22:13:22.900Z\n" in text
-    assert "Duration           2.900 s\n" in text
-    assert f"Size on disk       " in text and f"({size} bytes)" in text
-    assert '  [1] Camera "cam": 10 entries' in text and "3.33 Hz mean rate" in text
-    assert '      pixelFormat = "GRAY8" (text)\n' in text
-    assert '  [2] Navigation "gnss": 20 entries' in text and "6.79 Hz mean rate" in text
-    assert "      rateHz = 20 (double)\n" in text
-    assert "Entry types (2)\n  type 1: 10 entries\n  type 2: 20 entries\n" in text
-    assert "  calibration.json: 8 B (8 bytes)\n" in text
-    assert 'Bookmarks (2)\n  entry 5: "Turn" - to port [payload 2 B]\n  entry 20: "Stop"\n' in text
-
-
-def test_info_matches_the_tool_on_the_shared_lines(sample_path):
-    mvlog = os.environ.get("MVLOG")
-    if not mvlog or not os.path.exists(mvlog):
-        pytest.skip("mvlog is not built")
-    tool = subprocess.run([mvlog, "info", sample_path], capture_output=True, text=True, check=True).stdout
-    out = io.StringIO()
-    info(sample_path, out)
-    ours = out.getvalue().splitlines()
-    for label in ("File", "Size on disk", "Format version", "Compression level", "Durability", "Created",
-                  "Entries", "Time span", "Duration"):
-        line = next(line for line in ours if line.startswith(label + " "))
-        assert line in tool.splitlines(), line
-
-
-def test_errors_on_the_command_line(tmp_path, capsys):
-    bogus = tmp_path / "bogus.mvlog"
-    bogus.write_bytes(b"not a log file at all, just text that is long enough" * 4)
-    assert main(["info", str(bogus)]) == 1
-    assert capsys.readouterr().err == f"error: '{bogus}': This file is not in a supported log file format.\n"

@@ -1,5 +1,4 @@
-// mvlog: inspect, extract, derive, check and replay log files from the
-// command line, through the library's public class interface.
+#include "CommandLine.h"
 
 #include "Commands.h"
 #include "Format.h"
@@ -10,7 +9,6 @@
 #include <CLI/CLI.hpp>
 
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -592,7 +590,7 @@ void addDemo(CLI::App& app, Subcommands& subcommands) {
 
 // The first word of the command line when it names no command: mvlog has no
 // option before the command that takes a value, so that word is the command.
-std::optional<std::string> unknownCommand(const CLI::App& app, int argc, char** argv) {
+std::optional<std::string> unknownCommand(const CLI::App& app, int argc, const char* const* argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string word = argv[i];
         if (word.empty() || word[0] != '-') {
@@ -632,11 +630,9 @@ int runParsed(const Subcommands& subcommands) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    // A closed pipe ends the command at once and quietly, as it does for
-    // cat or head, also when the caller (a script, another program) ignored
-    // SIGPIPE: otherwise a looping replay into a closed pipe would never stop.
-    std::signal(SIGPIPE, SIG_DFL);
+namespace Mvlog {
+
+int runCommandLine(int argc, const char* const* argv) {
     CLI::App app("Inspect, extract, derive, check and replay marivane log files", "mvlog");
     app.set_version_flag("--version",
                          fmt::format("mvlog {} (libmarivane-logging {})", kToolVersion, kToolVersion));
@@ -687,3 +683,5 @@ int main(int argc, char** argv) {
         return kExitFailure;
     }
 }
+
+}  // namespace Mvlog
