@@ -5,7 +5,6 @@ from __future__ import annotations
 import logging
 import os
 
-import pandas as pd
 import pytest
 
 import marivane_logging as ml
