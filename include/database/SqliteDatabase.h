@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -71,6 +72,15 @@ public:
     void setBusyTimeout(int32_t milliseconds);
     int32_t busyTimeout() const { return busyTimeoutMs_; }
 
+    // Calls `handler` after about every `instructions` virtual-machine
+    // instructions that statements on this connection run, until
+    // clearProgressHandler: the only measure of progress inside one long
+    // statement (an index build). The handler must not use the connection;
+    // an exception it throws is dropped. One handler at a time; set and
+    // clear it from the thread that runs the statements.
+    void setProgressHandler(int32_t instructions, std::function<void()> handler);
+    void clearProgressHandler() noexcept;
+
     // Closes the connection before destruction (its statements must be gone);
     // nothing but destruction may follow. Never throws.
     void close() noexcept;
@@ -120,6 +130,8 @@ private:
     // the connection, is destroyed first.
     std::unique_ptr<sqlite3, ConnectionCloser> connection_;
     std::unique_ptr<StatementCache> statements_;
+    // Where SQLite's progress callback points while a handler is set.
+    std::unique_ptr<std::function<void()>> progressHandler_;
     int32_t busyTimeoutMs_ = kDefaultBusyTimeoutMs;
     mutable std::atomic<int32_t> lastErrorCode_{0};
 };

@@ -193,6 +193,14 @@ public:
     // read-only file or a failure. Files get it only when asked: it costs
     // write throughput while recording and some space.
     bool createTimeIndex();
+    // The same, calling `progress(built, total)` many times a second while
+    // SQLite builds it: `total` is the entry count and `built` an
+    // estimate of the entries indexed so far (SQLite builds an index in one
+    // statement; the estimate counts the instructions it runs against those
+    // its program takes per entry), never above `total` and ending at
+    // `total` when the index is built. `progress` runs on this thread, must
+    // not use this file, and an exception it throws is dropped.
+    bool createTimeIndex(const std::function<void(uint64_t built, uint64_t total)>& progress);
     bool hasTimeIndex() const;
 
     // Resource payloads may be compressed (format version above 2).

@@ -9,9 +9,13 @@
 #include <core/Checksum.h>
 #include <core/Compression.h>
 
+#include <algorithm>
+#include <exception>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Marivane::Logging {
 
@@ -197,10 +201,90 @@ std::optional<int64_t> SqliteLogFile::getEntryTimestamp(int32_t entryId) const {
     return singleInteger(*d, query, "Reading an entry's timestamp of");
 }
 
+namespace {
+
+std::string timeIndexStatement() {
+    return std::string("CREATE INDEX IF NOT EXISTS ") + kTimeIndexName + " ON data(timestamp);";
+}
+
+// SQLite runs an index build as one program: a loop over the table's rows
+// into a sorter, then a loop over the sorted keys into the index. The
+// instructions of those loop bodies, read from the program itself, are what
+// one entry costs; a loop ends in a backward jump to its first instruction.
+constexpr uint64_t kUsualIndexInstructionsPerRow = 9;
+
+uint64_t indexInstructionsPerRow(const Database::SqliteDatabase& database) {
+    uint64_t perRow = 0;
+    try {
+        SqliteQuery program(database, "EXPLAIN " + timeIndexStatement());
+        while (program.executeStep() == Database::StepRow) {
+            const std::optional<int64_t> address = program.getIntegerFromColumn(0);
+            const std::optional<int64_t> target = program.getIntegerFromColumn(3);
+            const auto opcode = program.borrowBytesFromColumn(1);
+            if (!address || !target || !opcode || *target >= *address) {
+                continue;
+            }
+            const std::string_view name(reinterpret_cast<const char*>(opcode->data), opcode->size);
+            if (name == "Next" || name == "SorterNext") {
+                perRow += static_cast<uint64_t>(*address - *target + 1);
+            }
+        }
+    } catch (const std::exception&) {
+        // The usual figure below.
+    }
+    return perRow > 0 ? perRow : kUsualIndexInstructionsPerRow;
+}
+
+// Removes the progress handler however the build ends.
+class ProgressHandlerScope {
+public:
+    ProgressHandlerScope(Database::SqliteDatabase& database, int32_t instructions,
+                         std::function<void()> handler)
+        : database_(database) {
+        database_.setProgressHandler(instructions, std::move(handler));
+    }
+    ~ProgressHandlerScope() { database_.clearProgressHandler(); }
+    ProgressHandlerScope(const ProgressHandlerScope&) = delete;
+    ProgressHandlerScope& operator=(const ProgressHandlerScope&) = delete;
+
+private:
+    Database::SqliteDatabase& database_;
+};
+
+}  // namespace
+
 bool SqliteLogFile::createTimeIndex() {
-    SqliteQuery query(d->database,
-                      std::string("CREATE INDEX IF NOT EXISTS ") + kTimeIndexName + " ON data(timestamp);");
+    SqliteQuery query(d->database, timeIndexStatement());
     return d->executeWrite(query);
+}
+
+bool SqliteLogFile::createTimeIndex(const std::function<void(uint64_t built, uint64_t total)>& progress) {
+    if (!progress || hasTimeIndex()) {
+        return createTimeIndex();
+    }
+    const auto total = static_cast<uint64_t>(std::max<int32_t>(getEntryCount(), 0));
+    const uint64_t perRow = indexInstructionsPerRow(d->database);
+    constexpr int32_t kInstructionsPerReport = 20000;
+    uint64_t instructions = 0;
+    const auto report = [&progress](uint64_t built, uint64_t of) {
+        try {
+            progress(built, of);
+        } catch (...) {
+            // Progress is only reported; it never ends the build.
+        }
+    };
+    bool built = false;
+    {
+        ProgressHandlerScope scope(d->database, kInstructionsPerReport, [&] {
+            instructions += kInstructionsPerReport;
+            report(std::min(instructions / perRow, total), total);
+        });
+        built = createTimeIndex();
+    }
+    if (built) {
+        report(total, total);
+    }
+    return built;
 }
 
 bool SqliteLogFile::hasTimeIndex() const {

@@ -552,3 +552,36 @@ TEST(SqliteDatabaseTest, OneConnectionReadAndWrittenByTwoThreads) {
     ASSERT_EQ(count.executeStep(), StepRow);
     EXPECT_EQ(getValueFromColumn<int>(count, 0), kRows);
 }
+
+// The progress handler runs inside long statements until it is cleared; an
+// exception from it ends neither the statement nor the caller.
+TEST(SqliteDatabaseTest, ProgressHandlerRunsUntilCleared) {
+    Marivane::Testing::TempDir directory;
+    SqliteDatabase database(directory.file("progress.db"), OpenReadWrite | OpenCreate);
+    const std::string count =
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100000) SELECT COUNT(*) "
+        "FROM n;";
+    int calls = 0;
+    database.setProgressHandler(1000, [&calls] { ++calls; });
+    {
+        SqliteQuery query(database, count);
+        ASSERT_EQ(query.executeStep(), StepRow);
+        EXPECT_EQ(query.getIntegerFromColumn(0), 100000);
+    }
+    EXPECT_GT(calls, 100);
+    database.setProgressHandler(1000, [] { throw std::runtime_error("a broken report"); });
+    {
+        SqliteQuery query(database, count);
+        ASSERT_EQ(query.executeStep(), StepRow);
+        EXPECT_EQ(query.getIntegerFromColumn(0), 100000);
+    }
+    database.clearProgressHandler();
+    const int before = calls;
+    database.setProgressHandler(1000, [&calls] { ++calls; });
+    database.clearProgressHandler();
+    {
+        SqliteQuery query(database, count);
+        ASSERT_EQ(query.executeStep(), StepRow);
+    }
+    EXPECT_EQ(calls, before);
+}

@@ -18,6 +18,7 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -339,6 +340,73 @@ TEST(StreamingOutOfRange, ImpossibleStoredValuesAreReportedWithTheEntry) {
                                           [](const EntrySummary&) { return true; }));
     EXPECT_EQ(file.getLastFailure(),
               "Entry 3 of '" + path + "' cannot be read: its data-source id 300 does not fit in 8 bits");
+}
+
+// Building the time index with progress: the reports rise to the entry
+// count and end there; the index is the same as without them.
+TEST(TimeIndexProgress, ReportsRiseToTheEntryCountAndEndThere) {
+    TempDir directory;
+    const std::string path = directory.file("progress.mvlog");
+    makeFile(path, 20000, 0);
+    SqliteLogFile file{std::filesystem::path(path)};
+    std::vector<std::pair<uint64_t, uint64_t>> reports;
+    ASSERT_TRUE(file.createTimeIndex([&](uint64_t built, uint64_t total) {
+        reports.emplace_back(built, total);
+    })) << file.getLastError();
+    EXPECT_TRUE(file.hasTimeIndex());
+    // 20000 entries take some hundreds of thousands of instructions: many
+    // reports before the final one.
+    ASSERT_GE(reports.size(), 3u);
+    EXPECT_EQ(reports.back(), std::make_pair(uint64_t{20000}, uint64_t{20000}));
+    for (std::size_t i = 0; i < reports.size(); ++i) {
+        EXPECT_EQ(reports[i].second, 20000u);
+        EXPECT_LE(reports[i].first, 20000u);
+        if (i > 0) {
+            EXPECT_GE(reports[i].first, reports[i - 1].first);
+        }
+    }
+    // The estimate is no wild guess: halfway through the reports, it is
+    // neither near nothing nor already done.
+    EXPECT_GT(reports[reports.size() / 2].first, 0u);
+    EXPECT_LT(reports.front().first, 20000u);
+    EXPECT_GE(reports[reports.size() - 2].first, 10000u);
+
+    EXPECT_EQ(file.findEntryAtOrAfter(1000 + 10 * 12345), 12345);
+
+    // Already built: nothing to report, and true.
+    reports.clear();
+    EXPECT_TRUE(
+        file.createTimeIndex([&](uint64_t built, uint64_t total) { reports.emplace_back(built, total); }));
+    EXPECT_TRUE(reports.empty());
+}
+
+TEST(TimeIndexProgress, AThrowingReportNeitherEndsTheBuildNorEscapes) {
+    TempDir directory;
+    const std::string path = directory.file("throwing.mvlog");
+    makeFile(path, 5000, 0);
+    SqliteLogFile file{std::filesystem::path(path)};
+    int calls = 0;
+    EXPECT_TRUE(file.createTimeIndex([&](uint64_t, uint64_t) {
+        ++calls;
+        throw std::runtime_error("the bar is broken");
+    })) << file.getLastError();
+    EXPECT_GE(calls, 1);
+    EXPECT_TRUE(file.hasTimeIndex());
+}
+
+TEST(TimeIndexProgress, AReadOnlyFileIsRefusedWithoutAFinalReport) {
+    TempDir directory;
+    const std::string path = directory.file("readonly.mvlog");
+    makeFile(path, 100, 0);
+    SqliteLogFile file = SqliteLogFile::openReadOnly(path);
+    std::vector<std::pair<uint64_t, uint64_t>> reports;
+    EXPECT_FALSE(
+        file.createTimeIndex([&](uint64_t built, uint64_t total) { reports.emplace_back(built, total); }));
+    EXPECT_FALSE(file.getLastError().empty());
+    for (const auto& report : reports) {
+        EXPECT_LT(report.first, 100u);
+    }
+    EXPECT_FALSE(file.hasTimeIndex());
 }
 
 }  // namespace

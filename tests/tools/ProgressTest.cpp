@@ -63,5 +63,25 @@ TEST(ProgressShown, OnlyWhenAskedOutsideATerminal) {
     EXPECT_NE(runMvlog({"du", path, "--progress"}).err.find("measuring  ["), std::string::npos);
 }
 
+// The index build reports through the library: a bar into a pipe only when
+// asked, ending at the file's entries.
+TEST(ProgressShown, IndexOnlyWhenAsked) {
+    TempDir directory;
+    const std::string quietPath = directory.file("quiet.mvlog");
+    const std::string askedPath = directory.file("asked.mvlog");
+    writeKnownFile(quietPath);
+    writeKnownFile(askedPath);
+    const RunResult quiet = runMvlog({"index", quietPath});
+    EXPECT_EQ(quiet.exitCode, 0) << quiet.err;
+    EXPECT_EQ(quiet.err, "");
+    const RunResult asked = runMvlog({"index", askedPath, "--progress"});
+    EXPECT_EQ(asked.exitCode, 0) << asked.err;
+    const std::vector<std::string> lines = splitLines(asked.err);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().rfind("indexing  [########################] 100%  101 of 101 entries", 0), 0u)
+        << asked.err;
+    EXPECT_EQ(asked.outLines().size(), 2u);
+}
+
 }  // namespace
 }  // namespace MvlogTest

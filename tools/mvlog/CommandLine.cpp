@@ -577,6 +577,7 @@ void addIndex(CLI::App& app, Subcommands& subcommands) {
     index->add_option("FILE", options->file, "Log file (changed in place)")->required();
     index->add_flag("--json", options->json,
                     "Print one JSON document (file, built, hasTimeIndex, entries, seconds)");
+    addProgressFlag(*index, options->progress);
     subcommands.add(
         index, [options] { return std::vector{options->file}; }, [options] { return runIndex(*options); });
 }

@@ -203,6 +203,8 @@ struct IndexOptions {
     std::string file;
     // One JSON document instead of sentences.
     bool json = false;
+    // The progress bar also when stderr is not a terminal.
+    bool progress = false;
 };
 int runIndex(const IndexOptions& options);
 

@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "ProgressBar.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -32,10 +33,15 @@ int runIndex(const IndexOptions& options) {
         std::fflush(stdout);
     }
     const auto started = std::chrono::steady_clock::now();
-    if (!file->createTimeIndex()) {
+    ProgressBar bar("indexing", "entries", options.progress ? ProgressMode::Always : ProgressMode::Auto);
+    const bool built =
+        file->createTimeIndex([&bar](uint64_t indexed, uint64_t total) { bar.update(indexed, total); });
+    if (!built) {
+        bar.erase();
         throw ToolError(
             fmt::format("{}: cannot build the time index: {}", options.file, file->getLastError()));
     }
+    bar.finish();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     if (options.json) {
         document["built"] = true;

@@ -238,6 +238,31 @@ void SqliteDatabase::setBusyTimeout(int32_t milliseconds) {
     sqlite3_busy_timeout(connection(), milliseconds);
 }
 
+namespace {
+
+// SQLite's progress callback: 0 lets the statement go on.
+int callProgressHandler(void* handler) noexcept {
+    try {
+        (*static_cast<std::function<void()>*>(handler))();
+    } catch (...) {
+        // Reporting progress never ends the statement it reports on.
+    }
+    return 0;
+}
+
+}  // namespace
+
+void SqliteDatabase::setProgressHandler(int32_t instructions, std::function<void()> handler) {
+    auto installed = std::make_unique<std::function<void()>>(std::move(handler));
+    sqlite3_progress_handler(connection(), instructions, callProgressHandler, installed.get());
+    progressHandler_ = std::move(installed);
+}
+
+void SqliteDatabase::clearProgressHandler() noexcept {
+    sqlite3_progress_handler(connection(), 0, nullptr, nullptr);
+    progressHandler_.reset();
+}
+
 bool SqliteDatabase::isReadOnly() const {
     return sqlite3_db_readonly(connection(), "main") == 1;
 }
