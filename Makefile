@@ -76,7 +76,7 @@ soak: build
 # then the Python package beside the C++ reads it wraps.
 bench: deps
 	cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DMARIVANE_BUILD_BENCH=ON \
-		-DMARIVANE_BUILD_TESTS=OFF $(PYTHON_FLAGS)
+		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_TOOLS=ON $(PYTHON_FLAGS)
 	cmake --build $(BENCH_DIR) -j $(JOBS) --target marivane_bench marivane_python_core marivane_python_files
 	./$(BENCH_DIR)/bench/marivane_bench
 	PYTHONPATH=$(BENCH_DIR)/python /usr/bin/python3 python/bench/bench_python.py

@@ -130,8 +130,6 @@ private:
     // the connection, is destroyed first.
     std::unique_ptr<sqlite3, ConnectionCloser> connection_;
     std::unique_ptr<StatementCache> statements_;
-    // Where SQLite's progress callback points while a handler is set.
-    std::unique_ptr<std::function<void()>> progressHandler_;
     int32_t busyTimeoutMs_ = kDefaultBusyTimeoutMs;
     mutable std::atomic<int32_t> lastErrorCode_{0};
 };

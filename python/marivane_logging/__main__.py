@@ -32,6 +32,10 @@ def run_tool(arguments: List[str]) -> int:
     """
     from . import _core
 
+    if not hasattr(_core, "_run_tool"):
+        print(f"python3 -m marivane_logging: {arguments[0]} comes with mvlog, and this build of the package has "
+              "no mvlog (built without the tool)", file=sys.stderr)
+        return 1
     sys.stdout.flush()
     sys.stderr.flush()
     return _core._run_tool([str(argument) for argument in arguments])

@@ -12,6 +12,8 @@ PYBIND11_MODULE(_core, module) {
     marivane_python::bindDerived(module);
     marivane_python::bindPlayer(module);
     marivane_python::bindRecorder(module);
+#ifdef MARIVANE_PYTHON_WITH_TOOL
     marivane_python::bindTool(module);
+#endif
     module.attr("LIBRARY_VERSION") = MARIVANE_VERSION;
 }

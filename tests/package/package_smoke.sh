@@ -20,7 +20,7 @@ fail() {
     exit 1
 }
 
-for tool in dpkg-deb dpkg-shlibdeps file pkg-config lintian; do
+for tool in dpkg-deb dpkg-shlibdeps dpkg-architecture file pkg-config lintian; do
     command -v "$tool" >/dev/null || fail "$tool is not installed (scripts/install-deps.sh installs it)"
 done
 
@@ -38,7 +38,7 @@ fi
 libdir_name=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:[A-Z]*=//p' "$build_dir/CMakeCache.txt")
 [[ -n $libdir_name ]] || fail "$build_dir/CMakeCache.txt names no CMAKE_INSTALL_LIBDIR"
 if grep -q '^MARIVANE_DEBIAN_LAYOUT:BOOL=ON' "$build_dir/CMakeCache.txt"; then
-    [[ $libdir_name == lib/$(gcc -print-multiarch) ]] ||
+    [[ $libdir_name == lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH) ]] ||
         fail "a Debian-layout build installs its libraries in '$libdir_name', not the multiarch directory"
 fi
 
@@ -124,9 +124,11 @@ if has_dependency "$tool_depends" "$dev_pkg"; then
     fail "$tool_pkg depends on $dev_pkg"
 fi
 
-# The runtime package declares its sonames and runs ldconfig.
-dpkg-deb --ctrl-tarfile "$runtime_deb" | tar -x -C "$work" ./shlibs 2>/dev/null ||
-    fail "$runtime_pkg has no shlibs file"
+# The runtime package declares its sonames and has dpkg's ldconfig trigger
+# run.
+dpkg-deb --ctrl-tarfile "$runtime_deb" | tar -x -C "$work" ./shlibs ./triggers 2>/dev/null ||
+    fail "$runtime_pkg lacks its shlibs or triggers file"
+grep -qx 'activate-noawait ldconfig' "$work/triggers" || fail "$runtime_pkg does not activate the ldconfig trigger"
 for soname in "libmarivane-logging 4" "libmarivane-core 1" "libmarivane-database 1"; do
     grep -q "^$soname $runtime_pkg" "$work/shlibs" || fail "$runtime_pkg's shlibs lacks '$soname'"
 done
@@ -178,8 +180,9 @@ for pair in "runtime:$runtime_pkg" "dev:$dev_pkg" "tool:$tool_pkg" ${python_debs
     expect "$component" "usr/share/doc/$name/copyright" "usr/share/doc/$name/changelog.gz"
     grep -q '^Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/' \
         "$work/only/$component/usr/share/doc/$name/copyright" || fail "$name's copyright file is not machine-readable"
-    gzip -dc "$work/only/$component/usr/share/doc/$name/changelog.gz" | head -n 1 |
-        grep -q "^libmarivane-logging ($version) " || fail "$name's changelog does not start with version $version"
+    gzip -dc "$work/only/$component/usr/share/doc/$name/changelog.gz" >"$work/changelog"
+    [[ $(head -n 1 "$work/changelog") == "libmarivane-logging ($version) "* ]] ||
+        fail "$name's changelog does not start with version $version"
 done
 
 # The tool package has a manual page for mvlog and for each of its commands.
@@ -189,8 +192,8 @@ mvlog_commands=$(LD_LIBRARY_PATH=$work/only/runtime/$lib "$work/only/tool/usr/bi
 expect tool usr/share/man/man1/mvlog.1.gz
 for command in $mvlog_commands; do
     expect tool "usr/share/man/man1/mvlog-$command.1.gz"
-    gzip -dc "$work/only/tool/usr/share/man/man1/mvlog-$command.1.gz" | grep -q "^mvlog-$command \\\\- " ||
-        fail "mvlog-$command.1 has no NAME line for the command"
+    gzip -dc "$work/only/tool/usr/share/man/man1/mvlog-$command.1.gz" >"$work/manual"
+    grep -q "^mvlog-$command \\\\- " "$work/manual" || fail "mvlog-$command.1 has no NAME line for the command"
 done
 [[ ! -e $work/only/runtime/usr/bin ]] || fail "$runtime_pkg holds programs"
 
@@ -221,7 +224,13 @@ done
 # ---- lintian -----------------------------------------------------------------
 # Errors fail the check; warnings are printed for whoever reads the log.
 for deb in "$runtime_deb" "$dev_deb" "$tool_deb" "${python_debs[@]}"; do
-    lintian --tag-display-limit 0 "$deb" >"$work/lintian.log" 2>&1 || true
+    # lintian exits with 1 when it finds errors, with more when it cannot run.
+    lintian_status=0
+    lintian --tag-display-limit 0 "$deb" >"$work/lintian.log" 2>&1 || lintian_status=$?
+    if ((lintian_status > 1)); then
+        cat "$work/lintian.log" >&2
+        fail "lintian could not check $(basename "$deb")"
+    fi
     grep -E '^[EWI]: ' "$work/lintian.log" || true
     if grep -q '^E: ' "$work/lintian.log"; then
         fail "lintian finds errors in $(basename "$deb")"
@@ -298,6 +307,12 @@ assert ml.__file__.startswith('$root'), ml.__file__
 with ml.LogFile.open(sys.argv[1]) as f:
     assert len(f) > 0
 " "$work/from_c.mvlog" || fail "the packaged Python module does not read the C program's file"
+    # python3 -m marivane_logging runs mvlog's own commands from the module.
+    module_info=$(PYTHONPATH=$root/usr/lib/python3/dist-packages LD_LIBRARY_PATH=$libdir \
+        /usr/bin/python3 -m marivane_logging info "$work/from_c.mvlog") ||
+        fail "python3 -m marivane_logging info failed with the packages"
+    tool_info=$(LD_LIBRARY_PATH=$libdir "$mvlog" info "$work/from_c.mvlog")
+    [[ $module_info == "$tool_info" ]] || fail "python3 -m marivane_logging info differs from the packaged mvlog info"
 fi
 
 echo "package smoke test passed: $(basename "$runtime_deb") $(basename "$dev_deb") $(basename "$tool_deb")${python_deb:+ $(basename "$python_deb")}"

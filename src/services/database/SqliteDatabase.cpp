@@ -10,6 +10,8 @@
 #include <database/DatabaseAccessError.h>
 
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <system_error>
@@ -59,6 +61,11 @@ public:
     StatementCache(const StatementCache&) = delete;
     StatementCache& operator=(const StatementCache&) = delete;
     ~StatementCache() { finalizeAll(); }
+
+    // The connection's progress handler (setProgressHandler), where SQLite's
+    // callback points while one is set. It lives in this private object, not
+    // in SqliteDatabase, whose size is part of the shared library's interface.
+    std::unique_ptr<std::function<void()>> progressHandler;
 
     // A free statement of `sql` (null when there is none) and its slot (null
     // when the cache is full and the text is not in it).
@@ -255,12 +262,12 @@ int callProgressHandler(void* handler) noexcept {
 void SqliteDatabase::setProgressHandler(int32_t instructions, std::function<void()> handler) {
     auto installed = std::make_unique<std::function<void()>>(std::move(handler));
     sqlite3_progress_handler(connection(), instructions, callProgressHandler, installed.get());
-    progressHandler_ = std::move(installed);
+    statements_->progressHandler = std::move(installed);
 }
 
 void SqliteDatabase::clearProgressHandler() noexcept {
     sqlite3_progress_handler(connection(), 0, nullptr, nullptr);
-    progressHandler_.reset();
+    statements_->progressHandler.reset();
 }
 
 bool SqliteDatabase::isReadOnly() const {
