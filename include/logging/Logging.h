@@ -23,6 +23,7 @@
 #include <logging/LogResourceEntry.h>
 #include <logging/NotALogFileError.h>
 #include <logging/NotYetALogFileError.h>
+#include <logging/PayloadEncoding.h>
 #include <logging/PlaybackPacing.h>
 #include <logging/PlayerBookmark.h>
 #include <logging/PlayerOptions.h>

@@ -453,6 +453,27 @@ MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetDouble(MV_LogDataSourceProper
 MV_LOGGING_EXPORT bool MV_LogDataSourceProperty_GetString(MV_LogDataSourceProperty_p property,
                                                           const char** value);
 
+/* Payload encodings: the media type of a data source's payloads, kept as the
+ * data source's text property "encoding" (read it back with
+ * MV_LogFile_GetDataSourceProperty). Any media type may be declared; these are
+ * the ones readers know. */
+#define MV_LOG_ENCODING_PROPERTY "encoding"
+#define MV_LOG_ENCODING_PNG "image/png"
+#define MV_LOG_ENCODING_JPEG "image/jpeg"
+#define MV_LOG_ENCODING_GRAYMAP "image/x-portable-graymap"
+#define MV_LOG_ENCODING_PIXMAP "image/x-portable-pixmap"
+#define MV_LOG_ENCODING_JSON "application/json"
+#define MV_LOG_ENCODING_TEXT "text/plain"
+#define MV_LOG_ENCODING_OCTET_STREAM "application/octet-stream"
+/* The property that declares `mediaType` for a data source; add it with
+ * MV_LogFile_AddDataSourceProperty or MV_LogRecorder_AddDataSourceProperty,
+ * then destroy it with MV_LogDataSourceProperty_Destroy. */
+MV_LOGGING_EXPORT MV_LogDataSourceProperty_p
+MV_LogDataSourceProperty_CreateEncoding(const int8_t* dataSourceId, const char* mediaType);
+/* The media type of one payload from its first bytes (PNG, JPEG, graymap,
+ * pixmap, JSON, text, else octet-stream): a static string, never NULL. */
+MV_LOGGING_EXPORT const char* MV_LogEncoding_Sniff(const void* data, size_t size);
+
 MV_LOGGING_EXPORT MV_LogMetadata_p MV_LogMetadata_CreateInt32(const char* key, int32_t value);
 MV_LOGGING_EXPORT MV_LogMetadata_p MV_LogMetadata_CreateInt64(const char* key, int64_t value);
 MV_LOGGING_EXPORT MV_LogMetadata_p MV_LogMetadata_CreateDouble(const char* key, double value);

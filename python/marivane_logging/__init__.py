@@ -71,6 +71,9 @@ from ._errors import (
 from ._selection import SourceType, TimeRange
 from ._logfile import Bookmark, DataSource, LogFile
 
+# What payloads are: declared media types, sniffing, decoding.
+from ._encoding import ENCODING_PROPERTY, Encoding, decode, sniff
+
 # Derived files.
 from ._derive import clone, copy, merge, slice  # noqa: A004
 
@@ -92,6 +95,10 @@ __all__ = [
     "Bookmark",
     "SourceType",
     "TimeRange",
+    "Encoding",
+    "ENCODING_PROPERTY",
+    "decode",
+    "sniff",
     "Durability",
     "FailureKind",
     "slice",

@@ -11,6 +11,7 @@ import numpy as np
 
 from . import _core, _paths
 from ._core import CopyReport, Durability, Entry, FailureKind
+from ._encoding import ENCODING_PROPERTY, declared_encoding, decode
 from ._selection import (
     INT32_MAX,
     INT32_MIN,
@@ -70,6 +71,11 @@ class DataSource:
     type: Union[SourceType, int]
     name: str
     properties: Dict[str, PropertyValue] = field(default_factory=dict)
+
+    @property
+    def encoding(self) -> Optional[str]:
+        """The media type the source declares for its payloads (its text property ``"encoding"``), or None."""
+        return declared_encoding(self.properties)
 
 
 @dataclass(frozen=True)
@@ -400,6 +406,10 @@ class LogFile:
           1 MiB, or one larger payload). A view stays valid as long as you hold it, and holding it
           keeps its whole chunk in memory: take ``bytes(view)`` to keep one
           payload for long.
+        * ``"auto"``: each payload as what its source declares it is
+          (:attr:`DataSource.encoding`), or what its first bytes say when the
+          source declares nothing: images as numpy arrays, JSON as objects,
+          text as ``str``, anything else as ``bytes`` (see :func:`decode`).
 
         With ``verify_checksums=True``, in a file that keeps checksums
         (:attr:`has_checksums`), each stored payload is compared with the
@@ -411,15 +421,19 @@ class LogFile:
         For zero-copy access use :meth:`visit`.
         """
         names = self._names(sources)
-        return _core._entries(
+        entries = _core._entries(
             self._native,
             **selection(start, end, sources, types, source_types, time, names, self._first_timestamp),
-            payload_as=payload_as,
+            payload_as="bytes" if payload_as == "auto" else payload_as,
             chunk_entries=CHUNK_ENTRIES,
             chunk_bytes=CHUNK_BYTES,
             verify_checksums=bool(verify_checksums),
             order=entry_order(order),
         )
+        if payload_as != "auto":
+            return entries
+        declared = {source.id: source.encoding for source in self.data_sources}
+        return (Entry((e.id, e.source, e.type, e.timestamp, decode(e.payload, declared.get(e.source)))) for e in entries)
 
     def visit(
         self,
@@ -553,6 +567,13 @@ class LogFile:
         if isinstance(value, bool) or not isinstance(value, (int, float, str)):
             raise TypeError(f"property values are int, float or str, not {type(value).__name__}")
         self._native.add_property(source_id(source), key, value)
+
+    def add_encoding(self, source: int, media_type: str) -> None:
+        """Declares the media type of a source's payloads (``ml.Encoding.PNG``, ``"application/json"``, ...).
+
+        It is the text property ``"encoding"``, added like any property.
+        """
+        self.add_property(source, ENCODING_PROPERTY, str(media_type))
 
     def log(self, source: int, type: int, payload: Any, timestamp: Optional[Time] = None) -> None:
         """Appends an entry: `payload` is any bytes-like object; `timestamp` defaults to now.

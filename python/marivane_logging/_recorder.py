@@ -291,6 +291,10 @@ class Recorder:
             raise TypeError(f"property values are int, float or str, not {type(value).__name__}")
         self._native.add_property(source_id(source), key, value)
 
+    def add_encoding(self, source: int, media_type: str) -> None:
+        """Declares the media type of a source's payloads: the text property ``"encoding"``."""
+        self.add_property(source, "encoding", str(media_type))
+
     def add_metadata(self, key: str, value: PropertyValue) -> None:
         """Adds a metadata entry; an existing key is refused (:class:`RefusedError`)."""
         if isinstance(value, bool) or not isinstance(value, (int, float, str)):

@@ -3,6 +3,7 @@
 #include <logging/Bookmark.h>
 #include <logging/DataSource.h>
 #include <logging/DataSourceProperty.h>
+#include <logging/PayloadEncoding.h>
 
 #include <pybind11/stl.h>
 #include <pybind11/stl/filesystem.h>
@@ -48,6 +49,14 @@ int8_t sourceId(int32_t source) {
 }  // namespace
 
 void bindLogFile(py::module_& m) {
+    m.def(
+        "_sniff_encoding",
+        [](const py::bytes& payload) {
+            const std::string_view bytes(payload);
+            return std::string(
+                ml::PayloadEncoding::sniff(reinterpret_cast<const std::byte*>(bytes.data()), bytes.size()));
+        },
+        py::arg("payload"), "The media type of a payload from its first bytes (the library's test).");
     py::enum_<ml::Durability>(m, "Durability", "How a log file trades speed for safety (kept by the file).")
         .value("FAST", ml::Durability::Fast,
                "No flushes, journal in memory: fastest, a crash may lose writes.")

@@ -65,14 +65,27 @@ TEST_F(DemoTest, RecordedFileHasTheDescribedShape) {
     ASSERT_EQ(sources.size(), 3u);
     EXPECT_EQ(sources[0]["type"], "Camera");
     EXPECT_EQ(sources[0]["entryCount"], 200);
-    EXPECT_EQ(sources[0]["payloadBytes"], 200 * 65536);
+    // A 256 x 256 binary PGM each: a 15-byte header and the pixels.
+    EXPECT_EQ(sources[0]["payloadBytes"], 200 * (15 + 65536));
     EXPECT_NEAR(sources[0]["meanRateHz"].get<double>(), 10.0, 0.05);
     EXPECT_EQ(sources[1]["type"], "Navigation");
     EXPECT_EQ(sources[1]["entryCount"], 1020);
     EXPECT_EQ(sources[2]["type"], "Environment");
     EXPECT_EQ(sources[2]["entryCount"], 20);
     EXPECT_NEAR(sources[2]["meanRateHz"].get<double>(), 1.0, 1e-9);
-    EXPECT_EQ(sources[0]["properties"].size(), 5u);
+    EXPECT_EQ(sources[0]["properties"].size(), 6u);
+    // Each source says what its payloads are.
+    const auto encodingOf = [](const nlohmann::json& source) {
+        for (const nlohmann::json& property : source["properties"]) {
+            if (property["name"] == "encoding") {
+                return property["value"].get<std::string>();
+            }
+        }
+        return std::string();
+    };
+    EXPECT_EQ(encodingOf(sources[0]), "image/x-portable-graymap");
+    EXPECT_EQ(encodingOf(sources[1]), "application/octet-stream");
+    EXPECT_EQ(encodingOf(sources[2]), "application/json");
     EXPECT_EQ(info["metadata"]["vessel"], "RV Demo");
     EXPECT_EQ(info["bookmarks"].size(), 3u);
     EXPECT_EQ(info["bookmarks"][1]["title"], "Turn to port");

@@ -27,6 +27,7 @@ namespace Mvlog {
 using Marivane::Logging::ByteBuffer;
 using Marivane::Logging::DataSource;
 using Marivane::Logging::EntryIndexFilter;
+using Marivane::Logging::PayloadEncoding;
 using Marivane::Logging::SqliteLogFile;
 
 namespace {
@@ -34,19 +35,30 @@ namespace {
 constexpr std::size_t kTextPreviewBytes = 16;
 constexpr std::size_t kHexDumpWidth = 16;
 
-using SourceNames = std::map<int8_t, std::string>;
+// Of each payload, --format auto prints as text at most this many bytes.
+constexpr std::size_t kAutoTextBytes = 2000;
 
-SourceNames sourceNamesOf(const Marivane::Logging::LogFileInterface& file) {
-    SourceNames names;
+// What cat prints about each data source: its name, and the media type its
+// payloads declare (none for sources without the property).
+struct SourceLabels {
+    std::map<int8_t, std::string> names;
+    std::map<int8_t, std::string> encodings;
+};
+
+SourceLabels sourceNamesOf(const Marivane::Logging::LogFileInterface& file) {
+    SourceLabels labels;
     for (const DataSource& source : file.getDataSources()) {
-        names[source.id] = source.name;
+        labels.names[source.id] = source.name;
+        if (std::optional<std::string> encoding = PayloadEncoding::declared(file, source.id)) {
+            labels.encodings[source.id] = std::move(*encoding);
+        }
     }
-    return names;
+    return labels;
 }
 
-std::string sourceName(const SourceNames& names, int8_t id) {
-    const auto found = names.find(id);
-    return found == names.end() ? std::string() : found->second;
+std::string sourceName(const SourceLabels& labels, int8_t id) {
+    const auto found = labels.names.find(id);
+    return found == labels.names.end() ? std::string() : found->second;
 }
 
 EntrySelection selectionOf(const CatOptions& options, const Marivane::Logging::LogFileInterface& file) {
@@ -79,7 +91,7 @@ std::string base64(const ByteBuffer& bytes) {
     return text;
 }
 
-std::string entryHeadline(const ScannedEntry& entry, std::size_t size, const SourceNames& names) {
+std::string entryHeadline(const ScannedEntry& entry, std::size_t size, const SourceLabels& names) {
     return fmt::format("#{}  {}  source {} \"{}\"  type {}  {} B", entry.entryId,
                        isoTimestamp(entry.timestamp), entry.dataSourceId,
                        printable(sourceName(names, entry.dataSourceId)), entry.type, size);
@@ -87,14 +99,14 @@ std::string entryHeadline(const ScannedEntry& entry, std::size_t size, const Sou
 
 // The size and the first bytes, expanded piece by piece: a line never needs
 // more memory than a piece, whatever size the payload has or declares.
-void printText(const ScannedEntry& entry, const SourceNames& names) {
+void printText(const ScannedEntry& entry, const SourceLabels& names) {
     // One byte more than shown, so that the preview knows to say "...".
     ByteBuffer prefix;
     const std::size_t size = entry.sizeAndPrefix(kTextPreviewBytes + 1, prefix);
     fmt::print("{}  {}\n", entryHeadline(entry, size, names), hexPrefix(prefix, kTextPreviewBytes));
 }
 
-void printJson(const ScannedEntry& entry, const SourceNames& names) {
+void printJson(const ScannedEntry& entry, const SourceLabels& names) {
     const ByteBuffer data = entry.payload();
     const nlohmann::ordered_json line = {{"entryId", entry.entryId},
                                          {"timestamp", entry.timestamp},
@@ -112,7 +124,7 @@ char printableOrDot(std::byte value) {
     return std::isprint(character) ? static_cast<char>(character) : '.';
 }
 
-void printHexDump(const ScannedEntry& entry, const SourceNames& names) {
+void printHexDump(const ScannedEntry& entry, const SourceLabels& names) {
     const ByteBuffer data = entry.payload();
     fmt::print("{}\n", entryHeadline(entry, data.size(), names));
     for (std::size_t offset = 0; offset < data.size(); offset += kHexDumpWidth) {
@@ -130,8 +142,53 @@ void printHexDump(const ScannedEntry& entry, const SourceNames& names) {
     }
 }
 
-void printEntry(CatFormat format, const ScannedEntry& entry, const SourceNames& names) {
+// The longest prefix of `text` of at most `limit` bytes that does not cut a
+// UTF-8 sequence.
+std::string_view utf8Prefix(std::string_view text, std::size_t limit) {
+    if (text.size() <= limit) {
+        return text;
+    }
+    std::size_t end = limit;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) {
+        --end;
+    }
+    return text.substr(0, end);
+}
+
+// A payload as what it is: JSON and text (declared by its source, or sniffed
+// when the source declares nothing or octet-stream) as one line of text made
+// safe for the terminal (control characters escaped, bytes that are not UTF-8
+// as \xNN); anything else as the text format's line with its media type
+// before the first bytes.
+void printAuto(const ScannedEntry& entry, const SourceLabels& labels) {
+    const ByteBuffer data = entry.payload();
+    // A source that declares octet-stream says only that its payloads are
+    // of no one kind: their bytes tell.
+    const auto declared = labels.encodings.find(entry.dataSourceId);
+    const std::string_view mediaType =
+        declared != labels.encodings.end() && declared->second != PayloadEncoding::kOctetStream
+            ? std::string_view(declared->second)
+            : PayloadEncoding::sniff(data.data(), data.size());
+    if (PayloadEncoding::isText(mediaType)) {
+        const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
+        const std::string_view shown = utf8Prefix(text, kAutoTextBytes);
+        fmt::print("{}  {}{}\n", entryHeadline(entry, data.size(), labels), utf8Escaped(printable(shown)),
+                   shown.size() < text.size()
+                       ? fmt::format(" ... ({} more bytes)", text.size() - shown.size())
+                       : "");
+        return;
+    }
+    const std::size_t shownBytes = std::min(data.size(), kTextPreviewBytes + 1);
+    const ByteBuffer prefix(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(shownBytes));
+    fmt::print("{}  {}  {}\n", entryHeadline(entry, data.size(), labels), printable(mediaType),
+               hexPrefix(prefix, kTextPreviewBytes));
+}
+
+void printEntry(CatFormat format, const ScannedEntry& entry, const SourceLabels& names) {
     switch (format) {
+        case CatFormat::Auto:
+            printAuto(entry, names);
+            break;
         case CatFormat::Text:
             printText(entry, names);
             break;
@@ -147,7 +204,7 @@ void printEntry(CatFormat format, const ScannedEntry& entry, const SourceNames& 
 // An entry whose payload reads hand out other than as logged is named on
 // stderr instead of printed: its bytes would look like a payload and be none.
 // Returns whether the entry was printed.
-bool printOrName(CatFormat format, const ScannedEntry& entry, const SourceNames& names) {
+bool printOrName(CatFormat format, const ScannedEntry& entry, const SourceLabels& names) {
     if (const std::optional<std::string> problem = storedFormProblem(entry)) {
         std::fflush(stdout);
         fmt::print(stderr, "mvlog: entry {}: {}\n", entry.entryId, *problem);
@@ -169,7 +226,7 @@ bool outputClosed() {
 // Polls for entries committed after `lastSeen`, a bounded number at a time,
 // until interrupted, idle for the options' limit, or the output is closed.
 void followNewEntries(const SqliteLogFile& file, const CatOptions& options, const EntrySelection& selection,
-                      int32_t lastSeen, const SourceNames& names) {
+                      int32_t lastSeen, const SourceLabels& names) {
     constexpr auto kPollPeriod = std::chrono::milliseconds(100);
     constexpr int32_t kEntriesPerRead = 1000;
     InterruptGuard interrupts;
@@ -217,7 +274,7 @@ void followNewEntries(const SqliteLogFile& file, const CatOptions& options, cons
 
 int runCat(const CatOptions& options) {
     const auto file = openExistingLogFile(options.file);
-    const SourceNames names = sourceNamesOf(*file);
+    const SourceLabels names = sourceNamesOf(*file);
     EntrySelection selection = selectionOf(options, *file);
     if (options.start) {
         selection.startTimestamp = parseTime("--start", *options.start, *file);

@@ -4,6 +4,7 @@
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "SourceArguments.h"
+#include "Terminal.h"
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
@@ -191,7 +192,7 @@ void addInfo(CLI::App& app, Subcommands& subcommands) {
 void addCat(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<CatOptions>();
     auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
-    auto format = std::make_shared<std::string>("text");
+    auto format = std::make_shared<std::string>();
     CLI::App* cat = app.add_subcommand("cat", "Print entries in time order");
     cat->add_option("FILE", options->file, "Log file")->required();
     addProgressFlag(*cat, options->progress);
@@ -213,8 +214,12 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
     cat->add_option("--order", *order,
                     "time: by timestamp, ties by entry id (default); id: by entry id, as written")
         ->check(CLI::IsMember({"id", "time"}));
-    cat->add_option("--format", *format, "text (default), json (one object per line) or hex (full dump)")
-        ->check(CLI::IsMember({"text", "json", "hex"}));
+    cat->add_option(
+           "--format", *format,
+           "auto (the default on a terminal: JSON and text payloads as text, by the source's encoding "
+           "property or the payload's first bytes), text (the default elsewhere: size and first bytes), "
+           "json (one object per line) or hex (full dump)")
+        ->check(CLI::IsMember({"auto", "text", "json", "hex"}));
     CLI::Option* follow = cat->add_flag(
         "-f,--follow", options->follow,
         "Then print new entries as they are committed, like tail -f (a file recorded in safe mode can be "
@@ -233,8 +238,12 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
         [options, sourceTypeNames, format, order] {
             options->sourceTypes = dataSourceTypes(*sourceTypeNames);
             options->idOrder = *order == "id";
-            options->format = *format == "json"  ? CatFormat::Json
-                              : *format == "hex" ? CatFormat::Hex
+            const std::string chosen = !format->empty()     ? *format
+                                       : isTerminal(stdout) ? std::string("auto")
+                                                            : std::string("text");
+            options->format = chosen == "json"   ? CatFormat::Json
+                              : chosen == "hex"  ? CatFormat::Hex
+                              : chosen == "auto" ? CatFormat::Auto
                                                  : CatFormat::Text;
             return runCat(*options);
         });
@@ -360,7 +369,8 @@ void addSplit(CLI::App& app, Subcommands& subcommands) {
         ->required();
     split->add_flag("--json", options->json, "Print one JSON document with the parts instead of a line each");
     split->footer(
-        "Parts are FILE's name with _0001, _0002, ... in time order; each is a complete log file with the\n"
+        "The output files are FILE's name with _0001, _0002, ... in time order; each is a complete log file "
+        "with the\n"
         "metadata (and the producer history), the data sources and their properties, the resources and the\n"
         "bookmarks on its entries. A duration cuts windows of that length from the first entry's time "
         "(windows\n"

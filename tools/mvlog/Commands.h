@@ -18,7 +18,9 @@ struct InfoOptions {
 };
 int runInfo(const InfoOptions& options);
 
-enum class CatFormat { Text, Json, Hex };
+// Auto: JSON and text payloads as text, the rest as Text does, by the media
+// type a source declares or its payloads' first bytes.
+enum class CatFormat { Text, Json, Hex, Auto };
 
 struct CatOptions {
     std::string file;

@@ -28,6 +28,7 @@ using Marivane::Logging::ByteBuffer;
 using Marivane::Logging::DataEntry;
 using Marivane::Logging::DataSource;
 using Marivane::Logging::DataSourceProperty;
+using Marivane::Logging::PayloadEncoding;
 using Marivane::Logging::PropertyValue;
 using Marivane::Logging::SqliteLogFile;
 
@@ -103,6 +104,14 @@ ByteBuffer cameraFrame(int64_t timeMs, NoiseSource& noise) {
         }
     }
     return frame;
+}
+
+// The frame as the camera logs it: a binary PGM (a 15-byte header before the
+// pixels), so that readers can draw it from its bytes alone.
+ByteBuffer graymapOf(const ByteBuffer& frame) {
+    ByteBuffer image = bytesOf(fmt::format("P5\n{} {}\n255\n", kImageSide, kImageSide));
+    image.insert(image.end(), frame.begin(), frame.end());
+    return image;
 }
 
 // A binary PGM of the frame scaled down by averaging blocks.
@@ -236,15 +245,20 @@ SurveySources addSurveySources(SurveyWriter& writer) {
                                       {{"width", int32_t{kImageSide}},
                                        {"height", int32_t{kImageSide}},
                                        {"pixelFormat", std::string("GRAY8")},
+                                       {"encoding", std::string(PayloadEncoding::kGraymap)},
                                        {"frameRateHz", 10.0},
                                        {"exposureUs", int64_t{2500}}});
     sources.navigation = writer.addSource(MV_LogDataSourceType_Navigation, "gnss",
                                           {{"receiver", std::string("synthetic dual-antenna")},
                                            {"datum", std::string("WGS84")},
-                                           {"rateHz", 50.0}});
-    sources.environment =
-        writer.addSource(MV_LogDataSourceType_Environment, "weather-mast",
-                         {{"sensor", std::string("synthetic BME")}, {"heightM", 12.5}, {"rateHz", 1.0}});
+                                           {"rateHz", 50.0},
+                                           // Binary fixes and text status lines: no one media type.
+                                           {"encoding", std::string(PayloadEncoding::kOctetStream)}});
+    sources.environment = writer.addSource(MV_LogDataSourceType_Environment, "weather-mast",
+                                           {{"sensor", std::string("synthetic BME")},
+                                            {"heightM", 12.5},
+                                            {"rateHz", 1.0},
+                                            {"encoding", std::string(PayloadEncoding::kJson)}});
     return sources;
 }
 
@@ -272,7 +286,7 @@ void captureCamera(SurveyWriter& writer, int8_t source, int64_t durationMs, Byte
         }
         // Exposure ends a few milliseconds after the trigger, never twice the
         // same, as with real cameras.
-        writer.log(source, kImageFrame, t + 2 + (frameNumber++ * 7) % 5, std::move(frame));
+        writer.log(source, kImageFrame, t + 2 + (frameNumber++ * 7) % 5, graymapOf(frame));
     }
 }
 
