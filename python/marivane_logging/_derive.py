@@ -15,7 +15,6 @@ Errors name the files they concern.
 
 from __future__ import annotations
 
-import numbers
 import os
 from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple, Union
 
@@ -23,7 +22,7 @@ from . import _core, _paths
 from ._core import CopyReport, Durability
 from ._errors import RefusedError
 from ._logfile import LogFile
-from ._selection import Ids, Ints, Time, entry_id, filter_lists, int32, time_bounds
+from ._selection import Ids, Ints, Time, entry_id, filter_lists, int32, listed_sources, time_bounds
 from ._selection import compression_level as checked_level
 
 PathLike = Union[str, "os.PathLike[str]"]
@@ -257,7 +256,7 @@ def copy(
     """
     path = _paths.existing(source)
     out = _output(output)
-    sources = _listed_sources(sources)
+    sources = listed_sources(sources)
     arguments = _copy_arguments(
         first_id, last_id, time, sources, types, source_types, compression_level, durability, application,
         version, progress, lambda: _first_timestamp_of(path), _source_names(path, sources),
@@ -293,7 +292,7 @@ def merge(
     """
     paths = [_paths.existing(path) for path in inputs]
     out = _output(output)
-    sources = _listed_sources(sources)
+    sources = listed_sources(sources)
     named = [value for value in sources or [] if isinstance(value, str)]
     if named:
         raise KeyError(f"no data source named {named[0]!r}: a merge of {_listed(paths)} selects data sources by id")
@@ -307,13 +306,6 @@ def merge(
 def _first_timestamp_of(path: str) -> int:
     with LogFile.open(path) as file:
         return file._first_timestamp()
-
-
-def _listed_sources(sources: Ids) -> Optional[List[Union[int, str]]]:
-    # The data sources as a list, read once (they may come from a generator).
-    if sources is None:
-        return None
-    return [sources] if isinstance(sources, (str, numbers.Integral)) else list(sources)
 
 
 def _source_names(path: str, sources: Optional[List[Union[int, str]]]) -> Optional[Dict[str, int]]:

@@ -24,6 +24,7 @@ from ._selection import (
     entry_order,
     filter_lists,
     int32,
+    listed_sources,
     selection,
     source_id,
     source_type,
@@ -420,6 +421,7 @@ class LogFile:
 
         For zero-copy access use :meth:`visit`.
         """
+        sources = listed_sources(sources)
         names = self._names(sources)
         entries = _core._entries(
             self._native,
@@ -472,6 +474,7 @@ class LogFile:
         that does not match (the callback has seen the entries before it) and
         raises :class:`DamagedError`.
         """
+        sources = listed_sources(sources)
         names = self._names(sources)
         return _core._visit(
             self._native,
@@ -503,6 +506,7 @@ class LogFile:
         payload's size as stored, compressed when the file compresses). Built
         in C++ without a Python object per entry.
         """
+        sources = listed_sources(sources)
         names = self._names(sources)
         return _core._index(
             self._native,
@@ -538,6 +542,7 @@ class LogFile:
         self, *, sources: Ids = None, types: Ints = None, source_types: Ints = None
     ) -> Optional[TimeRange]:
         """The first and last timestamp of the selected entries, or None when there are none."""
+        sources = listed_sources(sources)
         value = self._native.time_range(**filter_lists(sources, types, source_types, self._names(sources)))
         return None if value is None else TimeRange(*value)
 
@@ -545,6 +550,7 @@ class LogFile:
         self, timestamp: Time, *, sources: Ids = None, types: Ints = None, source_types: Ints = None
     ) -> Optional[int]:
         """The id of the earliest entry at or after `timestamp` (lowest id among equals), or None."""
+        sources = listed_sources(sources)
         return self._native.find_entry_at_or_after(
             to_ms(timestamp, self._first_timestamp), **filter_lists(sources, types, source_types, self._names(sources))
         )

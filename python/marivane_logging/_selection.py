@@ -215,6 +215,15 @@ def entry_id(value: Optional[int], what: str) -> int:
     return value
 
 
+def listed_sources(sources: Any) -> Optional[list]:
+    """The data sources as a list, read once (they may come from a generator); None stays None."""
+    if sources is None:
+        return None
+    if isinstance(sources, (str, int, np.integer)):
+        return [sources]
+    return list(sources)
+
+
 def source_ids(values: Any, names: Optional[dict]) -> list:
     """Data-source ids from ids or, when `names` maps names to ids, names."""
     if values is None:

@@ -234,3 +234,14 @@ def test_entries_are_named_tuples(sample):
     import pickle
 
     assert pickle.loads(pickle.dumps(entry)) == entry
+
+
+def test_sources_from_a_generator_select_as_a_list_does(sample_path):
+    with ml.LogFile.open(sample_path) as f:
+        listed = [entry.id for entry in f.entries(sources=["cam"])]
+        assert listed and len(listed) < len(f)
+        assert [entry.id for entry in f.entries(sources=(name for name in ["cam"]))] == listed
+        assert len(f.index(sources=iter(["cam"]))) == len(listed)
+        assert f.time_range(sources=iter(["cam"])) == f.time_range(sources=["cam"])
+        first = f.time_range(sources=["gnss"]).first
+        assert f.find_entry_at_or_after(first, sources=iter(["gnss"])) == f.find_entry_at_or_after(first, sources="gnss")
