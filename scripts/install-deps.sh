@@ -6,7 +6,7 @@ packages=(
     cmake make g++ pkg-config
     libsqlite3-dev libzstd-dev libxxhash-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    libcli11-dev libfmt-dev nlohmann-json3-dev
+    libcli11-dev libfmt-dev nlohmann-json3-dev libcpp-httplib-dev
     dpkg-dev file help2man lintian
     python3-dev pybind11-dev python3-numpy python3-pandas python3-pytest
     python3-dask python3-distributed python3-matplotlib

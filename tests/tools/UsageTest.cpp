@@ -79,7 +79,7 @@ TEST(UsageTest, AWordThatIsNoCommandIsNamedWithTheCommands) {
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(result.err,
                   "mvlog: 'frob' is not a command; the commands are info, cat, export, slice, clone, merge, "
-                  "split, play, bookmarks, metadata, resource, du, check, recover, index and demo\n"
+                  "split, play, bookmarks, metadata, resource, du, check, recover, index, view and demo\n"
                   "Run with --help for more information.\n");
     }
     // Without any word the command is still what is missing.

@@ -210,6 +210,14 @@ struct IndexOptions {
 };
 int runIndex(const IndexOptions& options);
 
+struct ViewCommandOptions {
+    std::vector<std::string> files;
+    std::string bindAddress = "127.0.0.1";
+    int port = 0;
+    bool openBrowser = true;
+};
+int runView(const ViewCommandOptions& options);
+
 struct DemoOptions {
     std::optional<std::string> directory;
 };

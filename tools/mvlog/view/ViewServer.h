@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace httplib {
+class Server;
+struct Request;
+struct Response;
+}  // namespace httplib
+
+namespace Mvlog {
+
+class ViewedFile;
+
+// What `mvlog view` serves, and how.
+struct ViewOptions {
+    std::vector<std::filesystem::path> files;
+    // 127.0.0.1 unless asked otherwise; another address is the caller's
+    // explicit choice.
+    std::string bindAddress = "127.0.0.1";
+    // 0: any free port.
+    int port = 0;
+    // Required on every request; empty: a random one.
+    std::string token;
+    // Requests handled at once; more wait for a worker.
+    std::size_t threads = 8;
+};
+
+// The web page of `mvlog view` and the data behind it, over HTTP.
+//
+// Every request must carry the token (query "token" or header
+// "X-Mvlog-Token") and a Host header that names the bound address (or
+// localhost) and port: a page of another site that resolves its own name to
+// this address gets 403. Files are addressed by their place on the command
+// line, never by a path from a request, and opened read-only. Every answer
+// is bounded: timelines in at most 10,000 bins, series in at most 10,000
+// points, payload previews cut at a limit. Texts from the files reach the
+// page only inside JSON, which the page puts in the document as text.
+//
+// Owns the files and the server's threads, which stop() (or destruction)
+// joins.
+class ViewServer {
+public:
+    // Opens every file read-only; a file that cannot be opened is kept with
+    // the reason, which the page shows.
+    explicit ViewServer(ViewOptions options);
+    ~ViewServer();
+    ViewServer(const ViewServer&) = delete;
+    ViewServer& operator=(const ViewServer&) = delete;
+
+    // Binds and serves on a thread of its own; throws ToolError when the
+    // address cannot be bound.
+    void start();
+    void stop();
+
+    int port() const { return port_; }
+    const std::string& token() const { return options_.token; }
+    // The address to open: http://HOST:PORT/?token=...
+    std::string url() const;
+
+private:
+    void route();
+    bool admits(const std::string& host, const std::string& token) const;
+    void routeFileApi();
+
+    ViewOptions options_;
+    std::vector<std::unique_ptr<ViewedFile>> files_;
+    std::unique_ptr<httplib::Server> server_;
+    std::thread thread_;
+    int port_ = 0;
+};
+
+}  // namespace Mvlog
