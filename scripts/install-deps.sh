@@ -10,6 +10,7 @@ packages=(
     dpkg-dev file help2man lintian
     python3-dev pybind11-dev python3-numpy python3-pandas python3-pytest
     python3-dask python3-distributed python3-matplotlib
+    chromium chromium-driver python3-selenium fonts-dejavu-core
     "$@"
 )
 

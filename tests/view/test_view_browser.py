@@ -1,0 +1,351 @@
+"""mvlog view in a real browser: headless Chromium driven by Selenium.
+
+A file with known contents is recorded here (a camera of graymaps, a JSON
+weather source, a text log, bookmarks, a gap), `mvlog view` serves it beside
+a damaged file, and the page is checked for what it shows: lanes, bookmark
+markers, decoded frames (pixel for pixel), stepping, play, the JSON plot, the
+damaged file's message and the refusals of the server.
+"""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+import subprocess
+import time
+import urllib.error
+import urllib.request
+
+import pytest
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.support.ui import Select, WebDriverWait
+
+import marivane_logging as ml
+
+MVLOG = os.environ["MVLOG"]
+BASE = 1_750_000_000_000
+WIDTH, HEIGHT = 64, 48
+FRAMES = 60
+CAMERA_PERIOD = 100
+# The camera is silent for 2 s after frame GAP_AFTER.
+GAP_AFTER = 39
+GAP_MS = 2000
+HOSTILE_NAME = '<img src=x onerror="window.pwned=1">"\\'
+
+
+def camera_time(i: int) -> int:
+    return BASE + CAMERA_PERIOD * i + (GAP_MS if i > GAP_AFTER else 0)
+
+
+def frame(i: int) -> bytes:
+    """A 64x48 binary graymap whose pixels depend on the frame."""
+    pixels = bytes((x * 3 + y * 5 + i * 7) % 256 for y in range(HEIGHT) for x in range(WIDTH))
+    return f"P5\n{WIDTH} {HEIGHT}\n255\n".encode() + pixels
+
+
+def weather(i: int) -> dict:
+    return {"temperature": round(10 + 0.25 * i, 2), "wind": {"speed": i % 7, "gusts": [i, i + 1]}, "site": "mast"}
+
+
+WEATHER_COUNT = 16
+WEATHER_PERIOD = 500
+
+
+def record(path: str) -> dict:
+    """Records the file; returns what the checks need: every entry's id, source and time."""
+    entries = []  # (timestamp, id, source)
+    with ml.LogFile.create(path, application="view-test", version="1.0", created=BASE - 1000) as f:
+        camera = f.add_data_source(ml.SourceType.CAMERA, "front camera")
+        mast = f.add_data_source(ml.SourceType.ENVIRONMENT, "weather mast")
+        notes = f.add_data_source(ml.SourceType.GENERIC, HOSTILE_NAME)
+        f.add_encoding(camera, ml.Encoding.GRAYMAP)
+        f.add_encoding(mast, ml.Encoding.JSON)
+        f.add_encoding(notes, ml.Encoding.TEXT)
+        f.add_metadata("vessel", "RV <b>Test</b>")
+        f.add_resource("calibration.json", b'{"k": 1}')
+        log = []
+        for i in range(FRAMES):
+            log.append((camera_time(i), camera, 1, frame(i)))
+        for i in range(WEATHER_COUNT):
+            log.append((BASE + 50 + WEATHER_PERIOD * i, mast, 2, json.dumps(weather(i)).encode()))
+        for i in range(4):
+            log.append((BASE + 1500 * i + 30, notes, 3, f"note {i}: all well".encode()))
+        log.sort(key=lambda e: e[0])
+        with f.batch():
+            for next_id, (timestamp, source, kind, payload) in enumerate(log, start=1):
+                f.log(source, kind, payload, timestamp)
+                entries.append((timestamp, next_id, source))
+        ids = {(t, s): i for t, i, s in entries}
+        f.add_bookmark(ids[(camera_time(10), camera)], "Turn to port", "a hard turn")
+        f.add_bookmark(ids[(camera_time(45), camera)], "Dock", "")
+    return {"entries": entries, "camera": camera, "mast": mast, "notes": notes}
+
+
+@pytest.fixture(scope="module")
+def recording(tmp_path_factory):
+    directory = tmp_path_factory.mktemp("view")
+    path = os.fspath(directory / "survey.mvlog")
+    known = record(path)
+    damaged = os.fspath(directory / "broken.mvlog")
+    with open(damaged, "wb") as out:
+        out.write(b"this is not a log file at all" * 100)
+    known["path"] = path
+    known["damaged"] = damaged
+    return known
+
+
+@pytest.fixture(scope="module")
+def server(recording):
+    process = subprocess.Popen([MVLOG, "view", "--no-browser", recording["path"], recording["damaged"]],
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    line = process.stdout.readline()
+    match = re.search(r"open (http://127\.0\.0\.1:(\d+)/\?token=([0-9a-f]+))", line)
+    assert match, line + process.stderr.read()
+    yield {"url": match.group(1), "port": int(match.group(2)), "token": match.group(3)}
+    process.terminate()
+    assert process.wait(timeout=10) == 0
+
+
+@pytest.fixture(scope="module")
+def browser(server):
+    options = webdriver.ChromeOptions()
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1400,1000",
+                     # A name of another site that resolves to this machine: what a rebinding attack does.
+                     "--host-resolver-rules=MAP rebound.example 127.0.0.1"):
+        options.add_argument(argument)
+    driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+    driver.set_script_timeout(30)
+    yield driver
+    driver.quit()
+
+
+def wait(driver, condition, timeout=10.0, message=""):
+    return WebDriverWait(driver, timeout, poll_frequency=0.05).until(lambda d: condition(d), message)
+
+
+def state(driver, expression):
+    return driver.execute_script(f"return {expression};")
+
+
+@pytest.fixture
+def page(browser, server):
+    browser.get(server["url"])
+    wait(browser, lambda d: state(d, "window.mvlogView && mvlogView.summary !== null && mvlogView.cursorUpdates > 0"),
+         message="the page did not load the file")
+    return browser
+
+
+def at_or_before(recording, source, time_ms):
+    found = [(t, i) for t, i, s in recording["entries"] if s == source and t <= time_ms]
+    return max(found) if found else None
+
+
+def shown_entry(driver, source):
+    value = state(driver, f"document.querySelector('.panel[data-source=\"{source}\"]').dataset.entryId")
+    return None if value is None else int(value)
+
+
+def settled(driver):
+    """Waits until no panel update runs or waits."""
+    wait(driver, lambda d: state(d, "!mvlogView.busy && !mvlogView.pending"))
+
+
+def camera_pixels(driver, source):
+    return driver.execute_script(
+        """const canvas = document.querySelector(`.panel[data-source="${arguments[0]}"] canvas`);
+        if (!canvas) return null;
+        const data = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
+        const gray = [];
+        for (let i = 0; i < data.length; i += 4) gray.push(data[i]);
+        return [canvas.width, canvas.height, gray];""", source)
+
+
+def test_lanes_name_every_source_with_its_type_and_rate(page, recording):
+    names = [e.text for e in page.find_elements(By.CSS_SELECTOR, ".lane-label .lane-name")]
+    assert names == ["[1] front camera", "[2] weather mast", f"[3] {HOSTILE_NAME}"]
+    details = [e.text for e in page.find_elements(By.CSS_SELECTOR, ".lane-label small")]
+    assert details == ["Camera · 10 Hz", "Environment · 2.0 Hz", "Generic · every 1.500 s"]
+    # A hostile name is text, never markup.
+    assert state(page, "window.pwned") is None
+    files = [e.text.split("\n")[0] for e in page.find_elements(By.CSS_SELECTOR, "#files li")]
+    assert files == ["survey.mvlog", "broken.mvlog"]
+    facts = page.find_element(By.ID, "facts").text
+    assert f"{len(recording['entries'])} entries, 3 data sources" in facts
+    assert "time index: no" in facts and "durability: fast" in facts
+
+
+def test_the_camera_gap_is_marked(page, recording):
+    gaps = state(page, "mvlogView.bins.lanes['1'].gaps")
+    assert gaps == [[camera_time(GAP_AFTER), camera_time(GAP_AFTER + 1)]]
+    assert state(page, "mvlogView.bins.lanes['2'].gaps") == []
+
+
+def test_a_bookmark_marker_moves_the_cursor_and_the_camera_shows_that_frame(page, recording):
+    markers = page.find_elements(By.CSS_SELECTOR, "#marks .bookmark")
+    assert [m.text for m in markers] == ["Turn to port", "Dock"]
+    markers[0].click()
+    wait(page, lambda d: state(d, "mvlogView.cursor") == camera_time(10))
+    settled(page)
+    bookmarked = at_or_before(recording, recording["camera"], camera_time(10))[1]
+    assert shown_entry(page, recording["camera"]) == bookmarked
+    width, height, gray = camera_pixels(page, recording["camera"])
+    assert (width, height) == (WIDTH, HEIGHT)
+    assert bytes(gray) == frame(10)[len(f"P5\n{WIDTH} {HEIGHT}\n255\n"):]
+    record_text = page.find_element(By.CSS_SELECTOR, f'.panel[data-source="{recording["camera"]}"] .record').text
+    assert record_text.startswith(f"entry {bookmarked} · ")
+    assert f"· type 1 · {len(frame(10))} B" in record_text and "image/x-portable-graymap" in record_text
+
+
+def test_the_other_panels_decode_json_text_and_name_the_entry(page, recording):
+    page.find_elements(By.CSS_SELECTOR, "#marks .bookmark")[0].click()
+    wait(page, lambda d: state(d, "mvlogView.cursor") == camera_time(10))
+    settled(page)
+    mast_time, mast_id = at_or_before(recording, recording["mast"], camera_time(10))
+    assert shown_entry(page, recording["mast"]) == mast_id
+    index = (mast_time - BASE - 50) // WEATHER_PERIOD
+    tree = page.find_element(By.CSS_SELECTOR, f'.panel[data-source="{recording["mast"]}"] .tree').text
+    assert f"temperature: {json.dumps(weather(index)['temperature'])}" in tree
+    assert 'site: "mast"' in tree
+    notes_time, notes_id = at_or_before(recording, recording["notes"], camera_time(10))
+    text = page.find_element(By.CSS_SELECTOR, f'.panel[data-source="{recording["notes"]}"] pre').text
+    assert text == f"note {(notes_time - BASE - 30) // 1500}: all well"
+
+
+def test_keys_step_through_entries_of_any_source_or_the_selected_one(page, recording):
+    body = page.find_element(By.TAG_NAME, "body")
+    page.find_elements(By.CSS_SELECTOR, "#marks .bookmark")[0].click()
+    wait(page, lambda d: state(d, "mvlogView.cursor") == camera_time(10))
+    times = sorted({t for t, _, _ in recording["entries"]})
+    start = camera_time(10)
+    after = [t for t in times if t > start]
+    body.send_keys(Keys.ARROW_RIGHT)
+    wait(page, lambda d: state(d, "mvlogView.cursor") == after[0])
+    body.send_keys(Keys.ARROW_RIGHT)
+    wait(page, lambda d: state(d, "mvlogView.cursor") == after[1])
+    body.send_keys(Keys.ARROW_LEFT)
+    wait(page, lambda d: state(d, "mvlogView.cursor") == after[0])
+    # The camera lane is selected: Shift steps from frame to frame.
+    page.find_elements(By.CSS_SELECTOR, ".lane-label")[0].click()
+    body.send_keys(Keys.SHIFT, Keys.ARROW_RIGHT)
+    wait(page, lambda d: state(d, "mvlogView.cursor") == camera_time(11))
+    settled(page)
+    assert shown_entry(page, recording["camera"]) == at_or_before(recording, recording["camera"], camera_time(11))[1]
+    # B jumps to the next bookmark, End to the last entry.
+    body.send_keys("b")
+    wait(page, lambda d: state(d, "mvlogView.cursor") == camera_time(45))
+    body.send_keys(Keys.END)
+    wait(page, lambda d: state(d, "mvlogView.cursor") == times[-1])
+
+
+def test_play_at_ten_times_reaches_the_right_entries(page, recording):
+    Select(page.find_element(By.ID, "speed")).select_by_value("10")
+    body = page.find_element(By.TAG_NAME, "body")
+    body.send_keys(Keys.HOME)
+    wait(page, lambda d: state(d, "mvlogView.cursor") == recording["entries"][0][0])
+    settled(page)
+    span = recording["entries"][-1][0] - recording["entries"][0][0]
+    started = time.monotonic()
+    page.find_element(By.ID, "play").click()
+    # Pause half way: the panels show the entries at or before the cursor.
+    time.sleep(span / 10 / 1000 / 2)
+    body.send_keys(" ")
+    settled(page)
+    cursor = state(page, "mvlogView.cursor")
+    assert recording["entries"][0][0] < cursor < recording["entries"][-1][0]
+    for source in (recording["camera"], recording["mast"], recording["notes"]):
+        assert shown_entry(page, source) == at_or_before(recording, source, cursor)[1]
+    # Played on to the end: the last entry of each source.
+    started = time.monotonic()
+    page.find_element(By.ID, "play").click()
+    wait(page, lambda d: not state(d, "mvlogView.playing"), timeout=30)
+    elapsed = time.monotonic() - started
+    remaining = (recording["entries"][-1][0] - cursor) / 10 / 1000
+    assert remaining * 0.5 < elapsed < remaining * 4 + 1
+    settled(page)
+    assert state(page, "mvlogView.cursor") == recording["entries"][-1][0]
+    for source in (recording["camera"], recording["mast"], recording["notes"]):
+        assert shown_entry(page, source) == at_or_before(recording, source, recording["entries"][-1][0])[1]
+
+
+def test_the_plot_of_a_json_field_has_the_payloads_values(page, recording):
+    Select(page.find_element(By.ID, "plot-source")).select_by_value(str(recording["mast"]))
+    wait(page, lambda d: "temperature" in [o.text for o in Select(d.find_element(By.ID, "plot-field")).options])
+    fields = [o.text for o in Select(page.find_element(By.ID, "plot-field")).options]
+    assert fields == ["temperature", "wind.speed", "wind.gusts.0", "wind.gusts.1"]
+    expected = [[t, weather(n)["temperature"], i]
+                for n, (t, i) in enumerate((t, i) for t, i, s in recording["entries"] if s == recording["mast"])]
+    wait(page, lambda d: state(d, "mvlogView.plot.points") == expected, message="temperature points")
+    Select(page.find_element(By.ID, "plot-field")).select_by_value("wind.speed")
+    wait(page, lambda d: state(d, "mvlogView.plot.field") == "wind.speed")
+    expected = [[t, weather(n)["wind"]["speed"], i]
+                for n, (t, i) in enumerate((t, i) for t, i, s in recording["entries"] if s == recording["mast"])]
+    wait(page, lambda d: state(d, "mvlogView.plot.points") == expected, message="wind points")
+    assert page.find_element(By.ID, "plot-info").text == f"{WEATHER_COUNT} points"
+
+
+def test_metadata_resources_and_bookmarks_are_listed(page, recording):
+    metadata = page.find_element(By.ID, "metadata-table").text
+    assert "vessel RV <b>Test</b> text" in metadata
+    assert "applicationName view-test text" in metadata
+    assert page.find_element(By.ID, "resources-table").text.splitlines()[1].startswith("calibration.json 8 B")
+    bookmarks = page.find_element(By.ID, "bookmarks-table").text
+    assert "Turn to port a hard turn" in bookmarks and "Dock" in bookmarks
+
+
+def test_a_damaged_file_says_so(page, recording):
+    item = page.find_elements(By.CSS_SELECTOR, "#files li")[1]
+    assert item.text.split("\n") == ["broken.mvlog", "cannot be shown"]
+    item.click()
+    problem = page.find_element(By.ID, "problem")
+    wait(page, lambda d: problem.is_displayed())
+    assert problem.text.startswith("broken.mvlog cannot be shown: ")
+    assert "mvlog check" in problem.text
+    assert not page.find_element(By.ID, "content").is_displayed()
+
+
+def test_scrubbing_draws_at_least_twenty_frames_a_second(page, recording):
+    # Every camera frame in turn, as a drag across the lane would ask for
+    # them, each one drawn before the next is asked for.
+    # The page starts on frame 0; each of the others is drawn once.
+    times = [camera_time(i) for i in range(1, FRAMES)]
+    result = page.execute_async_script(
+        """const [times, camera, done] = [arguments[0], arguments[1], arguments[arguments.length - 1]];
+        (async () => {
+          const before = mvlogView.drawnBySource[camera] || 0;
+          const started = performance.now();
+          for (const t of times) await setCursor(t);
+          done({frames: mvlogView.drawnBySource[camera] - before, ms: performance.now() - started});
+        })();""", times, recording["camera"])
+    fps = result["frames"] / (result["ms"] / 1000)
+    print(f"scrubbing: {result['frames']} frames in {result['ms']:.0f} ms, {fps:.0f} frames/s")
+    assert result["frames"] == FRAMES - 1
+    assert fps >= 20
+
+
+def test_refusals_seen_from_the_browser(browser, server):
+    port, token = server["port"], server["token"]
+    browser.get(f"http://127.0.0.1:{port}/")
+    assert json.loads(browser.find_element(By.TAG_NAME, "body").text)["error"].startswith("refused")
+    browser.get(f"http://rebound.example:{port}/?token={token}")
+    assert json.loads(browser.find_element(By.TAG_NAME, "body").text)["error"].startswith("refused")
+    browser.get(f"http://127.0.0.1:{port}/api/files/..%2F..%2Fetc%2Fpasswd/summary?token={token}")
+    assert json.loads(browser.find_element(By.TAG_NAME, "body").text) == {"error": "not found"}
+    for target in (f"/etc/passwd?token={token}", f"/api/files/2/summary?token={token}"):
+        with pytest.raises(urllib.error.HTTPError) as refused:
+            urllib.request.urlopen(f"http://127.0.0.1:{port}{target}")
+        assert refused.value.code == 404
+
+
+def test_screenshot(page, recording):
+    """The picture of the page the README shows."""
+    page.find_elements(By.CSS_SELECTOR, "#marks .bookmark")[0].click()
+    wait(page, lambda d: state(d, "mvlogView.cursor") == camera_time(10))
+    settled(page)
+    target = os.environ.get("MVLOG_VIEW_SCREENSHOT")
+    if target:
+        assert page.save_screenshot(target)
+    assert len(page.get_screenshot_as_png()) > 10000
