@@ -39,7 +39,7 @@ test: build
 # AddressSanitizer + UndefinedBehaviorSanitizer over the whole suite, then
 # ThreadSanitizer over every suite that runs threads: the player, the store's
 # waits for other connections and live reading, the database layer, the
-# derived files.
+# derived files, the recorder and mvlog view's server.
 sanitize: asan tsan
 
 asan: deps
@@ -49,8 +49,8 @@ asan: deps
 
 tsan: deps
 	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DMARIVANE_SANITIZE=thread $(DEV_FLAGS)
-	cmake --build $(TSAN_DIR) -j $(JOBS) --target playback_tests sqlite_tests services_tests algorithms_tests concurrency_tests recorder_tests
-	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L 'playback_tests|sqlite_tests|services_tests|algorithms_tests|concurrency_tests|recorder_tests'
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target playback_tests sqlite_tests services_tests algorithms_tests concurrency_tests recorder_tests view_server_tests
+	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L 'playback_tests|sqlite_tests|services_tests|algorithms_tests|concurrency_tests|recorder_tests|view_server_tests'
 
 # libFuzzer targets under ASan+UBSan, each run for FUZZ_SECONDS (CI: 60).
 fuzz:

@@ -596,18 +596,21 @@ void addView(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<ViewCommandOptions>();
     CLI::App* view = app.add_subcommand(
         "view",
-        "Look at log files in a web browser: a lane per data source over time, bookmarks, the entry at a time "
+        "Look at log files in a web browser: a lane per data source over time, bookmarks, the entry at a "
+        "time "
         "cursor decoded (images, JSON, text), plots of JSON fields, metadata and resources");
     view->footer(
         "The page is served on 127.0.0.1 to this machine only, at an address with a random token; the files "
         "are only read, and a file still being recorded (safe mode) shows its new entries.\n"
         "Examples:\n  mvlog view drive.mvlog\n  mvlog view recordings/          (every *.mvlog in it)\n"
         "  mvlog view --no-browser --port 8080 drive.mvlog");
-    view->add_option("FILE", options->files, "Log files, or directories of them (*.mvlog); only read")->required();
+    view->add_option("FILE", options->files, "Log files, or directories of them (*.mvlog); only read")
+        ->required();
     view->add_option("--port", options->port, "Port to listen on (default: any free one)")
         ->check(CLI::Range(0, 65535));
-    view->add_option("--bind", options->bindAddress,
-                     "Address to listen on (default 127.0.0.1; another one lets other machines reach the page)");
+    view->add_option(
+        "--bind", options->bindAddress,
+        "Address to listen on (default 127.0.0.1; another one lets other machines reach the page)");
     view->add_flag("!--no-browser", options->openBrowser, "Only print the address; do not open a browser");
     subcommands.add(
         view, [options] { return options->files; }, [options] { return runView(*options); });

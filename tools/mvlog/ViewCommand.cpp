@@ -62,7 +62,8 @@ pid_t openBrowser(const std::string& url) {
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     pid_t child = 0;
-    if (posix_spawnp(&child, "xdg-open", &actions, nullptr, const_cast<char* const*>(arguments), environ) != 0) {
+    if (posix_spawnp(&child, "xdg-open", &actions, nullptr, const_cast<char* const*>(arguments), environ) !=
+        0) {
         child = 0;
     }
     posix_spawn_file_actions_destroy(&actions);

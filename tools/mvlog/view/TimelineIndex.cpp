@@ -29,7 +29,8 @@ bool timeBefore(int64_t timestamp, const TimelinePoint& point) {
 using Points = std::vector<TimelinePoint>;
 
 // The points of `points` with timestamps in [from, to].
-std::pair<Points::const_iterator, Points::const_iterator> window(const Points& points, int64_t from, int64_t to) {
+std::pair<Points::const_iterator, Points::const_iterator> window(const Points& points, int64_t from,
+                                                                 int64_t to) {
     const auto first = std::lower_bound(points.begin(), points.end(), from, beforeTime);
     const auto last = std::upper_bound(first, points.end(), to, timeBefore);
     return {first, last};
@@ -63,19 +64,21 @@ void TimelineIndex::read(const Marivane::Logging::SqliteLogFile& file, int32_t a
     if (afterId > 0) {
         range.minimumEntryId = afterId + 1;
     }
-    const bool read = file.visitEntrySummaries(range, EntryIndexFilter(), [this](const EntrySummary& summary) {
-        points_[summary.dataSourceId].push_back(TimelinePoint{summary.timestamp, summary.entryId});
-        lastId_ = std::max(lastId_, summary.entryId);
-        ++entries_;
-        return true;
-    });
+    const bool read =
+        file.visitEntrySummaries(range, EntryIndexFilter(), [this](const EntrySummary& summary) {
+            points_[summary.dataSourceId].push_back(TimelinePoint{summary.timestamp, summary.entryId});
+            lastId_ = std::max(lastId_, summary.entryId);
+            ++entries_;
+            return true;
+        });
     if (!read) {
         throw ToolError(fmt::format("{}: cannot read the entries' times: {}", file.getFilePath().string(),
-                                    file.getLastError()));
+                                    file.getLastFailure()));
     }
     for (auto& [source, points] : points_) {
         const auto old = oldSizes.find(source);
-        const auto added = points.begin() + static_cast<std::ptrdiff_t>(old == oldSizes.end() ? 0 : old->second);
+        const auto added =
+            points.begin() + static_cast<std::ptrdiff_t>(old == oldSizes.end() ? 0 : old->second);
         if (added == points.end()) {
             continue;
         }
@@ -92,19 +95,20 @@ std::map<int8_t, std::vector<uint32_t>> TimelineIndex::counts(int64_t from, int6
     if (bins == 0 || to < from) {
         return result;
     }
-    // Bin i covers [from + i * width, from + (i + 1) * width), the last one
-    // up to `to` included; the width is a long double so that any span
-    // divides.
-    const long double span = static_cast<long double>(to) - static_cast<long double>(from) + 1.0L;
-    const long double width = span / bins;
+    // Bin i covers the times t with from + i * span / bins <= t < from +
+    // (i + 1) * span / bins: for whole milliseconds the edge is that
+    // quotient rounded up, worked out exactly in 128 bits.
+    __extension__ using Wide = __int128;
+    const Wide span = static_cast<Wide>(to) - from + 1;
+    const auto edge = [&](uint32_t k) {
+        const Wide scaled = span * k;
+        return static_cast<int64_t>(from + (scaled + bins - 1) / bins);
+    };
     for (const auto& [source, points] : points_) {
         std::vector<uint32_t> counted(bins, 0);
         auto [previous, end] = window(points, from, to);
         for (uint32_t i = 0; i < bins && previous != end; ++i) {
-            const long double binEnd = static_cast<long double>(from) + width * (i + 1);
-            const auto next = i + 1 == bins ? end
-                                            : std::lower_bound(previous, end, static_cast<int64_t>(binEnd),
-                                                               beforeTime);
+            const auto next = i + 1 == bins ? end : std::lower_bound(previous, end, edge(i + 1), beforeTime);
             counted[i] = static_cast<uint32_t>(next - previous);
             previous = next;
         }

@@ -41,7 +41,8 @@ std::string randomToken() {
 bool sameText(const std::string& a, const std::string& b) {
     unsigned difference = a.size() == b.size() ? 0u : 1u;
     for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
-        difference |= static_cast<unsigned>(static_cast<unsigned char>(a[i]) ^ static_cast<unsigned char>(b[i]));
+        difference |=
+            static_cast<unsigned>(static_cast<unsigned char>(a[i]) ^ static_cast<unsigned char>(b[i]));
     }
     return difference == 0;
 }
@@ -192,7 +193,8 @@ void ViewServer::route() {
     });
     server_->set_error_handler([](const httplib::Request&, httplib::Response& response) {
         if (response.body.empty()) {
-            sendJson(response, response.status, Json{{"error", response.status == 404 ? "not found" : "failed"}});
+            sendJson(response, response.status,
+                     Json{{"error", response.status == 404 ? "not found" : "failed"}});
         }
     });
     server_->set_exception_handler(
@@ -234,15 +236,16 @@ void ViewServer::routeFileApi() {
     // Every route below addresses a file by its place in the list: matches[1].
     using Handler = std::function<ViewAnswer(ViewedFile&, const httplib::Request&)>;
     const auto on = [this](const std::string& pattern, Handler handle) {
-        server_->Get("/api/files/(\\d{1,9})/" + pattern,
-                     [this, handle = std::move(handle)](const httplib::Request& request, httplib::Response& response) {
-                         const std::size_t index = std::stoul(request.matches[1].str());
-                         if (index >= files_.size()) {
-                             sendJson(response, 404, Json{{"error", "no such file"}});
-                             return;
-                         }
-                         send(response, handle(*files_[index], request));
-                     });
+        server_->Get(
+            "/api/files/(\\d{1,9})/" + pattern,
+            [this, handle = std::move(handle)](const httplib::Request& request, httplib::Response& response) {
+                const std::size_t index = std::stoul(request.matches[1].str());
+                if (index >= files_.size()) {
+                    sendJson(response, 404, Json{{"error", "no such file"}});
+                    return;
+                }
+                send(response, handle(*files_[index], request));
+            });
     };
     const auto whole = std::numeric_limits<int64_t>::max();
     on("summary", [](ViewedFile& file, const httplib::Request&) { return file.summary(); });
@@ -251,7 +254,9 @@ void ViewServer::routeFileApi() {
         const int64_t to = required(request, "to", from, whole);
         return file.bins(from, to, static_cast<uint32_t>(required(request, "bins", 1, kMaxBins)));
     });
-    on("cursor", [](ViewedFile& file, const httplib::Request& request) { return file.cursor(required(request, "at")); });
+    on("cursor", [](ViewedFile& file, const httplib::Request& request) {
+        return file.cursor(required(request, "at"));
+    });
     on("step", [](ViewedFile& file, const httplib::Request& request) {
         const std::string direction = request.get_param_value("direction");
         if (direction != "next" && direction != "previous") {
@@ -260,7 +265,8 @@ void ViewServer::routeFileApi() {
         return file.step(required(request, "at"), direction == "next", sourceParameter(request));
     });
     on("entries/(\\d{1,10})/payload", [](ViewedFile& file, const httplib::Request& request) {
-        const auto id = static_cast<int32_t>(std::min<int64_t>(std::stoll(request.matches[2].str()), INT32_MAX));
+        const auto id =
+            static_cast<int32_t>(std::min<int64_t>(std::stoll(request.matches[2].str()), INT32_MAX));
         return file.payload(id, static_cast<std::size_t>(optional(request, "limit", 0, 0, kMaxPreview)));
     });
     on("fields", [](ViewedFile& file, const httplib::Request& request) {
@@ -271,7 +277,8 @@ void ViewServer::routeFileApi() {
         const int64_t from = required(request, "from");
         const int64_t to = required(request, "to", from, whole);
         const auto limit = optional(request, "limit", kDefaultPoints, 1, kMaxPoints);
-        return file.series(source, request.get_param_value("field"), from, to, static_cast<std::size_t>(limit));
+        return file.series(source, request.get_param_value("field"), from, to,
+                           static_cast<std::size_t>(limit));
     });
     on("resources/(\\d{1,9})", [](ViewedFile& file, const httplib::Request& request) {
         return file.resource(std::stoul(request.matches[2].str()));

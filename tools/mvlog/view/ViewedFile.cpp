@@ -61,8 +61,8 @@ void collectNumericPaths(const Json& value, const std::string& prefix, std::vect
         }
     } else if (value.is_array()) {
         for (std::size_t i = 0; i < value.size(); ++i) {
-            collectNumericPaths(value[i], prefix.empty() ? std::to_string(i) : fmt::format("{}.{}", prefix, i),
-                                paths);
+            collectNumericPaths(value[i],
+                                prefix.empty() ? std::to_string(i) : fmt::format("{}.{}", prefix, i), paths);
         }
     }
 }
@@ -137,7 +137,11 @@ std::string ViewedFile::problem() const {
 
 std::size_t ViewedFile::entryCount() const {
     const std::lock_guard lock(lock_);
-    return timeline_ ? timeline_->entryCount() : file_ && problem_.empty() ? file_->getEntryCount() : 0;
+    if (timeline_) {
+        return timeline_->entryCount();
+    }
+    const int32_t count = file_ && problem_.empty() ? file_->getEntryCount() : 0;
+    return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 
 bool ViewedFile::ready() {
@@ -184,28 +188,30 @@ ViewAnswer ViewedFile::summary() {
         const auto firstEntry = timeline_->firstOf(source.id);
         const auto lastEntry = timeline_->lastOf(source.id);
         const auto properties = propertiesBySource.find(source.id);
-        sources.push_back(Json{{"id", source.id},
-                               {"name", source.name},
-                               {"type", dataSourceTypeName(source.type)},
-                               {"encoding", PayloadEncoding::declared(file, source.id).value_or("")},
-                               {"entries", count},
-                               {"firstTimestamp", firstEntry ? Json(firstEntry->timestamp) : Json()},
-                               {"lastTimestamp", lastEntry ? Json(lastEntry->timestamp) : Json()},
-                               {"rate", median > 0 ? 1000.0 / static_cast<double>(median) : 0.0},
-                               {"medianIntervalMs", median},
-                               {"properties", properties == propertiesBySource.end() ? Json::array()
-                                                                                     : properties->second}});
+        sources.push_back(Json{
+            {"id", source.id},
+            {"name", source.name},
+            {"type", dataSourceTypeName(source.type)},
+            {"encoding", PayloadEncoding::declared(file, source.id).value_or("")},
+            {"entries", count},
+            {"firstTimestamp", firstEntry ? Json(firstEntry->timestamp) : Json()},
+            {"lastTimestamp", lastEntry ? Json(lastEntry->timestamp) : Json()},
+            {"rate", median > 0 ? 1000.0 / static_cast<double>(median) : 0.0},
+            {"medianIntervalMs", median},
+            {"properties", properties == propertiesBySource.end() ? Json::array() : properties->second}});
     }
     Json metadata = Json::array();
     for (const auto& entry : file.getAllMetadata()) {
-        metadata.push_back(
-            Json{{"key", entry.key}, {"type", propertyTypeName(entry.value)}, {"value", propertyJson(entry.value)}});
+        metadata.push_back(Json{{"key", entry.key},
+                                {"type", propertyTypeName(entry.value)},
+                                {"value", propertyJson(entry.value)}});
     }
     Json resources = Json::array();
     std::optional<std::size_t> thumbnail;
     const auto allResources = file.getAllResources();
     for (std::size_t i = 0; i < allResources.size(); ++i) {
-        resources.push_back(Json{{"index", i}, {"name", allResources[i].name}, {"size", allResources[i].data.size()}});
+        resources.push_back(
+            Json{{"index", i}, {"name", allResources[i].name}, {"size", allResources[i].data.size()}});
         if (!thumbnail && allResources[i].name == "thumbnail") {
             thumbnail = i;
         }
@@ -252,15 +258,16 @@ ViewAnswer ViewedFile::bins(int64_t from, int64_t to, uint32_t bins) {
         }
         lanes[std::to_string(source)] = Json{{"counts", counts}, {"gaps", gaps}};
     }
-    return ViewAnswer{200,
-                      Json{{"from", from},
-                           {"to", to},
-                           {"bins", bins},
-                           {"entries", timeline_->entryCount()},
-                           {"lastTimestamp", timeline_->lastTimestamp() ? Json(*timeline_->lastTimestamp()) : Json()},
-                           {"lanes", lanes}},
-                      std::nullopt,
-                      {}};
+    return ViewAnswer{
+        200,
+        Json{{"from", from},
+             {"to", to},
+             {"bins", bins},
+             {"entries", timeline_->entryCount()},
+             {"lastTimestamp", timeline_->lastTimestamp() ? Json(*timeline_->lastTimestamp()) : Json()},
+             {"lanes", lanes}},
+        std::nullopt,
+        {}};
 }
 
 ViewAnswer ViewedFile::cursor(int64_t at) {
@@ -280,8 +287,10 @@ ViewAnswer ViewedFile::step(int64_t at, bool forward, std::optional<int8_t> sour
     if (!ready()) {
         return ViewAnswer::refused(422, problem_);
     }
-    return ViewAnswer{200, pointJson(forward ? timeline_->next(at, source) : timeline_->previous(at, source)),
-                      std::nullopt, {}};
+    return ViewAnswer{200,
+                      pointJson(forward ? timeline_->next(at, source) : timeline_->previous(at, source)),
+                      std::nullopt,
+                      {}};
 }
 
 // The record's fields travel as headers, so that one request per entry
@@ -298,14 +307,14 @@ ViewAnswer ViewedFile::payload(int32_t entryId, std::size_t limit) {
                                                      return false;
                                                  });
     if (!read) {
-        return ViewAnswer::refused(500, file_->getLastError());
+        return ViewAnswer::refused(500, file_->getLastFailure());
     }
     if (!found) {
         return ViewAnswer::refused(404, fmt::format("no entry {}", entryId));
     }
     const auto data = file_->readEntry(entryId);
     if (!data) {
-        return ViewAnswer::refused(500, file_->getLastError());
+        return ViewAnswer::refused(500, file_->getLastFailure());
     }
     ViewAnswer answer;
     const std::size_t size = data->data.size();
@@ -342,7 +351,8 @@ ViewAnswer ViewedFile::fields(int8_t source) {
     return ViewAnswer{200, Json{{"dataSourceId", source}, {"fields", paths}}, std::nullopt, {}};
 }
 
-ViewAnswer ViewedFile::series(int8_t source, const std::string& field, int64_t from, int64_t to, std::size_t limit) {
+ViewAnswer ViewedFile::series(int8_t source, const std::string& field, int64_t from, int64_t to,
+                              std::size_t limit) {
     const std::lock_guard lock(lock_);
     if (!ready()) {
         return ViewAnswer::refused(422, problem_);

@@ -66,7 +66,8 @@ public:
     // The numeric fields of a source's JSON payloads, as dotted paths.
     ViewAnswer fields(int8_t source);
     // A numeric field of a source's JSON payloads over [from, to]: every
-    // entry when there are at most `limit`, otherwise `limit` spread evenly.
+    // entry when there are at most `limit`, otherwise `limit` spread evenly
+    // ("withoutValue" counts the entries read that lack the field).
     ViewAnswer series(int8_t source, const std::string& field, int64_t from, int64_t to, std::size_t limit);
     // A resource's bytes by its place in the list of resources.
     ViewAnswer resource(std::size_t index);
