@@ -77,8 +77,9 @@ soak: build
 bench: deps
 	cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DMARIVANE_BUILD_BENCH=ON \
 		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_TOOLS=ON $(PYTHON_FLAGS)
-	cmake --build $(BENCH_DIR) -j $(JOBS) --target marivane_bench marivane_python_core marivane_python_files
+	cmake --build $(BENCH_DIR) -j $(JOBS) --target marivane_bench marivane_view_bench marivane_python_core marivane_python_files
 	./$(BENCH_DIR)/bench/marivane_bench
+	./$(BENCH_DIR)/bench/marivane_view_bench
 	PYTHONPATH=$(BENCH_DIR)/python /usr/bin/python3 python/bench/bench_python.py
 
 # Builds only the tool (no tests, no Python module), so the first output
