@@ -34,7 +34,9 @@ CAMERA_PERIOD = 100
 # The camera is silent for 2 s after frame GAP_AFTER.
 GAP_AFTER = 39
 GAP_MS = 2000
-HOSTILE_NAME = '<img src=x onerror="window.pwned=1">"\\'
+# Texts from a file are hostile: were they markup, the page would run this.
+HOSTILE_NAME = 'deck log <script>'
+HOSTILE_VESSEL = 'RV <img src=x onerror="window.pwned=1">Test'
 
 
 def camera_time(i: int) -> int:
@@ -65,7 +67,7 @@ def record(path: str) -> dict:
         f.add_encoding(camera, ml.Encoding.GRAYMAP)
         f.add_encoding(mast, ml.Encoding.JSON)
         f.add_encoding(notes, ml.Encoding.TEXT)
-        f.add_metadata("vessel", "RV <b>Test</b>")
+        f.add_metadata("vessel", HOSTILE_VESSEL)
         f.add_resource("calibration.json", b'{"k": 1}')
         log = []
         for i in range(FRAMES):
@@ -289,7 +291,8 @@ def test_the_plot_of_a_json_field_has_the_payloads_values(page, recording):
 
 def test_metadata_resources_and_bookmarks_are_listed(page, recording):
     metadata = page.find_element(By.ID, "metadata-table").text
-    assert "vessel RV <b>Test</b> text" in metadata
+    assert f"vessel {HOSTILE_VESSEL} text" in metadata
+    assert state(page, "window.pwned") is None
     assert "applicationName view-test text" in metadata
     assert page.find_element(By.ID, "resources-table").text.splitlines()[1].startswith("calibration.json 8 B")
     bookmarks = page.find_element(By.ID, "bookmarks-table").text
