@@ -9,13 +9,16 @@ damaged file's message and the refusals of the server.
 
 from __future__ import annotations
 
+import hashlib
 import json
 import os
 import re
+import struct
 import subprocess
 import time
 import urllib.error
 import urllib.request
+import zlib
 
 import pytest
 from selenium import webdriver
@@ -49,6 +52,26 @@ def frame(i: int) -> bytes:
     return f"P5\n{WIDTH} {HEIGHT}\n255\n".encode() + pixels
 
 
+PNG_WIDTH, PNG_HEIGHT = 16, 12
+PNG_COUNT = 8
+PNG_PERIOD = 1000
+
+
+def png_pixels(i: int) -> bytes:
+    """The RGB pixels of the rear camera's i-th picture."""
+    return bytes(v for y in range(PNG_HEIGHT) for x in range(PNG_WIDTH)
+                 for v in ((x * 16 + i) % 256, (y * 20) % 256, (i * 30) % 256))
+
+
+def png(width: int, height: int, rgb: bytes) -> bytes:
+    """A PNG of 8-bit RGB pixels, written by hand."""
+    def chunk(kind: bytes, data: bytes) -> bytes:
+        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data) & 0xFFFFFFFF)
+    rows = b"".join(b"\x00" + rgb[y * width * 3:(y + 1) * width * 3] for y in range(height))
+    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0))
+            + chunk(b"IDAT", zlib.compress(rows)) + chunk(b"IEND", b""))
+
+
 def weather(i: int) -> dict:
     return {"temperature": round(10 + 0.25 * i, 2), "wind": {"speed": i % 7, "gusts": [i, i + 1]}, "site": "mast"}
 
@@ -67,6 +90,9 @@ def record(path: str) -> dict:
         f.add_encoding(camera, ml.Encoding.GRAYMAP)
         f.add_encoding(mast, ml.Encoding.JSON)
         f.add_encoding(notes, ml.Encoding.TEXT)
+        rear = f.add_data_source(ml.SourceType.CAMERA, "rear camera")
+        f.add_encoding(rear, ml.Encoding.PNG)
+        f.set_thumbnail(png(PNG_WIDTH, PNG_HEIGHT, png_pixels(0)))
         f.add_metadata("vessel", HOSTILE_VESSEL)
         f.add_resource("calibration.json", b'{"k": 1}')
         log = []
@@ -76,6 +102,8 @@ def record(path: str) -> dict:
             log.append((BASE + 50 + WEATHER_PERIOD * i, mast, 2, json.dumps(weather(i)).encode()))
         for i in range(4):
             log.append((BASE + 1500 * i + 30, notes, 3, f"note {i}: all well".encode()))
+        for i in range(PNG_COUNT):
+            log.append((BASE + 70 + PNG_PERIOD * i, rear, 4, png(PNG_WIDTH, PNG_HEIGHT, png_pixels(i))))
         log.sort(key=lambda e: e[0])
         with f.batch():
             for next_id, (timestamp, source, kind, payload) in enumerate(log, start=1):
@@ -84,7 +112,8 @@ def record(path: str) -> dict:
         ids = {(t, s): i for t, i, s in entries}
         f.add_bookmark(ids[(camera_time(10), camera)], "Turn to port", "a hard turn")
         f.add_bookmark(ids[(camera_time(45), camera)], "Dock", "")
-    return {"entries": entries, "camera": camera, "mast": mast, "notes": notes}
+    return {"entries": entries, "camera": camera, "mast": mast, "notes": notes, "rear": rear,
+            "sources": [camera, mast, notes, rear]}
 
 
 @pytest.fixture(scope="module")
@@ -100,16 +129,33 @@ def recording(tmp_path_factory):
     return known
 
 
-@pytest.fixture(scope="module")
-def server(recording):
-    process = subprocess.Popen([MVLOG, "view", "--no-browser", recording["path"], recording["damaged"]],
+def digest(path: str) -> str:
+    with open(path, "rb") as read:
+        return hashlib.sha256(read.read()).hexdigest()
+
+
+def serve(*arguments):
+    """Starts mvlog view; returns the process and what its first line says."""
+    process = subprocess.Popen([MVLOG, "view", "--no-browser", *arguments],
                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     line = process.stdout.readline()
-    match = re.search(r"open (http://127\.0\.0\.1:(\d+)/\?token=([0-9a-f]+))", line)
+    match = re.search(r"^Serving (\d+) files?: open (http://127\.0\.0\.1:(\d+)/\?token=([0-9a-f]{32}))$", line)
     assert match, line + process.stderr.read()
-    yield {"url": match.group(1), "port": int(match.group(2)), "token": match.group(3)}
+    return process, {"files": int(match.group(1)), "url": match.group(2), "port": int(match.group(3)),
+                     "token": match.group(4)}
+
+
+@pytest.fixture(scope="module")
+def server(recording):
+    # A fleet: the directory of the recording and the damaged file.
+    before = digest(recording["path"])
+    process, served = serve(os.path.dirname(recording["path"]))
+    assert served["files"] == 2
+    yield served
     process.terminate()
     assert process.wait(timeout=10) == 0
+    # Looking never changes a byte.
+    assert digest(recording["path"]) == before
 
 
 @pytest.fixture(scope="module")
@@ -156,27 +202,30 @@ def settled(driver):
     wait(driver, lambda d: state(d, "!mvlogView.busy && !mvlogView.pending"))
 
 
-def camera_pixels(driver, source):
+def camera_pixels(driver, source, channels=1):
+    """The width, height and pixels (gray, or RGB for 3 channels) of a panel's picture."""
     return driver.execute_script(
         """const canvas = document.querySelector(`.panel[data-source="${arguments[0]}"] canvas`);
         if (!canvas) return null;
         const data = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
-        const gray = [];
-        for (let i = 0; i < data.length; i += 4) gray.push(data[i]);
-        return [canvas.width, canvas.height, gray];""", source)
+        const pixels = [];
+        for (let i = 0; i < data.length; i += 4) for (let c = 0; c < arguments[1]; c++) pixels.push(data[i + c]);
+        return [canvas.width, canvas.height, pixels];""", source, channels)
 
 
 def test_lanes_name_every_source_with_its_type_and_rate(page, recording):
     names = [e.text for e in page.find_elements(By.CSS_SELECTOR, ".lane-label .lane-name")]
-    assert names == ["[1] front camera", "[2] weather mast", f"[3] {HOSTILE_NAME}"]
+    assert names == ["[1] front camera", "[2] weather mast", f"[3] {HOSTILE_NAME}", "[4] rear camera"]
     details = [e.text for e in page.find_elements(By.CSS_SELECTOR, ".lane-label small")]
-    assert details == ["Camera · 10 Hz", "Environment · 2.0 Hz", "Generic · every 1.500 s"]
+    assert details == ["Camera · 10 Hz", "Environment · 2.0 Hz", "Generic · every 1.500 s", "Camera · 1.0 Hz"]
     # A hostile name is text, never markup.
     assert state(page, "window.pwned") is None
     files = [e.text.split("\n")[0] for e in page.find_elements(By.CSS_SELECTOR, "#files li")]
-    assert files == ["survey.mvlog", "broken.mvlog"]
+    # In name order; the first file that can be shown is opened.
+    assert files == ["broken.mvlog", "survey.mvlog"]
+    assert page.find_element(By.CSS_SELECTOR, "#files li.chosen").text.startswith("survey.mvlog")
     facts = page.find_element(By.ID, "facts").text
-    assert f"{len(recording['entries'])} entries, 3 data sources" in facts
+    assert f"{len(recording['entries'])} entries, 4 data sources" in facts
     assert "time index: no" in facts and "durability: fast" in facts
 
 
@@ -215,6 +264,12 @@ def test_the_other_panels_decode_json_text_and_name_the_entry(page, recording):
     notes_time, notes_id = at_or_before(recording, recording["notes"], camera_time(10))
     text = page.find_element(By.CSS_SELECTOR, f'.panel[data-source="{recording["notes"]}"] pre').text
     assert text == f"note {(notes_time - BASE - 30) // 1500}: all well"
+    # A PNG, decoded by the browser: pixel for pixel what was logged.
+    rear_time, rear_id = at_or_before(recording, recording["rear"], camera_time(10))
+    assert shown_entry(page, recording["rear"]) == rear_id
+    width, height, rgb = camera_pixels(page, recording["rear"], channels=3)
+    assert (width, height) == (PNG_WIDTH, PNG_HEIGHT)
+    assert bytes(rgb) == png_pixels((rear_time - BASE - 70) // PNG_PERIOD)
 
 
 def test_keys_step_through_entries_of_any_source_or_the_selected_one(page, recording):
@@ -258,7 +313,7 @@ def test_play_at_ten_times_reaches_the_right_entries(page, recording):
     settled(page)
     cursor = state(page, "mvlogView.cursor")
     assert recording["entries"][0][0] < cursor < recording["entries"][-1][0]
-    for source in (recording["camera"], recording["mast"], recording["notes"]):
+    for source in recording["sources"]:
         assert shown_entry(page, source) == at_or_before(recording, source, cursor)[1]
     # Played on to the end: the last entry of each source.
     started = time.monotonic()
@@ -269,7 +324,7 @@ def test_play_at_ten_times_reaches_the_right_entries(page, recording):
     assert remaining * 0.5 < elapsed < remaining * 4 + 1
     settled(page)
     assert state(page, "mvlogView.cursor") == recording["entries"][-1][0]
-    for source in (recording["camera"], recording["mast"], recording["notes"]):
+    for source in recording["sources"]:
         assert shown_entry(page, source) == at_or_before(recording, source, recording["entries"][-1][0])[1]
 
 
@@ -294,13 +349,18 @@ def test_metadata_resources_and_bookmarks_are_listed(page, recording):
     assert f"vessel {HOSTILE_VESSEL} text" in metadata
     assert state(page, "window.pwned") is None
     assert "applicationName view-test text" in metadata
-    assert page.find_element(By.ID, "resources-table").text.splitlines()[1].startswith("calibration.json 8 B")
+    resources = page.find_element(By.ID, "resources-table").text.splitlines()
+    thumbnail_size = len(png(PNG_WIDTH, PNG_HEIGHT, png_pixels(0)))
+    assert resources[1:] == [f"thumbnail {thumbnail_size} B download", "calibration.json 8 B download"]
     bookmarks = page.find_element(By.ID, "bookmarks-table").text
     assert "Turn to port a hard turn" in bookmarks and "Dock" in bookmarks
+    # The thumbnail, drawn by the browser.
+    thumbnail = page.find_element(By.ID, "thumbnail")
+    wait(page, lambda d: thumbnail.is_displayed() and state(d, "document.getElementById('thumbnail').naturalWidth") == PNG_WIDTH)
 
 
 def test_a_damaged_file_says_so(page, recording):
-    item = page.find_elements(By.CSS_SELECTOR, "#files li")[1]
+    item = page.find_elements(By.CSS_SELECTOR, "#files li")[0]
     assert item.text.split("\n") == ["broken.mvlog", "cannot be shown"]
     item.click()
     problem = page.find_element(By.ID, "problem")
@@ -352,3 +412,49 @@ def test_screenshot(page, recording):
     if target:
         assert page.save_screenshot(target)
     assert len(page.get_screenshot_as_png()) > 10000
+
+
+def test_a_file_being_recorded_shows_its_new_entries(browser, tmp_path):
+    path = os.fspath(tmp_path / "live.mvlog")
+    with ml.LogFile.create(path, application="live", version="1", durability=ml.Durability.SAFE) as writer:
+        source = writer.add_data_source(ml.SourceType.GENERIC, "counter")
+        writer.add_encoding(source, ml.Encoding.TEXT)
+        for i in range(10):
+            writer.log(source, 1, f"count {i}".encode(), BASE + 100 * i)
+        process, served = serve(path)
+        try:
+            browser.get(served["url"])
+            wait(browser, lambda d: "10 entries" in d.find_element(By.ID, "facts").text)
+            for i in range(10, 25):
+                writer.log(source, 1, f"count {i}".encode(), BASE + 100 * i)
+            wait(browser, lambda d: "25 entries" in d.find_element(By.ID, "facts").text, timeout=15,
+                 message="the page did not show the new entries")
+            browser.find_element(By.TAG_NAME, "body").send_keys(Keys.END)
+            wait(browser, lambda d: state(d, "mvlogView.cursor") == BASE + 2400)
+            settled(browser)
+            assert browser.find_element(By.CSS_SELECTOR, '.panel[data-source="1"] pre').text == "count 24"
+        finally:
+            process.terminate()
+            assert process.wait(timeout=10) == 0
+
+
+def test_listening_beyond_this_machine_warns(recording):
+    process = subprocess.Popen([MVLOG, "view", "--no-browser", "--bind", "0.0.0.0", recording["path"]],
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        assert process.stderr.readline() == ("mvlog view: warning: listening on 0.0.0.0: whoever reaches this "
+                                             "address and has the address with its token can read the files\n")
+        assert process.stdout.readline().startswith("Serving 1 file: open http://127.0.0.1:")
+    finally:
+        process.terminate()
+        process.wait(timeout=10)
+
+
+def test_a_directory_without_log_files_is_refused(tmp_path):
+    result = subprocess.run([MVLOG, "view", "--no-browser", os.fspath(tmp_path)], capture_output=True, text=True)
+    assert result.returncode == 1
+    assert result.stderr == f"mvlog: {os.fspath(tmp_path)}: no log files (*.mvlog) in this directory\n"
+    result = subprocess.run([MVLOG, "view", "--no-browser", os.fspath(tmp_path / "missing.mvlog")],
+                            capture_output=True, text=True)
+    assert result.returncode == 1
+    assert result.stderr == f"mvlog: {os.fspath(tmp_path / 'missing.mvlog')}: no such file\n"

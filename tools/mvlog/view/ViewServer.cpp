@@ -12,6 +12,7 @@
 #include <arpa/inet.h>
 
 #include <charconv>
+#include <chrono>
 #include <limits>
 #include <random>
 
@@ -292,7 +293,17 @@ void ViewServer::start() {
     if (port_ <= 0) {
         throw ToolError(fmt::format("view: cannot listen on {}:{}", options_.bindAddress, options_.port));
     }
-    thread_ = std::thread([this] { server_->listen_after_bind(); });
+    listening_ = true;
+    thread_ = std::thread([this] {
+        server_->listen_after_bind();
+        listening_ = false;
+    });
+    // stop() only ends a server that runs: one asked to stop at once (a
+    // SIGTERM right after start) must first be running, or its thread would
+    // serve on and never be joined.
+    while (listening_ && !server_->is_running()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 void ViewServer::stop() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -72,6 +73,7 @@ private:
     std::vector<std::unique_ptr<ViewedFile>> files_;
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
+    std::atomic<bool> listening_{false};
     int port_ = 0;
 };
 
