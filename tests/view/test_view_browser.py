@@ -458,3 +458,30 @@ def test_a_directory_without_log_files_is_refused(tmp_path):
                             capture_output=True, text=True)
     assert result.returncode == 1
     assert result.stderr == f"mvlog: {os.fspath(tmp_path / 'missing.mvlog')}: no such file\n"
+
+
+def test_zoom_by_keys_and_wheel_down_to_single_entries(page, recording):
+    from selenium.webdriver.common.action_chains import ActionChains
+    from selenium.webdriver.common.actions.wheel_input import ScrollOrigin
+
+    page.find_elements(By.CSS_SELECTOR, "#marks .bookmark")[0].click()
+    wait(page, lambda d: state(d, "mvlogView.cursor") == camera_time(10))
+    whole = state(page, "mvlogView.to - mvlogView.from")
+    body = page.find_element(By.TAG_NAME, "body")
+    body.send_keys("+")
+    wait(page, lambda d: abs(state(d, "mvlogView.to - mvlogView.from") - whole / 2) < 1)
+    # The wheel zooms in at the pointer, until the lanes show entries one by one.
+    lanes = page.find_element(By.ID, "timeline")
+    for _ in range(12):
+        ActionChains(page).scroll_from_origin(ScrollOrigin.from_element(lanes), 0, -300).perform()
+    wait(page, lambda d: state(d, "mvlogView.to - mvlogView.from") <= 100)
+    wait(page, lambda d: state(d, "mvlogView.bins.from") == state(d, "Math.floor(mvlogView.from)"))
+    low, high = state(page, "[mvlogView.bins.from, mvlogView.bins.to]")
+    counts = state(page, "mvlogView.bins.lanes['1'].counts")
+    in_window = [t for t, _, s in recording["entries"] if s == recording["camera"] and low <= t <= high]
+    # Every bin holds at most one camera frame: each is drawn on its own.
+    assert sum(counts) == len(in_window) and max(counts, default=0) <= 1
+    # "0" shows the whole file again.
+    body.send_keys("0")
+    wait(page, lambda d: state(d, "mvlogView.from") <= recording["entries"][0][0]
+         and state(d, "mvlogView.to") >= recording["entries"][-1][0])

@@ -248,11 +248,10 @@ void ViewServer::routeFileApi() {
                 send(response, handle(*files_[index], request));
             });
     };
-    const auto whole = std::numeric_limits<int64_t>::max();
     on("summary", [](ViewedFile& file, const httplib::Request&) { return file.summary(); });
-    on("bins", [whole](ViewedFile& file, const httplib::Request& request) {
+    on("bins", [](ViewedFile& file, const httplib::Request& request) {
         const int64_t from = required(request, "from");
-        const int64_t to = required(request, "to", from, whole);
+        const int64_t to = required(request, "to", from, INT64_MAX);
         return file.bins(from, to, static_cast<uint32_t>(required(request, "bins", 1, kMaxBins)));
     });
     on("cursor", [](ViewedFile& file, const httplib::Request& request) {
@@ -273,10 +272,10 @@ void ViewServer::routeFileApi() {
     on("fields", [](ViewedFile& file, const httplib::Request& request) {
         return file.fields(static_cast<int8_t>(required(request, "source", INT8_MIN, INT8_MAX)));
     });
-    on("series", [whole](ViewedFile& file, const httplib::Request& request) {
+    on("series", [](ViewedFile& file, const httplib::Request& request) {
         const auto source = static_cast<int8_t>(required(request, "source", INT8_MIN, INT8_MAX));
         const int64_t from = required(request, "from");
-        const int64_t to = required(request, "to", from, whole);
+        const int64_t to = required(request, "to", from, INT64_MAX);
         const auto limit = optional(request, "limit", kDefaultPoints, 1, kMaxPoints);
         return file.series(source, request.get_param_value("field"), from, to,
                            static_cast<std::size_t>(limit));
