@@ -349,6 +349,15 @@ void printSummary(const Figures& figures, std::ostream& out) {
                        0.95);
         }
     }
+    table.section(
+        "Expanding on every core (library: visitEntries with decompressionThreads 0; baseline column: the "
+        "same "
+        "read expanding on its own thread)");
+    for (std::size_t size : kPayloadSizes) {
+        table.pair(figures, label("visitEntries on every core", -1, size),
+                   readName("stream", "threads", -1, size), readName("stream", "library", -1, size),
+                   size >= 16 * 1024 ? 1.6 : 1.0);
+    }
     table.section("Streaming against readEntries (library: visitEntries; baseline column: readEntries)");
     for (int level : kCompressionLevels) {
         for (std::size_t size : kPayloadSizes) {

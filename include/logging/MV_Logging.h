@@ -256,6 +256,13 @@ MV_LOGGING_EXPORT bool MV_LogFile_HasChecksums(MV_LogFile_p file, bool* present,
  * match ends the visit with an error naming the entry. */
 MV_LOGGING_EXPORT bool MV_LogFile_SetChecksumVerification(MV_LogFile_p file, bool enabled,
                                                           MV_LogError_p* error);
+/* The threads that expand compressed payloads during this handle's
+ * MV_LogFile_VisitEntries and MV_LogFile_VisitEntriesOrdered: 1 (the
+ * default) expands on the calling thread, 0 uses one per core, N uses N.
+ * Entries still reach the callback in order, on the calling thread, and a
+ * failure names its entry as before; what is read ahead is bounded. A
+ * negative number fails. */
+MV_LOGGING_EXPORT bool MV_LogFile_SetReadThreads(MV_LogFile_p file, int32_t threads, MV_LogError_p* error);
 
 /* ---- Recorder -------------------------------------------------------------- */
 /* Records into a new file from any number of threads: MV_LogRecorder_Record

@@ -40,6 +40,15 @@ struct VisitOptions {
     // through SQLite's sorter, which spills to temporary files: memory stays
     // flat whatever the size of the file.
     EntryOrder order = EntryOrder::Id;
+    // Threads that expand compressed payloads while the caller's thread
+    // reads and visits: 1 expands on the caller's thread (as before this
+    // option), 0 one per core, N that many. Entries are still handed out in
+    // order, on the caller's thread, each failure naming its entry as
+    // before; what is read ahead is bounded (a few batches of at most 256
+    // entries or 256 KiB each per thread). A read of fewer entries than one
+    // batch starts no thread. Applies to PayloadForm::Expanded reads of
+    // compressed files; negative values read as 1.
+    int decompressionThreads = 1;
 };
 
 }  // namespace Marivane::Logging

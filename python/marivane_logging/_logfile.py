@@ -463,7 +463,8 @@ class LogFile:
         ValueError). A slice of it, or an array made from it, that the
         callback keeps stays valid with its own bytes. Return False from the
         callback to stop. An exception from the callback ends the read and
-        propagates.
+        propagates. Compressed payloads are expanded on every core while the
+        callback runs, still handed over in order.
 
         The callback may read this file (look entries up, visit again), but
         closing the file or writing to it while the visit walks it raises

@@ -89,15 +89,19 @@ ml::EntryOrder parseOrder(const std::string& order) {
 }
 
 // visitEntries with the visitor last, where a long lambda reads best.
+// `threads` expand payloads ahead of the visitor (VisitOptions): a visit
+// that runs to its end gains from them, a chunk of an iterator would throw
+// away what they read ahead.
 template <typename Visitor>
 bool visitSelection(const ml::SqliteLogFile& file, const Selection& selection, bool verifyChecksums,
-                    ml::EntryOrder order, const Visitor& visitor) {
+                    ml::EntryOrder order, int threads, const Visitor& visitor) {
     // Without a handler for damaged entries the first one (a payload that
     // does not expand, or does not match its checksum) ends the read as
     // failed, which raises.
     ml::VisitOptions options;
     options.verifyChecksums = verifyChecksums;
     options.order = order;
+    options.decompressionThreads = threads;
     return file.visitEntries(selection.range, selection.filter, visitor, options);
 }
 
@@ -209,33 +213,34 @@ private:
         std::vector<Pending> pending;
         const bool copyToArena = payloadAs_ != PayloadAs::Bytes;
         uint64_t before = file.getFailureCount();
-        bool ok = visitSelection(file, selection_, verifyChecksums_, order_, [&](const ml::EntryView& view) {
-            // A time-ordered chunk starts at the previous one's last
-            // timestamp: the entries of that timestamp handed out already
-            // come first, by id.
-            if (resumeAfter_ && view.timestamp == resumeAfter_->first &&
-                view.entryId <= resumeAfter_->second) {
+        bool ok =
+            visitSelection(file, selection_, verifyChecksums_, order_, 1, [&](const ml::EntryView& view) {
+                // A time-ordered chunk starts at the previous one's last
+                // timestamp: the entries of that timestamp handed out already
+                // come first, by id.
+                if (resumeAfter_ && view.timestamp == resumeAfter_->first &&
+                    view.entryId <= resumeAfter_->second) {
+                    return true;
+                }
+                if (copyToArena) {
+                    pending.push_back(Pending{view.entryId, view.dataSourceId, view.type, view.timestamp,
+                                              arena.size(), view.size});
+                    arena.insert(arena.end(), view.data, view.data + view.size);
+                } else {
+                    // Copied while the reader's buffer is still in the cache.
+                    chunk_.push_back(makeEntry(view.entryId, view.dataSourceId, view.type, view.timestamp,
+                                               toBytes(view.data, view.size)));
+                }
+                ++count;
+                lastId = view.entryId;
+                lastTimestamp = view.timestamp;
+                bytes += view.size;
+                if (count >= chunkEntries_ || bytes >= chunkBytes_) {
+                    stopped = true;
+                    return false;
+                }
                 return true;
-            }
-            if (copyToArena) {
-                pending.push_back(Pending{view.entryId, view.dataSourceId, view.type, view.timestamp,
-                                          arena.size(), view.size});
-                arena.insert(arena.end(), view.data, view.data + view.size);
-            } else {
-                // Copied while the reader's buffer is still in the cache.
-                chunk_.push_back(makeEntry(view.entryId, view.dataSourceId, view.type, view.timestamp,
-                                           toBytes(view.data, view.size)));
-            }
-            ++count;
-            lastId = view.entryId;
-            lastTimestamp = view.timestamp;
-            bytes += view.size;
-            if (count >= chunkEntries_ || bytes >= chunkBytes_) {
-                stopped = true;
-                return false;
-            }
-            return true;
-        });
+            });
         if (!ok) {
             chunk_.clear();
             finished_ = true;
@@ -473,7 +478,7 @@ void bindEntries(py::module_& m) {
             int64_t visited = 0;
             PayloadBuffers buffers;
             bool ok =
-                visitSelection(f, selection, verifyChecksums, entryOrder, [&](const ml::EntryView& view) {
+                visitSelection(f, selection, verifyChecksums, entryOrder, 0, [&](const ml::EntryView& view) {
                     py::object payloadView;
                     py::object payload;
                     if (as == PayloadAs::Bytes) {

@@ -49,6 +49,8 @@ struct MV_LogFile {
     std::optional<Marivane::Logging::SqliteLogFile::WriteBatch> batch = std::nullopt;
     // Streaming reads compare payloads with the file's entry checksums.
     bool verifyChecksums = false;
+    // Threads that expand payloads during streaming reads (VisitOptions).
+    int32_t readThreads = 1;
 };
 
 struct MV_LogBookmark {

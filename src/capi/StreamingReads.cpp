@@ -42,6 +42,7 @@ bool visit(MV_LogFile_p file, const EntryRange& range, MV_LogEntryIndexFilter_p 
     VisitOptions options;
     options.verifyChecksums = file->verifyChecksums;
     options.order = order;
+    options.decompressionThreads = file->readThreads;
     const bool completed = sqliteFile.visitEntries(
         range, filterOrAll(filter),
         [&](const EntryView& view) {
@@ -153,6 +154,18 @@ bool MV_LogFile_SetChecksumVerification(MV_LogFile_p file, bool enabled, MV_LogE
     return reportingFailures(error, [&] {
         (void)sqliteFileOf(file);
         file->verifyChecksums = enabled;
+        return true;
+    });
+}
+
+bool MV_LogFile_SetReadThreads(MV_LogFile_p file, int32_t threads, MV_LogError_p* error) {
+    return reportingFailures(error, [&] {
+        (void)sqliteFileOf(file);
+        if (threads < 0) {
+            throw std::invalid_argument("MV_LogFile_SetReadThreads: threads is " + std::to_string(threads) +
+                                        "; it must be 0 (one per core) or more");
+        }
+        file->readThreads = threads;
         return true;
     });
 }

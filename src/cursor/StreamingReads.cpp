@@ -3,6 +3,7 @@
 #include <logging/SqliteLogFile.h>
 
 #include "cursor/EntryCursor.h"
+#include "cursor/ParallelExpansion.h"
 #include "services/database/ColumnAccess.h"
 #include "sqlite/SqliteLogFilePrivate.h"
 
@@ -16,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace Marivane::Logging {
 
@@ -33,18 +35,6 @@ bool skipDamaged(const SqliteLogFilePrivate& file, const VisitOptions& options, 
                  const std::string& reason) {
     file.recordFailureMessage(FailureKind::Damaged, entryFailure(file, entryId, reason));
     return options.onDamagedEntry && options.onDamagedEntry(entryId, reason);
-}
-
-// Why the stored payload does not match the checksum written with it, if it
-// does not.
-std::optional<std::string> checksumMismatch(const StoredEntry& row) {
-    if (!row.checksum) {
-        return std::string("it has no checksum");
-    }
-    if (static_cast<int64_t>(Checksum::of(row.payload, row.payloadSize)) != *row.checksum) {
-        return std::string("its payload does not match its checksum");
-    }
-    return std::nullopt;
 }
 
 CursorOrder cursorOrder(EntryOrder order) {
@@ -85,25 +75,22 @@ std::optional<int64_t> singleInteger(const SqliteLogFilePrivate& file, SqliteQue
     return std::nullopt;
 }
 
-}  // namespace
-
-bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter& filter,
-                                 const EntryVisitor& visitor, const VisitOptions& options) const {
-    const bool verify = options.verifyChecksums && d->entryChecksums;
-    EntryCursor cursor(*d, range, filter, cursorOrder(options.order),
-                       verify ? CursorColumns::WithPayloadsAndChecksums : CursorColumns::WithPayloads);
+// Hands out the cursor's rows from the next one on, expanding on this
+// thread.
+bool visitRows(const SqliteLogFilePrivate& file, EntryCursor& cursor, bool verify, bool expand,
+               const SqliteLogFile::EntryVisitor& visitor, const VisitOptions& options) {
     ByteBuffer expanded;
-    const bool expand = options.payloadForm == PayloadForm::Expanded && d->compressesPayloads();
     while (const StoredEntry* row = cursor.next()) {
         if (!row->outOfRange.empty()) {
-            if (!skipDamaged(*d, options, row->entryId, row->outOfRange)) {
+            if (!skipDamaged(file, options, row->entryId, row->outOfRange)) {
                 return false;
             }
             continue;
         }
         if (verify) {
-            if (const std::optional<std::string> mismatch = checksumMismatch(*row)) {
-                if (!skipDamaged(*d, options, row->entryId, *mismatch)) {
+            if (const std::optional<std::string> mismatch =
+                    checksumMismatch(row->payload, row->payloadSize, row->checksum)) {
+                if (!skipDamaged(file, options, row->entryId, *mismatch)) {
                     return false;
                 }
                 continue;
@@ -114,7 +101,7 @@ bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter
             try {
                 Compression::uncompressInto(row->payload, row->payloadSize, expanded);
             } catch (const Compression::CompressionError& error) {
-                if (!skipDamaged(*d, options, row->entryId, error.what())) {
+                if (!skipDamaged(file, options, row->entryId, error.what())) {
                     return false;
                 }
                 continue;
@@ -124,13 +111,72 @@ bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter
         } else {
             view.data = row->payload;
             view.size = row->payloadSize;
-            view.compressed = d->compressesPayloads();
+            view.compressed = file.compressesPayloads();
         }
         if (!visitor(view)) {
             return true;
         }
     }
     return !cursor.failed();
+}
+
+// The threads that VisitOptions::decompressionThreads asks for.
+std::size_t expansionThreads(int asked) {
+    if (asked == 0) {
+        return std::max(1u, std::thread::hardware_concurrency());
+    }
+    return static_cast<std::size_t>(std::clamp(asked, 1, 256));
+}
+
+// The expanded read with payloads expanded on other threads: the same
+// entries, failures and results, in the same order, as visitRows. Absent
+// when the expansion left the rest of the read to visitRows.
+std::optional<bool> visitExpandedInParallel(const SqliteLogFilePrivate& file, EntryCursor& cursor,
+                                            std::size_t threads, bool verify,
+                                            const SqliteLogFile::EntryVisitor& visitor,
+                                            const VisitOptions& options) {
+    ParallelExpansion expansion(cursor, threads, verify);
+    while (PendingBatch* batch = expansion.takeNext()) {
+        for (std::size_t i = 0; i < batch->count; ++i) {
+            const PendingEntry& entry = batch->entries[i];
+            if (entry.thrown) {
+                std::rethrow_exception(entry.thrown);
+            }
+            if (!entry.problem.empty()) {
+                if (!skipDamaged(file, options, entry.view.entryId, entry.problem)) {
+                    return false;
+                }
+                continue;
+            }
+            EntryView view = entry.view;
+            view.data = entry.expanded.data();
+            view.size = entry.expanded.size();
+            if (!visitor(view)) {
+                return true;
+            }
+        }
+    }
+    if (!expansion.readsAhead() && !expansion.cursorEnded()) {
+        return std::nullopt;
+    }
+    return !cursor.failed();
+}
+
+}  // namespace
+
+bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter& filter,
+                                 const EntryVisitor& visitor, const VisitOptions& options) const {
+    const bool verify = options.verifyChecksums && d->entryChecksums;
+    EntryCursor cursor(*d, range, filter, cursorOrder(options.order),
+                       verify ? CursorColumns::WithPayloadsAndChecksums : CursorColumns::WithPayloads);
+    const bool expand = options.payloadForm == PayloadForm::Expanded && d->compressesPayloads();
+    if (const std::size_t threads = expansionThreads(options.decompressionThreads); expand && threads > 1) {
+        if (const std::optional<bool> finished =
+                visitExpandedInParallel(*d, cursor, threads, verify, visitor, options)) {
+            return *finished;
+        }
+    }
+    return visitRows(*d, cursor, verify, expand, visitor, options);
 }
 
 bool SqliteLogFile::visitEntrySummaries(const EntryRange& range, const EntryIndexFilter& filter,

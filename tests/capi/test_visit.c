@@ -210,3 +210,38 @@ TEST(time_index_is_refused_on_a_read_only_handle) {
     CHECK_ERROR(error, expected);
     MV_LogFile_Destroy(file);
 }
+
+/* Payloads expanded on other threads reach the callback exactly as on the
+ * calling thread: every entry, in order, with its bytes; a callback that
+ * stops ends the visit there. */
+TEST(read_threads_expand_ahead_and_hand_out_every_entry_in_order) {
+    const char* path = test_path("visit-threads.mvlog");
+    MV_LogFile_p file = NULL;
+    MV_LogError_p error = NULL;
+    struct visit_record record;
+    int32_t threads[] = {0, 2, 3, 1};
+    size_t i;
+    make_visit_file(path, 3000, -1);
+    file = MV_LogFile_OpenReadOnly(path, &error);
+    CHECK(file != NULL);
+    for (i = 0; i < sizeof threads / sizeof threads[0]; ++i) {
+        CHECK(MV_LogFile_SetReadThreads(file, threads[i], &error));
+        memset(&record, 0, sizeof record);
+        CHECK(MV_LogFile_VisitEntries(file, -1, -1, INT64_MIN, INT64_MAX, NULL, record_view, &record, &error));
+        CHECK_INT_EQ(record.count, 3000);
+        CHECK_INT_EQ(record.ids[0], 1);
+        CHECK_INT_EQ(record.ids[63], 64);
+        CHECK_INT_EQ(record.payload_mismatches, 0);
+        CHECK_INT_EQ(record.source_mismatches, 0);
+
+        memset(&record, 0, sizeof record);
+        record.stop_after = 1000;
+        CHECK(MV_LogFile_VisitEntriesOrdered(file, -1, -1, INT64_MIN, INT64_MAX, NULL, MV_LOG_ORDER_TIME,
+                                             record_view, &record, &error));
+        CHECK_INT_EQ(record.count, 1000);
+        CHECK_INT_EQ(record.payload_mismatches, 0);
+    }
+    CHECK(!MV_LogFile_SetReadThreads(file, -1, &error));
+    CHECK_ERROR(error, "MV_LogFile_SetReadThreads: threads is -1; it must be 0 (one per core) or more");
+    MV_LogFile_Destroy(file);
+}
