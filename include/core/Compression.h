@@ -37,6 +37,12 @@ public:
 // codec's default level; any other value is passed to the codec as it is.
 // Thread-safe: each thread reuses its own codec context.
 MV_CORE_EXPORT ByteBuffer compress(const ByteBuffer& data, int level);
+// As `compress`, for `size` bytes at `data`, into the front of `output`;
+// returns the frame's size. `output` grows to the worst case when it is
+// smaller and never shrinks: a writer that passes the same buffer for every
+// payload allocates and zero-fills it once.
+MV_CORE_EXPORT std::size_t compressInto(const std::byte* data, std::size_t size, int level,
+                                        ByteBuffer& output);
 
 // Expands one or more concatenated frames made by `compress` (or by any
 // streaming writer of the same codec, which may omit the content size).

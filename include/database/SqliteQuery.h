@@ -76,6 +76,15 @@ public:
     // An empty buffer binds an empty blob, never NULL.
     void bindParameter(const std::string& name, const std::vector<std::byte>& value, BindMode mode);
 
+    // For a statement bound again and again (an insert held for many rows):
+    // the place of parameter `name` (from 1; 0 when the statement has none),
+    // looked up once, then binding by place, which finds nothing by name.
+    int parameterPlace(const std::string& name) const;
+    void bindAt(int place, int64_t value);
+    // `size` bytes at `data`; an empty blob (never NULL) for no bytes. With
+    // BindMode::NoCopy they must stay alive until the statement is stepped.
+    void bindBytesAt(int place, const std::byte* data, std::size_t size, BindMode mode);
+
     // The current row's value of column `column` (from 0) in its stored type;
     // absent for NULL or when no row is available.
     ColumnValue getValueFromColumn(int column) const;

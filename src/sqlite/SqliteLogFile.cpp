@@ -220,8 +220,10 @@ bool SqliteLogFile::logData(const DataEntry& entry) {
     if (!d->compressesPayloads()) {
         return d->insertStoredEntry(entry.timestamp, entry.type, entry.dataSourceId, entry.data);
     }
-    const ByteBuffer compressed = Compression::compress(entry.data, d->compressionLevel);
-    return d->insertStoredEntry(entry.timestamp, entry.type, entry.dataSourceId, compressed);
+    const std::size_t size = Compression::compressInto(entry.data.data(), entry.data.size(),
+                                                       d->compressionLevel, d->compressionBuffer);
+    return d->insertStoredBytes(entry.timestamp, entry.type, entry.dataSourceId, d->compressionBuffer.data(),
+                                size);
 }
 
 std::vector<DataSource> SqliteLogFile::getDataSources() const {

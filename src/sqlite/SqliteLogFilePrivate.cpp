@@ -218,6 +218,7 @@ std::string SqliteLogFilePrivate::busyMessage() const {
 }
 
 SqliteLogFilePrivate::~SqliteLogFilePrivate() {
+    heldInsert_.reset();
     removeSideFilesCreatedByThisOpen();
     try {
         endBatch();
@@ -585,23 +586,28 @@ FailureKind SqliteLogFilePrivate::lastFailureKind() const {
 
 bool SqliteLogFilePrivate::insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId,
                                              const ByteBuffer& stored) {
-    return insertStored(std::nullopt, timestamp, type, dataSourceId, stored);
+    return insertStored(std::nullopt, timestamp, type, dataSourceId, stored.data(), stored.size());
+}
+
+bool SqliteLogFilePrivate::insertStoredBytes(int64_t timestamp, int32_t type, int8_t dataSourceId,
+                                             const std::byte* data, std::size_t size) {
+    return insertStored(std::nullopt, timestamp, type, dataSourceId, data, size);
 }
 
 bool SqliteLogFilePrivate::insertStoredEntryWithId(int32_t entryId, int64_t timestamp, int32_t type,
                                                    int8_t dataSourceId, const ByteBuffer& stored) {
-    return insertStored(entryId, timestamp, type, dataSourceId, stored);
+    return insertStored(entryId, timestamp, type, dataSourceId, stored.data(), stored.size());
 }
 
 // With checksums an entry is two rows, written together.
 bool SqliteLogFilePrivate::insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
-                                        int8_t dataSourceId, const ByteBuffer& stored) {
+                                        int8_t dataSourceId, const std::byte* data, std::size_t size) {
     if (!entryChecksums) {
-        return insertStoredRow(entryId, timestamp, type, dataSourceId, stored);
+        return insertStoredRow(entryId, timestamp, type, dataSourceId, data, size);
     }
     return writeTogether([&] {
-        return insertStoredRow(entryId, timestamp, type, dataSourceId, stored) &&
-               insertEntryChecksum(database.getLastInsertedRowId(), stored);
+        return insertStoredRow(entryId, timestamp, type, dataSourceId, data, size) &&
+               insertEntryChecksum(database.getLastInsertedRowId(), data, size);
     });
 }
 
@@ -627,11 +633,11 @@ bool SqliteLogFilePrivate::writeTogether(const std::function<bool()>& writes) {
     return true;
 }
 
-bool SqliteLogFilePrivate::insertEntryChecksum(int64_t entryId, const ByteBuffer& stored) {
+bool SqliteLogFilePrivate::insertEntryChecksum(int64_t entryId, const std::byte* data, std::size_t size) {
     SqliteQuery query(database,
                       "INSERT INTO entryChecksums (entryId, checksum) VALUES (:entryId, :checksum);");
     query.bindParameter(":entryId", entryId);
-    query.bindParameter(":checksum", static_cast<int64_t>(Checksum::of(stored.data(), stored.size())));
+    query.bindParameter(":checksum", static_cast<int64_t>(Checksum::of(data, size)));
     return executeWrite(query);
 }
 
@@ -644,25 +650,51 @@ bool SqliteLogFilePrivate::hasEntryChecksumTable() {
     return step == Database::StepRow;
 }
 
-// One insert for both: without an id the file numbers the entry, as logData
-// always has it; with one (a salvage keeping ids) the id is the given one.
+// Without an id the file numbers the entry, as logData always has it; with
+// one (a salvage keeping ids) the id is the given one.
 bool SqliteLogFilePrivate::insertStoredRow(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
-                                           int8_t dataSourceId, const ByteBuffer& stored) {
-    SqliteQuery query(
-        database, entryId
-                      ? "INSERT INTO data (entryId, timestamp, type, dataSourceId, length, payload) VALUES "
-                        "(:entryId, :timestamp, :type, :dataSourceId, :length, :payload);"
-                      : "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES "
-                        "(:timestamp, :type, :dataSourceId, :length, :payload);");
-    if (entryId) {
-        query.bindParameter(":entryId", *entryId);
+                                           int8_t dataSourceId, const std::byte* data, std::size_t size) {
+    if (!entryId) {
+        return insertNumberedRow(timestamp, type, dataSourceId, data, size);
     }
+    SqliteQuery query(database,
+                      "INSERT INTO data (entryId, timestamp, type, dataSourceId, length, payload) VALUES "
+                      "(:entryId, :timestamp, :type, :dataSourceId, :length, :payload);");
+    query.bindParameter(":entryId", *entryId);
     query.bindParameter(":timestamp", timestamp);
     query.bindParameter(":type", type);
     query.bindParameter(":dataSourceId", int32_t{dataSourceId});
-    query.bindParameter(":length", static_cast<int32_t>(stored.size()));
-    query.bindParameter(":payload", stored, Database::BindMode::NoCopy);
+    query.bindParameter(":length", static_cast<int32_t>(size));
+    query.bindBytesAt(query.parameterPlace(":payload"), data, size, Database::BindMode::NoCopy);
     return executeWrite(query, "Attempted to log data against a data source that did not exist in the file.");
+}
+
+bool SqliteLogFilePrivate::insertNumberedRow(int64_t timestamp, int32_t type, int8_t dataSourceId,
+                                             const std::byte* data, std::size_t size) {
+    if (!heldInsert_) {
+        SqliteQuery query(database,
+                          "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES "
+                          "(:timestamp, :type, :dataSourceId, :length, :payload);");
+        const int timestampPlace = query.parameterPlace(":timestamp");
+        const int typePlace = query.parameterPlace(":type");
+        const int sourcePlace = query.parameterPlace(":dataSourceId");
+        const int lengthPlace = query.parameterPlace(":length");
+        const int payloadPlace = query.parameterPlace(":payload");
+        heldInsert_.reset(new HeldInsert{std::move(query), timestampPlace, typePlace, sourcePlace,
+                                         lengthPlace, payloadPlace});
+    }
+    HeldInsert& insert = *heldInsert_;
+    insert.query.bindAt(insert.timestamp, timestamp);
+    insert.query.bindAt(insert.type, type);
+    insert.query.bindAt(insert.dataSourceId, dataSourceId);
+    insert.query.bindAt(insert.length, static_cast<int64_t>(static_cast<int32_t>(size)));
+    insert.query.bindBytesAt(insert.payload, data, size, Database::BindMode::NoCopy);
+    const bool written = executeWrite(
+        insert.query, "Attempted to log data against a data source that did not exist in the file.");
+    // Ready for the next entry, and no longer pointing at the caller's bytes.
+    insert.query.resetQuery();
+    insert.query.bindBytesAt(insert.payload, nullptr, 0, Database::BindMode::NoCopy);
+    return written;
 }
 
 ByteBuffer SqliteLogFilePrivate::expandPayload(ByteBuffer stored) const {

@@ -87,6 +87,8 @@ public:
     // SQLite abandoned the batch's transaction after a failure (it does so on
     // a full disk or an I/O error), losing the writes made before it.
     bool batchLostWrites = false;
+    // The buffer logData compresses into, kept from entry to entry.
+    ByteBuffer compressionBuffer;
 
     // True when the database holds the six log tables, false when it holds no
     // table at all; throws NotALogFileError for anything in between.
@@ -136,6 +138,9 @@ public:
     // of the file it salvages, so bookmarks and references stay valid.
     bool insertStoredEntryWithId(int32_t entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
                                  const ByteBuffer& stored);
+    // As insertStoredEntry, for `size` stored bytes at `data`.
+    bool insertStoredBytes(int64_t timestamp, int32_t type, int8_t dataSourceId, const std::byte* data,
+                           std::size_t size);
 
     // Payload bytes as read from the file, expanded when the file compresses.
     ByteBuffer expandPayload(ByteBuffer stored) const;
@@ -166,13 +171,15 @@ public:
 
 private:
     bool insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
-                      const ByteBuffer& stored);
+                      const std::byte* data, std::size_t size);
     void openAsLogFile(Durability newFileDurability, const CreationMetadata* creationMetadata,
                        bool withEntryChecksums);
     bool hasEntryChecksumTable();
-    bool insertEntryChecksum(int64_t entryId, const ByteBuffer& stored);
+    bool insertEntryChecksum(int64_t entryId, const std::byte* data, std::size_t size);
     bool insertStoredRow(std::optional<int32_t> entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
-                         const ByteBuffer& stored);
+                         const std::byte* data, std::size_t size);
+    bool insertNumberedRow(int64_t timestamp, int32_t type, int8_t dataSourceId, const std::byte* data,
+                           std::size_t size);
     bool journalIsWriteAheadLog();
     void applyConnectionSettings();
     // Throws the exception for a failure met while opening: DatabaseBusy
@@ -190,6 +197,20 @@ private:
     // after such a connection; the destructor removes what this open created.
     bool sideFilesExistedAtOpen_ = false;
     void removeSideFilesCreatedByThisOpen() noexcept;
+
+    // The insert that numbers entries (logData, batches, the recorder's
+    // writer), prepared once and bound by place: looking a statement up by
+    // its text and its parameters by name cost as much as the insert of a
+    // small entry. Declared after `database`, so it is finalized first.
+    struct HeldInsert {
+        Database::SqliteQuery query;
+        int timestamp;
+        int type;
+        int dataSourceId;
+        int length;
+        int payload;
+    };
+    std::unique_ptr<HeldInsert> heldInsert_;
 
     mutable std::mutex failureMutex_;
     mutable uint64_t failureCount_ = 0;

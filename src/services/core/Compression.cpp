@@ -137,23 +137,41 @@ void checkNotEmpty(std::size_t size) {
 
 }  // namespace
 
-ByteBuffer compress(const ByteBuffer& data, int level) {
+std::size_t compressInto(const std::byte* data, std::size_t size, int level, ByteBuffer& output) {
     const int codecLevel = level == DefaultCompressionLevel ? ZSTD_CLEVEL_DEFAULT : level;
     ZSTD_CCtx* context = threadCompressionContext();
-    ZSTD_CCtx_reset(context, ZSTD_reset_session_and_parameters);
-    ZSTD_CCtx_setParameter(context, ZSTD_c_compressionLevel, codecLevel);
-    ZSTD_CCtx_setParameter(context, ZSTD_c_contentSizeFlag, 1);
-    // Without a checksum a damaged byte in a stored (raw) block expands
-    // silently into wrong data; four bytes per frame buy detection.
-    ZSTD_CCtx_setParameter(context, ZSTD_c_checksumFlag, 1);
-
-    ByteBuffer output(ZSTD_compressBound(data.size()));
-    const std::size_t written =
-        ZSTD_compress2(context, output.data(), output.size(), data.data(), data.size());
+    // The parameters stay with the context from one frame to the next: set
+    // them only when the level changes, since a payload of a few bytes costs
+    // less to compress than to set up for.
+    thread_local int configuredLevel = std::numeric_limits<int>::min();
+    if (configuredLevel != codecLevel) {
+        ZSTD_CCtx_reset(context, ZSTD_reset_session_and_parameters);
+        ZSTD_CCtx_setParameter(context, ZSTD_c_compressionLevel, codecLevel);
+        ZSTD_CCtx_setParameter(context, ZSTD_c_contentSizeFlag, 1);
+        // Without a checksum a damaged byte in a stored (raw) block expands
+        // silently into wrong data; four bytes per frame buy detection.
+        ZSTD_CCtx_setParameter(context, ZSTD_c_checksumFlag, 1);
+        configuredLevel = codecLevel;
+    } else {
+        ZSTD_CCtx_reset(context, ZSTD_reset_session_only);
+    }
+    // The buffer only grows, so a writer that reuses it zero-fills memory
+    // once, not for every payload.
+    const std::size_t bound = ZSTD_compressBound(size);
+    if (output.size() < bound) {
+        output.resize(bound);
+    }
+    const std::size_t written = ZSTD_compress2(context, output.data(), output.size(), data, size);
     if (ZSTD_isError(written)) {
+        configuredLevel = std::numeric_limits<int>::min();
         throw CompressionError(std::string("Cannot compress data: ") + ZSTD_getErrorName(written));
     }
-    output.resize(written);
+    return written;
+}
+
+ByteBuffer compress(const ByteBuffer& data, int level) {
+    ByteBuffer output;
+    output.resize(compressInto(data.data(), data.size(), level, output));
     return output;
 }
 

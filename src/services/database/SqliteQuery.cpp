@@ -115,6 +115,27 @@ void SqliteQuery::bindParameter(const std::string& name, const std::vector<std::
     noteBind(sqlite3_bind_blob64(statement_, index, value.data(), value.size(), destructorFor(mode)));
 }
 
+int SqliteQuery::parameterPlace(const std::string& name) const {
+    return parameterIndex(name);
+}
+
+void SqliteQuery::bindAt(int place, int64_t value) {
+    if (place != 0) {
+        noteBind(sqlite3_bind_int64(statement_, place, value));
+    }
+}
+
+void SqliteQuery::bindBytesAt(int place, const std::byte* data, std::size_t size, BindMode mode) {
+    if (place == 0) {
+        return;
+    }
+    if (size == 0) {
+        noteBind(sqlite3_bind_zeroblob(statement_, place, 0));
+        return;
+    }
+    noteBind(sqlite3_bind_blob64(statement_, place, data, size, destructorFor(mode)));
+}
+
 void SqliteQuery::readColumns(RawColumn* columns, int count) const {
     for (int column = 0; column < count; ++column) {
         RawColumn& out = columns[column];
