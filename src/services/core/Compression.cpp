@@ -30,13 +30,64 @@ ZSTD_CCtx* threadCompressionContext() {
     return context.get();
 }
 
-ZSTD_DCtx* threadDecompressionContext() {
-    thread_local std::unique_ptr<ZSTD_DCtx, DecompressionContextDeleter> context(ZSTD_createDCtx());
-    if (!context) {
-        throw CompressionError("Cannot uncompress data: out of memory for the codec context");
+// What expanding needs: a codec context and, for expanding in pieces, a
+// 128 KiB piece. Each thread keeps one of each for its lifetime, and every
+// expansion borrows them: a reader of millions of small payloads neither sets
+// up a context nor allocates (and zeroes) a piece per payload. An expansion
+// that starts while the thread's are lent, from inside the handler of
+// uncompressInPieces, gets its own, so that it leaves the stream it
+// interrupts as it was.
+class Decoder {
+public:
+    Decoder() {
+        Parts& thread = threadParts();
+        if (thread.lent) {
+            parts_ = &own_;
+        } else {
+            thread.lent = true;
+            parts_ = &thread;
+        }
     }
-    return context.get();
-}
+    ~Decoder() {
+        if (parts_ != &own_) {
+            parts_->lent = false;
+        }
+    }
+    Decoder(const Decoder&) = delete;
+    Decoder& operator=(const Decoder&) = delete;
+
+    ZSTD_DCtx* context() {
+        if (!parts_->context) {
+            parts_->context.reset(ZSTD_createDCtx());
+            if (!parts_->context) {
+                throw CompressionError("Cannot uncompress data: out of memory for the codec context");
+            }
+        }
+        return parts_->context.get();
+    }
+    // Not cleared: the codec writes every byte that is handed out.
+    std::byte* piece() {
+        if (!parts_->piece) {
+            parts_->piece = std::make_unique_for_overwrite<std::byte[]>(pieceSize());
+        }
+        return parts_->piece.get();
+    }
+    static std::size_t pieceSize() { return ZSTD_DStreamOutSize(); }
+
+private:
+    struct Parts {
+        std::unique_ptr<ZSTD_DCtx, DecompressionContextDeleter> context;
+        std::unique_ptr<std::byte[]> piece;
+        bool lent = false;
+    };
+    static Parts& threadParts() {
+        thread_local Parts parts;
+        return parts;
+    }
+
+    Parts own_;
+    Parts* parts_ = nullptr;
+};
 
 // A zstd block holds at most 128 KiB of content and costs at least three bytes
 // of header, so no valid input expands beyond this. A larger declared size
@@ -67,7 +118,8 @@ std::string expandsTooLargeMessage() {
 bool uncompressKnownSize(const std::byte* data, std::size_t size, std::size_t contentSize,
                          ByteBuffer& output) {
     output.resize(contentSize);
-    ZSTD_DCtx* context = threadDecompressionContext();
+    Decoder decoder;
+    ZSTD_DCtx* context = decoder.context();
     ZSTD_DCtx_reset(context, ZSTD_reset_session_only);
     const std::size_t written = ZSTD_decompressDCtx(context, output.data(), output.size(), data, size);
     if (ZSTD_isError(written)) {
@@ -84,9 +136,8 @@ bool uncompressKnownSize(const std::byte* data, std::size_t size, std::size_t co
 }
 
 // Expands as a stream, handing each filled piece of `piece` to `onPiece`.
-std::size_t streamPieces(const std::byte* data, std::size_t size, std::byte* piece, std::size_t pieceSize,
-                         const std::function<bool(std::size_t)>& onPiece) {
-    ZSTD_DCtx* context = threadDecompressionContext();
+std::size_t streamPieces(ZSTD_DCtx* context, const std::byte* data, std::size_t size, std::byte* piece,
+                         std::size_t pieceSize, const std::function<bool(std::size_t)>& onPiece) {
     ZSTD_DCtx_reset(context, ZSTD_reset_session_only);
     ZSTD_inBuffer input{data, size, 0};
     std::size_t total = 0;
@@ -118,13 +169,13 @@ std::size_t streamPieces(const std::byte* data, std::size_t size, std::byte* pie
 // before its output is allocated.
 void uncompressStreaming(const std::byte* data, std::size_t size, ByteBuffer& output) {
     output.clear();
-    const std::size_t chunk = ZSTD_DStreamOutSize();
-    ByteBuffer piece(chunk);
-    const std::size_t expandedSize =
-        streamPieces(data, size, piece.data(), piece.size(), [](std::size_t) { return true; });
+    Decoder decoder;
+    std::byte* piece = decoder.piece();
+    const std::size_t expandedSize = streamPieces(decoder.context(), data, size, piece, Decoder::pieceSize(),
+                                                  [](std::size_t) { return true; });
     output.reserve(expandedSize);
-    streamPieces(data, size, piece.data(), piece.size(), [&](std::size_t filled) {
-        output.insert(output.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(filled));
+    streamPieces(decoder.context(), data, size, piece, Decoder::pieceSize(), [&](std::size_t filled) {
+        output.insert(output.end(), piece, piece + filled);
         return true;
     });
 }
@@ -198,9 +249,26 @@ std::size_t uncompressInPieces(const std::byte* data, std::size_t size, const Pi
     if (contentSize != ZSTD_CONTENTSIZE_UNKNOWN && contentSize > MaxExpandedSize) {
         throwUncompressError(declaredTooLargeMessage(contentSize));
     }
-    ByteBuffer piece(ZSTD_DStreamOutSize());
-    return streamPieces(data, size, piece.data(), piece.size(),
-                        [&](std::size_t filled) { return onPiece(piece.data(), filled); });
+    Decoder decoder;
+    std::byte* piece = decoder.piece();
+    // A lone frame that declares a size a piece holds: the stream would
+    // expand it in one call of its own (its single-pass shortcut, with the
+    // same errors); calling that directly saves the stream's set-up, which
+    // costs more than expanding a small payload.
+    if (contentSize != ZSTD_CONTENTSIZE_UNKNOWN && contentSize <= Decoder::pieceSize() &&
+        ZSTD_findFrameCompressedSize(data, size) == size) {
+        const std::size_t written =
+            ZSTD_decompressDCtx(decoder.context(), piece, Decoder::pieceSize(), data, size);
+        if (ZSTD_isError(written)) {
+            throwUncompressError(ZSTD_getErrorName(written));
+        }
+        if (written > 0) {
+            onPiece(piece, written);
+        }
+        return written;
+    }
+    return streamPieces(decoder.context(), data, size, piece, Decoder::pieceSize(),
+                        [&](std::size_t filled) { return onPiece(piece, filled); });
 }
 
 std::optional<uint64_t> declaredExpandedSize(const std::byte* data, std::size_t size) {
