@@ -583,3 +583,78 @@ TEST(UncompressInPieces, AnExpansionInsideAHandlerLeavesTheOuterOneIntact) {
     EXPECT_EQ(expanded, outerData);
     EXPECT_EQ(innerCalls, 8u);
 }
+
+namespace {
+
+// A frame as the codec's one-call interface makes it, with or without the
+// content checksum.
+ByteBuffer frameOf(const ByteBuffer& data, bool checksum) {
+    std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> context(ZSTD_createCCtx(), &ZSTD_freeCCtx);
+    EXPECT_FALSE(ZSTD_isError(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_checksumFlag, checksum ? 1 : 0)));
+    ByteBuffer frame(ZSTD_compressBound(data.size()));
+    const std::size_t size =
+        ZSTD_compress2(context.get(), frame.data(), frame.size(), data.data(), data.size());
+    EXPECT_FALSE(ZSTD_isError(size));
+    frame.resize(size);
+    return frame;
+}
+
+// uncompress against the codec's own one-call expansion: the same bytes, or
+// a failure where the codec fails.
+void expectSameAsTheCodec(const ByteBuffer& frame, const std::string& label) {
+    const unsigned long long declared = ZSTD_getFrameContentSize(frame.data(), frame.size());
+    ByteBuffer expected(declared < (1u << 20) ? static_cast<std::size_t>(declared) + 1 : 1);
+    const std::size_t size = ZSTD_decompress(expected.data(), expected.size(), frame.data(), frame.size());
+    try {
+        const ByteBuffer actual = uncompress(frame);
+        ASSERT_FALSE(ZSTD_isError(size)) << label << ": expanded what the codec refuses";
+        expected.resize(size);
+        EXPECT_EQ(actual, expected) << label;
+    } catch (const CompressionError&) {
+        EXPECT_TRUE(ZSTD_isError(size)) << label << ": refused what the codec expands";
+    }
+}
+
+}  // namespace
+
+TEST(RawFrames, IncompressiblePayloadsAreStoredInRawBlocksAndExpandExactly) {
+    for (const bool checksum : {true, false}) {
+        for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{64}, std::size_t{1000},
+                                       std::size_t{128 * 1024}, std::size_t{300 * 1024}}) {
+            const ByteBuffer data = incompressibleBytes(size, static_cast<unsigned>(size));
+            const ByteBuffer frame = frameOf(data, checksum);
+            EXPECT_EQ(uncompress(frame), data) << size;
+            const PiecesResult pieces = expandInPieces(frame);
+            EXPECT_TRUE(pieces.error.empty()) << pieces.error;
+            ByteBuffer joined;
+            for (const ByteBuffer& piece : pieces.pieces) {
+                joined.insert(joined.end(), piece.begin(), piece.end());
+            }
+            EXPECT_EQ(joined, data) << size;
+            expectSameAsAStream(frame, "raw frame of " + std::to_string(size) + " bytes");
+        }
+    }
+}
+
+TEST(RawFrames, EveryFlippedByteAndEveryCutIsTreatedAsTheCodecTreatsIt) {
+    for (const bool checksum : {true, false}) {
+        const ByteBuffer frame = frameOf(incompressibleBytes(80, 31), checksum);
+        for (std::size_t at = 0; at < frame.size(); ++at) {
+            for (const std::byte mask :
+                 {std::byte{0x01}, std::byte{0x08}, std::byte{0x10}, std::byte{0x80}}) {
+                ByteBuffer damaged = frame;
+                damaged[at] ^= mask;
+                const std::string label = "byte " + std::to_string(at) + " ^ " +
+                                          std::to_string(std::to_integer<int>(mask)) +
+                                          (checksum ? "" : " (no checksum)");
+                expectSameAsTheCodec(damaged, label);
+                expectSameAsAStream(damaged, label);
+            }
+        }
+        for (std::size_t length = 1; length < frame.size(); ++length) {
+            const ByteBuffer cut(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(length));
+            expectSameAsTheCodec(cut, "cut to " + std::to_string(length));
+            expectSameAsAStream(cut, "cut to " + std::to_string(length));
+        }
+    }
+}
