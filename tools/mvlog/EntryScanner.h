@@ -114,6 +114,10 @@ private:
 
     const Marivane::Logging::SqliteLogFile& file_;
     EntrySelection selection_;
+    // In time order: the selection's entries are stored in time order, so
+    // the ids list them in both orders. Set by the listing of ids_, hence
+    // before it.
+    bool storedInTimeOrder_ = false;
     std::vector<int32_t> ids_;
     std::set<int8_t> sources_;
     bool verifyChecksums_ = false;
