@@ -359,6 +359,47 @@ void EntryScanner::runInTimeOrder(const EntryHandler& onEntry, const DamageHandl
     }
 }
 
+bool EntryScanner::runWholeFileUnlisted(const SqliteLogFile& file, int64_t countedEntries,
+                                        const EntryHandler& onEntry, const DamageHandler& onDamaged,
+                                        bool verifyChecksums, const std::function<bool()>& stillWanted) {
+    std::set<int8_t> sources;
+    for (const Marivane::Logging::DataSource& source : file.getDataSources()) {
+        sources.insert(source.id);
+    }
+    const uint64_t failuresBefore = file.getFailureCount();
+    bool inOrder = true;
+    int64_t read = 0;
+    VisitOptions options;
+    options.payloadForm = Marivane::Logging::PayloadForm::Stored;
+    options.verifyChecksums = verifyChecksums;
+    options.onDamagedEntry = [&](int64_t, const std::string&) {
+        inOrder = false;
+        return false;
+    };
+    const bool finished = file.visitEntries(
+        EntryRange::all(), Marivane::Logging::EntryIndexFilter(),
+        [&](const EntryView& view) {
+            // More entries than counted: a writer added them since, which
+            // the listed scan leaves out.
+            if (sources.count(view.dataSourceId) == 0 || ++read > countedEntries) {
+                inOrder = false;
+                return false;
+            }
+            try {
+                onEntry(scannedFrom(view));
+            } catch (const Marivane::Compression::CompressionError& error) {
+                onDamaged({view.entryId, fmt::format("payload cannot be expanded: {}", error.what())});
+            }
+            if (stillWanted && !stillWanted()) {
+                inOrder = false;
+                return false;
+            }
+            return true;
+        },
+        options);
+    return finished && inOrder && read == countedEntries && file.getFailureCount() == failuresBefore;
+}
+
 void EntryScanner::report(const DamageHandler& onDamaged, const DamagedEntry& entry) {
     ++met_;
     onDamaged(entry);
