@@ -172,6 +172,10 @@ std::string recorderOverloadName() {
     return "recorder/overload/dropNewest";
 }
 
+std::string toolName(const std::string& command) {
+    return "tool/mvlog/" + command + "/2M";
+}
+
 std::string windowName() {
     return "window/library/5M";
 }

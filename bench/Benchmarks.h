@@ -63,6 +63,8 @@ std::string recorderName(const std::string& writer, int level, std::size_t size)
 std::string recorderLatencyName(std::size_t size);
 std::string recorderOverloadName();
 std::string liveLagName();
+// command: one of kToolCommands, run by mvlog on the file of small entries.
+std::string toolName(const std::string& command);
 // mode: "autocommit" or "transaction".
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size);
 
@@ -99,6 +101,14 @@ const std::string& derivedSourceFile();
 // benchmarks and prints its peak resident memory in KiB (runPeakMemoryTask).
 inline constexpr const char* kPeakMemoryFlag = "--peak-memory-of";
 int runPeakMemoryTask(int argc, char** argv);
+
+// mvlog's commands that read a whole file, each run as a process of its own
+// on a file of kToolFileEntries entries of 64 B at level -1: wall time, CPU
+// time and peak memory (one run, no rounds: each figure is a median of three
+// runs already).
+inline constexpr std::size_t kToolFileEntries = 2'000'000;
+inline constexpr const char* kToolCommands[] = {"info", "check", "cat"};
+void registerToolBenchmarks();
 
 // The raw baseline's writers, one entry per statement or entriesPerTransaction
 // per transaction; pageSize 0 keeps SQLite's default.
