@@ -172,8 +172,8 @@ std::string recorderOverloadName() {
     return "recorder/overload/dropNewest";
 }
 
-std::string toolName(const std::string& command) {
-    return "tool/mvlog/" + command + "/2M";
+std::string toolName(const std::string& command, const std::string& payloads) {
+    return "tool/mvlog/" + command + "/2M/" + payloads;
 }
 
 std::string windowName() {

@@ -18,6 +18,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <map>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -37,11 +39,25 @@ constexpr std::size_t kEntriesPerBatch = 65536;
 constexpr std::size_t kEntrySize = 64;
 constexpr std::size_t kWalkBytes = 1 << 20;
 
+// The 64 B payloads of a file: noise, which the codec stores as it is (a
+// frame of one raw block), or 64 B pieces of one long random walk, which
+// differ as a sensor's readings do (most stored as they are, the rest
+// entropy-coded, which costs the codec some 2 us a frame to expand).
+ByteBuffer noiseOf(std::size_t size, std::size_t seed) {
+    std::mt19937 random(static_cast<std::mt19937::result_type>(seed));
+    ByteBuffer bytes(size);
+    for (std::byte& value : bytes) {
+        value = static_cast<std::byte>(random() & 0xff);
+    }
+    return bytes;
+}
+
 // Written once per run through the library, in write batches.
-const std::string& smallEntriesFile() {
-    static std::string path;
+const std::string& smallEntriesFile(const std::string& payloads) {
+    static std::map<std::string, std::string> paths;
+    std::string& path = paths[payloads];
     if (path.empty()) {
-        const std::string candidate = freshPath("tool-2M");
+        const std::string candidate = freshPath("tool-2M-" + payloads);
         Logging::SqliteLogFile file(candidate, "UTC", "marivane_bench", "1", -1, kFirstTimestamp);
         Logging::DataSource source;
         source.name = "bench";
@@ -51,9 +67,7 @@ const std::string& smallEntriesFile() {
         Logging::DataEntry entry;
         entry.dataSourceId = source.id;
         entry.type = kEntryType;
-        // Each entry 64 B of one long random walk, so that payloads differ as
-        // a sensor's do: some compress, others are stored as they are.
-        const ByteBuffer& walk = payload(kWalkBytes);
+        const ByteBuffer walk = payloads == "walk" ? payload(kWalkBytes) : noiseOf(kWalkBytes, kWalkBytes);
         for (std::size_t written = 0; written < kToolFileEntries;) {
             Logging::SqliteLogFile::WriteBatch batch = file.beginBatch();
             for (std::size_t i = 0; i < kEntriesPerBatch && written < kToolFileEntries; ++i, ++written) {
@@ -129,8 +143,8 @@ double median(std::vector<double> values) {
 }
 
 // kToolRuns runs of one command: the median times, the highest peak.
-void toolCommand(benchmark::State& state, const std::string& command) {
-    const std::string& file = smallEntriesFile();
+void toolCommand(benchmark::State& state, const std::string& command, const std::string& payloads) {
+    const std::string& file = smallEntriesFile(payloads);
     const std::string output = freshPath("tool-output");
     for (auto _ : state) {
         std::vector<double> wall;
@@ -154,12 +168,15 @@ void toolCommand(benchmark::State& state, const std::string& command) {
 
 void registerToolBenchmarks() {
 #ifdef MARIVANE_BENCH_MVLOG
-    for (const char* command : kToolCommands) {
-        benchmark::RegisterBenchmark(toolName(command).c_str(),
-                                     [command](benchmark::State& state) { toolCommand(state, command); })
-            ->Iterations(1)
-            ->UseRealTime()
-            ->Unit(benchmark::kMillisecond);
+    for (const char* payloads : kToolFilePayloads) {
+        for (const char* command : kToolCommands) {
+            benchmark::RegisterBenchmark(
+                toolName(command, payloads).c_str(),
+                [command, payloads](benchmark::State& state) { toolCommand(state, command, payloads); })
+                ->Iterations(1)
+                ->UseRealTime()
+                ->Unit(benchmark::kMillisecond);
+        }
     }
 #endif
 }
