@@ -172,6 +172,10 @@ std::string recorderOverloadName() {
     return "recorder/overload/dropNewest";
 }
 
+std::string toolName(const std::string& command, const std::string& payloads) {
+    return "tool/mvlog/" + command + "/2M/" + payloads;
+}
+
 std::string windowName() {
     return "window/library/5M";
 }

@@ -63,6 +63,9 @@ std::string recorderName(const std::string& writer, int level, std::size_t size)
 std::string recorderLatencyName(std::size_t size);
 std::string recorderOverloadName();
 std::string liveLagName();
+// command: one of kToolCommands, run by mvlog on the file of small entries
+// whose payloads are one of kToolFilePayloads.
+std::string toolName(const std::string& command, const std::string& payloads);
 // mode: "autocommit" or "transaction".
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size);
 
@@ -99,6 +102,16 @@ const std::string& derivedSourceFile();
 // benchmarks and prints its peak resident memory in KiB (runPeakMemoryTask).
 inline constexpr const char* kPeakMemoryFlag = "--peak-memory-of";
 int runPeakMemoryTask(int argc, char** argv);
+
+// mvlog's commands that read a whole file, each run as a process of its own
+// on a file of kToolFileEntries entries of 64 B at level -1: wall time, CPU
+// time and peak memory (one run, no rounds: each figure is a median of three
+// runs already). Two files: payloads of noise, which the codec stores as they
+// are, and pieces of a random walk, of which the codec entropy-codes some.
+inline constexpr std::size_t kToolFileEntries = 2'000'000;
+inline constexpr const char* kToolCommands[] = {"info", "check", "cat"};
+inline constexpr const char* kToolFilePayloads[] = {"noise", "walk"};
+void registerToolBenchmarks();
 
 // The raw baseline's writers, one entry per statement or entriesPerTransaction
 // per transaction; pageSize 0 keeps SQLite's default.

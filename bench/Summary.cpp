@@ -154,6 +154,17 @@ public:
         line(label, valueText, "", "", "", "", limitText, limit ? verdict(met) : "");
     }
 
+    // A measured value against an inclusive upper bound.
+    void atMost(const std::string& label, std::optional<double> value, const std::string& unit,
+                double limit) {
+        const std::string valueText = value ? format("%.3f", *value) + " " + unit : "n/a";
+        std::optional<bool> met;
+        if (value) {
+            met = *value <= limit;
+        }
+        line(label, valueText, "", "", "", "", format("<=%g", limit) + " " + unit, verdict(met));
+    }
+
     void totals() {
         out_ << "\nTargets: " << met_ << " MET, " << notMet_ << " NOT MET";
         if (unknown_ > 0) {
@@ -545,6 +556,25 @@ void printSummary(const Figures& figures, std::ostream& out) {
     out << "\nOne-second windows through the time index (100 entries of 5M), mean of 20\n";
     table.bound("in id order", counter(figures, windowName(), "indexed_window_ms"), "ms", 0.5);
     table.bound("in time order", counter(figures, windowName(), "indexed_time_window_ms"), "ms", 0.5);
+
+    const std::vector<std::pair<const char*, double>> toolTargets = {
+        {"info", 1.0}, {"check", 3.0}, {"cat", 3.0}};
+    const std::vector<std::pair<const char*, const char*>> toolFiles = {
+        {"noise", "payloads of noise, stored as they are"},
+        {"walk", "pieces of a random walk, some entropy-coded"}};
+    for (const auto& [payloads, description] : toolFiles) {
+        out << "\nmvlog on 2,000,000 entries of 64 B at level -1, " << description
+            << "; each command a process of its own\n"
+               "(times: median of 3 runs; peak resident memory: the highest of them, from wait4)\n";
+        for (const auto& [command, seconds] : toolTargets) {
+            const std::string name = toolName(command, payloads);
+            const std::string what =
+                std::string("mvlog ") + command + (std::string(command) == "cat" ? " > file" : "");
+            table.atMost(what + ", wall time", counter(figures, name, "wall_s"), "s", seconds);
+            table.bound(what + ", CPU time", counter(figures, name, "cpu_s"), "s", std::nullopt);
+            table.bound(what + ", peak memory", counter(figures, name, "peak_rss_mib"), "MiB", 32.0);
+        }
+    }
 
     table.totals();
     for (const auto& [name, runs] : figures) {

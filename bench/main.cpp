@@ -38,6 +38,7 @@ int main(int argc, char** argv) {
             registerPlayerBenchmark();
             registerScaleBenchmarks();
             registerRecorderProbes();
+            registerToolBenchmarks();
         }
     }
 

@@ -100,11 +100,11 @@ void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability,
         if (const Database::Status status = database.execute("PRAGMA query_only = 1;"); !status.ok()) {
             throwOpeningFailure(status);
         }
-        // Reads of a file nobody writes through this connection can map it
-        // instead of copying every page. Only the first 32 MiB: mapped pages
-        // count as the process's resident memory, and a streaming read of a
-        // large file must stay small. A failure keeps plain reads.
-        (void)database.execute("PRAGMA mmap_size = 33554432;");
+        // Pages are read, not mapped: mapped pages count as the process's
+        // resident memory, and a map of the first 32 MiB was most of what a
+        // tool reading a large file held, while copying pages costs little
+        // beside what a read does with them. A failure changes nothing.
+        (void)database.execute("PRAGMA mmap_size = 0;");
         // An empty database becomes a log file only when it may be written;
         // read-only, it may be a file whose creation has not committed yet.
         if (!checkForTables()) {

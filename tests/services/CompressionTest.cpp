@@ -434,3 +434,227 @@ TEST(DeclaredExpandedSize, IsAbsentForWhatDoesNotDeclareIt) {
     trailing.push_back(std::byte{0x42});
     EXPECT_EQ(declaredExpandedSize(trailing.data(), trailing.size()), std::nullopt);
 }
+
+namespace {
+
+// Every piece uncompressInPieces hands out, in order, and its return value;
+// or the message it throws.
+struct PiecesResult {
+    std::vector<ByteBuffer> pieces;
+    std::size_t returned = 0;
+    std::string error;
+};
+
+PiecesResult expandInPieces(const ByteBuffer& data) {
+    PiecesResult result;
+    try {
+        result.returned = Marivane::Compression::uncompressInPieces(
+            data.data(), data.size(), [&](const std::byte* piece, std::size_t size) {
+                result.pieces.emplace_back(piece, piece + size);
+                return true;
+            });
+    } catch (const CompressionError& error) {
+        result.error = error.what();
+    }
+    return result;
+}
+
+// A header that does not parse refused, then what the codec's streaming
+// interface makes of `data`, 128 KiB of output at a time: the reference for
+// every input, whichever way it is expanded.
+PiecesResult expandAsAStream(const ByteBuffer& data) {
+    PiecesResult result;
+    if (ZSTD_getFrameContentSize(data.data(), data.size()) == ZSTD_CONTENTSIZE_ERROR) {
+        result.error = "Cannot uncompress data: the data is not a valid compressed frame or is truncated";
+        return result;
+    }
+    std::unique_ptr<ZSTD_DCtx, decltype(&ZSTD_freeDCtx)> context(ZSTD_createDCtx(), &ZSTD_freeDCtx);
+    ZSTD_inBuffer input{data.data(), data.size(), 0};
+    ByteBuffer piece(ZSTD_DStreamOutSize());
+    std::size_t remaining = 1;
+    while (input.pos < input.size || remaining != 0) {
+        ZSTD_outBuffer out{piece.data(), piece.size(), 0};
+        remaining = ZSTD_decompressStream(context.get(), &out, &input);
+        if (ZSTD_isError(remaining)) {
+            result.error = std::string("Cannot uncompress data: ") + ZSTD_getErrorName(remaining);
+            return result;
+        }
+        if (out.pos > 0) {
+            result.pieces.emplace_back(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(out.pos));
+            result.returned += out.pos;
+        }
+        if (input.pos == input.size && remaining != 0 && out.pos == 0) {
+            result.error = "Cannot uncompress data: the data is truncated";
+            return result;
+        }
+    }
+    return result;
+}
+
+void expectSameAsAStream(const ByteBuffer& data, const std::string& label) {
+    const PiecesResult expected = expandAsAStream(data);
+    const PiecesResult actual = expandInPieces(data);
+    EXPECT_EQ(actual.error, expected.error) << label;
+    EXPECT_EQ(actual.pieces, expected.pieces) << label;
+    if (expected.error.empty()) {
+        EXPECT_EQ(actual.returned, expected.returned) << label;
+    }
+}
+
+}  // namespace
+
+TEST(UncompressInPieces, SmallFramesExpandInOnePieceAsTheStreamHandsThemOut) {
+    for (const std::size_t size :
+         {std::size_t{1}, std::size_t{64}, std::size_t{4096}, std::size_t{128 * 1024}}) {
+        const ByteBuffer data = incompressibleBytes(size, 7);
+        const ByteBuffer frame = compress(data, -1);
+        const PiecesResult result = expandInPieces(frame);
+        EXPECT_TRUE(result.error.empty()) << result.error;
+        ASSERT_EQ(result.pieces.size(), 1u) << size;
+        EXPECT_EQ(result.pieces[0], data);
+        EXPECT_EQ(result.returned, size);
+        expectSameAsAStream(frame, "frame of " + std::to_string(size) + " bytes");
+    }
+}
+
+TEST(UncompressInPieces, ManySmallFramesInARowEachExpandWhole) {
+    for (unsigned seed = 0; seed < 1000; ++seed) {
+        const ByteBuffer data = compressibleBytes(16 + seed % 100, seed);
+        const PiecesResult result = expandInPieces(compress(data, seed % 2 == 0 ? -1 : 0));
+        ASSERT_EQ(result.pieces.size(), 1u) << seed;
+        ASSERT_EQ(result.pieces[0], data) << seed;
+    }
+}
+
+TEST(UncompressInPieces, AnEmptyFrameHandsOutNothing) {
+    const PiecesResult result = expandInPieces(compress(ByteBuffer(), -1));
+    EXPECT_TRUE(result.error.empty()) << result.error;
+    EXPECT_TRUE(result.pieces.empty());
+    EXPECT_EQ(result.returned, 0u);
+}
+
+TEST(UncompressInPieces, LargeAndConcatenatedFramesExpandPieceByPieceAsTheStreamDoes) {
+    const ByteBuffer large = compress(compressibleBytes(kMiB + 5, 3), -1);
+    expectSameAsAStream(large, "1 MiB frame");
+    EXPECT_EQ(expandInPieces(large).pieces.size(), 9u);
+    const ByteBuffer small = compress(incompressibleBytes(100, 4), -1);
+    expectSameAsAStream(concat(small, small), "two small frames");
+    expectSameAsAStream(concat(small, large), "a small and a large frame");
+    expectSameAsAStream(streamedFrameWithoutSize(incompressibleBytes(300, 5), 3), "a frame without size");
+}
+
+TEST(UncompressInPieces, DamagedSmallFramesFailAsTheStreamFails) {
+    const ByteBuffer data = incompressibleBytes(64, 11);
+    const ByteBuffer frame = compress(data, -1);
+    // Every byte after the magic number flipped in turn, and every length
+    // cut: whatever the stream says, expanding in pieces says too.
+    for (std::size_t at = 4; at < frame.size(); ++at) {
+        ByteBuffer damaged = frame;
+        damaged[at] ^= std::byte{0x5a};
+        expectSameAsAStream(damaged, "byte " + std::to_string(at) + " flipped");
+    }
+    for (std::size_t length = 4; length < frame.size(); ++length) {
+        expectSameAsAStream(ByteBuffer(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(length)),
+                            "cut to " + std::to_string(length) + " bytes");
+    }
+    ByteBuffer garbage = frame;
+    garbage.push_back(std::byte{0x01});
+    expectSameAsAStream(garbage, "a byte after the frame");
+    EXPECT_EQ(expandInPieces(garbage).error, expandAsAStream(garbage).error);
+}
+
+TEST(UncompressInPieces, AnExpansionInsideAHandlerLeavesTheOuterOneIntact) {
+    const ByteBuffer outerData = compressibleBytes(kMiB, 21);
+    const ByteBuffer outer = compress(outerData, -1);
+    const ByteBuffer innerData = incompressibleBytes(64, 22);
+    const ByteBuffer inner = compress(innerData, -1);
+    const ByteBuffer innerLarge = compress(compressibleBytes(300 * 1024, 23), -1);
+    ByteBuffer expanded;
+    std::size_t innerCalls = 0;
+    Marivane::Compression::uncompressInPieces(
+        outer.data(), outer.size(), [&](const std::byte* piece, std::size_t size) {
+            expanded.insert(expanded.end(), piece, piece + size);
+            const PiecesResult nested = expandInPieces(innerCalls % 2 == 0 ? inner : innerLarge);
+            EXPECT_TRUE(nested.error.empty()) << nested.error;
+            EXPECT_EQ(uncompress(inner), innerData);
+            ++innerCalls;
+            return true;
+        });
+    EXPECT_EQ(expanded, outerData);
+    EXPECT_EQ(innerCalls, 8u);
+}
+
+namespace {
+
+// A frame as the codec's one-call interface makes it, with or without the
+// content checksum.
+ByteBuffer frameOf(const ByteBuffer& data, bool checksum) {
+    std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> context(ZSTD_createCCtx(), &ZSTD_freeCCtx);
+    EXPECT_FALSE(ZSTD_isError(ZSTD_CCtx_setParameter(context.get(), ZSTD_c_checksumFlag, checksum ? 1 : 0)));
+    ByteBuffer frame(ZSTD_compressBound(data.size()));
+    const std::size_t size =
+        ZSTD_compress2(context.get(), frame.data(), frame.size(), data.data(), data.size());
+    EXPECT_FALSE(ZSTD_isError(size));
+    frame.resize(size);
+    return frame;
+}
+
+// uncompress against the codec's own one-call expansion: the same bytes, or
+// a failure where the codec fails.
+void expectSameAsTheCodec(const ByteBuffer& frame, const std::string& label) {
+    const unsigned long long declared = ZSTD_getFrameContentSize(frame.data(), frame.size());
+    ByteBuffer expected(declared < (1u << 20) ? static_cast<std::size_t>(declared) + 1 : 1);
+    const std::size_t size = ZSTD_decompress(expected.data(), expected.size(), frame.data(), frame.size());
+    try {
+        const ByteBuffer actual = uncompress(frame);
+        ASSERT_FALSE(ZSTD_isError(size)) << label << ": expanded what the codec refuses";
+        expected.resize(size);
+        EXPECT_EQ(actual, expected) << label;
+    } catch (const CompressionError&) {
+        EXPECT_TRUE(ZSTD_isError(size)) << label << ": refused what the codec expands";
+    }
+}
+
+}  // namespace
+
+TEST(RawFrames, IncompressiblePayloadsAreStoredInRawBlocksAndExpandExactly) {
+    for (const bool checksum : {true, false}) {
+        for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{64}, std::size_t{1000},
+                                       std::size_t{128 * 1024}, std::size_t{300 * 1024}}) {
+            const ByteBuffer data = incompressibleBytes(size, static_cast<unsigned>(size));
+            const ByteBuffer frame = frameOf(data, checksum);
+            EXPECT_EQ(uncompress(frame), data) << size;
+            const PiecesResult pieces = expandInPieces(frame);
+            EXPECT_TRUE(pieces.error.empty()) << pieces.error;
+            ByteBuffer joined;
+            for (const ByteBuffer& piece : pieces.pieces) {
+                joined.insert(joined.end(), piece.begin(), piece.end());
+            }
+            EXPECT_EQ(joined, data) << size;
+            expectSameAsAStream(frame, "raw frame of " + std::to_string(size) + " bytes");
+        }
+    }
+}
+
+TEST(RawFrames, EveryFlippedByteAndEveryCutIsTreatedAsTheCodecTreatsIt) {
+    for (const bool checksum : {true, false}) {
+        const ByteBuffer frame = frameOf(incompressibleBytes(80, 31), checksum);
+        for (std::size_t at = 0; at < frame.size(); ++at) {
+            for (const std::byte mask :
+                 {std::byte{0x01}, std::byte{0x08}, std::byte{0x10}, std::byte{0x80}}) {
+                ByteBuffer damaged = frame;
+                damaged[at] ^= mask;
+                const std::string label = "byte " + std::to_string(at) + " ^ " +
+                                          std::to_string(std::to_integer<int>(mask)) +
+                                          (checksum ? "" : " (no checksum)");
+                expectSameAsTheCodec(damaged, label);
+                expectSameAsAStream(damaged, label);
+            }
+        }
+        for (std::size_t length = 1; length < frame.size(); ++length) {
+            const ByteBuffer cut(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(length));
+            expectSameAsTheCodec(cut, "cut to " + std::to_string(length));
+            expectSameAsAStream(cut, "cut to " + std::to_string(length));
+        }
+    }
+}

@@ -15,8 +15,10 @@
 #include <cctype>
 #include <chrono>
 #include <cstdio>
+#include <iterator>
 #include <map>
 #include <optional>
+#include <string>
 #include <thread>
 
 #include <poll.h>
@@ -38,10 +40,12 @@ constexpr std::size_t kHexDumpWidth = 16;
 // Of each payload, --format auto prints as text at most this many bytes.
 constexpr std::size_t kAutoTextBytes = 2000;
 
-// What cat prints about each data source: its name, and the media type its
-// payloads declare (none for sources without the property).
+// What cat prints about each data source: its name (as stored, and made
+// printable once for the lines of text), and the media type its payloads
+// declare (none for sources without the property).
 struct SourceLabels {
     std::map<int8_t, std::string> names;
+    std::map<int8_t, std::string> printableNames;
     std::map<int8_t, std::string> encodings;
 };
 
@@ -49,6 +53,7 @@ SourceLabels sourceNamesOf(const Marivane::Logging::LogFileInterface& file) {
     SourceLabels labels;
     for (const DataSource& source : file.getDataSources()) {
         labels.names[source.id] = source.name;
+        labels.printableNames[source.id] = printable(source.name);
         if (std::optional<std::string> encoding = PayloadEncoding::declared(file, source.id)) {
             labels.encodings[source.id] = std::move(*encoding);
         }
@@ -59,6 +64,12 @@ SourceLabels sourceNamesOf(const Marivane::Logging::LogFileInterface& file) {
 std::string sourceName(const SourceLabels& labels, int8_t id) {
     const auto found = labels.names.find(id);
     return found == labels.names.end() ? std::string() : found->second;
+}
+
+const std::string& printableSourceName(const SourceLabels& labels, int8_t id) {
+    static const std::string kNone;
+    const auto found = labels.printableNames.find(id);
+    return found == labels.printableNames.end() ? kNone : found->second;
 }
 
 EntrySelection selectionOf(const CatOptions& options, const Marivane::Logging::LogFileInterface& file) {
@@ -91,19 +102,36 @@ std::string base64(const ByteBuffer& bytes) {
     return text;
 }
 
+// "#7  2024-05-01T12:00:00.250Z  source 1 \"imu\"  type 3  64 B", appended.
+void appendHeadline(std::string& line, const ScannedEntry& entry, std::size_t size,
+                    const SourceLabels& names) {
+    fmt::format_to(std::back_inserter(line), "#{}  ", entry.entryId);
+    appendIsoTimestamp(line, entry.timestamp);
+    fmt::format_to(std::back_inserter(line), "  source {} \"{}\"  type {}  {} B", entry.dataSourceId,
+                   printableSourceName(names, entry.dataSourceId), entry.type, size);
+}
+
 std::string entryHeadline(const ScannedEntry& entry, std::size_t size, const SourceLabels& names) {
-    return fmt::format("#{}  {}  source {} \"{}\"  type {}  {} B", entry.entryId,
-                       isoTimestamp(entry.timestamp), entry.dataSourceId,
-                       printable(sourceName(names, entry.dataSourceId)), entry.type, size);
+    std::string line;
+    appendHeadline(line, entry, size, names);
+    return line;
 }
 
 // The size and the first bytes, expanded piece by piece: a line never needs
-// more memory than a piece, whatever size the payload has or declares.
+// more memory than a piece, whatever size the payload has or declares. Cat
+// prints millions of these lines: the line and the prefix reuse their
+// buffers.
 void printText(const ScannedEntry& entry, const SourceLabels& names) {
     // One byte more than shown, so that the preview knows to say "...".
-    ByteBuffer prefix;
+    thread_local ByteBuffer prefix;
+    thread_local std::string line;
     const std::size_t size = entry.sizeAndPrefix(kTextPreviewBytes + 1, prefix);
-    fmt::print("{}  {}\n", entryHeadline(entry, size, names), hexPrefix(prefix, kTextPreviewBytes));
+    line.clear();
+    appendHeadline(line, entry, size, names);
+    line += "  ";
+    appendHexPrefix(line, prefix, kTextPreviewBytes);
+    line += '\n';
+    fmt::print("{}", line);
 }
 
 void printJson(const ScannedEntry& entry, const SourceLabels& names) {

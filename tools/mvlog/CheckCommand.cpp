@@ -356,6 +356,51 @@ std::size_t probeBeyondIndex(const SqliteLogFile& file, int32_t lastListedId, Pr
     return readable;
 }
 
+// A file in good order is checked in one read, without listing its index
+// first: the problems found are held and reported once the read shows that
+// the listed scan would have found the same (see
+// EntryScanner::runWholeFileUnlisted); a file with more than a few of them,
+// or anything the listed scan treats otherwise, goes through that scan.
+// Returns the number of entries that could be read in full, or nothing.
+std::optional<std::size_t> checkEntriesUnlisted(const SqliteLogFile& file, int32_t counted,
+                                                ProblemReport& problems, ProgressBar& bar,
+                                                const std::optional<uint64_t>& total) {
+    constexpr std::size_t kMostHeldProblems = 1000;
+    struct HeldProblem {
+        std::string text;
+        bool damage = false;
+    };
+    std::vector<HeldProblem> held;
+    std::size_t readable = 0;
+    std::size_t met = 0;
+    const bool inOrder = EntryScanner::runWholeFileUnlisted(
+        file, counted,
+        [&](const ScannedEntry& entry) {
+            if (const std::optional<std::string> problem = storedFormProblem(entry)) {
+                held.push_back({fmt::format("entry {}: {}", entry.entryId, *problem), false});
+            }
+            entry.forEachPiece([](const std::byte*, std::size_t) { return true; });
+            ++readable;
+            bar.update(++met, total);
+        },
+        [&](const DamagedEntry& damaged) {
+            held.push_back({describe(damaged), true});
+            bar.update(++met, total);
+        },
+        true, [&] { return held.size() <= kMostHeldProblems; });
+    if (!inOrder) {
+        return std::nullopt;
+    }
+    for (const HeldProblem& problem : held) {
+        if (problem.damage) {
+            problems.addDamage(problem.text);
+        } else {
+            problems.add(problem.text);
+        }
+    }
+    return readable;
+}
+
 // Returns the number of entries that could be read in full.
 std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems, ProgressMode progress) {
     const int32_t counted = file.getEntryCount();
@@ -369,6 +414,12 @@ std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems, Pro
     const std::optional<uint64_t> total =
         counted > 0 ? std::optional<uint64_t>(static_cast<uint64_t>(counted)) : std::nullopt;
     try {
+        if (const std::optional<std::size_t> checked =
+                checkEntriesUnlisted(file, counted, problems, bar, total)) {
+            bar.finish();
+            problems.beforePrinting({});
+            return *checked;
+        }
         EntryScanner scanner(file, EntrySelection{});
         scanner.verifyChecksums(true);
         scanner.run(
@@ -409,6 +460,9 @@ bool entryIsStored(const SqliteLogFile& file, int32_t entryId) {
 std::size_t checkBookmarks(const SqliteLogFile& file, ProblemReport& problems) {
     try {
         const std::vector<Bookmark> bookmarks = file.getBookmarks();
+        if (bookmarks.empty()) {
+            return 0;  // nothing to look up in an index of millions of ids
+        }
         const std::vector<int32_t> ids = file.getEntryIndex(Marivane::Logging::EntryIndexFilter{});
         for (const Bookmark& bookmark : bookmarks) {
             if (!std::binary_search(ids.begin(), ids.end(), bookmark.entryId) &&

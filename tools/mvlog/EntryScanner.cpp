@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <unordered_set>
 #include <utility>
 
 namespace Mvlog {
@@ -33,6 +32,46 @@ std::vector<int32_t> idsInTimeWindow(const SqliteLogFile& file, const EntrySelec
     return ids;
 }
 
+// The ids of a selection in time order when its entries are stored in time
+// order already (timestamps never decrease with the ids), which one
+// payload-free read in id order tells: the ids it lists are then the time
+// order. Nothing when the read meets an entry it cannot list (whose place in
+// time only SQLite's sort knows), a timestamp smaller than the one before, or
+// a failure. Saves the time-ordered read its pass over the timestamps.
+std::optional<std::vector<int32_t>> idsAlreadyInTimeOrder(const SqliteLogFile& file,
+                                                          const EntrySelection& selection) {
+    std::vector<int32_t> ids;
+    const EntryRange range{selection.from, selection.to, selection.startTimestamp, selection.endTimestamp};
+    const uint64_t failuresBefore = file.getFailureCount();
+    bool inOrder = true;
+    int64_t previous = std::numeric_limits<int64_t>::min();
+    VisitOptions options;
+    options.onDamagedEntry = [&](int64_t, const std::string&) {
+        inOrder = false;
+        return false;
+    };
+    const bool finished = file.visitEntrySummaries(
+        range, selection.filter,
+        [&](const Marivane::Logging::EntrySummary& entry) {
+            if (entry.timestamp < previous) {
+                inOrder = false;
+                return false;
+            }
+            previous = entry.timestamp;
+            // Past the limit the timestamps are still read: a later entry
+            // may come earlier in time.
+            if (selection.limit < 0 || ids.size() < static_cast<std::size_t>(selection.limit)) {
+                ids.push_back(entry.entryId);
+            }
+            return true;
+        },
+        options);
+    if (!finished || !inOrder || file.getFailureCount() != failuresBefore) {
+        return std::nullopt;
+    }
+    return ids;
+}
+
 // In time order the ids come from the same payload-free read, sorted by it.
 std::vector<int32_t> idsInTimeOrder(const SqliteLogFile& file, const EntrySelection& selection) {
     std::vector<int32_t> ids;
@@ -55,8 +94,18 @@ std::vector<int32_t> idsInTimeOrder(const SqliteLogFile& file, const EntrySelect
     return ids;
 }
 
-std::vector<int32_t> selectIds(const SqliteLogFile& file, const EntrySelection& selection) {
+// `storedInTimeOrder` tells whether a selection in time order found its
+// entries stored in time order already (and read them by id).
+std::vector<int32_t> selectIds(const SqliteLogFile& file, const EntrySelection& selection,
+                               bool& storedInTimeOrder) {
+    storedInTimeOrder = false;
     if (selection.order == Marivane::Logging::EntryOrder::Time) {
+        if (selection.limit != 0) {
+            if (std::optional<std::vector<int32_t>> ids = idsAlreadyInTimeOrder(file, selection)) {
+                storedInTimeOrder = true;
+                return std::move(*ids);
+            }
+        }
         return idsInTimeOrder(file, selection);
     }
     if (hasTimeBounds(selection)) {
@@ -67,20 +116,69 @@ std::vector<int32_t> selectIds(const SqliteLogFile& file, const EntrySelection& 
     // small ones); each entry is visited once.
     std::sort(ids.begin(), ids.end());
     ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-    auto first = ids.begin();
-    auto last = ids.end();
-    if (selection.from != -1) {
-        first = std::lower_bound(ids.begin(), ids.end(), selection.from);
-    }
+    // Narrowed in place: a file of millions of entries lists megabytes of ids.
     if (selection.to != -1) {
-        last = std::upper_bound(first, ids.end(), selection.to);
+        ids.erase(std::upper_bound(ids.begin(), ids.end(), selection.to), ids.end());
     }
-    std::vector<int32_t> selected(first, last);
-    if (selection.limit >= 0 && selected.size() > static_cast<std::size_t>(selection.limit)) {
-        selected.resize(static_cast<std::size_t>(selection.limit));
+    if (selection.from != -1) {
+        ids.erase(ids.begin(), std::lower_bound(ids.begin(), ids.end(), selection.from));
     }
-    return selected;
+    if (selection.limit >= 0 && ids.size() > static_cast<std::size_t>(selection.limit)) {
+        ids.resize(static_cast<std::size_t>(selection.limit));
+    }
+    ids.shrink_to_fit();
+    return ids;
 }
+
+// The listed ids of a read in time order (distinct: each row is listed once,
+// and an id beyond 32 bits not at all), each taken once, when the read meets
+// it. The read meets them in the listed order unless a writer changed the
+// file in between, so the next listed id is tried first; any other is looked
+// up in the ids sorted, built on the first such miss. Two million ids take a
+// bit each beside the list, where a hash set of them took a hundred
+// megabytes.
+class ListedIds {
+public:
+    explicit ListedIds(const std::vector<int32_t>& ids) : ids_(ids), taken_(ids.size(), false) {}
+
+    // Whether `entryId` is listed and was not taken yet; takes it.
+    bool take(int32_t entryId) {
+        if (next_ < ids_.size() && ids_[next_] == entryId) {
+            return takeAt(next_);
+        }
+        if (sorted_.empty() && !ids_.empty()) {
+            sorted_.reserve(ids_.size());
+            for (std::size_t position = 0; position < ids_.size(); ++position) {
+                sorted_.emplace_back(ids_[position], position);
+            }
+            std::sort(sorted_.begin(), sorted_.end());
+        }
+        const auto found =
+            std::lower_bound(sorted_.begin(), sorted_.end(), std::pair<int32_t, std::size_t>(entryId, 0));
+        return found != sorted_.end() && found->first == entryId && takeAt(found->second);
+    }
+    bool taken(std::size_t position) const { return taken_[position]; }
+    bool allTaken() const { return takenCount_ == ids_.size(); }
+
+private:
+    bool takeAt(std::size_t position) {
+        if (taken_[position]) {
+            return false;
+        }
+        taken_[position] = true;
+        ++takenCount_;
+        while (next_ < ids_.size() && taken_[next_]) {
+            ++next_;
+        }
+        return true;
+    }
+
+    const std::vector<int32_t>& ids_;
+    std::vector<bool> taken_;
+    std::vector<std::pair<int32_t, std::size_t>> sorted_;
+    std::size_t next_ = 0;
+    std::size_t takenCount_ = 0;
+};
 
 }  // namespace
 
@@ -138,7 +236,7 @@ std::string describe(const DamagedEntry& entry) {
 }
 
 EntryScanner::EntryScanner(const SqliteLogFile& file, EntrySelection selection)
-    : file_(file), selection_(std::move(selection)), ids_(selectIds(file, selection_)) {
+    : file_(file), selection_(std::move(selection)), ids_(selectIds(file, selection_, storedInTimeOrder_)) {
     for (const Marivane::Logging::DataSource& source : file_.getDataSources()) {
         sources_.insert(source.id);
     }
@@ -222,15 +320,17 @@ void EntryScanner::runInTimeOrder(const EntryHandler& onEntry, const DamageHandl
     if (limited && ids_.empty()) {
         return;
     }
-    std::unordered_set<int32_t> pending(ids_.begin(), ids_.end());
+    ListedIds pending(ids_);
     std::set<int32_t> narrowedForms;
     const auto takeListed = [&](int64_t entryId) {
         return entryId >= std::numeric_limits<int32_t>::min() &&
-               entryId <= std::numeric_limits<int32_t>::max() &&
-               pending.erase(static_cast<int32_t>(entryId)) != 0;
+               entryId <= std::numeric_limits<int32_t>::max() && pending.take(static_cast<int32_t>(entryId));
     };
     VisitOptions options = optionsReportingTo(onDamaged);
-    options.order = Marivane::Logging::EntryOrder::Time;
+    // Entries stored in time order are read by id: the same entries in the
+    // same order, without the time-ordered read's pass over the timestamps.
+    options.order =
+        storedInTimeOrder_ ? Marivane::Logging::EntryOrder::Id : Marivane::Logging::EntryOrder::Time;
     options.onDamagedEntry = [&](int64_t entryId, const std::string& reason) {
         if (entryId < std::numeric_limits<int32_t>::min() || entryId > std::numeric_limits<int32_t>::max()) {
             narrowedForms.insert(static_cast<int32_t>(static_cast<uint32_t>(entryId)));
@@ -248,14 +348,56 @@ void EntryScanner::runInTimeOrder(const EntryHandler& onEntry, const DamageHandl
             if (takeListed(view.entryId) || !fileHasSource(view.dataSourceId)) {
                 deliver(view, onEntry, onDamaged);
             }
-            return !limited || !pending.empty();
+            return !limited || !pending.allTaken();
         },
         options);
-    for (const int32_t entryId : ids_) {
-        if (pending.count(entryId) != 0) {
+    for (std::size_t position = 0; position < ids_.size(); ++position) {
+        if (!pending.taken(position)) {
+            const int32_t entryId = ids_[position];
             readSingle(entryId, narrowedForms.count(entryId) != 0, onEntry, onDamaged);
         }
     }
+}
+
+bool EntryScanner::runWholeFileUnlisted(const SqliteLogFile& file, int64_t countedEntries,
+                                        const EntryHandler& onEntry, const DamageHandler& onDamaged,
+                                        bool verifyChecksums, const std::function<bool()>& stillWanted) {
+    std::set<int8_t> sources;
+    for (const Marivane::Logging::DataSource& source : file.getDataSources()) {
+        sources.insert(source.id);
+    }
+    const uint64_t failuresBefore = file.getFailureCount();
+    bool inOrder = true;
+    int64_t read = 0;
+    VisitOptions options;
+    options.payloadForm = Marivane::Logging::PayloadForm::Stored;
+    options.verifyChecksums = verifyChecksums;
+    options.onDamagedEntry = [&](int64_t, const std::string&) {
+        inOrder = false;
+        return false;
+    };
+    const bool finished = file.visitEntries(
+        EntryRange::all(), Marivane::Logging::EntryIndexFilter(),
+        [&](const EntryView& view) {
+            // More entries than counted: a writer added them since, which
+            // the listed scan leaves out.
+            if (sources.count(view.dataSourceId) == 0 || ++read > countedEntries) {
+                inOrder = false;
+                return false;
+            }
+            try {
+                onEntry(scannedFrom(view));
+            } catch (const Marivane::Compression::CompressionError& error) {
+                onDamaged({view.entryId, fmt::format("payload cannot be expanded: {}", error.what())});
+            }
+            if (stillWanted && !stillWanted()) {
+                inOrder = false;
+                return false;
+            }
+            return true;
+        },
+        options);
+    return finished && inOrder && read == countedEntries && file.getFailureCount() == failuresBefore;
 }
 
 void EntryScanner::report(const DamageHandler& onDamaged, const DamagedEntry& entry) {

@@ -102,6 +102,23 @@ public:
     // payload no longer matches its checksum as damaged.
     void verifyChecksums(bool verify) { verifyChecksums_ = verify; }
 
+    // The whole file in id order in one read, without listing the index
+    // first (which reads the whole file too): for a file in good order, what
+    // run() over EntrySelection{} would hand out, in the same order. Returns
+    // true when the read met nothing that the listed scan treats otherwise:
+    // it read as many entries as `countedEntries` (the file's count, taken
+    // before), each of a data source the file has, with no failure and no
+    // stored value out of range. Returns false as soon as it meets such a
+    // thing: whatever the handlers were given is then to be discarded, and
+    // run() gives the answer. A payload that does not expand is reported to
+    // `onDamaged` as run() reports it. With `verifyChecksums`, a payload that
+    // does not match its checksum ends the read as such a thing; so does
+    // `stillWanted` answering false (asked after each entry).
+    static bool runWholeFileUnlisted(const Marivane::Logging::SqliteLogFile& file, int64_t countedEntries,
+                                     const EntryHandler& onEntry, const DamageHandler& onDamaged,
+                                     bool verifyChecksums = false,
+                                     const std::function<bool()>& stillWanted = {});
+
 private:
     void runInTimeOrder(const EntryHandler& onEntry, const DamageHandler& onDamaged);
     void deliver(const Marivane::Logging::EntryView& view, const EntryHandler& onEntry,
@@ -114,6 +131,10 @@ private:
 
     const Marivane::Logging::SqliteLogFile& file_;
     EntrySelection selection_;
+    // In time order: the selection's entries are stored in time order, so
+    // the ids list them in both orders. Set by the listing of ids_, hence
+    // before it.
+    bool storedInTimeOrder_ = false;
     std::vector<int32_t> ids_;
     std::set<int8_t> sources_;
     bool verifyChecksums_ = false;

@@ -50,27 +50,60 @@ void noteTimestamp(std::optional<int64_t>& first, std::optional<int64_t>& last, 
     last = last ? std::max(*last, timestamp) : timestamp;
 }
 
-void scanEntries(const SqliteLogFile& file, FileSummary& summary) {
-    std::unordered_map<int8_t, SourceSummary*> byId;
-    for (SourceSummary& source : summary.sources) {
-        byId[source.source.id] = &source;
+// What the entries contribute to a summary.
+struct EntryTally {
+    explicit EntryTally(FileSummary& summary) : summary_(summary) {
+        for (SourceSummary& source : summary_.sources) {
+            byId_[source.source.id] = &source;
+        }
     }
+
+    void add(const ScannedEntry& entry) {
+        // Sizes come from expanding in pieces: nothing holds a payload.
+        const std::size_t size = entry.forEachPiece([](const std::byte*, std::size_t) { return true; });
+        summary_.payloadBytes += size;
+        noteTimestamp(summary_.firstTimestamp, summary_.lastTimestamp, entry.timestamp);
+        // Entries of one type usually come in long runs: the last type's
+        // count is at hand.
+        if (lastTypeCount_ == nullptr || lastType_ != entry.type) {
+            lastType_ = entry.type;
+            lastTypeCount_ = &summary_.entryTypes[entry.type];
+        }
+        ++*lastTypeCount_;
+        if (auto found = byId_.find(entry.dataSourceId); found != byId_.end()) {
+            SourceSummary& source = *found->second;
+            ++source.entryCount;
+            source.payloadBytes += size;
+            noteTimestamp(source.firstTimestamp, source.lastTimestamp, entry.timestamp);
+        }
+    }
+    void addDamaged(const DamagedEntry& damaged) { summary_.damagedEntries.push_back(damaged); }
+
+private:
+    FileSummary& summary_;
+    std::unordered_map<int8_t, SourceSummary*> byId_;
+    int32_t lastType_ = 0;
+    int64_t* lastTypeCount_ = nullptr;
+};
+
+void scanEntries(const SqliteLogFile& file, FileSummary& summary) {
+    // A file in good order is read once; anything else (damage, a writer
+    // adding entries, entries of missing data sources) goes through the
+    // listed scan, which names it, from a clean start.
+    {
+        FileSummary unlisted = summary;
+        EntryTally tally(unlisted);
+        if (EntryScanner::runWholeFileUnlisted(
+                file, summary.entryCount, [&](const ScannedEntry& entry) { tally.add(entry); },
+                [&](const DamagedEntry& damaged) { tally.addDamaged(damaged); })) {
+            summary = std::move(unlisted);
+            return;
+        }
+    }
+    EntryTally tally(summary);
     EntryScanner scanner(file, EntrySelection{});
-    scanner.run(
-        [&](const ScannedEntry& entry) {
-            // Sizes come from expanding in pieces: nothing holds a payload.
-            const std::size_t size = entry.forEachPiece([](const std::byte*, std::size_t) { return true; });
-            summary.payloadBytes += size;
-            noteTimestamp(summary.firstTimestamp, summary.lastTimestamp, entry.timestamp);
-            ++summary.entryTypes[entry.type];
-            if (auto found = byId.find(entry.dataSourceId); found != byId.end()) {
-                SourceSummary& source = *found->second;
-                ++source.entryCount;
-                source.payloadBytes += size;
-                noteTimestamp(source.firstTimestamp, source.lastTimestamp, entry.timestamp);
-            }
-        },
-        [&](const DamagedEntry& damaged) { summary.damagedEntries.push_back(damaged); });
+    scanner.run([&](const ScannedEntry& entry) { tally.add(entry); },
+                [&](const DamagedEntry& damaged) { tally.addDamaged(damaged); });
     // The scan covers the whole file: what it did not meet is hidden.
     if (summary.entryCount >= 0) {
         summary.entriesMissingFromIndex =

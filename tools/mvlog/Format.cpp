@@ -91,30 +91,63 @@ uint64_t spanMilliseconds(int64_t first, int64_t last) {
 }
 
 std::string isoTimestamp(int64_t millisecondsSinceEpoch) {
+    std::string text;
+    appendIsoTimestamp(text, millisecondsSinceEpoch);
+    return text;
+}
+
+void appendIsoTimestamp(std::string& text, int64_t millisecondsSinceEpoch) {
     const auto [seconds, rest] = splitMilliseconds(millisecondsSinceEpoch);
-    const std::time_t time = static_cast<std::time_t>(seconds);
-    std::tm parts{};
-    if (gmtime_r(&time, &parts) == nullptr) {
-        return fmt::format("@{} ms", millisecondsSinceEpoch);
+    // Entries come a few to thousands a second: the calendar fields of the
+    // last second are kept, "2024-05-01T12:00:00" without the milliseconds.
+    struct LastSecond {
+        int64_t seconds = 0;
+        std::string text;
+    };
+    thread_local LastSecond last;
+    if (last.text.empty() || last.seconds != seconds) {
+        const std::time_t time = static_cast<std::time_t>(seconds);
+        std::tm parts{};
+        if (gmtime_r(&time, &parts) == nullptr) {
+            text += fmt::format("@{} ms", millisecondsSinceEpoch);
+            return;
+        }
+        last.text = fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", parts.tm_year + 1900, parts.tm_mon + 1,
+                                parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
+        last.seconds = seconds;
     }
-    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", parts.tm_year + 1900, parts.tm_mon + 1,
-                       parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, rest);
+    const auto milliseconds = static_cast<int>(rest);
+    const std::array<char, 6> fraction = {'.',
+                                          static_cast<char>('0' + milliseconds / 100),
+                                          static_cast<char>('0' + milliseconds / 10 % 10),
+                                          static_cast<char>('0' + milliseconds % 10),
+                                          'Z',
+                                          '\0'};
+    text += last.text;
+    text += fraction.data();
 }
 
 std::string hexPrefix(const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum) {
     std::string text;
+    appendHexPrefix(text, bytes, maximum);
+    return text;
+}
+
+void appendHexPrefix(std::string& text, const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum) {
+    constexpr const char* kDigits = "0123456789abcdef";
     const std::size_t shown = std::min(bytes.size(), maximum);
-    text.reserve(shown * 3 + 4);
+    text.reserve(text.size() + shown * 3 + 4);
     for (std::size_t i = 0; i < shown; ++i) {
         if (i != 0) {
             text += ' ';
         }
-        text += fmt::format("{:02x}", std::to_integer<unsigned>(bytes[i]));
+        const auto value = std::to_integer<unsigned>(bytes[i]);
+        text += kDigits[value >> 4];
+        text += kDigits[value & 0x0f];
     }
     if (bytes.size() > shown) {
         text += " ...";
     }
-    return text;
 }
 
 std::string dataSourceTypeName(MV_LogDataSourceType type) {

@@ -27,10 +27,14 @@ uint64_t spanMilliseconds(int64_t first, int64_t last);
 
 // UTC with milliseconds: "2024-05-01T12:00:00.250Z".
 std::string isoTimestamp(int64_t millisecondsSinceEpoch);
+// The same, appended to `text`.
+void appendIsoTimestamp(std::string& text, int64_t millisecondsSinceEpoch);
 
 // Space-separated hex of at most `maximum` leading bytes, with " ..." when the
 // buffer is longer.
 std::string hexPrefix(const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum);
+// The same, appended to `text`.
+void appendHexPrefix(std::string& text, const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum);
 
 // The enumerator's short name ("Camera") for the known values, otherwise the
 // number as text.
