@@ -180,6 +180,10 @@ std::string windowName() {
     return "window/library/5M";
 }
 
+std::string selectiveName(const std::string& kind, const std::string& reader, int level, std::size_t size) {
+    return "selective/" + kind + "/" + reader + "/" + levelLabel(level) + "/" + sizeLabel(size);
+}
+
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size) {
     return "pagesize/" + mode + "/" + sizeLabel(static_cast<std::size_t>(pageSize)) + "/" + sizeLabel(size);
 }

@@ -66,6 +66,9 @@ std::string liveLagName();
 // command: one of kToolCommands, run by mvlog on the file of small entries
 // whose payloads are one of kToolFilePayloads.
 std::string toolName(const std::string& command, const std::string& payloads);
+// kind: "fullDecode", "fullDecodeIndexed", "oneSource", "window" or
+// "windowIndexed"; reader: "raw" or "library". Ten interleaved sources.
+std::string selectiveName(const std::string& kind, const std::string& reader, int level, std::size_t size);
 // mode: "autocommit" or "transaction".
 std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size);
 
@@ -74,6 +77,8 @@ std::string pageSizeName(const std::string& mode, int pageSize, std::size_t size
 void registerWriteBenchmarks(int round);
 void registerReadBenchmarks(int round);
 void registerIndexBenchmarks(int round);
+// One source of ten and one-second windows against a full decode.
+void registerSelectiveReadBenchmarks(int round);
 // Each round copies a gigabyte twice over; two rounds are enough.
 inline constexpr int kDerivedRounds = 2;
 void registerDerivedFileBenchmarks(int round);

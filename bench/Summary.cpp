@@ -219,6 +219,26 @@ std::optional<double> counter(const Figures& figures, const std::string& name, c
     return it == figure->counters.end() ? std::nullopt : std::optional<double>(it->second);
 }
 
+// Whole tasks per second on both sides, so that the ratio is the full
+// decode's time over the selective read's: how many times sooner the
+// answer is there.
+void printSelectiveReads(const Figures& figures, Table& table) {
+    table.section(
+        "Selective reads of ten interleaved 100 Hz sources, level -1, tasks per second (baseline: the raw "
+        "view scan decoding all ten)");
+    for (std::size_t size : {std::size_t{1024}, std::size_t{16 * 1024}}) {
+        table.pair(figures, label("one source of ten", -1, size),
+                   selectiveName("oneSource", "library", -1, size),
+                   selectiveName("fullDecode", "raw", -1, size), 2.0);
+        table.pair(figures, label("one-second window, no index", -1, size),
+                   selectiveName("window", "library", -1, size), selectiveName("fullDecode", "raw", -1, size),
+                   std::nullopt);
+        table.pair(figures, label("one-second window, time index", -1, size),
+                   selectiveName("windowIndexed", "library", -1, size),
+                   selectiveName("fullDecodeIndexed", "raw", -1, size), std::nullopt);
+    }
+}
+
 void printPageSizeTable(const Figures& figures, std::ostream& out) {
     out << "\nPage-size sweep (raw baseline, level 0, entries/s; * marks the best of a row)\n";
     char text[256];
@@ -575,6 +595,7 @@ void printSummary(const Figures& figures, std::ostream& out) {
             table.bound(what + ", peak memory", counter(figures, name, "peak_rss_mib"), "MiB", 32.0);
         }
     }
+    printSelectiveReads(figures, table);
 
     table.totals();
     for (const auto& [name, runs] : figures) {

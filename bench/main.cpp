@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
         registerWriteBenchmarks(round);
         registerReadBenchmarks(round);
         registerIndexBenchmarks(round);
+        registerSelectiveReadBenchmarks(round);
         if (round <= kDerivedRounds) {
             registerDerivedFileBenchmarks(round);
         }
