@@ -145,6 +145,7 @@ public:
         auto answer = std::make_shared<std::optional<bool>>();
         std::unique_lock lock(mutex_);
         if (stopped_) {
+            waitForAcceptedEntriesToSettle(lock);
             return false;
         }
         Job& job = jobs_.emplace_back();
@@ -161,6 +162,17 @@ public:
 
     bool flush() {
         return runInOrder([](SqliteLogFile&) { return true; }, Job::Kind::Flush);
+    }
+
+    // After a failure the writer still settles what was accepted before it
+    // (each entry counted as failed); an answer given meanwhile would come
+    // with counts that do not add up yet. Waits for that, a few seconds at
+    // most, unless the recorder is closing.
+    void waitForAcceptedEntriesToSettle(std::unique_lock<std::mutex>& lock) {
+        const auto deadline = Clock::now() + std::chrono::seconds(5);
+        while (!closed_ && stats_.written + stats_.failed < stats_.accepted && Clock::now() < deadline) {
+            answered_.wait_for(lock, std::chrono::milliseconds(2));
+        }
     }
 
     bool close() {
