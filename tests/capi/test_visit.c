@@ -227,7 +227,8 @@ TEST(read_threads_expand_ahead_and_hand_out_every_entry_in_order) {
     for (i = 0; i < sizeof threads / sizeof threads[0]; ++i) {
         CHECK(MV_LogFile_SetReadThreads(file, threads[i], &error));
         memset(&record, 0, sizeof record);
-        CHECK(MV_LogFile_VisitEntries(file, -1, -1, INT64_MIN, INT64_MAX, NULL, record_view, &record, &error));
+        CHECK(
+            MV_LogFile_VisitEntries(file, -1, -1, INT64_MIN, INT64_MAX, NULL, record_view, &record, &error));
         CHECK_INT_EQ(record.count, 3000);
         CHECK_INT_EQ(record.ids[0], 1);
         CHECK_INT_EQ(record.ids[63], 64);
