@@ -127,8 +127,13 @@ void make_directory(const char* path) {
     REQUIRE(mkdir(path, 0700) == 0);
 }
 
+/* The library stamps entries from CLOCK_REALTIME. time() reads the coarse
+ * clock, which can lag it by a tick across a second boundary, so a bound
+ * taken from it could fall just before the library's own stamp. */
 int64_t now_ms(void) {
-    return (int64_t)time(NULL) * 1000;
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
 /* ---- log files ---------------------------------------------------------- */
