@@ -49,8 +49,8 @@ asan: deps
 
 tsan: deps
 	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=Debug -DMARIVANE_SANITIZE=thread $(DEV_FLAGS)
-	cmake --build $(TSAN_DIR) -j $(JOBS) --target playback_tests sqlite_tests services_tests algorithms_tests concurrency_tests recorder_tests view_server_tests
-	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L 'playback_tests|sqlite_tests|services_tests|algorithms_tests|concurrency_tests|recorder_tests|view_server_tests'
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target playback_tests store_tests services_tests algorithms_tests concurrency_tests recorder_tests view_server_tests
+	cd $(TSAN_DIR) && ctest --output-on-failure -j $(JOBS) -L 'playback_tests|store_tests|services_tests|algorithms_tests|concurrency_tests|recorder_tests|view_server_tests'
 
 # libFuzzer targets under ASan+UBSan, each run for FUZZ_SECONDS (CI: 60).
 fuzz:

@@ -1,7 +1,7 @@
 #include <logging/Algorithms.h>
 
 #include "algorithms/MetadataHistory.h"
-#include "sqlite/StoreAccess.h"
+#include "store/StoreAccess.h"
 
 #include <logging/SqliteLogFile.h>
 

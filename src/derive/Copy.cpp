@@ -3,7 +3,7 @@
 #include "algorithms/MetadataHistory.h"
 #include "derive/PendingOutput.h"
 #include "derive/StoredRows.h"
-#include "sqlite/StoreAccess.h"
+#include "store/StoreAccess.h"
 
 #include <logging/Algorithms.h>
 #include <logging/SqliteLogFile.h>

@@ -1,6 +1,6 @@
 #include "derive/StoredRows.h"
 
-#include "sqlite/StoreAccess.h"
+#include "store/StoreAccess.h"
 
 #include <stdexcept>
 

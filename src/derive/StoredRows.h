@@ -4,7 +4,7 @@
 #include <logging/EntryIndexFilter.h>
 #include <logging/SqliteLogFile.h>
 
-#include "cursor/EntryCursor.h"
+#include "store/EntryCursor.h"
 
 #include <cstdint>
 #include <string>

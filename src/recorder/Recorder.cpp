@@ -2,7 +2,7 @@
 
 #include <logging/SqliteLogFile.h>
 
-#include "sqlite/StoreAccess.h"
+#include "store/StoreAccess.h"
 
 #include <core/Chrono.h>
 #include <core/Compression.h>

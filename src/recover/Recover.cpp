@@ -3,8 +3,8 @@
 #include "derive/PendingOutput.h"
 #include "model/FixedMetadataKeys.h"
 #include "recover/PageScanner.h"
-#include "sqlite/ReturnPropertyValueVisitor.h"
-#include "sqlite/StoreAccess.h"
+#include "store/ReturnPropertyValueVisitor.h"
+#include "store/StoreAccess.h"
 
 #include <logging/SqliteLogFile.h>
 

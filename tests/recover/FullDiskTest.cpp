@@ -1,7 +1,7 @@
 // A salvage onto a full disk says so, with the room it needs, and leaves
 // nothing behind.
 #include "DamagedFiles.h"
-#include "sqlite/FaultInjectingVfs.h"
+#include "store/FaultInjectingVfs.h"
 #include "support/TempDir.h"
 
 #include <logging/Recover.h>

@@ -4,8 +4,8 @@
 #include <database/SqliteQuery.h>
 #include "model/RequireType.h"
 #include "services/database/ColumnAccess.h"
-#include "sqlite/BindParameterVisitor.h"
-#include "sqlite/ReturnPropertyValueVisitor.h"
+#include "store/BindParameterVisitor.h"
+#include "store/ReturnPropertyValueVisitor.h"
 
 #include "support/TempDir.h"
 

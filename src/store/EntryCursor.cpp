@@ -1,7 +1,7 @@
-#include "cursor/EntryCursor.h"
+#include "store/EntryCursor.h"
 
 #include "services/database/ColumnAccess.h"
-#include "sqlite/SqliteLogFilePrivate.h"
+#include "store/SqliteLogFilePrivate.h"
 
 #include <algorithm>
 #include <array>

@@ -3,12 +3,10 @@
 #include "SqliteLogFilePrivate.h"
 #include "model/FixedMetadataKeys.h"
 
-#include <logging/Algorithms.h>
-
 #include <core/Compression.h>
 #include "services/database/ColumnAccess.h"
-#include "sqlite/BindParameterVisitor.h"
-#include "sqlite/ReturnPropertyValueVisitor.h"
+#include "store/BindParameterVisitor.h"
+#include "store/ReturnPropertyValueVisitor.h"
 
 #include <algorithm>
 #include <array>

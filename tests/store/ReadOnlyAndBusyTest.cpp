@@ -3,7 +3,7 @@
 // for readers instead of discarding what it was given.
 
 #include "StoreTestSupport.h"
-#include "sqlite/StoreAccess.h"
+#include "store/StoreAccess.h"
 
 #include <logging/NotALogFileError.h>
 #include <logging/NotYetALogFileError.h>

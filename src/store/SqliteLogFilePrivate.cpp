@@ -12,7 +12,7 @@
 #include <database/FileIsNotDatabase.h>
 #include <database/UnfinishedCommit.h>
 #include "services/database/ColumnAccess.h"
-#include "sqlite/BindParameterVisitor.h"
+#include "store/BindParameterVisitor.h"
 
 #include <array>
 #include <fstream>

@@ -2,7 +2,7 @@
 #include <logging/NotALogFileError.h>
 #include <logging/SqliteLogFile.h>
 
-#include "sqlite/SqliteLogFilePrivate.h"
+#include "store/SqliteLogFilePrivate.h"
 
 #include <core/Compression.h>
 #include <database/DatabaseAccessError.h>

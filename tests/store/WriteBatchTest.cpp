@@ -4,7 +4,7 @@
 // destroying the file) keeps everything written.
 #include <logging/SqliteLogFile.h>
 
-#include "sqlite/SqliteLogFilePrivate.h"
+#include "store/SqliteLogFilePrivate.h"
 
 #include "StoreTestSupport.h"
 #include "support/TempDir.h"

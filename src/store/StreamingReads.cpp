@@ -2,10 +2,10 @@
 // the file through EntryCursor or asks the database one small question.
 #include <logging/SqliteLogFile.h>
 
-#include "cursor/EntryCursor.h"
-#include "cursor/ParallelExpansion.h"
 #include "services/database/ColumnAccess.h"
-#include "sqlite/SqliteLogFilePrivate.h"
+#include "store/EntryCursor.h"
+#include "store/ParallelExpansion.h"
+#include "store/SqliteLogFilePrivate.h"
 
 #include <core/Checksum.h>
 #include <core/Compression.h>

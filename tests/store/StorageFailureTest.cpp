@@ -1,6 +1,6 @@
 #include <logging/SqliteLogFile.h>
 
-#include "sqlite/SqliteLogFilePrivate.h"
+#include "store/SqliteLogFilePrivate.h"
 
 #include <database/SqliteQuery.h>
 

@@ -5,7 +5,7 @@
 
 #include "StoreTestSupport.h"
 
-#include "cursor/EntryCursor.h"
+#include "store/EntryCursor.h"
 
 #include <logging/Logging.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "cursor/EntryCursor.h"
+#include "store/EntryCursor.h"
 
 #include <logging/ByteBuffer.h>
 #include <logging/EntryView.h>

@@ -1,4 +1,4 @@
-#include "cursor/ParallelExpansion.h"
+#include "store/ParallelExpansion.h"
 
 #include <core/Checksum.h>
 #include <core/Compression.h>
