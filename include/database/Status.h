@@ -43,6 +43,11 @@ MV_DATABASE_EXPORT StatusCode classifyResultCode(int32_t resultCode) noexcept;
 // recovered by a connection that may write before the file can be read.
 MV_DATABASE_EXPORT bool isUnfinishedCommit(int32_t resultCode) noexcept;
 
+// True for a failed read or write of the file itself, which the store
+// reports in its own words; other I/O failures (a sync, a lock, a journal)
+// are not among them.
+MV_DATABASE_EXPORT bool isReadOrWriteFailure(int32_t resultCode) noexcept;
+
 // The outcome of one database operation: its kind, SQLite's extended result
 // code and a message. Cheap to copy when it is Ok (the message is empty).
 class [[nodiscard]] Status {
@@ -55,6 +60,8 @@ public:
 
     bool ok() const { return code_ == StatusCode::Ok; }
     bool isBusy() const { return code_ == StatusCode::Busy; }
+    bool isReadOrWriteFailure() const { return Database::isReadOrWriteFailure(resultCode_); }
+    bool isUnfinishedCommit() const { return Database::isUnfinishedCommit(resultCode_); }
     StatusCode code() const { return code_; }
     // SQLite's extended result code; 0 when ok.
     int32_t resultCode() const { return resultCode_; }

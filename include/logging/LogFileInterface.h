@@ -19,6 +19,8 @@
 
 namespace Marivane::Logging {
 
+class SqliteLogFile;
+
 // A log file: entries of several data sources, their properties, file
 // metadata, named resources and bookmarks.
 //
@@ -84,6 +86,14 @@ public:
     // SqliteLogFile::visitEntries, which streams in constant memory.
     virtual std::vector<DataEntry> readEntries(int32_t minimumEntryId, int32_t maximumEntryId,
                                                const EntryIndexFilter& filter, int32_t limit) const = 0;
+
+    // The SQLite store behind this interface, or nullptr for any other
+    // implementation. Streaming reads, write batches and copies of stored
+    // payloads are the store's own; callers that can use them ask here and
+    // fall back to the operations above. The pointer is this object: it lives
+    // as long as the object does and follows its threading rule.
+    virtual SqliteLogFile* sqliteLogFile() noexcept;
+    const SqliteLogFile* sqliteLogFile() const noexcept;
 };
 
 }  // namespace Marivane::Logging

@@ -31,6 +31,7 @@
 #include <logging/Recorder.h>
 #include <logging/Recover.h>
 #include <logging/SqliteLogFile.h>
+#include <logging/ThrownFailure.h>
 
 #include <database/DatabaseAccessError.h>
 #include <database/DatabaseBusy.h>

@@ -261,6 +261,9 @@ public:
     std::string getLastError() const override;
     std::vector<DataEntry> readEntries(int32_t minimumEntryId, int32_t maximumEntryId,
                                        const EntryIndexFilter& filter, int32_t limit) const override;
+    // This object.
+    SqliteLogFile* sqliteLogFile() noexcept override;
+    using LogFileInterface::sqliteLogFile;
 
 private:
     // The library's own components (readers, the recorder, the C layer) reach

@@ -1,11 +1,6 @@
 #include "Common.h"
 
-#include <core/Compression.h>
-#include <database/DatabaseAccessError.h>
-#include <database/DatabaseBusy.h>
-#include <database/FileIsNotDatabase.h>
-#include <logging/LegacyLogFileError.h>
-#include <logging/NotALogFileError.h>
+#include <logging/ThrownFailure.h>
 
 #include <cstring>
 #include <stdexcept>
@@ -44,6 +39,26 @@ const char* errorClassFor(ml::FailureKind kind) {
     return "LogFileError";
 }
 
+// nullptr for exceptions that pybind11 translates itself.
+const char* errorClassFor(ml::ThrownFailure failure) {
+    switch (failure) {
+        case ml::ThrownFailure::Busy:
+            return "BusyError";
+        case ml::ThrownFailure::NotADatabase:
+        case ml::ThrownFailure::NotALogFile:
+            return "NotALogFileError";
+        case ml::ThrownFailure::LegacyLogFile:
+            return "LegacyLogFileError";
+        case ml::ThrownFailure::Damaged:
+            return "DamagedError";
+        case ml::ThrownFailure::Database:
+            return "DatabaseError";
+        case ml::ThrownFailure::Foreign:
+            break;
+    }
+    return nullptr;
+}
+
 void registerExceptionTranslator() {
     // One translator, so that the most derived class is caught first.
     py::register_exception_translator([](std::exception_ptr pointer) {
@@ -56,19 +71,12 @@ void registerExceptionTranslator() {
         };
         try {
             std::rethrow_exception(pointer);
-        } catch (const Marivane::Database::DatabaseBusy& error) {
-            set("BusyError", error.what());
-        } catch (const Marivane::Database::FileIsNotDatabase& error) {
-            set("NotALogFileError", error.what());
-        } catch (const Marivane::Database::DatabaseAccessError& error) {
-            set("DatabaseError", error.what());
-        } catch (const ml::NotALogFileError& error) {
-            set("NotALogFileError", error.what());
-        } catch (const ml::LegacyLogFileError& error) {
-            set("LegacyLogFileError", error.what());
-        } catch (const Marivane::Compression::CompressionError& error) {
-            // A stored payload or resource that does not expand.
-            set("DamagedError", error.what());
+        } catch (const std::exception& error) {
+            const char* className = errorClassFor(ml::classifyThrown(error));
+            if (className == nullptr) {
+                throw;
+            }
+            set(className, error.what());
         }
         // Anything else falls through to pybind11's own translation.
     });

@@ -7,6 +7,7 @@
 #include <logging/EntryRange.h>
 #include <logging/FailureKind.h>
 #include <logging/SqliteLogFile.h>
+#include <logging/ThrownFailure.h>
 
 #include <pybind11/pybind11.h>
 
@@ -26,6 +27,7 @@ namespace ml = Marivane::Logging;
 [[noreturn]] void raiseError(const char* className, const std::string& message);
 // The exception class for a failure kind.
 const char* errorClassFor(ml::FailureKind kind);
+const char* errorClassFor(ml::ThrownFailure failure);
 // Raises Python's RuntimeError with `message`.
 [[noreturn]] void raiseRuntimeError(const std::string& message);
 

@@ -1,9 +1,9 @@
 #include "Common.h"
 
-#include <database/DatabaseAccessError.h>
 #include <logging/Algorithms.h>
 #include <logging/Copy.h>
 #include <logging/Recover.h>
+#include <logging/ThrownFailure.h>
 
 #include <pybind11/stl.h>
 
@@ -18,7 +18,7 @@ using Handle = std::shared_ptr<OpenLogFile>;
 // The derived file as an open handle: the algorithms answer the interface,
 // which for this library is always a SqliteLogFile.
 Handle adopt(std::unique_ptr<ml::LogFileInterface> result) {
-    if (auto* sqlite = dynamic_cast<ml::SqliteLogFile*>(result.get())) {
+    if (ml::SqliteLogFile* sqlite = result->sqliteLogFile()) {
         return std::make_shared<OpenLogFile>(std::move(*sqlite));
     }
     std::filesystem::path path = result->getFilePath();
@@ -79,15 +79,13 @@ auto runWithoutGil(Progress& progress, Run&& run) -> decltype(run()) {
     try {
         py::gil_scoped_release release;
         return run();
-    } catch (const Marivane::Database::DatabaseAccessError&) {
-        // The translator maps the database layer's errors.
-        if (progress.error) {
-            throw *progress.error;
-        }
-        throw;
     } catch (const std::runtime_error& error) {
         if (progress.error) {
             throw *progress.error;
+        }
+        if (ml::isDatabaseFailure(ml::classifyThrown(error))) {
+            // The translator maps the database layer's errors.
+            throw;
         }
         raiseError("LogFileError", error.what());
     }

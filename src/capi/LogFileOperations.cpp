@@ -190,7 +190,7 @@ bool MV_LogFile_GetAllResources(MV_LogFile_p file, MV_LogResourceCallback callba
 }
 
 bool MV_LogFile_BeginBatch(MV_LogFile_p file, MV_LogError_p* error) {
-    auto* sqliteFile = dynamic_cast<SqliteLogFile*>(file->file.get());
+    SqliteLogFile* sqliteFile = file->file->sqliteLogFile();
     if (sqliteFile == nullptr) {
         storeError(error, "Write batches are not supported by this log file.");
         return false;

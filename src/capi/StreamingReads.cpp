@@ -15,7 +15,7 @@ namespace {
 
 // Every handle holds a SqliteLogFile; these reads are that class's own.
 SqliteLogFile& sqliteFileOf(MV_LogFile_p file) {
-    auto* sqliteFile = dynamic_cast<SqliteLogFile*>(file->file.get());
+    SqliteLogFile* sqliteFile = file->file->sqliteLogFile();
     if (sqliteFile == nullptr) {
         throw std::logic_error("This log file does not support streaming reads.");
     }

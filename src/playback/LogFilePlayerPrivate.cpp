@@ -150,7 +150,7 @@ LogFilePlayerPrivate::LogFilePlayerPrivate(std::unique_ptr<LogFileInterface> fil
       frameCallback(callback),
       loopPlayback(loop),
       maxFrameDelay(maxFrameDelayMs),
-      sqliteFile(dynamic_cast<const SqliteLogFile*>(logFile.get())) {
+      sqliteFile(std::as_const(*logFile).sqliteLogFile()) {
     updateBookmarkList();
 }
 
@@ -169,7 +169,7 @@ LogFilePlayerPrivate::LogFilePlayerPrivate(std::unique_ptr<LogFileInterface> fil
       order(options.order),
       builtWithOptions(true),
       delayCap(options.maxFrameDelay),
-      sqliteFile(dynamic_cast<const SqliteLogFile*>(logFile.get())) {
+      sqliteFile(std::as_const(*logFile).sqliteLogFile()) {
     const EntryIndexFilter filter = filterForDataSources(dataSources);
     frames = order == FrameOrder::Time ? framesInTimeOrder(filter) : logFile->getEntryIndex(filter);
     updateBookmarkList();

@@ -313,7 +313,7 @@ bool SqliteLogFile::addMetadata(std::string key, PropertyValue value) {
             return false;
         }
         if (!d->checkFinished(existing, "Looking up a metadata key of")) {
-            d->processErrorCode(existing.getLastResultCode());
+            d->setLastErrorFor(existing.status());
             return false;
         }
     }
@@ -352,7 +352,7 @@ bool SqliteLogFile::addResource(const std::string& name, const ByteBuffer& data)
             return false;
         }
         if (!d->checkFinished(existing, "Looking up a resource name of")) {
-            d->processErrorCode(existing.getLastResultCode());
+            d->setLastErrorFor(existing.status());
             return false;
         }
     }
@@ -436,7 +436,7 @@ std::optional<bool> rowExists(const SqliteLogFilePrivate& file, const char* sql,
         return true;
     }
     if (!file.checkFinished(query, operation)) {
-        file.processErrorCode(query.getLastResultCode());
+        file.setLastErrorFor(query.status());
         return std::nullopt;
     }
     return false;
@@ -500,7 +500,7 @@ bool SqliteLogFile::setThumbnail(const ByteBuffer& data) {
         count = getValueFromColumn<int>(query, 0);
         if (!count) {
             d->checkFinished(query, "Counting the thumbnails of");
-            d->processErrorCode(query.getLastResultCode());
+            d->setLastErrorFor(query.status());
             return false;
         }
     }
@@ -634,6 +634,10 @@ std::vector<int32_t> SqliteLogFile::getEntryIndex(const EntryIndexFilter& filter
     }
     d->checkFinished(query, "Reading the entry index of");
     return ids;
+}
+
+SqliteLogFile* SqliteLogFile::sqliteLogFile() noexcept {
+    return this;
 }
 
 std::vector<DataEntry> SqliteLogFile::readEntries(int32_t minimumEntryId, int32_t maximumEntryId,

@@ -29,11 +29,8 @@ using Database::SqliteQuery;
 constexpr Database::OpenMode kOpenMode = Database::OpenReadWrite | Database::OpenCreate;
 constexpr uint32_t kLegacyMagic = 0x11223344;
 
-constexpr int kDiskFull = 13;
-// Any code the mapping does not name: "Unknown internal error".
-constexpr int kCorruptCode = 11;
-constexpr int kIoErrorRead = 266;
-constexpr int kIoErrorBit = 512;
+// The text of any failure the store has no message of its own for.
+constexpr const char* kUnknownInternalError = "Unknown internal error";
 
 constexpr const char* kPageSizePragma = "PRAGMA page_size = 8192;";
 
@@ -195,7 +192,7 @@ void SqliteLogFilePrivate::throwOpeningFailure(const Database::Status& status) c
     if (status.isBusy()) {
         throw Database::DatabaseBusy(busyMessage());
     }
-    if (Database::isUnfinishedCommit(status.resultCode())) {
+    if (status.isUnfinishedCommit()) {
         throwUnfinishedCommit();
     }
     throw Database::DatabaseAccessError("Cannot open '" + filePath.string() +
@@ -295,7 +292,7 @@ bool SqliteLogFilePrivate::commitTransaction() {
         return !batchLostWrites;
     }
     recordFailure("Committing a write batch", committed);
-    processErrorCode(committed.resultCode());
+    setLastErrorFor(committed);
     if (!committed.isBusy()) {
         // The commit rolled back; never leave a transaction that cannot commit.
         transaction.reset();
@@ -445,17 +442,23 @@ std::string SqliteLogFilePrivate::readOnlyMessage() const {
     return "The log file '" + filePath.string() + "' was opened read-only: it cannot be changed.";
 }
 
-void SqliteLogFilePrivate::processErrorCode(int code) const {
-    if ((code & ~kIoErrorBit) == kIoErrorRead) {
-        lastError = "IO error while reading or writing to the file.";
-    } else if (code == kDiskFull) {
-        lastError = "Filesystem full.";
-    } else if (Database::classifyResultCode(code) == Database::StatusCode::Busy) {
-        lastError = busyMessage();
-    } else if (isReadOnly() && Database::classifyResultCode(code) == Database::StatusCode::ReadOnly) {
-        lastError = readOnlyMessage();
-    } else {
-        lastError = "Unknown internal error";
+void SqliteLogFilePrivate::setLastErrorFor(const Database::Status& status) const {
+    lastError = lastErrorTextFor(status);
+}
+
+std::string SqliteLogFilePrivate::lastErrorTextFor(const Database::Status& status) const {
+    if (status.isReadOrWriteFailure()) {
+        return "IO error while reading or writing to the file.";
+    }
+    switch (status.code()) {
+        case Database::StatusCode::Full:
+            return "Filesystem full.";
+        case Database::StatusCode::Busy:
+            return busyMessage();
+        case Database::StatusCode::ReadOnly:
+            return isReadOnly() ? readOnlyMessage() : kUnknownInternalError;
+        default:
+            return kUnknownInternalError;
     }
 }
 
@@ -475,7 +478,7 @@ bool SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* foreignK
     if (status.code() == Database::StatusCode::ForeignKey && foreignKeyMessage) {
         lastError = foreignKeyMessage;
     } else {
-        processErrorCode(status.resultCode());
+        setLastErrorFor(status);
     }
     return false;
 }
@@ -503,13 +506,13 @@ int32_t SqliteLogFilePrivate::readSingleInteger(const std::string& sql) const {
             recordFailureMessage(FailureKind::Damaged,
                                  "Reading '" + filePath.string() + "' failed: the stored value " +
                                      std::to_string(*value) + " does not fit in 32 bits");
-            processErrorCode(kCorruptCode);
+            lastError = kUnknownInternalError;
             return -1;
         }
         return static_cast<int32_t>(*value);
     }
     (void)checkFinished(query, "Reading");
-    processErrorCode(query.getLastResultCode());
+    setLastErrorFor(query.status());
     return -1;
 }
 
@@ -617,7 +620,7 @@ bool SqliteLogFilePrivate::writeTogether(const std::function<bool()>& writes) {
     }
     if (const Database::Status begun = database.execute("BEGIN;"); !begun.ok()) {
         recordFailure("Writing", begun);
-        processErrorCode(begun.resultCode());
+        setLastErrorFor(begun);
         return false;
     }
     if (!writes()) {
@@ -626,7 +629,7 @@ bool SqliteLogFilePrivate::writeTogether(const std::function<bool()>& writes) {
     }
     if (const Database::Status committed = database.execute("COMMIT;"); !committed.ok()) {
         recordFailure("Writing", committed);
-        processErrorCode(committed.resultCode());
+        setLastErrorFor(committed);
         (void)database.execute("ROLLBACK;");
         return false;
     }

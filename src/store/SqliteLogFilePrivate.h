@@ -99,8 +99,10 @@ public:
     // Rebuilds the bookmarks table (its rows are lost) when its foreign-key
     // check reports a problem.
     void fixBookmarksTable();
-    // Replaces lastError with the message for a database error code.
-    void processErrorCode(int code) const;
+    // Replaces lastError with the message for a database failure: its kind
+    // decides, never its raw code.
+    void setLastErrorFor(const Database::Status& status) const;
+    std::string lastErrorTextFor(const Database::Status& status) const;
 
     // Write batches: one transaction from begin to end. endBatch commits and
     // answers whether that worked (lastError says why not).

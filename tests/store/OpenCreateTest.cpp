@@ -536,7 +536,7 @@ TEST(OpenLogFile, MissingLogVersionBehavesAsVersionZero) {
 
 // ---- error texts -----------------------------------------------------------------
 
-TEST(ProcessErrorCode, MapsDatabaseCodesToMessages) {
+TEST(LastErrorText, FollowsTheKindOfTheDatabaseFailure) {
     TempDir dir;
     SqliteLogFilePrivate file{fs::path(dir.file("codes.mvlog"))};
     EXPECT_EQ(file.lastError, "No error");
@@ -550,7 +550,7 @@ TEST(ProcessErrorCode, MapsDatabaseCodesToMessages) {
         {0, "Unknown internal error"},
     };
     for (const auto& [code, message] : cases) {
-        file.processErrorCode(code);
+        file.setLastErrorFor(Marivane::Database::Status(code, "failure"));
         EXPECT_EQ(file.lastError, message) << "code " << code;
     }
 }

@@ -53,6 +53,10 @@ bool isUnfinishedCommit(int32_t resultCode) noexcept {
     return resultCode == SQLITE_READONLY_ROLLBACK || resultCode == SQLITE_READONLY_RECOVERY;
 }
 
+bool isReadOrWriteFailure(int32_t resultCode) noexcept {
+    return resultCode == SQLITE_IOERR_READ || resultCode == SQLITE_IOERR_WRITE;
+}
+
 void throwDatabaseError(int code, const std::string& context, const std::string& sqliteMessage) {
     const std::string message = context + ": " + sqliteMessage;
     switch (classifyResultCode(code)) {
