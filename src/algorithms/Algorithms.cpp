@@ -172,8 +172,9 @@ void streamEntries(const SqliteLogFile& source, SqliteLogFile& output, EntryRang
             }
             if (copyStored) {
                 entry.data.assign(view.data, view.data + view.size);
-                StoreAccess::of(output).insertStoredEntry(view.timestamp, view.type, view.dataSourceId,
-                                                          entry.data);
+                // A failed write loses the batch, whose commit then throws.
+                (void)StoreAccess::of(output).insertStoredEntry(view.timestamp, view.type, view.dataSourceId,
+                                                                entry.data);
             } else {
                 entry.dataSourceId = view.dataSourceId;
                 entry.type = view.type;

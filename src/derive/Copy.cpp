@@ -104,15 +104,17 @@ public:
         }
         bool written = false;
         if (inputLevel == level_) {
-            written =
-                StoreAccess::of(file_).insertStoredEntry(row.timestamp, row.type, dataSourceId, row.payload);
+            written = StoreAccess::of(file_)
+                          .insertStoredEntry(row.timestamp, row.type, dataSourceId, row.payload)
+                          .ok();
             ++report.payloadsCopiedAsStored;
         } else {
             ByteBuffer data = inputLevel == 0 ? row.payload : Compression::uncompress(row.payload);
             if (level_ != 0) {
                 data = Compression::compress(data, level_);
             }
-            written = StoreAccess::of(file_).insertStoredEntry(row.timestamp, row.type, dataSourceId, data);
+            written =
+                StoreAccess::of(file_).insertStoredEntry(row.timestamp, row.type, dataSourceId, data).ok();
         }
         if (!written) {
             throwWriteFailure(pending_, file_, "writing entry " + std::to_string(row.entryId));

@@ -2,6 +2,7 @@
 
 #include <logging/SqliteLogFile.h>
 
+#include "model/Outcome.h"
 #include "store/StoreAccess.h"
 
 #include <core/Chrono.h>
@@ -533,7 +534,7 @@ private:
     }
 
     void writeEntry(Job& job, std::vector<Clock::time_point>& uncommitted) {
-        bool written = false;
+        Outcome written = Outcome::failure(FailureKind::Refused, job.compressionError);
         if (job.compressionError.empty()) {
             written = StoreAccess::of(*file_).insertStoredEntry(job.timestamp, job.type, job.dataSourceId,
                                                                 job.stored);
@@ -548,16 +549,11 @@ private:
         }
         std::lock_guard lock(mutex_);
         ++stats_.failed;
-        if (!job.compressionError.empty()) {
-            noteRefusal(job.compressionError);
-            return;
-        }
-        const FailureKind kind = file_->getLastFailureKind();
-        if (kind == FailureKind::Refused) {
-            noteRefusal(file_->getLastError());
+        if (written.kind() == FailureKind::Refused) {
+            noteRefusal(written.message());
         } else {
             fail("Cannot write entry " + std::to_string(job.sequence + 1) + " to '" + path_.string() +
-                 "': " + file_->getLastError());
+                 "': " + written.message());
         }
     }
 

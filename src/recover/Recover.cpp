@@ -2,6 +2,7 @@
 
 #include "derive/PendingOutput.h"
 #include "model/FixedMetadataKeys.h"
+#include "model/Outcome.h"
 #include "recover/PageScanner.h"
 #include "store/ReturnPropertyValueVisitor.h"
 #include "store/StoreAccess.h"
@@ -1072,9 +1073,13 @@ private:
     }
 
     [[noreturn]] void throwWriteFailure(const std::string& what) const {
-        throw WriteFailure("Cannot write '" + pending_.finalPath().string() + "': " + what +
-                               " failed: " + output_->getLastError(),
-                           fullDiskOf(output_->getLastFailureKind()));
+        throwWriteFailure(what, Outcome::failure(output_->getLastFailureKind(), output_->getLastError()));
+    }
+
+    [[noreturn]] void throwWriteFailure(const std::string& what, const Outcome& failure) const {
+        throw WriteFailure(
+            "Cannot write '" + pending_.finalPath().string() + "': " + what + " failed: " + failure.message(),
+            fullDiskOf(failure.kind()));
     }
 
     void beginBatch() {
@@ -1159,10 +1164,11 @@ private:
         const auto source = static_cast<int8_t>(entry.dataSourceId);
         ensureDataSource(source);
         entryBytes_.assign(entry.payload, entry.payload + entry.size);
-        if (!StoreAccess::of(*output_).insertStoredEntryWithId(
+        if (const Outcome written = StoreAccess::of(*output_).insertStoredEntryWithId(
                 static_cast<int32_t>(entry.entryId), entry.timestamp, static_cast<int32_t>(entry.type),
-                source, entryBytes_)) {
-            throwWriteFailure("writing entry " + std::to_string(entry.entryId));
+                source, entryBytes_);
+            !written) {
+            throwWriteFailure("writing entry " + std::to_string(entry.entryId), written);
         }
         if (checksummed_ && verdict == Verdict::Unverified) {
             forgetChecksum(entry.entryId);

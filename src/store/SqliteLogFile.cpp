@@ -126,7 +126,7 @@ bool SqliteLogFile::WriteBatch::isOpen() const {
 
 bool SqliteLogFile::WriteBatch::commit() {
     const std::shared_ptr<SqliteLogFilePrivate*> file = std::move(file_);
-    return file && *file && (*file)->endBatch();
+    return file && *file && (*file)->endBatch().ok();
 }
 
 void SqliteLogFile::WriteBatch::commitIgnoringErrors() noexcept {
@@ -199,7 +199,7 @@ bool SqliteLogFile::addDataSource(const DataSource& source) {
     query.bindParameter(":dataSourceId", int32_t{source.id});
     query.bindParameter(":dataSourceType", int32_t{source.type});
     query.bindParameter(":dataSourceName", source.name, BindMode::NoCopy);
-    return d->executeWrite(query);
+    return d->executeWrite(query).ok();
 }
 
 bool SqliteLogFile::addDataSourceProperty(const DataSourceProperty& property) {
@@ -210,18 +210,23 @@ bool SqliteLogFile::addDataSourceProperty(const DataSourceProperty& property) {
     query.bindParameter(":dataSourceId", int32_t{property.dataSourceId});
     query.bindParameter(":key", property.propertyName, BindMode::NoCopy);
     std::visit(Database::BindParameterVisitor(query, ":value"), property.value);
-    return d->executeWrite(
-        query, "Attempted to add a data source property for a data source that did not exist in the file.");
+    return d
+        ->executeWrite(
+            query,
+            "Attempted to add a data source property for a data source that did not exist in the file.")
+        .ok();
 }
 
 bool SqliteLogFile::logData(const DataEntry& entry) {
     if (!d->compressesPayloads()) {
-        return d->insertStoredEntry(entry.timestamp, entry.type, entry.dataSourceId, entry.data);
+        return d->insertStoredEntry(entry.timestamp, entry.type, entry.dataSourceId, entry.data).ok();
     }
     const std::size_t size = Compression::compressInto(entry.data.data(), entry.data.size(),
                                                        d->compressionLevel, d->compressionBuffer);
-    return d->insertStoredBytes(entry.timestamp, entry.type, entry.dataSourceId, d->compressionBuffer.data(),
-                                size);
+    return d
+        ->insertStoredBytes(entry.timestamp, entry.type, entry.dataSourceId, d->compressionBuffer.data(),
+                            size)
+        .ok();
 }
 
 std::vector<DataSource> SqliteLogFile::getDataSources() const {
@@ -320,7 +325,7 @@ bool SqliteLogFile::addMetadata(std::string key, PropertyValue value) {
     SqliteQuery insert(d->database, "INSERT INTO metadata (key, value) VALUES (:key, :value);");
     insert.bindParameter(":key", key, BindMode::NoCopy);
     std::visit(Database::BindParameterVisitor(insert, ":value"), value);
-    return d->executeWrite(insert);
+    return d->executeWrite(insert).ok();
 }
 
 std::optional<PropertyValue> SqliteLogFile::getMetadataValue(std::string key) const {
@@ -364,7 +369,7 @@ bool SqliteLogFile::addResource(const std::string& name, const ByteBuffer& data)
     SqliteQuery insert(d->database, "INSERT INTO resources (name, payload) VALUES (:name, :payload);");
     insert.bindParameter(":name", name, BindMode::NoCopy);
     insert.bindParameter(":payload", compress ? compressed : data, BindMode::NoCopy);
-    return d->executeWrite(insert);
+    return d->executeWrite(insert).ok();
 }
 
 namespace {
@@ -445,7 +450,7 @@ std::optional<bool> rowExists(const SqliteLogFilePrivate& file, const char* sql,
 bool deleteRows(SqliteLogFilePrivate& file, const char* sql, const std::string& value) {
     SqliteQuery remove(file.database, sql);
     remove.bindParameter(":value", value, BindMode::NoCopy);
-    return file.executeWrite(remove);
+    return file.executeWrite(remove).ok();
 }
 
 constexpr const char* kMetadataKeyExists = "SELECT 1 FROM metadata WHERE key = :value;";
@@ -510,7 +515,7 @@ bool SqliteLogFile::setThumbnail(const ByteBuffer& data) {
     // Replacing keeps the bytes as they are, even where inserts compress.
     SqliteQuery update(d->database, "UPDATE resources SET payload = :payload WHERE name = 'thumbnail';");
     update.bindParameter(":payload", data, BindMode::NoCopy);
-    return d->executeWrite(update);
+    return d->executeWrite(update).ok();
 }
 
 // ---- bookmarks -------------------------------------------------------------------
@@ -546,7 +551,7 @@ bool SqliteLogFile::addBookmark(const Bookmark& bookmark) {
     if (withPayload) {
         bindBookmarkPayload(*d, query, bookmark.payload, compressed);
     }
-    return d->executeWrite(query);
+    return d->executeWrite(query).ok();
 }
 
 bool SqliteLogFile::updateBookmark(const Bookmark& bookmark) {
@@ -564,13 +569,13 @@ bool SqliteLogFile::updateBookmark(const Bookmark& bookmark) {
     if (withPayload) {
         bindBookmarkPayload(*d, query, bookmark.payload, compressed);
     }
-    return d->executeWrite(query);
+    return d->executeWrite(query).ok();
 }
 
 bool SqliteLogFile::removeBookmark(const Bookmark& bookmark) {
     SqliteQuery query(d->database, "DELETE FROM bookmarks WHERE entryId = :entryId;");
     query.bindParameter(":entryId", bookmark.entryId);
-    return d->executeWrite(query);
+    return d->executeWrite(query).ok();
 }
 
 std::vector<Bookmark> SqliteLogFile::getBookmarks() const {

@@ -32,6 +32,31 @@ constexpr uint32_t kLegacyMagic = 0x11223344;
 // The text of any failure the store has no message of its own for.
 constexpr const char* kUnknownInternalError = "Unknown internal error";
 
+FailureKind failureKindOf(Database::StatusCode code) {
+    switch (code) {
+        case Database::StatusCode::Ok:
+            return FailureKind::None;
+        case Database::StatusCode::Busy:
+            return FailureKind::Busy;
+        case Database::StatusCode::Corrupt:
+        case Database::StatusCode::NotADatabase:
+            return FailureKind::Damaged;
+        case Database::StatusCode::IoError:
+            return FailureKind::IoError;
+        case Database::StatusCode::Full:
+            return FailureKind::Full;
+        case Database::StatusCode::ReadOnly:
+            return FailureKind::ReadOnly;
+        case Database::StatusCode::ForeignKey:
+        case Database::StatusCode::Constraint:
+            return FailureKind::Refused;
+        case Database::StatusCode::Misuse:
+        case Database::StatusCode::Other:
+            break;
+    }
+    return FailureKind::Other;
+}
+
 constexpr const char* kPageSizePragma = "PRAGMA page_size = 8192;";
 
 // Only files created with entry checksums have this table: every other file
@@ -218,7 +243,7 @@ SqliteLogFilePrivate::~SqliteLogFilePrivate() {
     heldInsert_.reset();
     removeSideFilesCreatedByThisOpen();
     try {
-        endBatch();
+        (void)endBatch();
         if (transaction) {
             // A batch whose commit met readers earlier: one more full wait.
             (void)commitTransaction();
@@ -270,34 +295,33 @@ std::shared_ptr<SqliteLogFilePrivate*> SqliteLogFilePrivate::beginBatch() {
     return batchOwner;
 }
 
-bool SqliteLogFilePrivate::endBatch() {
+Outcome SqliteLogFilePrivate::endBatch() {
     if (!batchOpen()) {
-        return false;
+        return Outcome::failure(FailureKind::Other, "No write batch is open on '" + filePath.string() + "'.");
     }
     *batchOwner = nullptr;
     batchOwner.reset();
     return commitTransaction();
 }
 
-bool SqliteLogFilePrivate::commitTransaction() {
+Outcome SqliteLogFilePrivate::commitTransaction() {
     if (!transaction || !transaction->isOpen()) {
         // SQLite ended the transaction itself after a failure; nothing is left
         // to commit.
         transaction.reset();
-        return !batchLostWrites;
+        return batchLostWrites ? lastRecordedFailure() : Outcome::success();
     }
     const Database::Status committed = transaction->commit();
     if (committed.ok()) {
         transaction.reset();
-        return !batchLostWrites;
+        return batchLostWrites ? lastRecordedFailure() : Outcome::success();
     }
-    recordFailure("Committing a write batch", committed);
-    setLastErrorFor(committed);
+    Outcome failure = failed("Committing a write batch", committed);
     if (!committed.isBusy()) {
         // The commit rolled back; never leave a transaction that cannot commit.
         transaction.reset();
     }
-    return false;
+    return failure;
 }
 
 bool SqliteLogFilePrivate::checkForTables() {
@@ -389,7 +413,7 @@ void SqliteLogFilePrivate::insertCreationMetadata(const CreationMetadata& metada
         SqliteQuery insert(database, "INSERT INTO metadata (key, value) VALUES (:key, :value);");
         insert.bindParameter(":key", key, Database::BindMode::NoCopy);
         std::visit(Database::BindParameterVisitor(insert, ":value"), value);
-        if (!executeWrite(insert)) {
+        if (!executeWrite(insert).ok()) {
             creationMetadataInserted = false;
             if (insert.status().isBusy()) {
                 (void)database.execute("ROLLBACK;");
@@ -462,13 +486,13 @@ std::string SqliteLogFilePrivate::lastErrorTextFor(const Database::Status& statu
     }
 }
 
-bool SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* foreignKeyMessage) {
+Outcome SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* foreignKeyMessage) {
     if (query.executeStep() == Database::StepDone) {
         if (!batchOpen() && transaction) {
             // An earlier batch could not commit for readers; try again now.
             (void)commitTransaction();
         }
-        return true;
+        return Outcome::success();
     }
     // The statement's own code: the player's worker may step another statement
     // on this connection meanwhile.
@@ -480,7 +504,17 @@ bool SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* foreignK
     } else {
         setLastErrorFor(status);
     }
-    return false;
+    return Outcome::failure(failureKindOf(status.code()), lastError);
+}
+
+Outcome SqliteLogFilePrivate::failed(const char* operation, const Database::Status& status) const {
+    recordFailure(operation, status);
+    setLastErrorFor(status);
+    return Outcome::failure(failureKindOf(status.code()), lastError);
+}
+
+Outcome SqliteLogFilePrivate::lastRecordedFailure() const {
+    return Outcome::failure(lastFailureKind(), lastError);
 }
 
 void SqliteLogFilePrivate::resumeBatchAfterRollback() {
@@ -515,35 +549,6 @@ int32_t SqliteLogFilePrivate::readSingleInteger(const std::string& sql) const {
     setLastErrorFor(query.status());
     return -1;
 }
-
-namespace {
-
-FailureKind failureKindOf(Database::StatusCode code) {
-    switch (code) {
-        case Database::StatusCode::Ok:
-            return FailureKind::None;
-        case Database::StatusCode::Busy:
-            return FailureKind::Busy;
-        case Database::StatusCode::Corrupt:
-        case Database::StatusCode::NotADatabase:
-            return FailureKind::Damaged;
-        case Database::StatusCode::IoError:
-            return FailureKind::IoError;
-        case Database::StatusCode::Full:
-            return FailureKind::Full;
-        case Database::StatusCode::ReadOnly:
-            return FailureKind::ReadOnly;
-        case Database::StatusCode::ForeignKey:
-        case Database::StatusCode::Constraint:
-            return FailureKind::Refused;
-        case Database::StatusCode::Misuse:
-        case Database::StatusCode::Other:
-            break;
-    }
-    return FailureKind::Other;
-}
-
-}  // namespace
 
 void SqliteLogFilePrivate::recordFailure(const char* operation, const Database::Status& status) const {
     std::lock_guard lock(failureMutex_);
@@ -587,56 +592,57 @@ FailureKind SqliteLogFilePrivate::lastFailureKind() const {
     return lastFailureKind_;
 }
 
-bool SqliteLogFilePrivate::insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId,
-                                             const ByteBuffer& stored) {
+Outcome SqliteLogFilePrivate::insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId,
+                                                const ByteBuffer& stored) {
     return insertStored(std::nullopt, timestamp, type, dataSourceId, stored.data(), stored.size());
 }
 
-bool SqliteLogFilePrivate::insertStoredBytes(int64_t timestamp, int32_t type, int8_t dataSourceId,
-                                             const std::byte* data, std::size_t size) {
+Outcome SqliteLogFilePrivate::insertStoredBytes(int64_t timestamp, int32_t type, int8_t dataSourceId,
+                                                const std::byte* data, std::size_t size) {
     return insertStored(std::nullopt, timestamp, type, dataSourceId, data, size);
 }
 
-bool SqliteLogFilePrivate::insertStoredEntryWithId(int32_t entryId, int64_t timestamp, int32_t type,
-                                                   int8_t dataSourceId, const ByteBuffer& stored) {
+Outcome SqliteLogFilePrivate::insertStoredEntryWithId(int32_t entryId, int64_t timestamp, int32_t type,
+                                                      int8_t dataSourceId, const ByteBuffer& stored) {
     return insertStored(entryId, timestamp, type, dataSourceId, stored.data(), stored.size());
 }
 
 // With checksums an entry is two rows, written together.
-bool SqliteLogFilePrivate::insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
-                                        int8_t dataSourceId, const std::byte* data, std::size_t size) {
+Outcome SqliteLogFilePrivate::insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
+                                           int8_t dataSourceId, const std::byte* data, std::size_t size) {
     if (!entryChecksums) {
         return insertStoredRow(entryId, timestamp, type, dataSourceId, data, size);
     }
     return writeTogether([&] {
-        return insertStoredRow(entryId, timestamp, type, dataSourceId, data, size) &&
-               insertEntryChecksum(database.getLastInsertedRowId(), data, size);
+        Outcome row = insertStoredRow(entryId, timestamp, type, dataSourceId, data, size);
+        return row ? insertEntryChecksum(database.getLastInsertedRowId(), data, size) : row;
     });
 }
 
-bool SqliteLogFilePrivate::writeTogether(const std::function<bool()>& writes) {
+Outcome SqliteLogFilePrivate::writeTogether(const std::function<Outcome()>& writes) {
     if (database.isInTransaction()) {
         return writes();
     }
     if (const Database::Status begun = database.execute("BEGIN;"); !begun.ok()) {
-        recordFailure("Writing", begun);
-        setLastErrorFor(begun);
-        return false;
+        return failed("Writing", begun);
     }
-    if (!writes()) {
+    if (Outcome written = writes(); !written) {
         (void)database.execute("ROLLBACK;");
-        return false;
+        return written;
     }
     if (const Database::Status committed = database.execute("COMMIT;"); !committed.ok()) {
-        recordFailure("Writing", committed);
-        setLastErrorFor(committed);
+        Outcome failure = failed("Writing", committed);
         (void)database.execute("ROLLBACK;");
-        return false;
+        return failure;
     }
-    return true;
+    return Outcome::success();
 }
 
-bool SqliteLogFilePrivate::insertEntryChecksum(int64_t entryId, const std::byte* data, std::size_t size) {
+bool SqliteLogFilePrivate::writeTogether(const std::function<bool()>& writes) {
+    return writeTogether([&] { return writes() ? Outcome::success() : lastRecordedFailure(); }).ok();
+}
+
+Outcome SqliteLogFilePrivate::insertEntryChecksum(int64_t entryId, const std::byte* data, std::size_t size) {
     SqliteQuery query(database,
                       "INSERT INTO entryChecksums (entryId, checksum) VALUES (:entryId, :checksum);");
     query.bindParameter(":entryId", entryId);
@@ -655,8 +661,8 @@ bool SqliteLogFilePrivate::hasEntryChecksumTable() {
 
 // Without an id the file numbers the entry, as logData always has it; with
 // one (a salvage keeping ids) the id is the given one.
-bool SqliteLogFilePrivate::insertStoredRow(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
-                                           int8_t dataSourceId, const std::byte* data, std::size_t size) {
+Outcome SqliteLogFilePrivate::insertStoredRow(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
+                                              int8_t dataSourceId, const std::byte* data, std::size_t size) {
     if (!entryId) {
         return insertNumberedRow(timestamp, type, dataSourceId, data, size);
     }
@@ -672,8 +678,8 @@ bool SqliteLogFilePrivate::insertStoredRow(std::optional<int32_t> entryId, int64
     return executeWrite(query, "Attempted to log data against a data source that did not exist in the file.");
 }
 
-bool SqliteLogFilePrivate::insertNumberedRow(int64_t timestamp, int32_t type, int8_t dataSourceId,
-                                             const std::byte* data, std::size_t size) {
+Outcome SqliteLogFilePrivate::insertNumberedRow(int64_t timestamp, int32_t type, int8_t dataSourceId,
+                                                const std::byte* data, std::size_t size) {
     if (!heldInsert_) {
         SqliteQuery query(database,
                           "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES "
@@ -692,7 +698,7 @@ bool SqliteLogFilePrivate::insertNumberedRow(int64_t timestamp, int32_t type, in
     insert.query.bindAt(insert.dataSourceId, dataSourceId);
     insert.query.bindAt(insert.length, static_cast<int64_t>(static_cast<int32_t>(size)));
     insert.query.bindBytesAt(insert.payload, data, size, Database::BindMode::NoCopy);
-    const bool written = executeWrite(
+    Outcome written = executeWrite(
         insert.query, "Attempted to log data against a data source that did not exist in the file.");
     // Ready for the next entry, and no longer pointing at the caller's bytes.
     insert.query.resetQuery();

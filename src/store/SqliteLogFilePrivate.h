@@ -5,6 +5,8 @@
 #include <logging/FailureKind.h>
 #include <logging/PropertyValue.h>
 
+#include "model/Outcome.h"
+
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
 #include <database/Status.h>
@@ -105,9 +107,9 @@ public:
     std::string lastErrorTextFor(const Database::Status& status) const;
 
     // Write batches: one transaction from begin to end. endBatch commits and
-    // answers whether that worked (lastError says why not).
+    // answers whether that worked.
     std::shared_ptr<SqliteLogFilePrivate*> beginBatch();
-    bool endBatch();
+    Outcome endBatch();
     bool batchOpen() const { return batchOwner != nullptr; }
 
     bool isResourceCompressionSupported() const { return logVersion > 2; }
@@ -115,18 +117,23 @@ public:
     bool compressesPayloads() const { return compressionLevel != 0; }
     bool isReadOnly() const { return policy == OpenPolicy::ReadOnly; }
 
-    // Steps a write statement once; on failure records the message for the
-    // database's error code, or `foreignKeyMessage` (when given) for a
+    // Steps a write statement once. A failure is also recorded on the file
+    // (failure count, last failure, last error); its message is the one for
+    // the kind of database failure, or `foreignKeyMessage` (when given) for a
     // foreign-key violation.
-    bool executeWrite(Database::SqliteQuery& query, const char* foreignKeyMessage = nullptr);
+    Outcome executeWrite(Database::SqliteQuery& query, const char* foreignKeyMessage = nullptr);
     // After SQLite rolled back a batch's transaction by itself, keeps the
     // following writes batched.
     void resumeBatchAfterRollback();
 
-    // Runs `writes` (false: one of them failed, with the failure recorded)
-    // so that all of them or none are kept: inside the open transaction (a
-    // write batch's), or in one of their own.
+    // Runs `writes` so that all of them or none are kept: inside the open
+    // transaction (a write batch's), or in one of their own. The second form
+    // is for writes that answer as the class interface does (false, with the
+    // failure recorded on the file).
+    Outcome writeTogether(const std::function<Outcome()>& writes);
     bool writeTogether(const std::function<bool()>& writes);
+    // The failure last recorded on the file, for writes that only answer false.
+    Outcome lastRecordedFailure() const;
 
     // Reads column 0 of a one-row statement as a 32-bit integer; -1 with a
     // recorded message when it yields nothing.
@@ -135,14 +142,14 @@ public:
     // Inserts an entry whose payload is already in its stored form (compressed
     // at the file's level when the file compresses). logData and the recorder
     // both end here, so the stored bytes are the same whichever wrote them.
-    bool insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId, const ByteBuffer& stored);
+    Outcome insertStoredEntry(int64_t timestamp, int32_t type, int8_t dataSourceId, const ByteBuffer& stored);
     // As insertStoredEntry, under the id `entryId`: a salvage keeps the ids
     // of the file it salvages, so bookmarks and references stay valid.
-    bool insertStoredEntryWithId(int32_t entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
-                                 const ByteBuffer& stored);
+    Outcome insertStoredEntryWithId(int32_t entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
+                                    const ByteBuffer& stored);
     // As insertStoredEntry, for `size` stored bytes at `data`.
-    bool insertStoredBytes(int64_t timestamp, int32_t type, int8_t dataSourceId, const std::byte* data,
-                           std::size_t size);
+    Outcome insertStoredBytes(int64_t timestamp, int32_t type, int8_t dataSourceId, const std::byte* data,
+                              std::size_t size);
 
     // Payload bytes as read from the file, expanded when the file compresses.
     ByteBuffer expandPayload(ByteBuffer stored) const;
@@ -172,24 +179,26 @@ public:
     std::optional<int32_t> readOpeningMetadataInteger(const std::string& key);
 
 private:
-    bool insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
-                      const std::byte* data, std::size_t size);
+    Outcome insertStored(std::optional<int32_t> entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
+                         const std::byte* data, std::size_t size);
     void openAsLogFile(Durability newFileDurability, const CreationMetadata* creationMetadata,
                        bool withEntryChecksums);
     bool hasEntryChecksumTable();
-    bool insertEntryChecksum(int64_t entryId, const std::byte* data, std::size_t size);
-    bool insertStoredRow(std::optional<int32_t> entryId, int64_t timestamp, int32_t type, int8_t dataSourceId,
-                         const std::byte* data, std::size_t size);
-    bool insertNumberedRow(int64_t timestamp, int32_t type, int8_t dataSourceId, const std::byte* data,
-                           std::size_t size);
+    Outcome insertEntryChecksum(int64_t entryId, const std::byte* data, std::size_t size);
+    Outcome insertStoredRow(std::optional<int32_t> entryId, int64_t timestamp, int32_t type,
+                            int8_t dataSourceId, const std::byte* data, std::size_t size);
+    Outcome insertNumberedRow(int64_t timestamp, int32_t type, int8_t dataSourceId, const std::byte* data,
+                              std::size_t size);
     bool journalIsWriteAheadLog();
     void applyConnectionSettings();
     // Throws the exception for a failure met while opening: DatabaseBusy
     // (naming the file) for a busy database, DatabaseAccessError otherwise.
     [[noreturn]] void throwOpeningFailure(const Database::Status& status) const;
     // A failed commit that was only busy keeps its transaction for later;
-    // anything else ends it. Answers whether the writes are kept.
-    bool commitTransaction();
+    // anything else ends it. Succeeds when the writes are kept.
+    Outcome commitTransaction();
+    // Records a database failure on the file and answers it.
+    Outcome failed(const char* operation, const Database::Status& status) const;
     std::string busyMessage() const;
     [[noreturn]] void throwUnfinishedCommit() const;
     std::string readOnlyMessage() const;

@@ -301,7 +301,7 @@ private:
 
 bool SqliteLogFile::createTimeIndex() {
     SqliteQuery query(d->database, timeIndexStatement());
-    return d->executeWrite(query);
+    return d->executeWrite(query).ok();
 }
 
 bool SqliteLogFile::createTimeIndex(const std::function<void(uint64_t built, uint64_t total)>& progress) {

@@ -172,7 +172,7 @@ bool insertPayload(SqliteLogFilePrivate& file, const ByteBuffer& payload) {
         file.database,
         "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES (0, 0, 1, 0, :payload);");
     insert.bindParameter(":payload", payload, Marivane::Database::BindMode::NoCopy);
-    return file.executeWrite(insert);
+    return file.executeWrite(insert).ok();
 }
 
 void capAtCurrentPageCount(SqliteLogFilePrivate& file) {
@@ -205,7 +205,10 @@ TEST(WriteBatch, AFullDiskAbandonsTheBatchSoFarAndCommitSaysSo) {
         file.database.executeSimpleQuery("PRAGMA max_page_count = 1000000;");
         ASSERT_TRUE(insertPayload(file, small));
         ASSERT_TRUE(insertPayload(file, small));
-        EXPECT_FALSE(file.endBatch());
+        const Outcome ended = file.endBatch();
+        EXPECT_FALSE(ended.ok());
+        EXPECT_EQ(ended.kind(), FailureKind::Full);
+        EXPECT_EQ(ended.message(), "Filesystem full.");
         EXPECT_EQ(file.lastError, "Filesystem full.");
         EXPECT_EQ(*batch, nullptr);
         EXPECT_FALSE(file.batchOpen());
@@ -234,4 +237,27 @@ TEST(WriteBatch, TheCreatedFileHoldsItsMetadataAfterCreation) {
     EXPECT_FALSE(file.isBatchOpen());
     RawDatabase raw(path, SQLITE_OPEN_READONLY);
     EXPECT_EQ(raw.integer("SELECT COUNT(*) FROM metadata;"), 6);
+}
+
+TEST(StoredEntryWrite, AnUnknownSourceIsRefusedWithTheInterfacesText) {
+    TempDir dir;
+    SqliteLogFilePrivate file{std::filesystem::path(dir.file("refused.mvlog"))};
+    const Outcome written = file.insertStoredEntry(1, 0, 7, Marivane::Testing::patternBytes(10, 1));
+    EXPECT_EQ(written.kind(), FailureKind::Refused);
+    EXPECT_EQ(written.message(),
+              "Attempted to log data against a data source that did not exist in the file.");
+    EXPECT_EQ(file.lastError, written.message());
+    EXPECT_EQ(file.failureCount(), 1u);
+}
+
+TEST(StoredEntryWrite, AFullDiskAnswersFullWithTheInterfacesText) {
+    TempDir dir;
+    SqliteLogFilePrivate file{std::filesystem::path(dir.file("full-entry.mvlog"))};
+    ASSERT_TRUE(file.database.executeSimpleQuery("INSERT INTO dataSources VALUES (1, 0, 'cam');"));
+    capAtCurrentPageCount(file);
+    const Outcome written = file.insertStoredEntry(1, 0, 1, Marivane::Testing::patternBytes(256 * 1024, 3));
+    EXPECT_EQ(written.kind(), FailureKind::Full);
+    EXPECT_EQ(written.message(), "Filesystem full.");
+    const Outcome small = file.insertStoredEntry(2, 0, 1, Marivane::Testing::patternBytes(0, 3));
+    EXPECT_TRUE(small.ok()) << small.message();
 }
