@@ -40,8 +40,8 @@ namespace Algorithms {
 // `outputFilePath` becomes "<source stem>_exported<ext>" beside the source,
 // made unique. The result is also empty when the output cannot be created
 // (the source's "currentTimeZone" is not text, or the path cannot be opened
-// as a database): that error is swallowed. Errors while copying propagate;
-// the partial output then stays on disk.
+// as a database). The overload below tells why for every refusal. Errors
+// while copying propagate; the partial output then stays on disk.
 //
 // Reads `logFile` only through LogFileInterface; the result is open and owned
 // by the caller.
@@ -51,6 +51,18 @@ MV_LOGGING_EXPORT std::unique_ptr<LogFileInterface> slice(const LogFileInterface
                                                           const std::string& applicationVersion,
                                                           signed char compressionLevel);
 
+// As above; when the result is empty and `whyEmpty` is not null, it receives
+// the reason in the words copy uses for the same failure: "Cannot write
+// '<path>': a file already exists there and is never overwritten.", "Cannot
+// slice '<source>': entries <start> to <end> are not a range of its
+// entries." or "Cannot write '<path>': <why the file could not be created>".
+MV_LOGGING_EXPORT std::unique_ptr<LogFileInterface> slice(const LogFileInterface& logFile, int startEntryId,
+                                                          int endEntryId, std::string outputFilePath,
+                                                          const std::string& applicationName,
+                                                          const std::string& applicationVersion,
+                                                          signed char compressionLevel,
+                                                          std::string* whyEmpty);
+
 // slice over the whole file (first to last entry id). A file without entries
 // gives a file with everything but entries and bookmarks.
 MV_LOGGING_EXPORT std::unique_ptr<LogFileInterface> clone(const LogFileInterface& logFile,
@@ -58,6 +70,10 @@ MV_LOGGING_EXPORT std::unique_ptr<LogFileInterface> clone(const LogFileInterface
                                                           const std::string& applicationName,
                                                           const std::string& applicationVersion,
                                                           signed char compressionLevel);
+// As above, with the reason for an empty result as slice gives it.
+MV_LOGGING_EXPORT std::unique_ptr<LogFileInterface> clone(
+    const LogFileInterface& logFile, const std::string& outputFilePath, const std::string& applicationName,
+    const std::string& applicationVersion, signed char compressionLevel, std::string* whyEmpty);
 
 }  // namespace Algorithms
 }  // namespace Marivane::Logging

@@ -1,6 +1,8 @@
 #include <logging/Copy.h>
 
 #include "algorithms/MetadataHistory.h"
+#include "derive/CopySteps.h"
+#include "derive/OutputWriter.h"
 #include "derive/PendingOutput.h"
 #include "derive/StoredRows.h"
 #include "store/StoreAccess.h"
@@ -9,7 +11,6 @@
 #include <logging/SqliteLogFile.h>
 
 #include <core/Chrono.h>
-#include <core/Compression.h>
 
 #include <algorithm>
 #include <limits>
@@ -27,10 +28,6 @@ namespace Marivane::Logging::Algorithms {
 
 namespace {
 
-// Entries are committed in batches of bounded size: far faster than one
-// transaction per entry, and the journal of one batch stays small.
-constexpr std::size_t kBatchEntries = 4096;
-constexpr std::size_t kBatchBytes = 64 * 1024 * 1024;
 constexpr uint64_t kProgressEvery = 4096;
 
 std::string quoted(const std::filesystem::path& path) {
@@ -70,96 +67,23 @@ SqliteLogFile openInput(const std::filesystem::path& path) {
     }
 }
 
-[[noreturn]] void throwWriteFailure(const PendingOutput& output, const SqliteLogFile& file,
-                                    const std::string& what) {
-    throw std::runtime_error("Cannot write '" + output.finalPath().string() + "': " + what +
-                             " failed: " + file.getLastError());
+// The new file, under the pending output's temporary name.
+SqliteLogFile createOutput(const PendingOutput& pending, const SqliteLogFile& firstInput,
+                           const CopyOptions& options) {
+    const int8_t level = options.compressionLevel.value_or(StoreAccess::of(firstInput).compressionLevel);
+    if (level < -1 || level > 9) {
+        throw std::runtime_error("Cannot write '" + pending.finalPath().string() + "': compression level " +
+                                 std::to_string(level) + " is outside -1 to 9.");
+    }
+    try {
+        return SqliteLogFile(pending.temporaryPath().string(),
+                             getMetadataValue<std::string>(firstInput, "currentTimeZone", std::string()),
+                             options.applicationName, options.applicationVersion, level,
+                             Chrono::msSinceUnixEpoch(), options.durability);
+    } catch (const std::exception& error) {
+        throw std::runtime_error("Cannot write '" + pending.finalPath().string() + "': " + error.what());
+    }
 }
-
-// The new file, written under the pending output's temporary name.
-class OutputWriter {
-public:
-    OutputWriter(const PendingOutput& pending, const SqliteLogFile& firstInput, const CopyOptions& options)
-        : pending_(pending),
-          file_(create(pending, firstInput, options)),
-          level_(StoreAccess::of(file_).compressionLevel) {}
-
-    SqliteLogFile& file() { return file_; }
-
-    void beginBatch() { batch_.emplace(file_.beginBatch()); }
-    void commitBatch() {
-        if (batch_ && !batch_->commit()) {
-            throwWriteFailure(pending_, file_, "committing");
-        }
-        batch_.reset();
-        entriesInBatch_ = 0;
-        bytesInBatch_ = 0;
-    }
-
-    // Writes one entry whose payload is in `input`'s stored form; answers the
-    // new entry's id.
-    int32_t writeEntry(const StoredRow& row, int8_t inputLevel, int8_t dataSourceId, CopyReport& report) {
-        if (!batch_) {
-            beginBatch();
-        }
-        bool written = false;
-        if (inputLevel == level_) {
-            written = StoreAccess::of(file_)
-                          .insertStoredEntry(row.timestamp, row.type, dataSourceId, row.payload)
-                          .ok();
-            ++report.payloadsCopiedAsStored;
-        } else {
-            ByteBuffer data = inputLevel == 0 ? row.payload : Compression::uncompress(row.payload);
-            if (level_ != 0) {
-                data = Compression::compress(data, level_);
-            }
-            written =
-                StoreAccess::of(file_).insertStoredEntry(row.timestamp, row.type, dataSourceId, data).ok();
-        }
-        if (!written) {
-            throwWriteFailure(pending_, file_, "writing entry " + std::to_string(row.entryId));
-        }
-        ++report.entries;
-        bytesInBatch_ += row.payload.size();
-        if (++entriesInBatch_ == kBatchEntries || bytesInBatch_ >= kBatchBytes) {
-            commitBatch();
-        }
-        return ++lastEntryId_;
-    }
-
-    void require(bool written, const std::string& what) {
-        if (!written) {
-            throwWriteFailure(pending_, file_, what);
-        }
-    }
-
-private:
-    static SqliteLogFile create(const PendingOutput& pending, const SqliteLogFile& firstInput,
-                                const CopyOptions& options) {
-        const int8_t level = options.compressionLevel.value_or(StoreAccess::of(firstInput).compressionLevel);
-        if (level < -1 || level > 9) {
-            throw std::runtime_error("Cannot write '" + pending.finalPath().string() +
-                                     "': compression level " + std::to_string(level) +
-                                     " is outside -1 to 9.");
-        }
-        try {
-            return SqliteLogFile(pending.temporaryPath().string(),
-                                 getMetadataValue<std::string>(firstInput, "currentTimeZone", std::string()),
-                                 options.applicationName, options.applicationVersion, level,
-                                 Chrono::msSinceUnixEpoch(), options.durability);
-        } catch (const std::exception& error) {
-            throw std::runtime_error("Cannot write '" + pending.finalPath().string() + "': " + error.what());
-        }
-    }
-
-    const PendingOutput& pending_;
-    SqliteLogFile file_;
-    int8_t level_;
-    std::optional<SqliteLogFile::WriteBatch> batch_;
-    std::size_t entriesInBatch_ = 0;
-    std::size_t bytesInBatch_ = 0;
-    int32_t lastEntryId_ = 0;
-};
 
 void reportProgress(const CopyOptions& options, uint64_t written, uint64_t total) {
     if (options.progress && (written % kProgressEvery == 0 || written == total)) {
@@ -267,44 +191,29 @@ CopyReport copy(const std::filesystem::path& source, const std::filesystem::path
     const SqliteLogFile input = openInput(source);
     CopyReport report;
     {
-        OutputWriter writer(pending, input, options);
-        SqliteLogFile& file = writer.file();
-        writer.beginBatch();
-        recordPreviousProducer(input, file, "applicationName", options.applicationName);
-        recordPreviousProducer(input, file, "applicationVersion", options.applicationVersion);
-        copyMetadata(input, file);
-        for (const LogResourceEntry& resource : input.getAllResources()) {
-            writer.require(file.addResource(resource.name, resource.data),
-                           "adding resource '" + resource.name + "'");
-            ++report.resources;
-        }
-        for (const DataSource& dataSource : input.getDataSources()) {
-            writer.require(file.addDataSource(dataSource), "adding data source '" + dataSource.name + "'");
-            ++report.dataSources;
-        }
-        for (const DataSourceProperty& property : input.getAllDataSourceProperties()) {
-            writer.require(file.addDataSourceProperty(property),
-                           "adding property '" + property.propertyName + "'");
-        }
-        writer.commitBatch();
+        SqliteLogFile file = createOutput(pending, input, options);
+        OutputWriter writer(file, pending.finalPath(), WriteChecks::EachWrite);
+        const DescriptionCounts counts =
+            writeDescription(input, writer, options.applicationName, options.applicationVersion);
+        report.resources = counts.resources;
+        report.dataSources = counts.dataSources;
 
         const std::optional<IdBounds> bounds = resolveIdBounds(input, options);
         BookmarkMapper bookmarks(input, bounds, options.startTimestamp, options.endTimestamp);
         if (bounds) {
             const uint64_t total = entryCountOf(input);
-            const int8_t inputLevel = StoreAccess::of(input).compressionLevel;
-            StoredRows rows(input, selectionFor(options, *bounds), CursorOrder::ById);
-            while (const StoredRow* row = rows.next()) {
-                const int32_t newId = writer.writeEntry(*row, inputLevel, row->dataSourceId, report);
-                bookmarks.entryCopied(row->entryId, newId);
-                reportProgress(options, report.entries, total);
-            }
-            writer.commitBatch();
+            const std::unique_ptr<EntrySource> rows = storedRowsOf(input, selectionFor(options, *bounds));
+            copyEntries(*rows, writer, [&](int32_t sourceId, int32_t newId) {
+                bookmarks.entryCopied(sourceId, newId);
+                reportProgress(options, writer.entriesWritten(), total);
+            });
         }
+        report.entries = writer.entriesWritten();
+        report.payloadsCopiedAsStored = writer.payloadsCopiedAsStored();
         writer.beginBatch();
         bookmarks.writeTo(writer, report, quoted(source), false);
         writer.commitBatch();
-        pending.checkEntryCount(writer.file(), report.entries);
+        pending.checkEntryCount(file, report.entries);
     }
     pending.commit();
     return report;
@@ -421,6 +330,18 @@ void mergeMetadataAndResources(std::vector<MergeInput>& inputs, OutputWriter& wr
     }
 }
 
+// A row of one input with its data source as the new file numbers it.
+EntryRow mergedRow(const MergeInput& input, const StoredRow& row) {
+    return EntryRow{row.entryId,
+                    row.timestamp,
+                    row.type,
+                    input.newSourceIds.at(row.dataSourceId),
+                    row.payload.data(),
+                    row.payload.size(),
+                    StoreAccess::of(input.file).compressionLevel,
+                    row.payload.size()};
+}
+
 // The next entry to write: the earliest timestamp, ties in input order.
 struct Head {
     int64_t timestamp;
@@ -445,7 +366,8 @@ CopyReport merge(const std::vector<std::filesystem::path>& inputPaths, const std
     }
     CopyReport report;
     {
-        OutputWriter writer(pending, inputs.front().file, options);
+        SqliteLogFile file = createOutput(pending, inputs.front().file, options);
+        OutputWriter writer(file, pending.finalPath(), WriteChecks::EachWrite);
         writer.beginBatch();
         mergeMetadataAndResources(inputs, writer, options, report);
         mergeDataSources(inputs, writer, report);
@@ -476,15 +398,16 @@ CopyReport merge(const std::vector<std::filesystem::path>& inputPaths, const std
             heads.pop();
             MergeInput& input = inputs[head.input];
             const StoredRow& row = *input.rows->current();
-            const int32_t newId = writer.writeEntry(row, StoreAccess::of(input.file).compressionLevel,
-                                                    input.newSourceIds.at(row.dataSourceId), report);
+            const int32_t newId = writer.writeEntry(mergedRow(input, row));
             input.bookmarks->entryCopiedExactly(row.entryId, newId);
-            reportProgress(options, report.entries, total);
+            reportProgress(options, writer.entriesWritten(), total);
             if (const StoredRow* next = input.rows->next()) {
                 heads.push(Head{next->timestamp, head.input});
             }
         }
         writer.commitBatch();
+        report.entries = writer.entriesWritten();
+        report.payloadsCopiedAsStored = writer.payloadsCopiedAsStored();
         writer.beginBatch();
         for (MergeInput& input : inputs) {
             input.bookmarks->writeTo(writer, report, describe(input), true);
