@@ -7,8 +7,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -21,6 +23,17 @@ using OpenMode = int;
 inline constexpr OpenMode OpenReadOnly = 0x1;
 inline constexpr OpenMode OpenReadWrite = 0x2;
 inline constexpr OpenMode OpenCreate = 0x4;
+
+// How a connection reads the file.
+enum class FileLayer {
+    // A read of a page beyond the end of the file fails as an I/O error: a
+    // file cut short never reads back zeros as data.
+    Strict,
+    // As SQLite reads by default: the part of a page beyond the end of the
+    // file reads as zeros. For SQLite's own verdict on a file as it is
+    // stored (PRAGMA integrity_check), never for handing out data.
+    AsStored,
+};
 
 // One connection to an SQLite database file.
 //
@@ -48,6 +61,8 @@ public:
     // other failure, with SQLite's message. The connection waits up to
     // kDefaultBusyTimeoutMs for locks held by other connections.
     SqliteDatabase(const std::string& path, OpenMode mode);
+    // As above, reading the file through `layer`.
+    SqliteDatabase(const std::string& path, OpenMode mode, FileLayer layer);
     ~SqliteDatabase();
 
     SqliteDatabase(const SqliteDatabase&) = delete;
@@ -67,6 +82,20 @@ public:
     // SQLite's message) from a statement that merely produced rows. Throws
     // FileIsNotDatabase when the file is not a database.
     Status execute(const std::string& sql, bool* yieldedRow = nullptr);
+
+    // Runs a statement that takes no parameters, handing each row it yields
+    // to `onRow` as the text of its columns (absent for NULL). Returns the
+    // outcome with SQLite's own message; `prepared` (when given) says whether
+    // the failure came after the statement was prepared. Unlike execute it
+    // does not throw for a file that is not a database, which a check reports
+    // like any other finding. An exception that `onRow` throws ends the
+    // statement and goes on to the caller.
+    Status visitRows(const std::string& sql,
+                     const std::function<void(const std::vector<std::optional<std::string>>& columns)>& onRow,
+                     bool* prepared = nullptr);
+
+    // The full path of the file, as SQLite names it.
+    std::string filename() const;
 
     // Replaces the busy timeout of this connection (0: fail at once).
     void setBusyTimeout(int32_t milliseconds);

@@ -7,6 +7,9 @@
 #include <logging/Algorithms.h>
 #include <logging/Bookmark.h>
 #include <logging/ByteBuffer.h>
+#include <logging/CheckOptions.h>
+#include <logging/CheckProblem.h>
+#include <logging/CheckReport.h>
 #include <logging/Copy.h>
 #include <logging/DamagedEntry.h>
 #include <logging/DataEntry.h>
@@ -18,6 +21,7 @@
 #include <logging/EntryScan.h>
 #include <logging/EntrySelection.h>
 #include <logging/FailureKind.h>
+#include <logging/FileCheck.h>
 #include <logging/FrameOrder.h>
 #include <logging/LegacyLogFileError.h>
 #include <logging/LogFileInterface.h>

@@ -398,6 +398,48 @@ MV_LOGGING_EXPORT bool MV_LogAlgorithms_RecoverWithDetails(const char* damagedPa
                                                            MV_LogRecoveryDetails* details,
                                                            MV_LogError_p* error);
 
+/* ---- Check of a file -------------------------------------------------------
+ * Checks the log file at `path` without changing it, as `mvlog check` does:
+ * SQLite's integrity and foreign-key checks, the file's length, the fixed
+ * metadata keys, every entry's payload (and checksum when the file keeps
+ * them), the bookmarks, the resources and the thumbnail. Every finding is a
+ * problem in the report; NULL (with an error) only when the check cannot
+ * run, e.g. while another connection keeps the file locked. The report owns
+ * its problems' texts: they stay valid until MV_LogCheckReport_Destroy. */
+
+typedef struct MV_LogCheckReport* MV_LogCheckReport_p;
+/* What part of the file a problem is about. */
+typedef enum MV_LogCheckProblemKind {
+    MV_LOG_CHECK_FILE = 0,
+    MV_LOG_CHECK_DATABASE = 1,
+    MV_LOG_CHECK_METADATA = 2,
+    MV_LOG_CHECK_ENTRY = 3,
+    MV_LOG_CHECK_BOOKMARK = 4,
+    MV_LOG_CHECK_RESOURCE = 5,
+    /* A read failed for a reason other than damage: the check is incomplete. */
+    MV_LOG_CHECK_INCOMPLETE = 6
+} MV_LogCheckProblemKind;
+MV_LOGGING_EXPORT MV_LogCheckReport_p MV_LogAlgorithms_Check(const char* path, MV_LogError_p* error);
+MV_LOGGING_EXPORT void MV_LogCheckReport_Destroy(MV_LogCheckReport_p report); /* accepts NULL */
+/* True when the check found nothing wrong. */
+MV_LOGGING_EXPORT bool MV_LogCheckReport_IsClean(MV_LogCheckReport_p report);
+/* True when a problem comes from damaged bytes: MV_LogAlgorithms_Recover
+ * salvages what is still intact. */
+MV_LOGGING_EXPORT bool MV_LogCheckReport_FoundDamage(MV_LogCheckReport_p report);
+MV_LOGGING_EXPORT uint64_t MV_LogCheckReport_GetProblemCount(MV_LogCheckReport_p report);
+/* Problem `index` (from 0, in the order found): its kind, the entry it names
+ * (-1 when it names none) and its message. False, with an error, for an
+ * index beyond the count. Any output pointer may be NULL. */
+MV_LOGGING_EXPORT bool MV_LogCheckReport_GetProblem(MV_LogCheckReport_p report, uint64_t index,
+                                                    MV_LogCheckProblemKind* kind, int64_t* entryId,
+                                                    const char** message, MV_LogError_p* error);
+/* What the check went through: entries read in full, data sources,
+ * resources and bookmarks. False (the counts untouched) when the check did
+ * not get as far as reading the file as a log file. */
+MV_LOGGING_EXPORT bool MV_LogCheckReport_GetCheckedCounts(MV_LogCheckReport_p report, uint64_t* entries,
+                                                          uint64_t* dataSources, uint64_t* resources,
+                                                          uint64_t* bookmarks);
+
 /* ---- Value handles ------------------------------------------------------ */
 
 MV_LOGGING_EXPORT MV_LogBookmark_p MV_LogBookmark_Create(int32_t entryId, const char* title,

@@ -42,7 +42,8 @@ Each answers the new file as a :class:`LogFile` open read-only; the
         part.path, len(part), part.report.entries, part.report.notes
 
 Salvage of a damaged file into a new one: :func:`recover`, which answers a
-:class:`RecoveryReport` of what came back and what was lost.
+:class:`RecoveryReport` of what came back and what was lost. What is wrong
+with a file: :func:`check`, which answers a :class:`CheckReport`.
 Replay: :class:`Player`. Many files at once on Dask: :mod:`marivane_logging.dask`.
 Command line: ``python3 -m marivane_logging info FILE`` and
 ``python3 -m marivane_logging timeline FILE -o timeline.png``.
@@ -86,6 +87,9 @@ from ._recorder import OverflowPolicy, Recorder, RecorderStats
 # Salvage of damaged files.
 from ._recover import RecoveryReport, recover
 
+# The check of a file.
+from ._check import CheckCounts, CheckProblem, CheckProblemKind, CheckReport, check
+
 __all__ = [
     "__version__",
     "LogFile",
@@ -108,6 +112,11 @@ __all__ = [
     "CopyReport",
     "recover",
     "RecoveryReport",
+    "check",
+    "CheckReport",
+    "CheckProblem",
+    "CheckProblemKind",
+    "CheckCounts",
     "Player",
     "PlayerBookmark",
     "Pacing",

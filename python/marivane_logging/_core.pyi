@@ -153,6 +153,8 @@ def _merge(inputs: Sequence[str], output: str, first_id: int, last_id: int, star
 def _recover(damaged: str, output: str, application: str, version: str,
              progress: Optional[Callable[[int], Any]]) -> Dict[str, Any]:
     """Salvages `damaged` into `output`; answers the keyword arguments of marivane_logging.RecoveryReport."""
+def _check(path: str) -> Dict[str, Any]:
+    """Checks the log file at `path`; answers its problems (as dicts of kind, entry_id, message, damage) and counts."""
 
 class _Player:
     def __init__(self, path: str, callback: Callable[[int, Entry], Any], source_types: List[int], loop: bool,

@@ -133,6 +133,7 @@ ml::ByteBuffer toByteBuffer(const py::buffer& buffer);
 void bindLogFile(py::module_& module);
 void bindEntries(py::module_& module);
 void bindDerived(py::module_& module);
+void bindCheck(py::module_& module);
 void bindPlayer(py::module_& module);
 void bindRecorder(py::module_& module);
 void bindTool(py::module_& module);

@@ -10,6 +10,7 @@ PYBIND11_MODULE(_core, module) {
     marivane_python::bindLogFile(module);
     marivane_python::bindEntries(module);
     marivane_python::bindDerived(module);
+    marivane_python::bindCheck(module);
     marivane_python::bindPlayer(module);
     marivane_python::bindRecorder(module);
 #ifdef MARIVANE_PYTHON_WITH_TOOL

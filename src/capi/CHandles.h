@@ -7,6 +7,7 @@
 #include <logging/MV_Logging.h>
 
 #include <logging/Bookmark.h>
+#include <logging/CheckReport.h>
 #include <logging/CopyOptions.h>
 #include <logging/DataEntry.h>
 #include <logging/DataSource.h>
@@ -26,6 +27,10 @@
 
 struct MV_LogError {
     std::string message;
+};
+
+struct MV_LogCheckReport {
+    Marivane::Logging::CheckReport value;
 };
 
 struct MV_LogConfig {

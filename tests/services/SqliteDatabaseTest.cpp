@@ -18,6 +18,7 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -584,4 +585,32 @@ TEST(SqliteDatabaseTest, ProgressHandlerRunsUntilCleared) {
         ASSERT_EQ(query.executeStep(), StepRow);
     }
     EXPECT_EQ(calls, before);
+}
+
+TEST(SqliteDatabaseTest, VisitRowsHandsOutEachRowAsText) {
+    ValueTable table;
+    ASSERT_TRUE(table.db.executeSimpleQuery("INSERT INTO t(v) VALUES (7), ('seven'), (NULL);"));
+    std::vector<std::optional<std::string>> values;
+    bool prepared = false;
+    const Status status = table.db.visitRows(
+        "SELECT v FROM t ORDER BY rowid;",
+        [&](const std::vector<std::optional<std::string>>& row) { values.push_back(row.at(0)); }, &prepared);
+    EXPECT_TRUE(status.ok());
+    EXPECT_TRUE(prepared);
+    EXPECT_EQ(values, (std::vector<std::optional<std::string>>{"7", "seven", std::nullopt}));
+}
+
+// Not a database, not even a throw: the status says it, in SQLite's words.
+TEST(SqliteDatabaseTest, VisitRowsReportsAStatementThatCannotBePrepared) {
+    Marivane::Testing::TempDir dir;
+    const std::string path = dir.file("junk.bin");
+    writeJunk(path, 4096);
+    SqliteDatabase db(path, OpenReadOnly, FileLayer::AsStored);
+    bool prepared = true;
+    const Status status = db.visitRows(
+        "PRAGMA integrity_check;", [](const auto&) {}, &prepared);
+    EXPECT_FALSE(prepared);
+    EXPECT_EQ(status.code(), StatusCode::NotADatabase);
+    EXPECT_EQ(status.message(), "file is not a database");
+    EXPECT_EQ(db.filename(), std::filesystem::absolute(path).string());
 }

@@ -100,7 +100,7 @@ ByteBuffer readThumbnailBytes(const LogFileInterface& file) {
 ByteBuffer selectedBytes(const SqliteLogFile& file, const ExportOptions& options) {
     const std::string name = options.resource ? *options.resource : std::string("thumbnail");
     ByteBuffer bytes = options.resource ? readResourceBytes(file, name) : readThumbnailBytes(file);
-    if (const std::optional<std::string> problem = resourceFormProblem(file, bytes)) {
+    if (const std::optional<std::string> problem = Marivane::Logging::resourceFormProblem(file, bytes)) {
         throw ToolError(fmt::format("{}: {}: {}; nothing written", file.getFilePath().string(),
                                     resourceLabel(name), *problem));
     }

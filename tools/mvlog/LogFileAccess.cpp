@@ -1,7 +1,5 @@
 #include "LogFileAccess.h"
 
-#include <core/Compression.h>
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -88,26 +86,6 @@ std::optional<std::string> textMetadata(const LogFileInterface& file, const std:
 int8_t storedCompressionLevel(const LogFileInterface& file) {
     const int64_t level = integerMetadata(file, "compressionLevel").value_or(0);
     return static_cast<int8_t>(std::clamp<int64_t>(level, -1, 9));
-}
-
-std::optional<std::string> resourceFormProblem(const SqliteLogFile& file,
-                                               const Marivane::Logging::ByteBuffer& bytes) {
-    if (!Marivane::Compression::startsWithFrame(bytes.data(), bytes.size())) {
-        return std::nullopt;
-    }
-    std::string because;
-    if (!file.isResourceCompressionSupported()) {
-        const std::optional<int64_t> version = integerMetadata(file, "logVersion");
-        because = version ? fmt::format("the file's format version is {}", *version)
-                          : std::string("the file has no format version");
-    } else if (storedCompressionLevel(file) == 0) {
-        because = "the file's compression level is 0";
-    } else {
-        return std::nullopt;
-    }
-    return fmt::format(
-        "it is a compressed frame but {} (resources stored uncompressed): readers hand it out compressed",
-        because);
 }
 
 std::string resourceLabel(const std::string& name) {

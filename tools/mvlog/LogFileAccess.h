@@ -65,13 +65,6 @@ std::optional<std::string> textMetadata(const Marivane::Logging::LogFileInterfac
 // how the store treats a file without the key).
 int8_t storedCompressionLevel(const Marivane::Logging::LogFileInterface& file);
 
-// Why a resource's bytes, as reads hand them out, are not what was stored as
-// the resource: a compressed frame in a file whose format version or
-// compression level says resources are stored uncompressed. Nothing when
-// they are as the file says.
-std::optional<std::string> resourceFormProblem(const Marivane::Logging::SqliteLogFile& file,
-                                               const Marivane::Logging::ByteBuffer& bytes);
-
 // "the thumbnail" or "resource \"NAME\"", for messages.
 std::string resourceLabel(const std::string& name);
 

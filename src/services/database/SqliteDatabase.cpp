@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <unordered_map>
@@ -133,10 +134,14 @@ void SqliteDatabase::ConnectionCloser::operator()(sqlite3* connection) const noe
 }
 
 SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode)
+    : SqliteDatabase(path, mode, FileLayer::Strict) {}
+
+SqliteDatabase::SqliteDatabase(const std::string& path, OpenMode mode, FileLayer layer)
     : statements_(std::make_unique<StatementCache>()) {
     refuseSpecialFile(path);
     sqlite3* opened = nullptr;
-    const int code = sqlite3_open_v2(path.c_str(), &opened, mode | kThreadingFlags, strictFileLayerName());
+    const int code = sqlite3_open_v2(path.c_str(), &opened, mode | kThreadingFlags,
+                                     layer == FileLayer::Strict ? strictFileLayerName() : nullptr);
     // SQLite hands out a connection even when opening fails; it must be closed.
     connection_.reset(opened);
     if (code != SQLITE_OK) {
@@ -238,6 +243,46 @@ Status SqliteDatabase::execute(const std::string& sql, bool* yieldedRow, StopAt 
         throwDatabaseError(code, "Cannot run '" + sql + "'", sqliteMessage);
     }
     return Status(code, sqliteMessage);
+}
+
+Status SqliteDatabase::visitRows(
+    const std::string& sql,
+    const std::function<void(const std::vector<std::optional<std::string>>& columns)>& onRow,
+    bool* prepared) {
+    if (prepared != nullptr) {
+        *prepared = false;
+    }
+    int code = SQLITE_OK;
+    StatementHandle statement =
+        prepareStatement(connection(), sql.c_str(), static_cast<int>(sql.size() + 1), 0, code);
+    if (!statement) {
+        code = sqlite3_extended_errcode(connection());
+        recordStepResult(code);
+        return Status(code, sqlite3_errmsg(connection()));
+    }
+    if (prepared != nullptr) {
+        *prepared = true;
+    }
+    std::vector<std::optional<std::string>> columns(
+        static_cast<std::size_t>(sqlite3_column_count(statement.get())));
+    int stepped = SQLITE_ROW;
+    while ((stepped = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        for (std::size_t column = 0; column < columns.size(); ++column) {
+            const auto* text =
+                reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), static_cast<int>(column)));
+            columns[column] = text ? std::optional<std::string>(text) : std::nullopt;
+        }
+        onRow(columns);
+    }
+    code = stepped == SQLITE_DONE ? SQLITE_OK : stepped;
+    const std::string sqliteMessage = code == SQLITE_OK ? std::string() : sqlite3_errmsg(connection());
+    recordStepResult(code);
+    return Status(code, sqliteMessage);
+}
+
+std::string SqliteDatabase::filename() const {
+    const char* name = sqlite3_db_filename(connection(), "main");
+    return name ? name : "";
 }
 
 void SqliteDatabase::setBusyTimeout(int32_t milliseconds) {
