@@ -11,6 +11,7 @@
 #include <logging/DataEntry.h>
 #include <logging/DataSource.h>
 #include <logging/DataSourceProperty.h>
+#include <logging/DataSourceTypeName.h>
 #include <logging/Durability.h>
 #include <logging/EntryIndexFilter.h>
 #include <logging/EntryOrder.h>

@@ -95,7 +95,7 @@ const CLI::Validator kSeconds = finiteNumberFrom(true, "(NUMBER) AND (NONNEGATIV
 // Accepts the data-source type names mvlog prints, or any 32-bit number.
 const CLI::Validator kDataSourceTypeValidator(
     [](std::string& text) -> std::string {
-        return parseDataSourceType(text)
+        return Marivane::Logging::dataSourceTypeFromName(text)
                    ? std::string()
                    : "not a data-source type name (Camera, Navigation, ...) or a number";
     },
@@ -104,7 +104,7 @@ const CLI::Validator kDataSourceTypeValidator(
 std::vector<MV_LogDataSourceType> dataSourceTypes(const std::vector<std::string>& names) {
     std::vector<MV_LogDataSourceType> types;
     for (const std::string& name : names) {
-        types.push_back(*parseDataSourceType(name));
+        types.push_back(*Marivane::Logging::dataSourceTypeFromName(name));
     }
     return types;
 }
