@@ -7,6 +7,7 @@
 #include <logging/Algorithms.h>
 #include <logging/Bookmark.h>
 #include <logging/ByteBuffer.h>
+#include <logging/CompressionLevel.h>
 #include <logging/Copy.h>
 #include <logging/DataEntry.h>
 #include <logging/DataSource.h>

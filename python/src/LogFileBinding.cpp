@@ -109,13 +109,11 @@ void bindLogFile(py::module_& m) {
             [](const std::string& path, const std::string& application, const std::string& version,
                const std::string& timeZone, int level, ml::Durability durability,
                std::optional<int64_t> created, bool checksums) {
-                if (level < -128 || level > 127) {
-                    throw py::value_error("compression level out of range: " + std::to_string(level));
-                }
+                const int8_t checkedLevel = compressionLevel(level);
                 std::optional<ml::SqliteLogFile> file;
                 {
                     py::gil_scoped_release release;
-                    file.emplace(path, timeZone, application, version, static_cast<int8_t>(level),
+                    file.emplace(path, timeZone, application, version, checkedLevel,
                                  created.value_or(nowMs()), durability, checksums);
                 }
                 return std::make_shared<OpenLogFile>(std::move(*file));

@@ -265,7 +265,8 @@ void checkMetadata(const LogFileInterface& file, ProblemReport& problems) {
                                      fixed.type == ExpectedType::Text ? "text" : "an integer"));
         }
     }
-    if (const auto level = integerMetadata(file, "compressionLevel"); level && (*level < -1 || *level > 9)) {
+    if (const auto level = integerMetadata(file, "compressionLevel");
+        level && !Marivane::Logging::isValidCompressionLevel(*level)) {
         problems.add(fmt::format("compression level {} is outside -1 to 9", *level));
     }
     // 2 and 3 are the earlier versions the library still reads: without

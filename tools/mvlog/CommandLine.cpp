@@ -86,7 +86,8 @@ const CLI::Validator kDataSourceIdOrName(
         return isDataSourceIdText(text) ? kId(text) : std::string();
     },
     "ID or NAME");
-const CLI::Validator kCompressionLevel = wholeNumberIn(-1, 9, "INT in [-1 - 9]");
+const CLI::Validator kCompressionLevel = wholeNumberIn(
+    Marivane::Logging::kMinCompressionLevel, Marivane::Logging::kMaxCompressionLevel, "INT in [-1 - 9]");
 const CLI::Validator kCount = wholeNumberIn(0, std::numeric_limits<int64_t>::max(), "NONNEGATIVE");
 const CLI::Validator kMaxDelay = wholeNumberIn(1, 3'600'000, "INT in [1 - 3600000]");
 const CLI::Validator kSpeed = finiteNumberFrom(false, "(NUMBER) AND (POSITIVE)");

@@ -87,7 +87,8 @@ std::optional<std::string> textMetadata(const LogFileInterface& file, const std:
 
 int8_t storedCompressionLevel(const LogFileInterface& file) {
     const int64_t level = integerMetadata(file, "compressionLevel").value_or(0);
-    return static_cast<int8_t>(std::clamp<int64_t>(level, -1, 9));
+    return static_cast<int8_t>(std::clamp<int64_t>(level, Marivane::Logging::kMinCompressionLevel,
+                                                   Marivane::Logging::kMaxCompressionLevel));
 }
 
 std::optional<std::string> resourceFormProblem(const SqliteLogFile& file,
