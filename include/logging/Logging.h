@@ -33,6 +33,7 @@
 #include <logging/Recorder.h>
 #include <logging/Recover.h>
 #include <logging/SqliteLogFile.h>
+#include <logging/Version.h>
 
 #include <database/DatabaseAccessError.h>
 #include <database/DatabaseBusy.h>

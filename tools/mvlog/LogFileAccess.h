@@ -25,7 +25,7 @@ public:
 
 // The name and version mvlog writes into the files it derives or records.
 inline constexpr const char* kToolName = "mvlog";
-inline constexpr const char* kToolVersion = MVLOG_VERSION;
+inline constexpr const char* kToolVersion = MARIVANE_LOGGING_VERSION;
 
 enum class Access { ReadOnly, ReadWrite };
 
