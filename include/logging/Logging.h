@@ -9,6 +9,7 @@
 #include <logging/ByteBuffer.h>
 #include <logging/CompressionLevel.h>
 #include <logging/Copy.h>
+#include <logging/DamagedEntry.h>
 #include <logging/DataEntry.h>
 #include <logging/DataSource.h>
 #include <logging/DataSourceProperty.h>
@@ -16,6 +17,8 @@
 #include <logging/Durability.h>
 #include <logging/EntryIndexFilter.h>
 #include <logging/EntryOrder.h>
+#include <logging/EntryScan.h>
+#include <logging/EntrySelection.h>
 #include <logging/FailureKind.h>
 #include <logging/FrameOrder.h>
 #include <logging/LegacyLogFileError.h>
@@ -32,6 +35,7 @@
 #include <logging/PropertyValue.h>
 #include <logging/Recorder.h>
 #include <logging/Recover.h>
+#include <logging/ScannedEntry.h>
 #include <logging/SqliteLogFile.h>
 #include <logging/Version.h>
 

@@ -1,5 +1,4 @@
 #include "Commands.h"
-#include "EntryScanner.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "ProgressBar.h"
@@ -27,9 +26,13 @@
 namespace Mvlog {
 
 using Marivane::Logging::ByteBuffer;
+using Marivane::Logging::DamagedEntry;
 using Marivane::Logging::DataSource;
 using Marivane::Logging::EntryIndexFilter;
+using Marivane::Logging::EntryScan;
+using Marivane::Logging::EntrySelection;
 using Marivane::Logging::PayloadEncoding;
+using Marivane::Logging::ScannedEntry;
 using Marivane::Logging::SqliteLogFile;
 
 namespace {
@@ -277,7 +280,7 @@ void followNewEntries(const SqliteLogFile& file, const CatOptions& options, cons
                     pastEnd = true;
                     return false;
                 }
-                printOrName(options.format, scannedFrom(view), names);
+                printOrName(options.format, ScannedEntry(view), names);
                 lastSeen = view.entryId;
                 return ++printed < kEntriesPerRead;
             },
@@ -316,7 +319,7 @@ int runCat(const CatOptions& options) {
     if (options.from != -1 && options.to != -1 && options.to < options.from) {
         throw ToolError("refused: the id range is reversed (--from is after --to)");
     }
-    EntryScanner scanner(*file, selection);
+    EntryScan scanner(*file, selection);
     std::size_t damaged = 0;
     // Progress only when the entries go elsewhere than the terminal (a file,
     // a pipe), unless asked for.

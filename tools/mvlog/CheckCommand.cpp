@@ -1,5 +1,4 @@
 #include "Commands.h"
-#include "EntryScanner.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "ProgressBar.h"
@@ -27,8 +26,12 @@
 namespace Mvlog {
 
 using Marivane::Logging::Bookmark;
+using Marivane::Logging::DamagedEntry;
+using Marivane::Logging::EntryScan;
+using Marivane::Logging::EntrySelection;
 using Marivane::Logging::LogFileInterface;
 using Marivane::Logging::PropertyValue;
+using Marivane::Logging::ScannedEntry;
 using Marivane::Logging::SqliteLogFile;
 
 namespace {
@@ -302,7 +305,7 @@ Probe probeEntry(const SqliteLogFile& file, int32_t entryId, std::string& reason
         Marivane::Logging::EntryRange{entryId, entryId}, Marivane::Logging::EntryIndexFilter(),
         [&](const Marivane::Logging::EntryView& view) {
             try {
-                scannedFrom(view).forEachPiece([](const std::byte*, std::size_t) { return true; });
+                ScannedEntry(view).forEachPiece([](const std::byte*, std::size_t) { return true; });
                 found = Probe::Readable;
             } catch (const std::exception& error) {
                 found = Probe::Damaged;
@@ -360,7 +363,7 @@ std::size_t probeBeyondIndex(const SqliteLogFile& file, int32_t lastListedId, Pr
 // A file in good order is checked in one read, without listing its index
 // first: the problems found are held and reported once the read shows that
 // the listed scan would have found the same (see
-// EntryScanner::runWholeFileUnlisted); a file with more than a few of them,
+// EntryScan::runWholeFileUnlisted); a file with more than a few of them,
 // or anything the listed scan treats otherwise, goes through that scan.
 // Returns the number of entries that could be read in full, or nothing.
 std::optional<std::size_t> checkEntriesUnlisted(const SqliteLogFile& file, int32_t counted,
@@ -374,7 +377,7 @@ std::optional<std::size_t> checkEntriesUnlisted(const SqliteLogFile& file, int32
     std::vector<HeldProblem> held;
     std::size_t readable = 0;
     std::size_t met = 0;
-    const bool inOrder = EntryScanner::runWholeFileUnlisted(
+    const bool inOrder = EntryScan::runWholeFileUnlisted(
         file, counted,
         [&](const ScannedEntry& entry) {
             if (const std::optional<std::string> problem = storedFormProblem(entry)) {
@@ -421,7 +424,7 @@ std::size_t checkEntries(const SqliteLogFile& file, ProblemReport& problems, Pro
             problems.beforePrinting({});
             return *checked;
         }
-        EntryScanner scanner(file, EntrySelection{});
+        EntryScan scanner(file, EntrySelection{});
         scanner.verifyChecksums(true);
         scanner.run(
             [&](const ScannedEntry& entry) {

@@ -1,5 +1,4 @@
 #include "Commands.h"
-#include "EntryScanner.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "ProgressBar.h"
@@ -13,7 +12,11 @@
 
 namespace Mvlog {
 
+using Marivane::Logging::DamagedEntry;
 using Marivane::Logging::DataSource;
+using Marivane::Logging::EntryScan;
+using Marivane::Logging::EntrySelection;
+using Marivane::Logging::ScannedEntry;
 using Marivane::Logging::SqliteLogFile;
 
 namespace {
@@ -47,7 +50,7 @@ struct DiskUsage {
 
 DiskUsage measure(const SqliteLogFile& file, ProgressMode progress) {
     DiskUsage usage;
-    EntryScanner scanner(file, EntrySelection{});
+    EntryScan scanner(file, EntrySelection{});
     ProgressBar bar("measuring", "entries", progress);
     const uint64_t total = scanner.selectedCount();
     uint64_t met = 0;

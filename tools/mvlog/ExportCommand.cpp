@@ -1,5 +1,4 @@
 #include "Commands.h"
-#include "EntryScanner.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 
@@ -45,10 +44,11 @@ std::size_t streamEntry(const SqliteLogFile& file, int32_t entryId,
         [&](const Marivane::Logging::EntryView& view) {
             found = true;
             try {
-                size = scannedFrom(view).forEachPiece([&](const std::byte* piece, std::size_t length) {
-                    write(piece, length);
-                    return true;
-                });
+                size = Marivane::Logging::ScannedEntry(view).forEachPiece(
+                    [&](const std::byte* piece, std::size_t length) {
+                        write(piece, length);
+                        return true;
+                    });
             } catch (const Marivane::Compression::CompressionError& error) {
                 damage = fmt::format("payload cannot be expanded: {}", error.what());
             }

@@ -13,10 +13,14 @@
 namespace Mvlog {
 
 using Marivane::Logging::Bookmark;
+using Marivane::Logging::DamagedEntry;
 using Marivane::Logging::DataSource;
 using Marivane::Logging::DataSourceProperty;
+using Marivane::Logging::EntryScan;
+using Marivane::Logging::EntrySelection;
 using Marivane::Logging::LogFileInterface;
 using Marivane::Logging::PropertyValue;
+using Marivane::Logging::ScannedEntry;
 using Marivane::Logging::SqliteLogFile;
 using nlohmann::ordered_json;
 
@@ -93,7 +97,7 @@ void scanEntries(const SqliteLogFile& file, FileSummary& summary) {
     {
         FileSummary unlisted = summary;
         EntryTally tally(unlisted);
-        if (EntryScanner::runWholeFileUnlisted(
+        if (EntryScan::runWholeFileUnlisted(
                 file, summary.entryCount, [&](const ScannedEntry& entry) { tally.add(entry); },
                 [&](const DamagedEntry& damaged) { tally.addDamaged(damaged); })) {
             summary = std::move(unlisted);
@@ -101,7 +105,7 @@ void scanEntries(const SqliteLogFile& file, FileSummary& summary) {
         }
     }
     EntryTally tally(summary);
-    EntryScanner scanner(file, EntrySelection{});
+    EntryScan scanner(file, EntrySelection{});
     scanner.run([&](const ScannedEntry& entry) { tally.add(entry); },
                 [&](const DamagedEntry& damaged) { tally.addDamaged(damaged); });
     // The scan covers the whole file: what it did not meet is hidden.

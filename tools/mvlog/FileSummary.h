@@ -1,7 +1,5 @@
 #pragma once
 
-#include "EntryScanner.h"
-
 #include <logging/Logging.h>
 
 #include <nlohmann/json.hpp>
@@ -62,7 +60,7 @@ struct FileSummary {
     std::optional<std::string> resourceError;
     std::vector<Marivane::Logging::Bookmark> bookmarks;
     std::optional<std::string> bookmarkError;
-    std::vector<DamagedEntry> damagedEntries;
+    std::vector<Marivane::Logging::DamagedEntry> damagedEntries;
     int64_t entriesMissingFromIndex = 0;
 
     // Unsigned: the span between any two timestamps fits.

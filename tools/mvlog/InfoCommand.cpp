@@ -16,7 +16,7 @@ namespace {
 // library reads them narrow such an id onto another one, so no summary of
 // them would be true.
 void refuseIdsBeyondRecords(const FileSummary& summary) {
-    for (const DamagedEntry& damaged : summary.damagedEntries) {
+    for (const Marivane::Logging::DamagedEntry& damaged : summary.damagedEntries) {
         if (damaged.entryId < std::numeric_limits<int32_t>::min() ||
             damaged.entryId > std::numeric_limits<int32_t>::max()) {
             throw ToolError(fmt::format(

@@ -1,17 +1,13 @@
-#include "EntryScanner.h"
-
-#include <fmt/format.h>
+#include <logging/EntryScan.h>
+#include <logging/SqliteLogFile.h>
 
 #include <algorithm>
+#include <limits>
+#include <optional>
+#include <string>
 #include <utility>
 
-namespace Mvlog {
-
-using Marivane::Logging::ByteBuffer;
-using Marivane::Logging::EntryRange;
-using Marivane::Logging::EntryView;
-using Marivane::Logging::SqliteLogFile;
-using Marivane::Logging::VisitOptions;
+namespace Marivane::Logging {
 
 namespace {
 
@@ -25,7 +21,7 @@ bool hasTimeBounds(const EntrySelection& selection) {
 std::vector<int32_t> idsInTimeWindow(const SqliteLogFile& file, const EntrySelection& selection) {
     std::vector<int32_t> ids;
     const EntryRange range{selection.from, selection.to, selection.startTimestamp, selection.endTimestamp};
-    file.visitEntrySummaries(range, selection.filter, [&](const Marivane::Logging::EntrySummary& entry) {
+    file.visitEntrySummaries(range, selection.filter, [&](const EntrySummary& entry) {
         ids.push_back(entry.entryId);
         return selection.limit < 0 || ids.size() < static_cast<std::size_t>(selection.limit);
     });
@@ -52,7 +48,7 @@ std::optional<std::vector<int32_t>> idsAlreadyInTimeOrder(const SqliteLogFile& f
     };
     const bool finished = file.visitEntrySummaries(
         range, selection.filter,
-        [&](const Marivane::Logging::EntrySummary& entry) {
+        [&](const EntrySummary& entry) {
             if (entry.timestamp < previous) {
                 inOrder = false;
                 return false;
@@ -80,13 +76,13 @@ std::vector<int32_t> idsInTimeOrder(const SqliteLogFile& file, const EntrySelect
     }
     const EntryRange range{selection.from, selection.to, selection.startTimestamp, selection.endTimestamp};
     VisitOptions options;
-    options.order = Marivane::Logging::EntryOrder::Time;
+    options.order = EntryOrder::Time;
     // Entries whose stored values cannot be handed out are the scan's to
     // report; here they are only not listed.
     options.onDamagedEntry = [](int64_t, const std::string&) { return true; };
     file.visitEntrySummaries(
         range, selection.filter,
-        [&](const Marivane::Logging::EntrySummary& entry) {
+        [&](const EntrySummary& entry) {
             ids.push_back(entry.entryId);
             return selection.limit < 0 || ids.size() < static_cast<std::size_t>(selection.limit);
         },
@@ -99,7 +95,7 @@ std::vector<int32_t> idsInTimeOrder(const SqliteLogFile& file, const EntrySelect
 std::vector<int32_t> selectIds(const SqliteLogFile& file, const EntrySelection& selection,
                                bool& storedInTimeOrder) {
     storedInTimeOrder = false;
-    if (selection.order == Marivane::Logging::EntryOrder::Time) {
+    if (selection.order == EntryOrder::Time) {
         if (selection.limit != 0) {
             if (std::optional<std::vector<int32_t>> ids = idsAlreadyInTimeOrder(file, selection)) {
                 storedInTimeOrder = true;
@@ -182,75 +178,22 @@ private:
 
 }  // namespace
 
-ScannedEntry scannedFrom(const EntryView& view) {
-    return ScannedEntry{view};
-}
-
-std::optional<std::string> storedFormProblem(const ScannedEntry& entry) {
-    if (entry.compressed || !Marivane::Compression::startsWithFrame(entry.data, entry.size)) {
-        return std::nullopt;
-    }
-    return std::string(
-        "the payload is a compressed frame but the file's compression level is 0 (payloads stored "
-        "uncompressed): readers hand it out compressed");
-}
-
-std::size_t ScannedEntry::forEachPiece(const Marivane::Compression::PieceHandler& onPiece) const {
-    if (!compressed) {
-        onPiece(data, size);
-        return size;
-    }
-    return Marivane::Compression::uncompressInPieces(data, size, onPiece);
-}
-
-uint64_t ScannedEntry::loggedSize() const {
-    if (!compressed) {
-        return size;
-    }
-    if (const std::optional<uint64_t> declared = Marivane::Compression::declaredExpandedSize(data, size)) {
-        return *declared;
-    }
-    return forEachPiece([](const std::byte*, std::size_t) { return true; });
-}
-
-std::size_t ScannedEntry::sizeAndPrefix(std::size_t prefixLength, ByteBuffer& prefix) const {
-    prefix.clear();
-    return forEachPiece([&](const std::byte* piece, std::size_t size) {
-        const std::size_t wanted = std::min(size, prefixLength - std::min(prefixLength, prefix.size()));
-        prefix.insert(prefix.end(), piece, piece + wanted);
-        return true;
-    });
-}
-
-ByteBuffer ScannedEntry::payload() const {
-    ByteBuffer bytes;
-    forEachPiece([&](const std::byte* piece, std::size_t size) {
-        bytes.insert(bytes.end(), piece, piece + size);
-        return true;
-    });
-    return bytes;
-}
-
-std::string describe(const DamagedEntry& entry) {
-    return fmt::format("entry {}{} {}", entry.entryId, entry.readsOn ? "" : ":", entry.reason);
-}
-
-EntryScanner::EntryScanner(const SqliteLogFile& file, EntrySelection selection)
+EntryScan::EntryScan(const SqliteLogFile& file, EntrySelection selection)
     : file_(file), selection_(std::move(selection)), ids_(selectIds(file, selection_, storedInTimeOrder_)) {
-    for (const Marivane::Logging::DataSource& source : file_.getDataSources()) {
+    for (const DataSource& source : file_.getDataSources()) {
         sources_.insert(source.id);
     }
 }
 
-bool EntryScanner::coversWholeFile() const {
-    const Marivane::Logging::EntryIndexFilter& filter = selection_.filter;
+bool EntryScan::coversWholeFile() const {
+    const EntryIndexFilter& filter = selection_.filter;
     return selection_.from == -1 && selection_.to == -1 && !hasTimeBounds(selection_) &&
            selection_.limit < 0 && filter.dataTypes.empty() && filter.dataSources.empty() &&
            filter.dataSourceTypes.empty();
 }
 
-void EntryScanner::run(const EntryHandler& onEntry, const DamageHandler& onDamaged) {
-    if (selection_.order == Marivane::Logging::EntryOrder::Time) {
+void EntryScan::run(const EntryHandler& onEntry, const DamageHandler& onDamaged) {
+    if (selection_.order == EntryOrder::Time) {
         runInTimeOrder(onEntry, onDamaged);
         return;
     }
@@ -314,7 +257,7 @@ void EntryScanner::run(const EntryHandler& onEntry, const DamageHandler& onDamag
 // is taken when the read meets it, and whatever is left when the read ends
 // (passed over, or beyond a failure inside the database) is read one by one,
 // in time order.
-void EntryScanner::runInTimeOrder(const EntryHandler& onEntry, const DamageHandler& onDamaged) {
+void EntryScan::runInTimeOrder(const EntryHandler& onEntry, const DamageHandler& onDamaged) {
     met_ = 0;
     const bool limited = selection_.limit >= 0;
     if (limited && ids_.empty()) {
@@ -329,8 +272,7 @@ void EntryScanner::runInTimeOrder(const EntryHandler& onEntry, const DamageHandl
     VisitOptions options = optionsReportingTo(onDamaged);
     // Entries stored in time order are read by id: the same entries in the
     // same order, without the time-ordered read's pass over the timestamps.
-    options.order =
-        storedInTimeOrder_ ? Marivane::Logging::EntryOrder::Id : Marivane::Logging::EntryOrder::Time;
+    options.order = storedInTimeOrder_ ? EntryOrder::Id : EntryOrder::Time;
     options.onDamagedEntry = [&](int64_t entryId, const std::string& reason) {
         if (entryId < std::numeric_limits<int32_t>::min() || entryId > std::numeric_limits<int32_t>::max()) {
             narrowedForms.insert(static_cast<int32_t>(static_cast<uint32_t>(entryId)));
@@ -359,25 +301,25 @@ void EntryScanner::runInTimeOrder(const EntryHandler& onEntry, const DamageHandl
     }
 }
 
-bool EntryScanner::runWholeFileUnlisted(const SqliteLogFile& file, int64_t countedEntries,
-                                        const EntryHandler& onEntry, const DamageHandler& onDamaged,
-                                        bool verifyChecksums, const std::function<bool()>& stillWanted) {
+bool EntryScan::runWholeFileUnlisted(const SqliteLogFile& file, int64_t countedEntries,
+                                     const EntryHandler& onEntry, const DamageHandler& onDamaged,
+                                     bool verifyChecksums, const std::function<bool()>& stillWanted) {
     std::set<int8_t> sources;
-    for (const Marivane::Logging::DataSource& source : file.getDataSources()) {
+    for (const DataSource& source : file.getDataSources()) {
         sources.insert(source.id);
     }
     const uint64_t failuresBefore = file.getFailureCount();
     bool inOrder = true;
     int64_t read = 0;
     VisitOptions options;
-    options.payloadForm = Marivane::Logging::PayloadForm::Stored;
+    options.payloadForm = PayloadForm::Stored;
     options.verifyChecksums = verifyChecksums;
     options.onDamagedEntry = [&](int64_t, const std::string&) {
         inOrder = false;
         return false;
     };
     const bool finished = file.visitEntries(
-        EntryRange::all(), Marivane::Logging::EntryIndexFilter(),
+        EntryRange::all(), EntryIndexFilter(),
         [&](const EntryView& view) {
             // More entries than counted: a writer added them since, which
             // the listed scan leaves out.
@@ -386,9 +328,9 @@ bool EntryScanner::runWholeFileUnlisted(const SqliteLogFile& file, int64_t count
                 return false;
             }
             try {
-                onEntry(scannedFrom(view));
-            } catch (const Marivane::Compression::CompressionError& error) {
-                onDamaged({view.entryId, fmt::format("payload cannot be expanded: {}", error.what())});
+                onEntry(ScannedEntry(view));
+            } catch (const Compression::CompressionError& error) {
+                onDamaged({view.entryId, std::string("payload cannot be expanded: ") + error.what()});
             }
             if (stillWanted && !stillWanted()) {
                 inOrder = false;
@@ -400,25 +342,25 @@ bool EntryScanner::runWholeFileUnlisted(const SqliteLogFile& file, int64_t count
     return finished && inOrder && read == countedEntries && file.getFailureCount() == failuresBefore;
 }
 
-void EntryScanner::report(const DamageHandler& onDamaged, const DamagedEntry& entry) {
+void EntryScan::report(const DamageHandler& onDamaged, const DamagedEntry& entry) {
     ++met_;
     onDamaged(entry);
 }
 
-bool EntryScanner::fileHasSource(int8_t dataSourceId) {
+bool EntryScan::fileHasSource(int8_t dataSourceId) {
     if (sources_.count(dataSourceId) != 0) {
         return true;
     }
     // A writer may have added the source since the scan began.
-    for (const Marivane::Logging::DataSource& source : file_.getDataSources()) {
+    for (const DataSource& source : file_.getDataSources()) {
         sources_.insert(source.id);
     }
     return sources_.count(dataSourceId) != 0;
 }
 
-VisitOptions EntryScanner::optionsReportingTo(const DamageHandler& onDamaged) {
+VisitOptions EntryScan::optionsReportingTo(const DamageHandler& onDamaged) {
     VisitOptions options;
-    options.payloadForm = Marivane::Logging::PayloadForm::Stored;
+    options.payloadForm = PayloadForm::Stored;
     options.verifyChecksums = verifyChecksums_;
     options.onDamagedEntry = [this, &onDamaged](int64_t entryId, const std::string& reason) {
         report(onDamaged, {entryId, reason});
@@ -427,27 +369,26 @@ VisitOptions EntryScanner::optionsReportingTo(const DamageHandler& onDamaged) {
     return options;
 }
 
-void EntryScanner::deliver(const EntryView& view, const EntryHandler& onEntry,
-                           const DamageHandler& onDamaged) {
+void EntryScan::deliver(const EntryView& view, const EntryHandler& onEntry, const DamageHandler& onDamaged) {
     // The index leaves such an entry out, but a read by id or by time finds it.
     if (!fileHasSource(view.dataSourceId)) {
-        report(
-            onDamaged,
-            {view.entryId,
-             fmt::format("refers to data source {}, which the file does not have", view.dataSourceId), true});
+        report(onDamaged, {view.entryId,
+                           "refers to data source " + std::to_string(view.dataSourceId) +
+                               ", which the file does not have",
+                           true});
         return;
     }
     try {
         ++met_;
-        onEntry(scannedFrom(view));
-    } catch (const Marivane::Compression::CompressionError& error) {
+        onEntry(ScannedEntry(view));
+    } catch (const Compression::CompressionError& error) {
         // Counted once, above.
-        onDamaged({view.entryId, fmt::format("payload cannot be expanded: {}", error.what())});
+        onDamaged({view.entryId, std::string("payload cannot be expanded: ") + error.what()});
     }
 }
 
-void EntryScanner::readSingle(int32_t entryId, bool mayBeNarrowed, const EntryHandler& onEntry,
-                              const DamageHandler& onDamaged) {
+void EntryScan::readSingle(int32_t entryId, bool mayBeNarrowed, const EntryHandler& onEntry,
+                           const DamageHandler& onDamaged) {
     bool found = false;
     VisitOptions options = optionsReportingTo(onDamaged);
     options.onDamagedEntry = [&](int64_t damagedId, const std::string& reason) {
@@ -456,7 +397,7 @@ void EntryScanner::readSingle(int32_t entryId, bool mayBeNarrowed, const EntryHa
         return true;
     };
     file_.visitEntries(
-        EntryRange{entryId, entryId}, Marivane::Logging::EntryIndexFilter(),
+        EntryRange{entryId, entryId}, EntryIndexFilter(),
         [&](const EntryView& view) {
             found = true;
             deliver(view, onEntry, onDamaged);
@@ -470,4 +411,4 @@ void EntryScanner::readSingle(int32_t entryId, bool mayBeNarrowed, const EntryHa
     }
 }
 
-}  // namespace Mvlog
+}  // namespace Marivane::Logging
