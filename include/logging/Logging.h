@@ -20,6 +20,7 @@
 #include <logging/EntryScan.h>
 #include <logging/EntrySelection.h>
 #include <logging/FailureKind.h>
+#include <logging/FileSummary.h>
 #include <logging/FrameOrder.h>
 #include <logging/LegacyLogFileError.h>
 #include <logging/LogFileInterface.h>
@@ -35,7 +36,9 @@
 #include <logging/PropertyValue.h>
 #include <logging/Recorder.h>
 #include <logging/Recover.h>
+#include <logging/ResourceSummary.h>
 #include <logging/ScannedEntry.h>
+#include <logging/SourceSummary.h>
 #include <logging/SqliteLogFile.h>
 #include <logging/Version.h>
 
