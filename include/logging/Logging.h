@@ -27,6 +27,7 @@
 #include <logging/LogFilePlayer.h>
 #include <logging/LogMetadataEntry.h>
 #include <logging/LogResourceEntry.h>
+#include <logging/MetadataValue.h>
 #include <logging/NotALogFileError.h>
 #include <logging/NotYetALogFileError.h>
 #include <logging/PayloadEncoding.h>

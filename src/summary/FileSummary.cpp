@@ -1,5 +1,6 @@
 #include <logging/EntryScan.h>
 #include <logging/FileSummary.h>
+#include <logging/MetadataValue.h>
 #include <logging/SqliteLogFile.h>
 
 #include <algorithm>
@@ -8,34 +9,10 @@
 #include <system_error>
 #include <unordered_map>
 #include <utility>
-#include <variant>
 
 namespace Marivane::Logging {
 
 namespace {
-
-// Files written by older versions keep some integers as 32 bits.
-std::optional<int64_t> integerMetadata(const SqliteLogFile& file, const std::string& key) {
-    const std::optional<PropertyValue> value = file.getMetadataValue(key);
-    if (!value) {
-        return std::nullopt;
-    }
-    if (const auto* wide = std::get_if<int64_t>(&*value)) {
-        return *wide;
-    }
-    if (const auto* narrow = std::get_if<int32_t>(&*value)) {
-        return *narrow;
-    }
-    return std::nullopt;
-}
-
-std::optional<std::string> textMetadata(const SqliteLogFile& file, const std::string& key) {
-    const std::optional<PropertyValue> value = file.getMetadataValue(key);
-    if (const auto* text = value ? std::get_if<std::string>(&*value) : nullptr) {
-        return *text;
-    }
-    return std::nullopt;
-}
 
 uint64_t sizeOnDisk(const std::filesystem::path& path) {
     std::error_code error;

@@ -11,7 +11,6 @@ namespace Mvlog {
 
 using Marivane::Logging::EntryIndexFilter;
 using Marivane::Logging::LogFileInterface;
-using Marivane::Logging::PropertyValue;
 using Marivane::Logging::SqliteLogFile;
 
 void requireExistingFile(const std::filesystem::path& path) {
@@ -58,31 +57,6 @@ uint64_t fileSizeOnDisk(const std::filesystem::path& path) {
 bool somethingExistsAt(const std::filesystem::path& path) {
     std::error_code error;
     return std::filesystem::symlink_status(path, error).type() != std::filesystem::file_type::not_found;
-}
-
-std::optional<int64_t> integerMetadata(const LogFileInterface& file, const std::string& key) {
-    const std::optional<PropertyValue> value = file.getMetadataValue(key);
-    if (!value) {
-        return std::nullopt;
-    }
-    if (const auto* wide = std::get_if<int64_t>(&*value)) {
-        return *wide;
-    }
-    if (const auto* narrow = std::get_if<int32_t>(&*value)) {
-        return *narrow;
-    }
-    return std::nullopt;
-}
-
-std::optional<std::string> textMetadata(const LogFileInterface& file, const std::string& key) {
-    const std::optional<PropertyValue> value = file.getMetadataValue(key);
-    if (!value) {
-        return std::nullopt;
-    }
-    if (const auto* text = std::get_if<std::string>(&*value)) {
-        return *text;
-    }
-    return std::nullopt;
 }
 
 int8_t storedCompressionLevel(const LogFileInterface& file) {
