@@ -2,6 +2,7 @@
 
 #include <logging/Durability.h>
 #include <logging/EntryIndexFilter.h>
+#include <logging/Version.h>
 
 #include <cstdint>
 #include <functional>
@@ -32,7 +33,7 @@ struct CopyOptions {
     // input's producer goes into "oldApplicationName"/"oldApplicationVersion"
     // as a slice records it.
     std::string applicationName = "libmarivane-logging";
-    std::string applicationVersion = "4.0.0";
+    std::string applicationVersion = MARIVANE_LOGGING_VERSION;
     // Called now and then on the calling thread with the entries written so
     // far and the number of entries the inputs hold (an upper bound).
     std::function<void(uint64_t written, uint64_t total)> progress;

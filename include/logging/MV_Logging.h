@@ -477,6 +477,13 @@ MV_LOGGING_EXPORT void MV_LogDataSource_GetId(MV_LogDataSource_p dataSource, int
 MV_LOGGING_EXPORT void MV_LogDataSource_GetName(MV_LogDataSource_p dataSource, const char** name);
 MV_LOGGING_EXPORT void MV_LogDataSource_GetType(MV_LogDataSource_p dataSource, MV_LogDataSourceType* type);
 
+/* The short name of a common type ("Camera", "VehicleBus"): static text, or
+ * NULL for any other value. */
+MV_LOGGING_EXPORT const char* MV_LogDataSourceType_GetName(MV_LogDataSourceType type);
+/* The type a name stands for: a short name in any letter case, or a decimal
+ * 32-bit value. False, and *type untouched, for other text. */
+MV_LOGGING_EXPORT bool MV_LogDataSourceType_FromName(const char* name, MV_LogDataSourceType* type);
+
 /* Values read from a file always hold 64-bit integers, which GetInt32 narrows;
  * GetInt32 deliberately answers false for a value made by CreateInt32. */
 MV_LOGGING_EXPORT MV_LogDataSourceProperty_p MV_LogDataSourceProperty_CreateInt32(const int8_t* dataSourceId,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <logging/Durability.h>
+#include <logging/Version.h>
 
 #include <chrono>
 #include <cstddef>
@@ -28,7 +29,7 @@ struct RecorderOptions {
     // takes them.
     std::string timeZone = "Etc/UTC";
     std::string applicationName = "libmarivane-logging";
-    std::string applicationVersion = "4.0.0";
+    std::string applicationVersion = MARIVANE_LOGGING_VERSION;
     int8_t compressionLevel = -1;
     // Balanced: every committed entry survives a kill of the process at
     // nearly the speed of Fast; Safe also survives power cuts.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <logging/Version.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -12,7 +14,7 @@ struct RecoverOptions {
     // damaged file's producer goes into "oldApplicationName" and
     // "oldApplicationVersion" as a copy records it.
     std::string applicationName = "libmarivane-logging";
-    std::string applicationVersion = "4.0.0";
+    std::string applicationVersion = MARIVANE_LOGGING_VERSION;
     // Called now and then on the calling thread with the number of entries
     // salvaged so far; a salvage reads the file more than once, so there is
     // no reliable total to compare it with.

@@ -10,6 +10,8 @@ from typing import Any, Callable, Iterable, NamedTuple, Optional, Sequence, Tupl
 
 import numpy as np
 
+from . import _core
+
 INT64_MIN = -(2**63)
 INT64_MAX = 2**63 - 1
 INT32_MIN = -(2**31)
@@ -32,23 +34,23 @@ _ISO_TIME = re.compile(
 _EPOCH = _dt.datetime(1970, 1, 1, tzinfo=_dt.timezone.utc)
 
 
-class SourceType(enum.IntEnum):
-    """The common vocabulary of data-source types.
+def _member_name(name: str) -> str:
+    """The library's short name as an enum member is spelled: VehicleBus -> VEHICLE_BUS."""
+    return re.sub(r"(?<=[a-z0-9])(?=[A-Z])", "_", name).upper()
+
+
+# The members come from the library's table, so that Python, mvlog and the C
+# interface name the same types the same way.
+SourceType = enum.IntEnum(  # type: ignore[misc]
+    "SourceType",
+    [(_member_name(name), value) for value, name in _core._common_data_source_types()],
+    module=__name__,
+)
+SourceType.__doc__ = """The common vocabulary of data-source types.
 
     The library stores any 32-bit value as a type; these are only the usual
     ones. Every function taking a type takes a plain ``int`` as well.
     """
-
-    INVALID = -1
-    GENERIC = 0
-    CAMERA = 1
-    LIDAR = 2
-    RADAR = 3
-    NAVIGATION = 4
-    INERTIAL = 5
-    VEHICLE_BUS = 6
-    ENVIRONMENT = 7
-    TEXT = 8
 
 
 def source_type(value: int) -> Union[SourceType, int]:

@@ -166,6 +166,13 @@ Selection makeSelection(int32_t firstId, int32_t lastId, int64_t startMs, int64_
     return selection;
 }
 
+int8_t compressionLevel(int level) {
+    if (level < -128 || level > 127) {
+        throw py::value_error("compression level out of range: " + std::to_string(level));
+    }
+    return static_cast<int8_t>(level);
+}
+
 py::bytes toBytes(const std::byte* data, std::size_t size) {
     return py::bytes(reinterpret_cast<const char*>(data), size);
 }

@@ -127,6 +127,10 @@ Selection makeSelection(int32_t firstId, int32_t lastId, int64_t startMs, int64_
 ml::EntryIndexFilter makeFilter(const std::vector<int32_t>& sources, const std::vector<int32_t>& types,
                                 const std::vector<int32_t>& sourceTypes);
 
+// A level as a file keeps it (8 bits); ValueError for a wider one. Which
+// levels a file accepts is the library's to say, not the binding's.
+int8_t compressionLevel(int level);
+
 py::bytes toBytes(const std::byte* data, std::size_t size);
 ml::ByteBuffer toByteBuffer(const py::buffer& buffer);
 

@@ -26,13 +26,6 @@ Handle adopt(std::unique_ptr<ml::LogFileInterface> result) {
     return std::make_shared<OpenLogFile>(ml::SqliteLogFile(path));
 }
 
-int8_t compressionLevel(int level) {
-    if (level < -128 || level > 127) {
-        throw py::value_error("compression level out of range: " + std::to_string(level));
-    }
-    return static_cast<int8_t>(level);
-}
-
 // A Python progress callback called from a copy, merge or salvage: these run
 // without the GIL, so the callback takes it, and a Python exception stops the
 // work and is raised again once it has unwound.

@@ -3,6 +3,7 @@
 #include <logging/Bookmark.h>
 #include <logging/DataSource.h>
 #include <logging/DataSourceProperty.h>
+#include <logging/DataSourceTypeName.h>
 #include <logging/PayloadEncoding.h>
 
 #include <pybind11/stl.h>
@@ -57,6 +58,16 @@ void bindLogFile(py::module_& m) {
                 ml::PayloadEncoding::sniff(reinterpret_cast<const std::byte*>(bytes.data()), bytes.size()));
         },
         py::arg("payload"), "The media type of a payload from its first bytes (the library's test).");
+    m.def(
+        "_common_data_source_types",
+        [] {
+            std::vector<std::pair<int32_t, std::string>> types;
+            for (auto& [type, name] : ml::commonDataSourceTypes()) {
+                types.emplace_back(static_cast<int32_t>(type), std::move(name));
+            }
+            return types;
+        },
+        "The common data-source types as (value, short name) in ascending value: the library's table.");
     py::enum_<ml::Durability>(m, "Durability", "How a log file trades speed for safety (kept by the file).")
         .value("FAST", ml::Durability::Fast,
                "No flushes, journal in memory: fastest, a crash may lose writes.")
@@ -98,13 +109,11 @@ void bindLogFile(py::module_& m) {
             [](const std::string& path, const std::string& application, const std::string& version,
                const std::string& timeZone, int level, ml::Durability durability,
                std::optional<int64_t> created, bool checksums) {
-                if (level < -128 || level > 127) {
-                    throw py::value_error("compression level out of range: " + std::to_string(level));
-                }
+                const int8_t checkedLevel = compressionLevel(level);
                 std::optional<ml::SqliteLogFile> file;
                 {
                     py::gil_scoped_release release;
-                    file.emplace(path, timeZone, application, version, static_cast<int8_t>(level),
+                    file.emplace(path, timeZone, application, version, checkedLevel,
                                  created.value_or(nowMs()), durability, checksums);
                 }
                 return std::make_shared<OpenLogFile>(std::move(*file));

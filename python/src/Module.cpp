@@ -1,5 +1,7 @@
 #include "Common.h"
 
+#include <logging/Version.h>
+
 // The native half of marivane_logging: thin bindings over the class
 // interface. Everything a user calls is in the package's Python modules, which
 // convert times, selections and records; this module stays close to the
@@ -16,5 +18,5 @@ PYBIND11_MODULE(_core, module) {
 #ifdef MARIVANE_PYTHON_WITH_TOOL
     marivane_python::bindTool(module);
 #endif
-    module.attr("LIBRARY_VERSION") = MARIVANE_VERSION;
+    module.attr("LIBRARY_VERSION") = MARIVANE_LOGGING_VERSION;
 }

@@ -165,9 +165,7 @@ void bindRecorder(py::module_& m) {
                          std::size_t queueBytes, int32_t compressionThreads, int64_t maxCommitDelayMs,
                          std::size_t maxTransactionEntries, ml::OverflowPolicy overflow,
                          int64_t reorderWindowMs, bool buildTimeIndex, bool checksums) {
-                 if (level < -128 || level > 127) {
-                     throw py::value_error("compression level out of range: " + std::to_string(level));
-                 }
+                 const int8_t checkedLevel = compressionLevel(level);
                  if (compressionThreads < 0) {
                      throw py::value_error("compression_threads must be 0 (automatic) or more");
                  }
@@ -184,7 +182,7 @@ void bindRecorder(py::module_& m) {
                  options.applicationName = application;
                  options.applicationVersion = version;
                  options.timeZone = timeZone;
-                 options.compressionLevel = static_cast<int8_t>(level);
+                 options.compressionLevel = checkedLevel;
                  options.durability = durability;
                  options.queueBytes = queueBytes;
                  options.compressionThreads = compressionThreads;

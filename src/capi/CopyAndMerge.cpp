@@ -1,6 +1,7 @@
 #include "CConversions.h"
 #include "CHandles.h"
 
+#include <logging/CompressionLevel.h>
 #include <logging/Copy.h>
 
 #include <cstdint>
@@ -66,7 +67,7 @@ bool MV_LogCopyOptions_SetFilter(MV_LogCopyOptions_p options, MV_LogEntryIndexFi
 }
 
 bool MV_LogCopyOptions_SetCompressionLevel(MV_LogCopyOptions_p options, int8_t level, MV_LogError_p* error) {
-    if (level < -1 || level > 9) {
+    if (!isValidCompressionLevel(level)) {
         storeError(error, "Invalid compression level, value must be in the range [-1,9].");
         return false;
     }

@@ -1,6 +1,7 @@
 #include "CConversions.h"
 #include "CHandles.h"
 
+#include <logging/CompressionLevel.h>
 #include <logging/SqliteLogFile.h>
 
 #include <core/Chrono.h>
@@ -65,7 +66,7 @@ void MV_LogConfig_GetCompressionLevel(MV_LogConfig_p config, int8_t* level) {
 }
 
 bool MV_LogConfig_SetCompressionLevel(MV_LogConfig_p config, int8_t level, MV_LogError_p* error) {
-    if (level < -1 || level > 9) {
+    if (!isValidCompressionLevel(level)) {
         // The message names 0 to 9 although -1 (the default) is accepted too.
         storeError(error, "Invalid compression level, value must be in the range [0,9].");
         return false;

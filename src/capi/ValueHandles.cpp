@@ -2,8 +2,10 @@
 #include "CHandles.h"
 
 #include <core/Chrono.h>
+#include <logging/DataSourceTypeName.h>
 
 #include <cstring>
+#include <optional>
 #include <variant>
 
 using namespace Marivane::Logging;
@@ -165,6 +167,21 @@ void MV_LogDataSource_GetName(MV_LogDataSource_p dataSource, const char** name) 
 
 void MV_LogDataSource_GetType(MV_LogDataSource_p dataSource, MV_LogDataSourceType* type) {
     *type = dataSource->value.type;
+}
+
+const char* MV_LogDataSourceType_GetName(MV_LogDataSourceType type) {
+    return commonDataSourceTypeName(type);
+}
+
+bool MV_LogDataSourceType_FromName(const char* name, MV_LogDataSourceType* type) {
+    if (name == nullptr) {
+        return false;
+    }
+    const std::optional<MV_LogDataSourceType> found = dataSourceTypeFromName(name);
+    if (found) {
+        *type = *found;
+    }
+    return found.has_value();
 }
 
 // ---- data-source properties -----------------------------------------------------

@@ -5,9 +5,11 @@
 #include "check/Findings.h"
 
 #include <logging/Bookmark.h>
+#include <logging/CompressionLevel.h>
 #include <logging/EntryIndexFilter.h>
 #include <logging/FailureKind.h>
 #include <logging/LogResourceEntry.h>
+#include <logging/MetadataValue.h>
 #include <logging/PropertyValue.h>
 #include <logging/SqliteLogFile.h>
 
@@ -26,20 +28,6 @@ namespace Marivane::Logging {
 namespace {
 
 using Check::Findings;
-
-std::optional<int64_t> integerMetadata(const LogFileInterface& file, const std::string& key) {
-    const std::optional<PropertyValue> value = file.getMetadataValue(key);
-    if (!value) {
-        return std::nullopt;
-    }
-    if (const auto* wide = std::get_if<int64_t>(&*value)) {
-        return *wide;
-    }
-    if (const auto* narrow = std::get_if<int32_t>(&*value)) {
-        return *narrow;
-    }
-    return std::nullopt;
-}
 
 enum class ExpectedType { Integer, Text };
 
@@ -74,7 +62,8 @@ void checkMetadata(const LogFileInterface& file, Findings& findings) {
                              (fixed.type == ExpectedType::Text ? "text" : "an integer"));
         }
     }
-    if (const auto level = integerMetadata(file, "compressionLevel"); level && (*level < -1 || *level > 9)) {
+    if (const auto level = integerMetadata(file, "compressionLevel");
+        level && !isValidCompressionLevel(*level)) {
         findings.add(CheckProblemKind::Metadata,
                      "compression level " + std::to_string(*level) + " is outside -1 to 9");
     }
@@ -200,7 +189,8 @@ std::optional<std::string> resourceFormProblem(const SqliteLogFile& file, const 
         const std::optional<int64_t> version = integerMetadata(file, "logVersion");
         because = version ? "the file's format version is " + std::to_string(*version)
                           : std::string("the file has no format version");
-    } else if (std::clamp<int64_t>(integerMetadata(file, "compressionLevel").value_or(0), -1, 9) == 0) {
+    } else if (std::clamp<int64_t>(integerMetadata(file, "compressionLevel").value_or(0),
+                                   kMinCompressionLevel, kMaxCompressionLevel) == kUncompressedLevel) {
         because = "the file's compression level is 0";
     } else {
         return std::nullopt;

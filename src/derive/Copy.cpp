@@ -8,6 +8,7 @@
 #include "store/StoreAccess.h"
 
 #include <logging/Algorithms.h>
+#include <logging/CompressionLevel.h>
 #include <logging/SqliteLogFile.h>
 
 #include <core/Chrono.h>
@@ -71,7 +72,7 @@ SqliteLogFile openInput(const std::filesystem::path& path) {
 SqliteLogFile createOutput(const PendingOutput& pending, const SqliteLogFile& firstInput,
                            const CopyOptions& options) {
     const int8_t level = options.compressionLevel.value_or(StoreAccess::of(firstInput).compressionLevel);
-    if (level < -1 || level > 9) {
+    if (!isValidCompressionLevel(level)) {
         throw std::runtime_error("Cannot write '" + pending.finalPath().string() + "': compression level " +
                                  std::to_string(level) + " is outside -1 to 9.");
     }

@@ -7,6 +7,7 @@
 #include "store/ReturnPropertyValueVisitor.h"
 #include "store/StoreAccess.h"
 
+#include <logging/CompressionLevel.h>
 #include <logging/SqliteLogFile.h>
 
 #include <core/Checksum.h>
@@ -838,7 +839,7 @@ private:
 
     void decideCompression() {
         const std::optional<int64_t> level = tables_.metadataInteger("compressionLevel");
-        if (level && *level >= -1 && *level <= 9) {
+        if (level && isValidCompressionLevel(*level)) {
             level_ = static_cast<int8_t>(*level);
             levelKnown_ = true;
             compressed_ = level_ != 0;

@@ -190,6 +190,24 @@ TEST(data_source_create_has_id_minus_one_and_copies_the_name) {
     MV_LogDataSource_Destroy(source);
 }
 
+TEST(data_source_type_names_are_the_library_table) {
+    MV_LogDataSourceType type = MV_LogDataSourceType_Invalid;
+
+    CHECK_STR_EQ(MV_LogDataSourceType_GetName(MV_LogDataSourceType_VehicleBus), "VehicleBus");
+    CHECK_STR_EQ(MV_LogDataSourceType_GetName(MV_LogDataSourceType_Invalid), "Invalid");
+    CHECK(MV_LogDataSourceType_GetName((MV_LogDataSourceType)42) == NULL);
+
+    CHECK(MV_LogDataSourceType_FromName("lidar", &type));
+    CHECK_INT_EQ(type, MV_LogDataSourceType_Lidar);
+    CHECK(MV_LogDataSourceType_FromName("-77", &type));
+    CHECK_INT_EQ(type, -77);
+    type = MV_LogDataSourceType_Text;
+    CHECK(!MV_LogDataSourceType_FromName("periscope", &type));
+    CHECK(!MV_LogDataSourceType_FromName("", &type));
+    CHECK(!MV_LogDataSourceType_FromName(NULL, &type));
+    CHECK_INT_EQ(type, MV_LogDataSourceType_Text);
+}
+
 /* ---- data-source properties ---------------------------------------------------- */
 
 TEST(property_made_as_int32_is_read_by_no_typed_getter) {

@@ -1,6 +1,7 @@
 #include "ToolTestSupport.h"
 
 #include <TempDir.h>
+#include <logging/Version.h>
 
 #include <gtest/gtest.h>
 
@@ -17,9 +18,9 @@ using Marivane::Testing::TempDir;
 TEST(UsageTest, VersionNamesToolAndLibrary) {
     const RunResult result = runMvlog({"--version"});
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.out,
-              std::string("mvlog ") + MVLOG_VERSION + " (libmarivane-logging " + MVLOG_VERSION + ")\n");
-    EXPECT_EQ(std::string(MVLOG_VERSION), "4.0.0");
+    EXPECT_EQ(result.out, std::string("mvlog ") + MARIVANE_LOGGING_VERSION + " (libmarivane-logging " +
+                              MARIVANE_LOGGING_VERSION + ")\n");
+    EXPECT_EQ(std::string(MARIVANE_LOGGING_VERSION), "4.0.0");
 }
 
 TEST(UsageTest, EverySubcommandHasHelp) {

@@ -86,7 +86,8 @@ const CLI::Validator kDataSourceIdOrName(
         return isDataSourceIdText(text) ? kId(text) : std::string();
     },
     "ID or NAME");
-const CLI::Validator kCompressionLevel = wholeNumberIn(-1, 9, "INT in [-1 - 9]");
+const CLI::Validator kCompressionLevel = wholeNumberIn(
+    Marivane::Logging::kMinCompressionLevel, Marivane::Logging::kMaxCompressionLevel, "INT in [-1 - 9]");
 const CLI::Validator kCount = wholeNumberIn(0, std::numeric_limits<int64_t>::max(), "NONNEGATIVE");
 const CLI::Validator kMaxDelay = wholeNumberIn(1, 3'600'000, "INT in [1 - 3600000]");
 const CLI::Validator kSpeed = finiteNumberFrom(false, "(NUMBER) AND (POSITIVE)");
@@ -95,7 +96,7 @@ const CLI::Validator kSeconds = finiteNumberFrom(true, "(NUMBER) AND (NONNEGATIV
 // Accepts the data-source type names mvlog prints, or any 32-bit number.
 const CLI::Validator kDataSourceTypeValidator(
     [](std::string& text) -> std::string {
-        return parseDataSourceType(text)
+        return Marivane::Logging::dataSourceTypeFromName(text)
                    ? std::string()
                    : "not a data-source type name (Camera, Navigation, ...) or a number";
     },
@@ -104,7 +105,7 @@ const CLI::Validator kDataSourceTypeValidator(
 std::vector<MV_LogDataSourceType> dataSourceTypes(const std::vector<std::string>& names) {
     std::vector<MV_LogDataSourceType> types;
     for (const std::string& name : names) {
-        types.push_back(*parseDataSourceType(name));
+        types.push_back(*Marivane::Logging::dataSourceTypeFromName(name));
     }
     return types;
 }

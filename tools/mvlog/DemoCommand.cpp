@@ -1,8 +1,8 @@
 #include "Commands.h"
-#include "FileSummary.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "Replay.h"
+#include "SummaryReport.h"
 #include "SyntheticSurvey.h"
 #include "Terminal.h"
 

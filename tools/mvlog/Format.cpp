@@ -4,33 +4,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
-#include <charconv>
 #include <ctime>
 #include <utility>
 
 namespace Mvlog {
 
 namespace {
-
-constexpr std::array<std::pair<MV_LogDataSourceType, const char*>, 10> kTypeNames = {{
-    {MV_LogDataSourceType_Invalid, "Invalid"},
-    {MV_LogDataSourceType_Generic, "Generic"},
-    {MV_LogDataSourceType_Camera, "Camera"},
-    {MV_LogDataSourceType_Lidar, "Lidar"},
-    {MV_LogDataSourceType_Radar, "Radar"},
-    {MV_LogDataSourceType_Navigation, "Navigation"},
-    {MV_LogDataSourceType_Inertial, "Inertial"},
-    {MV_LogDataSourceType_VehicleBus, "VehicleBus"},
-    {MV_LogDataSourceType_Environment, "Environment"},
-    {MV_LogDataSourceType_Text, "Text"},
-}};
-
-bool equalsIgnoringCase(const std::string& left, const std::string& right) {
-    return std::equal(left.begin(), left.end(), right.begin(), right.end(), [](char a, char b) {
-        return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-    });
-}
 
 // Floor division, so that instants before 1970 still split into a whole
 // second and a non-negative millisecond part.
@@ -148,30 +127,6 @@ void appendHexPrefix(std::string& text, const Marivane::Logging::ByteBuffer& byt
     if (bytes.size() > shown) {
         text += " ...";
     }
-}
-
-std::string dataSourceTypeName(MV_LogDataSourceType type) {
-    for (const auto& [value, name] : kTypeNames) {
-        if (value == type) {
-            return name;
-        }
-    }
-    return std::to_string(static_cast<int32_t>(type));
-}
-
-std::optional<MV_LogDataSourceType> parseDataSourceType(const std::string& text) {
-    for (const auto& [value, name] : kTypeNames) {
-        if (equalsIgnoringCase(text, name)) {
-            return value;
-        }
-    }
-    int32_t number = 0;
-    const char* end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, number);
-    if (text.empty() || error != std::errc() || rest != end) {
-        return std::nullopt;
-    }
-    return static_cast<MV_LogDataSourceType>(number);
 }
 
 namespace {

@@ -36,12 +36,7 @@ std::string hexPrefix(const Marivane::Logging::ByteBuffer& bytes, std::size_t ma
 // The same, appended to `text`.
 void appendHexPrefix(std::string& text, const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum);
 
-// The enumerator's short name ("Camera") for the known values, otherwise the
-// number as text.
-std::string dataSourceTypeName(MV_LogDataSourceType type);
-
-// Accepts a short enumerator name in any letter case, or any 32-bit integer.
-std::optional<MV_LogDataSourceType> parseDataSourceType(const std::string& text);
+using Marivane::Logging::dataSourceTypeName;
 
 // 42, 2.5, "text" (texts quoted so that they stand out from numbers).
 // Text from a file (names, keys, titles, values) made safe for a terminal:

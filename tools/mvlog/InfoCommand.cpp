@@ -1,7 +1,7 @@
 #include "Commands.h"
-#include "FileSummary.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "SummaryReport.h"
 
 #include <fmt/format.h>
 
@@ -9,6 +9,8 @@
 #include <limits>
 
 namespace Mvlog {
+
+using Marivane::Logging::FileSummary;
 
 namespace {
 

@@ -9,7 +9,6 @@ namespace Mvlog {
 
 using Marivane::Logging::EntryIndexFilter;
 using Marivane::Logging::LogFileInterface;
-using Marivane::Logging::PropertyValue;
 using Marivane::Logging::SqliteLogFile;
 
 void requireExistingFile(const std::filesystem::path& path) {
@@ -58,34 +57,10 @@ bool somethingExistsAt(const std::filesystem::path& path) {
     return std::filesystem::symlink_status(path, error).type() != std::filesystem::file_type::not_found;
 }
 
-std::optional<int64_t> integerMetadata(const LogFileInterface& file, const std::string& key) {
-    const std::optional<PropertyValue> value = file.getMetadataValue(key);
-    if (!value) {
-        return std::nullopt;
-    }
-    if (const auto* wide = std::get_if<int64_t>(&*value)) {
-        return *wide;
-    }
-    if (const auto* narrow = std::get_if<int32_t>(&*value)) {
-        return *narrow;
-    }
-    return std::nullopt;
-}
-
-std::optional<std::string> textMetadata(const LogFileInterface& file, const std::string& key) {
-    const std::optional<PropertyValue> value = file.getMetadataValue(key);
-    if (!value) {
-        return std::nullopt;
-    }
-    if (const auto* text = std::get_if<std::string>(&*value)) {
-        return *text;
-    }
-    return std::nullopt;
-}
-
 int8_t storedCompressionLevel(const LogFileInterface& file) {
     const int64_t level = integerMetadata(file, "compressionLevel").value_or(0);
-    return static_cast<int8_t>(std::clamp<int64_t>(level, -1, 9));
+    return static_cast<int8_t>(std::clamp<int64_t>(level, Marivane::Logging::kMinCompressionLevel,
+                                                   Marivane::Logging::kMaxCompressionLevel));
 }
 
 std::string resourceLabel(const std::string& name) {

@@ -25,7 +25,7 @@ public:
 
 // The name and version mvlog writes into the files it derives or records.
 inline constexpr const char* kToolName = "mvlog";
-inline constexpr const char* kToolVersion = MVLOG_VERSION;
+inline constexpr const char* kToolVersion = MARIVANE_LOGGING_VERSION;
 
 enum class Access { ReadOnly, ReadWrite };
 
@@ -54,12 +54,8 @@ uint64_t fileSizeOnDisk(const std::filesystem::path& path);
 // Does anything at all (even a dangling link) sit at `path`?
 bool somethingExistsAt(const std::filesystem::path& path);
 
-// The integer a metadata key holds, or nothing when it is absent or not an
-// integer.
-std::optional<int64_t> integerMetadata(const Marivane::Logging::LogFileInterface& file,
-                                       const std::string& key);
-std::optional<std::string> textMetadata(const Marivane::Logging::LogFileInterface& file,
-                                        const std::string& key);
+using Marivane::Logging::integerMetadata;
+using Marivane::Logging::textMetadata;
 
 // The compression level the file was recorded with (0 when unknown, which is
 // how the store treats a file without the key).

@@ -1,143 +1,29 @@
-#include "FileSummary.h"
+#include "SummaryReport.h"
 
 #include "Format.h"
 #include "LogFileAccess.h"
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <exception>
-#include <iterator>
-#include <unordered_map>
-
 namespace Mvlog {
 
 using Marivane::Logging::Bookmark;
 using Marivane::Logging::DamagedEntry;
-using Marivane::Logging::DataSource;
 using Marivane::Logging::DataSourceProperty;
-using Marivane::Logging::EntryScan;
-using Marivane::Logging::EntrySelection;
-using Marivane::Logging::LogFileInterface;
+using Marivane::Logging::Durability;
+using Marivane::Logging::FileSummary;
 using Marivane::Logging::PropertyValue;
-using Marivane::Logging::ScannedEntry;
-using Marivane::Logging::SqliteLogFile;
+using Marivane::Logging::ResourceSummary;
+using Marivane::Logging::SourceSummary;
 using nlohmann::ordered_json;
 
 namespace {
 
-void readFixedMetadata(const LogFileInterface& file, FileSummary& summary) {
-    summary.formatVersion = integerMetadata(file, "logVersion");
-    summary.compressionLevel = integerMetadata(file, "compressionLevel");
-    summary.createdDateTime = integerMetadata(file, "createdDateTime");
-    summary.timeZone = textMetadata(file, "currentTimeZone");
-    summary.applicationName = textMetadata(file, "applicationName");
-    summary.applicationVersion = textMetadata(file, "applicationVersion");
-    summary.oldApplicationName = textMetadata(file, "oldApplicationName");
-    summary.oldApplicationVersion = textMetadata(file, "oldApplicationVersion");
-    summary.metadata = file.getAllMetadata();
-}
-
-void readSources(const LogFileInterface& file, FileSummary& summary) {
-    const std::vector<DataSourceProperty> properties = file.getAllDataSourceProperties();
-    for (const DataSource& source : file.getDataSources()) {
-        SourceSummary sourceSummary;
-        sourceSummary.source = source;
-        std::copy_if(properties.begin(), properties.end(), std::back_inserter(sourceSummary.properties),
-                     [&](const DataSourceProperty& property) { return property.dataSourceId == source.id; });
-        summary.sources.push_back(std::move(sourceSummary));
-    }
-}
-
-void noteTimestamp(std::optional<int64_t>& first, std::optional<int64_t>& last, int64_t timestamp) {
-    first = first ? std::min(*first, timestamp) : timestamp;
-    last = last ? std::max(*last, timestamp) : timestamp;
-}
-
-// What the entries contribute to a summary.
-struct EntryTally {
-    explicit EntryTally(FileSummary& summary) : summary_(summary) {
-        for (SourceSummary& source : summary_.sources) {
-            byId_[source.source.id] = &source;
-        }
-    }
-
-    void add(const ScannedEntry& entry) {
-        // Sizes come from expanding in pieces: nothing holds a payload.
-        const std::size_t size = entry.forEachPiece([](const std::byte*, std::size_t) { return true; });
-        summary_.payloadBytes += size;
-        noteTimestamp(summary_.firstTimestamp, summary_.lastTimestamp, entry.timestamp);
-        // Entries of one type usually come in long runs: the last type's
-        // count is at hand.
-        if (lastTypeCount_ == nullptr || lastType_ != entry.type) {
-            lastType_ = entry.type;
-            lastTypeCount_ = &summary_.entryTypes[entry.type];
-        }
-        ++*lastTypeCount_;
-        if (auto found = byId_.find(entry.dataSourceId); found != byId_.end()) {
-            SourceSummary& source = *found->second;
-            ++source.entryCount;
-            source.payloadBytes += size;
-            noteTimestamp(source.firstTimestamp, source.lastTimestamp, entry.timestamp);
-        }
-    }
-    void addDamaged(const DamagedEntry& damaged) { summary_.damagedEntries.push_back(damaged); }
-
-private:
-    FileSummary& summary_;
-    std::unordered_map<int8_t, SourceSummary*> byId_;
-    int32_t lastType_ = 0;
-    int64_t* lastTypeCount_ = nullptr;
-};
-
-void scanEntries(const SqliteLogFile& file, FileSummary& summary) {
-    // A file in good order is read once; anything else (damage, a writer
-    // adding entries, entries of missing data sources) goes through the
-    // listed scan, which names it, from a clean start.
-    {
-        FileSummary unlisted = summary;
-        EntryTally tally(unlisted);
-        if (EntryScan::runWholeFileUnlisted(
-                file, summary.entryCount, [&](const ScannedEntry& entry) { tally.add(entry); },
-                [&](const DamagedEntry& damaged) { tally.addDamaged(damaged); })) {
-            summary = std::move(unlisted);
-            return;
-        }
-    }
-    EntryTally tally(summary);
-    EntryScan scanner(file, EntrySelection{});
-    scanner.run([&](const ScannedEntry& entry) { tally.add(entry); },
-                [&](const DamagedEntry& damaged) { tally.addDamaged(damaged); });
-    // The scan covers the whole file: what it did not meet is hidden.
-    if (summary.entryCount >= 0) {
-        summary.entriesMissingFromIndex =
-            std::max<int64_t>(0, summary.entryCount - static_cast<int64_t>(scanner.metCount()));
-    }
-}
-
-void readResources(const LogFileInterface& file, FileSummary& summary) {
-    try {
-        for (const LogResourceEntry& resource : file.getAllResources()) {
-            summary.resources.push_back({resource.name, resource.data.size()});
-        }
-    } catch (const std::exception& error) {
-        summary.resourceError = error.what();
-    }
-}
-
-void readBookmarks(const LogFileInterface& file, FileSummary& summary) {
-    try {
-        summary.bookmarks = file.getBookmarks();
-    } catch (const std::exception& error) {
-        summary.bookmarkError = error.what();
-    }
-}
-
 std::string compressionLevelText(int64_t level) {
-    if (level == -1) {
+    if (level == Marivane::Logging::kFastestCompressionLevel) {
         return "-1 (codec default)";
     }
-    if (level == 0) {
+    if (level == Marivane::Logging::kUncompressedLevel) {
         return "0 (payloads stored uncompressed)";
     }
     return std::to_string(level);
@@ -169,10 +55,9 @@ void appendHeader(std::string& text, const FileSummary& summary) {
     line("Format version", summary.formatVersion ? std::to_string(*summary.formatVersion) : "(missing)");
     line("Compression level",
          summary.compressionLevel ? compressionLevelText(*summary.compressionLevel) : "(missing)");
-    if (summary.durability) {
-        line("Durability", *summary.durability == "safe" ? "safe (write-ahead log; readable while recorded)"
-                                                         : "fast (no flushes, journal in memory)");
-    }
+    line("Durability", summary.durability == Durability::Safe
+                           ? "safe (write-ahead log; readable while recorded)"
+                           : "fast (no flushes, journal in memory)");
     line("Created", summary.createdDateTime
                         ? fmt::format("{} (stored time zone \"{}\")", isoTimestamp(*summary.createdDateTime),
                                       printable(orUnknown(summary.timeZone)))
@@ -327,32 +212,6 @@ ordered_json entriesJson(const FileSummary& summary) {
 
 }  // namespace
 
-std::optional<uint64_t> FileSummary::durationMs() const {
-    if (!firstTimestamp || !lastTimestamp) {
-        return std::nullopt;
-    }
-    return spanMilliseconds(*firstTimestamp, *lastTimestamp);
-}
-
-FileSummary summarizeLogFile(const SqliteLogFile& file) {
-    FileSummary summary;
-    summary.path = file.getFilePath();
-    summary.sizeOnDisk = fileSizeOnDisk(summary.path);
-    readFixedMetadata(file, summary);
-    if (const auto* sqliteFile = dynamic_cast<const Marivane::Logging::SqliteLogFile*>(&file)) {
-        summary.durability =
-            sqliteFile->getDurability() == Marivane::Logging::Durability::Safe ? "safe" : "fast";
-    }
-    summary.entryCount = file.getEntryCount();
-    summary.firstEntryId = file.getFirstEntryId();
-    summary.lastEntryId = file.getLastEntryId();
-    readSources(file, summary);
-    scanEntries(file, summary);
-    readResources(file, summary);
-    readBookmarks(file, summary);
-    return summary;
-}
-
 std::string summaryText(const FileSummary& summary) {
     std::string text;
     appendHeader(text, summary);
@@ -397,7 +256,7 @@ ordered_json summaryJson(const FileSummary& summary) {
             {"sizeOnDisk", summary.sizeOnDisk},
             {"formatVersion", optionalJson(summary.formatVersion)},
             {"compressionLevel", optionalJson(summary.compressionLevel)},
-            {"durability", optionalJson(summary.durability)},
+            {"durability", summary.durability == Durability::Safe ? "safe" : "fast"},
             {"created", createdJson(summary)},
             {"applicationName", optionalJson(summary.applicationName)},
             {"applicationVersion", optionalJson(summary.applicationVersion)},
