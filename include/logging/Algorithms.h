@@ -3,6 +3,7 @@
 #include <logging/LogFileInterface.h>
 #include <logging/LoggingExport.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <variant>
@@ -27,6 +28,11 @@ MV_LOGGING_EXPORT int getMetadataValue<int>(const LogFileInterface& logFile, con
                                             int defaultValue);
 
 namespace Algorithms {
+
+// Where a derived file of `sourcePath` goes when no path is given:
+// "<source stem>_exported<ext>" beside the source, made unique (a number is
+// added while something exists there). Creates nothing.
+MV_LOGGING_EXPORT std::string defaultDerivedFilePath(const std::filesystem::path& sourcePath);
 
 // Writes a new log file holding the entries startEntryId..endEntryId of
 // `logFile` (both ids must exist), renumbered from 1, with the file's metadata

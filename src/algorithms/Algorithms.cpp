@@ -54,9 +54,7 @@ bool rangeIsAcceptable(const LogFileInterface& logFile, int startEntryId, int en
 }
 
 std::string derivedOutputPath(const LogFileInterface& logFile) {
-    return Filesystem::makeUniqueFilePath(
-               Filesystem::appendTextToFilename(logFile.getFilePath(), kExportedSuffix))
-        .string();
+    return defaultDerivedFilePath(logFile.getFilePath());
 }
 
 // Any failure here (a time zone that is not text, a path that cannot be
@@ -147,6 +145,11 @@ std::unique_ptr<LogFileInterface> refused(std::string* whyEmpty, Reason reason) 
 }
 
 }  // namespace
+
+std::string defaultDerivedFilePath(const std::filesystem::path& sourcePath) {
+    return Filesystem::makeUniqueFilePath(Filesystem::appendTextToFilename(sourcePath, kExportedSuffix))
+        .string();
+}
 
 std::unique_ptr<LogFileInterface> slice(const LogFileInterface& logFile, int startEntryId, int endEntryId,
                                         std::string outputFilePath, const std::string& applicationName,

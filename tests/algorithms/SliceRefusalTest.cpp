@@ -72,3 +72,14 @@ TEST(SliceRefusal, ASliceThatIsWrittenLeavesTheReasonAlone) {
 
     EXPECT_EQ(why, "untouched");
 }
+
+TEST(DefaultDerivedFilePath, IsBesideTheSourceAndNeverAnExistingFile) {
+    TempDir dir;
+    const std::filesystem::path source = dir.path() / "drive.mvlog";
+    EXPECT_EQ(Algorithms::defaultDerivedFilePath(source), (dir.path() / "drive_exported.mvlog").string());
+    std::ofstream(dir.path() / "drive_exported.mvlog") << "taken";
+    const std::string next = Algorithms::defaultDerivedFilePath(source);
+    EXPECT_NE(next, (dir.path() / "drive_exported.mvlog").string());
+    EXPECT_EQ(std::filesystem::path(next).parent_path(), dir.path());
+    EXPECT_FALSE(std::filesystem::exists(next));
+}

@@ -6,8 +6,6 @@
 #include "Terminal.h"
 #include "TimeArguments.h"
 
-#include <core/Filesystem.h>
-
 #include <fmt/format.h>
 
 #include <fcntl.h>
@@ -75,8 +73,7 @@ std::string outputFor(const std::string& output, const std::string& source) {
     if (!output.empty()) {
         return output;
     }
-    namespace Filesystem = Marivane::Filesystem;
-    return Filesystem::makeUniqueFilePath(Filesystem::appendTextToFilename(source, "_exported")).string();
+    return Marivane::Logging::Algorithms::defaultDerivedFilePath(source);
 }
 
 CopyOptions copyOptions(const LogFileInterface& file, const std::optional<int>& level) {
