@@ -49,7 +49,10 @@ std::size_t streamEntry(const SqliteLogFile& file, int32_t entryId,
                         write(piece, length);
                         return true;
                     });
-            } catch (const Marivane::Compression::CompressionError& error) {
+            } catch (const std::exception& error) {
+                if (Marivane::Logging::classifyThrown(error) != Marivane::Logging::ThrownFailure::Damaged) {
+                    throw;
+                }
                 damage = fmt::format("payload cannot be expanded: {}", error.what());
             }
             return false;
