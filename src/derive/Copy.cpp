@@ -46,13 +46,15 @@ struct IdBounds {
 };
 
 std::optional<IdBounds> resolveIdBounds(const SqliteLogFile& input, const CopyOptions& options) {
-    const uint64_t failuresBefore = input.getFailureCount();
-    const int32_t first = options.firstEntryId == -1 ? input.getFirstEntryId() : options.firstEntryId;
-    const int32_t last = options.lastEntryId == -1 ? input.getLastEntryId() : options.lastEntryId;
-    if (input.getFailureCount() != failuresBefore && input.getLastFailureKind() != FailureKind::None) {
+    const SqliteLogFilePrivate& stored = StoreAccess::of(input);
+    int32_t first = options.firstEntryId;
+    int32_t last = options.lastEntryId;
+    const Outcome firstRead = first == -1 ? stored.readFirstEntryId(first) : Outcome::success();
+    const Outcome lastRead = last == -1 ? stored.readLastEntryId(last) : Outcome::success();
+    if (const Outcome& failure = lastRead ? firstRead : lastRead; !failure) {
         // An empty answer that is really a failure would make an empty copy.
         throw std::runtime_error("Cannot copy the entries of '" + input.getFilePath().string() +
-                                 "': " + input.getLastFailure());
+                                 "': " + failure.message());
     }
     if (first == -1 || last == -1 || last < first) {
         return std::nullopt;

@@ -33,7 +33,7 @@ void OutputWriter::commitBatch() {
             throw Database::DatabaseAccessError("Cannot write '" + shownPath_.string() +
                                                 "': " + file_.getLastError());
         }
-        throwWriteFailure("committing");
+        throwWriteFailure("committing", StoreAccess::of(file_).lastRecordedFailure());
     }
     batch_.reset();
     entriesInBatch_ = 0;
@@ -69,11 +69,10 @@ int32_t OutputWriter::writeEntry(const EntryRow& row) {
     }
     std::size_t size = 0;
     const std::byte* stored = storedFormOf(row, size);
-    const bool written = StoreAccess::of(file_)
-                             .insertStoredBytes(row.timestamp, row.type, row.dataSourceId, stored, size)
-                             .ok();
+    const Outcome written =
+        StoreAccess::of(file_).insertStoredBytes(row.timestamp, row.type, row.dataSourceId, stored, size);
     if (!written && checks_ == WriteChecks::EachWrite) {
-        throwWriteFailure("writing entry " + std::to_string(row.entryId));
+        throwWriteFailure("writing entry " + std::to_string(row.entryId), written);
     }
     ++entriesWritten_;
     bytesInBatch_ += row.readBytes;
@@ -85,13 +84,13 @@ int32_t OutputWriter::writeEntry(const EntryRow& row) {
 
 void OutputWriter::require(bool written, const std::string& what) {
     if (!written && checks_ == WriteChecks::EachWrite) {
-        throwWriteFailure(what);
+        throwWriteFailure(what, StoreAccess::of(file_).lastRecordedFailure());
     }
 }
 
-void OutputWriter::throwWriteFailure(const std::string& what) const {
+void OutputWriter::throwWriteFailure(const std::string& what, const Outcome& failure) const {
     throw std::runtime_error("Cannot write '" + shownPath_.string() + "': " + what +
-                             " failed: " + file_.getLastError());
+                             " failed: " + failure.message());
 }
 
 }  // namespace Marivane::Logging::Algorithms

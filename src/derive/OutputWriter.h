@@ -3,6 +3,8 @@
 #include <logging/ByteBuffer.h>
 #include <logging/SqliteLogFile.h>
 
+#include "model/Outcome.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -61,7 +63,7 @@ public:
 
 private:
     const std::byte* storedFormOf(const EntryRow& row, std::size_t& size);
-    [[noreturn]] void throwWriteFailure(const std::string& what) const;
+    [[noreturn]] void throwWriteFailure(const std::string& what, const Outcome& failure) const;
 
     SqliteLogFile& file_;
     std::filesystem::path shownPath_;

@@ -21,9 +21,9 @@ StoredRows::StoredRows(const SqliteLogFile& file, const RowSelection& selection,
 const StoredRow* StoredRows::next() {
     const StoredEntry* entry = cursor_.next();
     if (entry == nullptr) {
-        if (cursor_.failed()) {
+        if (const Outcome& read = cursor_.outcome(); !read) {
             throw std::runtime_error("Cannot read '" + file_.getFilePath().string() + "' after entry " +
-                                     std::to_string(row_.entryId) + ": " + file_.getLastFailure());
+                                     std::to_string(row_.entryId) + ": " + read.message());
         }
         return nullptr;
     }

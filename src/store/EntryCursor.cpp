@@ -266,10 +266,10 @@ EntryCursor::EntryCursor(const SqliteLogFilePrivate& file, const EntryRange& ran
     if ((order == CursorOrder::ByTimestamp || hasTimeBounds(range)) && !pinReadTransaction()) {
         return;
     }
-    const std::optional<std::string> filtered = filterConditions(file, filter, status_);
+    Database::Status sourcesRead;
+    const std::optional<std::string> filtered = filterConditions(file, filter, sourcesRead);
     if (!filtered) {
-        failed_ = true;
-        file_.recordFailure("Reading the data sources of", status_);
+        failure_ = file_.recordFailure("Reading the data sources of", sourcesRead);
         release();
         return;
     }
@@ -355,7 +355,7 @@ std::optional<bool> EntryCursor::timestampsFollowIds(const EntryRange& range, co
 }
 
 const StoredEntry* EntryCursor::next() {
-    if (failed_ || finished_) {
+    if (failed() || finished_) {
         return nullptr;
     }
     const bool gotRow = sortedKeys_ ? stepThroughSortedKeys() : stepMainQuery();
@@ -448,10 +448,8 @@ void EntryCursor::takeRow(const SqliteQuery& query) {
 }
 
 void EntryCursor::fail(const SqliteQuery& query) {
-    failed_ = true;
-    status_ = query.status();
     const std::string operation = "Reading entries after entry " + std::to_string(row_.entryId) + " of";
-    file_.recordFailure(operation.c_str(), status_);
+    failure_ = file_.recordFailure(operation.c_str(), query.status());
     release();
 }
 

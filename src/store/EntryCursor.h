@@ -3,6 +3,8 @@
 #include <logging/EntryIndexFilter.h>
 #include <logging/EntryRange.h>
 
+#include "model/Outcome.h"
+
 #include <database/SqliteQuery.h>
 #include <database/Status.h>
 
@@ -81,10 +83,10 @@ public:
 
     // The next row, or null at the end and after a failure; failed() tells
     // which. A failure is recorded with the file's failures, naming the last
-    // entry read.
+    // entry read, and is the cursor's outcome.
     const StoredEntry* next();
-    bool failed() const { return failed_; }
-    const Database::Status& status() const { return status_; }
+    bool failed() const { return !failure_.ok(); }
+    const Outcome& outcome() const { return failure_; }
 
 private:
     bool pinReadTransaction();
@@ -108,9 +110,9 @@ private:
     std::optional<Database::SqliteQuery> sortedKeys_;
     StoredEntry row_;
     CursorColumns columns_;
-    bool failed_ = false;
     bool finished_ = false;
-    Database::Status status_;
+    // Success until a step fails.
+    Outcome failure_;
 };
 
 // True when the file holds the index on entry timestamps.

@@ -239,8 +239,7 @@ std::vector<DataSource> SqliteLogFile::getDataSources() const {
         source.id = lowEightBits(getValueFromColumn<int>(query, 0).value_or(-1));
         sources.push_back(std::move(source));
     }
-    d->checkFinished(query, "Reading the data sources of");
-    return sources;
+    return answered(std::move(sources), d->finishRead(query, "Reading the data sources of"));
 }
 
 std::optional<PropertyValue> SqliteLogFile::getDataSourceProperty(int32_t dataSourceId,
@@ -250,8 +249,8 @@ std::optional<PropertyValue> SqliteLogFile::getDataSourceProperty(int32_t dataSo
     query.bindParameter(":id", dataSourceId);
     query.bindParameter(":key", key, BindMode::NoCopy);
     query.executeStep();
-    d->checkFinished(query, "Reading a data-source property of");
-    return readPropertyValue(query, 0);
+    const Outcome read = d->finishRead(query, "Reading a data-source property of");
+    return answered(readPropertyValue(query, 0), read);
 }
 
 std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() const {
@@ -259,8 +258,9 @@ std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() cons
     {
         SqliteQuery count(d->database, "SELECT COUNT(*) FROM dataSourceProperties;");
         count.executeStep();
-        d->checkFinished(count, "Counting the data-source properties of");
-        properties.reserve(static_cast<std::size_t>(getValueFromColumn<int>(count, 0).value_or(0)));
+        const Outcome counted = d->finishRead(count, "Counting the data-source properties of");
+        properties.reserve(
+            static_cast<std::size_t>(answered(getValueFromColumn<int>(count, 0).value_or(0), counted)));
     }
     if (properties.capacity() == 0) {
         return properties;
@@ -275,20 +275,25 @@ std::vector<DataSourceProperty> SqliteLogFile::getAllDataSourceProperties() cons
         property.propertyName = getValueFromColumn<std::string>(query, 1).value_or(std::string());
         properties.push_back(std::move(property));
     }
-    d->checkFinished(query, "Reading the data-source properties of");
-    return properties;
+    return answered(std::move(properties), d->finishRead(query, "Reading the data-source properties of"));
 }
 
 int32_t SqliteLogFile::getFirstEntryId() const {
-    return d->readSingleInteger("SELECT MIN(entryId) FROM data;");
+    int32_t id = -1;
+    const Outcome read = d->readFirstEntryId(id);
+    return answered(id, read);
 }
 
 int32_t SqliteLogFile::getLastEntryId() const {
-    return d->readSingleInteger("SELECT MAX(entryId) FROM data;");
+    int32_t id = -1;
+    const Outcome read = d->readLastEntryId(id);
+    return answered(id, read);
 }
 
 int32_t SqliteLogFile::getEntryCount() const {
-    return d->readSingleInteger("SELECT COUNT(*) FROM data;");
+    int32_t count = -1;
+    const Outcome read = d->readSingleInteger("SELECT COUNT(*) FROM data;", count);
+    return answered(count, read);
 }
 
 std::optional<DataEntry> SqliteLogFile::readEntry(int32_t entryId) const {
@@ -296,8 +301,7 @@ std::optional<DataEntry> SqliteLogFile::readEntry(int32_t entryId) const {
                       "SELECT timestamp, type, dataSourceId, payload FROM data WHERE entryId = :entryId;");
     query.bindParameter(":entryId", entryId);
     if (query.executeStep() != StepRow) {
-        d->checkFinished(query, "Reading an entry of");
-        return std::nullopt;
+        return answered(std::optional<DataEntry>(), d->finishRead(query, "Reading an entry of"));
     }
     DataEntry entry;
     entry.entryId = entryId;
@@ -317,7 +321,7 @@ bool SqliteLogFile::addMetadata(std::string key, PropertyValue value) {
         if (existing.executeStep() == StepRow) {
             return false;
         }
-        if (!d->checkFinished(existing, "Looking up a metadata key of")) {
+        if (!d->finishRead(existing, "Looking up a metadata key of")) {
             d->setLastErrorFor(existing.status());
             return false;
         }
@@ -332,8 +336,8 @@ std::optional<PropertyValue> SqliteLogFile::getMetadataValue(std::string key) co
     SqliteQuery query(d->database, "SELECT value FROM metadata WHERE key = :key;");
     query.bindParameter(":key", key, BindMode::NoCopy);
     query.executeStep();
-    d->checkFinished(query, "Reading metadata of");
-    return readPropertyValue(query, 0);
+    const Outcome read = d->finishRead(query, "Reading metadata of");
+    return answered(readPropertyValue(query, 0), read);
 }
 
 std::vector<LogMetadataEntry> SqliteLogFile::getAllMetadata() const {
@@ -345,8 +349,7 @@ std::vector<LogMetadataEntry> SqliteLogFile::getAllMetadata() const {
                 {getValueFromColumn<std::string>(query, 0).value_or(std::string()), std::move(*value)});
         }
     }
-    d->checkFinished(query, "Reading the metadata of");
-    return entries;
+    return answered(std::move(entries), d->finishRead(query, "Reading the metadata of"));
 }
 
 bool SqliteLogFile::addResource(const std::string& name, const ByteBuffer& data) {
@@ -356,7 +359,7 @@ bool SqliteLogFile::addResource(const std::string& name, const ByteBuffer& data)
         if (existing.executeStep() == StepRow) {
             return false;
         }
-        if (!d->checkFinished(existing, "Looking up a resource name of")) {
+        if (!d->finishRead(existing, "Looking up a resource name of")) {
             d->setLastErrorFor(existing.status());
             return false;
         }
@@ -389,8 +392,7 @@ std::optional<ByteBuffer> SqliteLogFile::getResource(std::string name) const {
     SqliteQuery query(d->database, "SELECT payload FROM resources WHERE name = :name;");
     query.bindParameter(":name", name, BindMode::NoCopy);
     if (query.executeStep() != StepRow) {
-        d->checkFinished(query, "Reading a resource of");
-        return std::nullopt;
+        return answered(std::optional<ByteBuffer>(), d->finishRead(query, "Reading a resource of"));
     }
     return expandResource(*d, getValueFromColumn<ByteBuffer>(query, 0).value_or(ByteBuffer()));
 }
@@ -403,8 +405,7 @@ std::vector<LogResourceEntry> SqliteLogFile::getAllResources() const {
         resources.push_back(
             {getValueFromColumn<std::string>(query, 0).value_or(std::string()), std::move(data)});
     }
-    d->checkFinished(query, "Reading the resources of");
-    return resources;
+    return answered(std::move(resources), d->finishRead(query, "Reading the resources of"));
 }
 
 std::optional<ByteBuffer> SqliteLogFile::getThumbnail() const {
@@ -420,10 +421,10 @@ bool isFixedMetadataKey(const std::string& key) {
     return std::find(kFixedMetadataKeys.begin(), kFixedMetadataKeys.end(), key) != kFixedMetadataKeys.end();
 }
 
+// A refusal answers false with its message as the last error.
 bool refuse(const SqliteLogFilePrivate& file, std::string message) {
     file.lastError = message;
-    file.recordFailureMessage(FailureKind::Refused, std::move(message));
-    return false;
+    return answered(false, file.recordFailureMessage(FailureKind::Refused, std::move(message)));
 }
 
 bool refuseFixedKey(const SqliteLogFilePrivate& file, const std::string& key) {
@@ -440,7 +441,7 @@ std::optional<bool> rowExists(const SqliteLogFilePrivate& file, const char* sql,
     if (query.executeStep() == StepRow) {
         return true;
     }
-    if (!file.checkFinished(query, operation)) {
+    if (!file.finishRead(query, operation)) {
         file.setLastErrorFor(query.status());
         return std::nullopt;
     }
@@ -504,9 +505,9 @@ bool SqliteLogFile::setThumbnail(const ByteBuffer& data) {
         query.executeStep();
         count = getValueFromColumn<int>(query, 0);
         if (!count) {
-            d->checkFinished(query, "Counting the thumbnails of");
+            const Outcome counted = d->finishRead(query, "Counting the thumbnails of");
             d->setLastErrorFor(query.status());
-            return false;
+            return answered(false, counted);
         }
     }
     if (*count == 0) {
@@ -597,8 +598,7 @@ std::vector<Bookmark> SqliteLogFile::getBookmarks() const {
         bookmark.entryId = getValueFromColumn<int>(query, 0).value_or(0);
         bookmarks.push_back(std::move(bookmark));
     }
-    d->checkFinished(query, "Reading the bookmarks of");
-    return bookmarks;
+    return answered(std::move(bookmarks), d->finishRead(query, "Reading the bookmarks of"));
 }
 
 // ---- filtered reads ---------------------------------------------------------------
@@ -612,8 +612,8 @@ constexpr const char* kJoinedData =
 // LIMIT 0 clause) counts as 0.
 int readCount(const SqliteLogFilePrivate& file, SqliteQuery& query) {
     query.executeStep();
-    file.checkFinished(query, "Counting entries of");
-    return getValueFromColumn<int>(query, 0).value_or(0);
+    const Outcome counted = file.finishRead(query, "Counting entries of");
+    return answered(getValueFromColumn<int>(query, 0).value_or(0), counted);
 }
 
 }  // namespace
@@ -637,8 +637,7 @@ std::vector<int32_t> SqliteLogFile::getEntryIndex(const EntryIndexFilter& filter
     while (query.executeStep() == StepRow) {
         ids.push_back(getValueFromColumn<int>(query, 0).value_or(0));
     }
-    d->checkFinished(query, "Reading the entry index of");
-    return ids;
+    return answered(std::move(ids), d->finishRead(query, "Reading the entry index of"));
 }
 
 SqliteLogFile* SqliteLogFile::sqliteLogFile() noexcept {
@@ -696,8 +695,7 @@ std::vector<DataEntry> SqliteLogFile::readEntries(int32_t minimumEntryId, int32_
         entry.data = d->expandPayload(getValueFromColumn<ByteBuffer>(query, 4).value_or(ByteBuffer()));
         entries.push_back(std::move(entry));
     }
-    d->checkFinished(query, "Reading entries of");
-    return entries;
+    return answered(std::move(entries), d->finishRead(query, "Reading entries of"));
 }
 
 }  // namespace Marivane::Logging

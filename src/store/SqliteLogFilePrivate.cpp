@@ -497,20 +497,21 @@ Outcome SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* forei
     // The statement's own code: the player's worker may step another statement
     // on this connection meanwhile.
     const Database::Status status = query.status();
-    recordFailure("Writing", status);
+    const Outcome recorded = recordFailure("Writing", status);
     resumeBatchAfterRollback();
     if (status.code() == Database::StatusCode::ForeignKey && foreignKeyMessage) {
         lastError = foreignKeyMessage;
     } else {
         setLastErrorFor(status);
     }
-    return Outcome::failure(failureKindOf(status.code()), lastError);
+    // Writes answer with the text the class interface shows (getLastError).
+    return Outcome::failure(recorded.kind(), lastError);
 }
 
 Outcome SqliteLogFilePrivate::failed(const char* operation, const Database::Status& status) const {
-    recordFailure(operation, status);
+    const Outcome recorded = recordFailure(operation, status);
     setLastErrorFor(status);
-    return Outcome::failure(failureKindOf(status.code()), lastError);
+    return Outcome::failure(recorded.kind(), lastError);
 }
 
 Outcome SqliteLogFilePrivate::lastRecordedFailure() const {
@@ -530,27 +531,36 @@ void SqliteLogFilePrivate::resumeBatchAfterRollback() {
     }
 }
 
-int32_t SqliteLogFilePrivate::readSingleInteger(const std::string& sql) const {
+Outcome SqliteLogFilePrivate::readSingleInteger(const std::string& sql, int32_t& value) const {
+    value = -1;
     SqliteQuery query(database, sql);
     query.executeStep();
-    if (const std::optional<int64_t> value = Database::getValueFromColumn<int64_t>(query, 0)) {
-        if (*value < std::numeric_limits<int32_t>::min() || *value > std::numeric_limits<int32_t>::max()) {
+    if (const std::optional<int64_t> read = Database::getValueFromColumn<int64_t>(query, 0)) {
+        if (*read < std::numeric_limits<int32_t>::min() || *read > std::numeric_limits<int32_t>::max()) {
             // Cut to 32 bits it would pass for another id (2^31 for a negative
             // one): a value no record can carry is damage, never an answer.
-            recordFailureMessage(FailureKind::Damaged,
-                                 "Reading '" + filePath.string() + "' failed: the stored value " +
-                                     std::to_string(*value) + " does not fit in 32 bits");
             lastError = kUnknownInternalError;
-            return -1;
+            return recordFailureMessage(FailureKind::Damaged,
+                                        "Reading '" + filePath.string() + "' failed: the stored value " +
+                                            std::to_string(*read) + " does not fit in 32 bits");
         }
-        return static_cast<int32_t>(*value);
+        value = static_cast<int32_t>(*read);
+        return Outcome::success();
     }
-    (void)checkFinished(query, "Reading");
+    Outcome outcome = finishRead(query, "Reading");
     setLastErrorFor(query.status());
-    return -1;
+    return outcome;
 }
 
-void SqliteLogFilePrivate::recordFailure(const char* operation, const Database::Status& status) const {
+Outcome SqliteLogFilePrivate::readFirstEntryId(int32_t& id) const {
+    return readSingleInteger("SELECT MIN(entryId) FROM data;", id);
+}
+
+Outcome SqliteLogFilePrivate::readLastEntryId(int32_t& id) const {
+    return readSingleInteger("SELECT MAX(entryId) FROM data;", id);
+}
+
+Outcome SqliteLogFilePrivate::recordFailure(const char* operation, const Database::Status& status) const {
     std::lock_guard lock(failureMutex_);
     ++failureCount_;
     lastFailureKind_ = failureKindOf(status.code());
@@ -559,22 +569,23 @@ void SqliteLogFilePrivate::recordFailure(const char* operation, const Database::
     if (status.isBusy()) {
         lastError = busyMessage();
     }
+    return Outcome::failure(lastFailureKind_, lastFailure_);
 }
 
-void SqliteLogFilePrivate::recordFailureMessage(FailureKind kind, std::string message) const {
+Outcome SqliteLogFilePrivate::recordFailureMessage(FailureKind kind, std::string message) const {
     std::lock_guard lock(failureMutex_);
     ++failureCount_;
     lastFailureKind_ = kind;
     lastFailure_ = std::move(message);
+    return Outcome::failure(lastFailureKind_, lastFailure_);
 }
 
-bool SqliteLogFilePrivate::checkFinished(const SqliteQuery& query, const char* operation) const {
+Outcome SqliteLogFilePrivate::finishRead(const SqliteQuery& query, const char* operation) const {
     const Database::Status status = query.status();
     if (status.ok()) {
-        return true;
+        return Outcome::success();
     }
-    recordFailure(operation, status);
-    return false;
+    return recordFailure(operation, status);
 }
 
 uint64_t SqliteLogFilePrivate::failureCount() const {

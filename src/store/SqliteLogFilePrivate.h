@@ -37,6 +37,14 @@ enum class OpenPolicy {
     ReadOnly,
 };
 
+// The class interface answers a read that failed with what it read before
+// the failure (a short or empty list, an absent value): the read's Outcome is
+// recorded on the file, where getFailureCount and getLastFailure report it.
+template <typename T>
+T answered(T value, const Outcome& /*recordedOnTheFile*/) {
+    return value;
+}
+
 // The state of an open SqliteLogFile and the routines that validate and
 // initialise the file. Only the compression level and the format version are
 // cached; everything else is read from the file on each call.
@@ -135,9 +143,13 @@ public:
     // The failure last recorded on the file, for writes that only answer false.
     Outcome lastRecordedFailure() const;
 
-    // Reads column 0 of a one-row statement as a 32-bit integer; -1 with a
-    // recorded message when it yields nothing.
-    int32_t readSingleInteger(const std::string& sql) const;
+    // Reads column 0 of a one-row statement as a 32-bit integer into `value`:
+    // -1, with the last error replaced, when it yields nothing (the MIN of an
+    // empty table) or fails. A failure is also recorded and answered.
+    Outcome readSingleInteger(const std::string& sql, int32_t& value) const;
+    // The file's lowest and highest entry ids, -1 when it holds no entry.
+    Outcome readFirstEntryId(int32_t& id) const;
+    Outcome readLastEntryId(int32_t& id) const;
 
     // Inserts an entry whose payload is already in its stored form (compressed
     // at the file's level when the file compresses). logData and the recorder
@@ -160,16 +172,16 @@ public:
     // say so (a list read that stopped early looks like a short list). Safe
     // to use from the player's worker beside the controlling thread.
 
-    // Records a failed operation. A busy database also replaces lastError,
-    // so that a read that could not wait long enough never passes for one
-    // that found nothing.
-    void recordFailure(const char* operation, const Database::Status& status) const;
+    // Records a failed operation and answers it with the recorded message. A
+    // busy database also replaces lastError, so that a read that could not
+    // wait long enough never passes for one that found nothing.
+    Outcome recordFailure(const char* operation, const Database::Status& status) const;
     // Records a failure that is not the database's (an entry that cannot be
-    // handed out) with its complete message.
-    void recordFailureMessage(FailureKind kind, std::string message) const;
-    // Records the failure of `query`'s last step, if it failed; true when it
-    // did not.
-    bool checkFinished(const Database::SqliteQuery& query, const char* operation) const;
+    // handed out) with its complete message, and answers it.
+    Outcome recordFailureMessage(FailureKind kind, std::string message) const;
+    // How a read whose statement stopped stepping came out: success when the
+    // statement finished, else its failure, recorded.
+    Outcome finishRead(const Database::SqliteQuery& query, const char* operation) const;
     uint64_t failureCount() const;
     std::string lastFailure() const;
     FailureKind lastFailureKind() const;

@@ -30,11 +30,15 @@ std::string entryFailure(const SqliteLogFilePrivate& file, int64_t entryId, cons
            "' cannot be read: " + reason;
 }
 
-// Reports an entry that cannot be handed out; true when the read goes on.
-bool skipDamaged(const SqliteLogFilePrivate& file, const VisitOptions& options, int64_t entryId,
-                 const std::string& reason) {
-    file.recordFailureMessage(FailureKind::Damaged, entryFailure(file, entryId, reason));
-    return options.onDamagedEntry && options.onDamagedEntry(entryId, reason);
+// Records an entry that cannot be handed out: success when the read goes on
+// past it (the caller's onDamagedEntry says so), else the entry's failure.
+Outcome skipDamaged(const SqliteLogFilePrivate& file, const VisitOptions& options, int64_t entryId,
+                    const std::string& reason) {
+    Outcome damage = file.recordFailureMessage(FailureKind::Damaged, entryFailure(file, entryId, reason));
+    if (options.onDamagedEntry && options.onDamagedEntry(entryId, reason)) {
+        return Outcome::success();
+    }
+    return damage;
 }
 
 CursorOrder cursorOrder(EntryOrder order) {
@@ -71,27 +75,26 @@ std::optional<int64_t> singleInteger(const SqliteLogFilePrivate& file, SqliteQue
     if (query.executeStep() == Database::StepRow) {
         return Database::getValueFromColumn<int64_t>(query, 0);
     }
-    file.checkFinished(query, operation);
-    return std::nullopt;
+    return answered(std::optional<int64_t>(), file.finishRead(query, operation));
 }
 
 // Hands out the cursor's rows from the next one on, expanding on this
-// thread.
-bool visitRows(const SqliteLogFilePrivate& file, EntryCursor& cursor, bool verify, bool expand,
-               const SqliteLogFile::EntryVisitor& visitor, const VisitOptions& options) {
+// thread. Succeeds when the rows ran out or the visitor stopped.
+Outcome visitRows(const SqliteLogFilePrivate& file, EntryCursor& cursor, bool verify, bool expand,
+                  const SqliteLogFile::EntryVisitor& visitor, const VisitOptions& options) {
     ByteBuffer expanded;
     while (const StoredEntry* row = cursor.next()) {
         if (!row->outOfRange.empty()) {
-            if (!skipDamaged(file, options, row->entryId, row->outOfRange)) {
-                return false;
+            if (Outcome skipped = skipDamaged(file, options, row->entryId, row->outOfRange); !skipped) {
+                return skipped;
             }
             continue;
         }
         if (verify) {
             if (const std::optional<std::string> mismatch =
                     checksumMismatch(row->payload, row->payloadSize, row->checksum)) {
-                if (!skipDamaged(file, options, row->entryId, *mismatch)) {
-                    return false;
+                if (Outcome skipped = skipDamaged(file, options, row->entryId, *mismatch); !skipped) {
+                    return skipped;
                 }
                 continue;
             }
@@ -101,8 +104,8 @@ bool visitRows(const SqliteLogFilePrivate& file, EntryCursor& cursor, bool verif
             try {
                 Compression::uncompressInto(row->payload, row->payloadSize, expanded);
             } catch (const Compression::CompressionError& error) {
-                if (!skipDamaged(file, options, row->entryId, error.what())) {
-                    return false;
+                if (Outcome skipped = skipDamaged(file, options, row->entryId, error.what()); !skipped) {
+                    return skipped;
                 }
                 continue;
             }
@@ -114,10 +117,10 @@ bool visitRows(const SqliteLogFilePrivate& file, EntryCursor& cursor, bool verif
             view.compressed = file.compressesPayloads();
         }
         if (!visitor(view)) {
-            return true;
+            return Outcome::success();
         }
     }
-    return !cursor.failed();
+    return cursor.outcome();
 }
 
 // The threads that VisitOptions::decompressionThreads asks for.
@@ -129,12 +132,12 @@ std::size_t expansionThreads(int asked) {
 }
 
 // The expanded read with payloads expanded on other threads: the same
-// entries, failures and results, in the same order, as visitRows. Absent
+// entries, failures and outcomes, in the same order, as visitRows. Absent
 // when the expansion left the rest of the read to visitRows.
-std::optional<bool> visitExpandedInParallel(const SqliteLogFilePrivate& file, EntryCursor& cursor,
-                                            std::size_t threads, bool verify,
-                                            const SqliteLogFile::EntryVisitor& visitor,
-                                            const VisitOptions& options) {
+std::optional<Outcome> visitExpandedInParallel(const SqliteLogFilePrivate& file, EntryCursor& cursor,
+                                               std::size_t threads, bool verify,
+                                               const SqliteLogFile::EntryVisitor& visitor,
+                                               const VisitOptions& options) {
     ParallelExpansion expansion(cursor, threads, verify);
     while (PendingBatch* batch = expansion.takeNext()) {
         for (std::size_t i = 0; i < batch->count; ++i) {
@@ -143,8 +146,9 @@ std::optional<bool> visitExpandedInParallel(const SqliteLogFilePrivate& file, En
                 std::rethrow_exception(entry.thrown);
             }
             if (!entry.problem.empty()) {
-                if (!skipDamaged(file, options, entry.view.entryId, entry.problem)) {
-                    return false;
+                if (Outcome skipped = skipDamaged(file, options, entry.view.entryId, entry.problem);
+                    !skipped) {
+                    return skipped;
                 }
                 continue;
             }
@@ -152,14 +156,20 @@ std::optional<bool> visitExpandedInParallel(const SqliteLogFilePrivate& file, En
             view.data = entry.expanded.data();
             view.size = entry.expanded.size();
             if (!visitor(view)) {
-                return true;
+                return Outcome::success();
             }
         }
     }
     if (!expansion.readsAhead() && !expansion.cursorEnded()) {
         return std::nullopt;
     }
-    return !cursor.failed();
+    return cursor.outcome();
+}
+
+// A read that visits entries has no richer answer than whether it finished:
+// what stopped it is recorded on the file.
+bool finished(const Outcome& visit) {
+    return visit.ok();
 }
 
 }  // namespace
@@ -171,12 +181,12 @@ bool SqliteLogFile::visitEntries(const EntryRange& range, const EntryIndexFilter
                        verify ? CursorColumns::WithPayloadsAndChecksums : CursorColumns::WithPayloads);
     const bool expand = options.payloadForm == PayloadForm::Expanded && d->compressesPayloads();
     if (const std::size_t threads = expansionThreads(options.decompressionThreads); expand && threads > 1) {
-        if (const std::optional<bool> finished =
+        if (const std::optional<Outcome> visit =
                 visitExpandedInParallel(*d, cursor, threads, verify, visitor, options)) {
-            return *finished;
+            return finished(*visit);
         }
     }
-    return visitRows(*d, cursor, verify, expand, visitor, options);
+    return finished(visitRows(*d, cursor, verify, expand, visitor, options));
 }
 
 bool SqliteLogFile::visitEntrySummaries(const EntryRange& range, const EntryIndexFilter& filter,
@@ -189,8 +199,8 @@ bool SqliteLogFile::visitEntrySummaries(const EntryRange& range, const EntryInde
     EntryCursor cursor(*d, range, filter, cursorOrder(options.order), CursorColumns::WithoutPayloads);
     while (const StoredEntry* row = cursor.next()) {
         if (!row->outOfRange.empty()) {
-            if (!skipDamaged(*d, options, row->entryId, row->outOfRange)) {
-                return false;
+            if (const Outcome skipped = skipDamaged(*d, options, row->entryId, row->outOfRange); !skipped) {
+                return finished(skipped);
             }
             continue;
         }
@@ -201,7 +211,7 @@ bool SqliteLogFile::visitEntrySummaries(const EntryRange& range, const EntryInde
             return true;
         }
     }
-    return !cursor.failed();
+    return finished(cursor.outcome());
 }
 
 std::optional<TimeRange> SqliteLogFile::getTimeRange(const EntryIndexFilter& filter) const {
