@@ -138,6 +138,10 @@ public:
     std::string getLastFailure() const;
     // The kind of the most recent counted failure; None before the first.
     FailureKind getLastFailureKind() const;
+    // The kind of failure whose text getLastError holds: None while it holds
+    // "No error", Refused for a refusal that names its reason, the database
+    // failure's kind otherwise. It changes exactly when getLastError does.
+    FailureKind getLastErrorKind() const;
 
     // ---- streaming reads and time -------------------------------------
     // Beyond the log-file interface: reads for files of any length, in memory

@@ -125,11 +125,9 @@ void OpenLogFile::raiseFailure(uint64_t failuresBefore, const std::string& fallb
     if (f.getFailureCount() > failuresBefore) {
         // The last error is the text the failing call itself wrote; the
         // failure text is the fallback for the reads that only count.
-        std::string message = f.getLastError();
-        if (message.empty() || message == "No error") {
-            message = f.getLastFailure();
-        }
-        raiseError(errorClassFor(f.getLastFailureKind()), message);
+        const bool textWritten = f.getLastErrorKind() != ml::FailureKind::None;
+        raiseError(errorClassFor(f.getLastFailureKind()),
+                   textWritten ? f.getLastError() : f.getLastFailure());
     }
     // Refusals that the file does not count (a duplicate metadata key, for
     // example) leave the last error untouched: the caller's text explains.

@@ -177,6 +177,10 @@ std::string SqliteLogFile::getLastError() const {
     return d->lastError;
 }
 
+FailureKind SqliteLogFile::getLastErrorKind() const {
+    return d->lastErrorKind;
+}
+
 // ---- data sources, properties, entries ---------------------------------------
 
 bool SqliteLogFile::addDataSource(DataSource& source) {
@@ -423,7 +427,7 @@ bool isFixedMetadataKey(const std::string& key) {
 
 // A refusal answers false with its message as the last error.
 bool refuse(const SqliteLogFilePrivate& file, std::string message) {
-    file.lastError = message;
+    file.setLastError(FailureKind::Refused, message);
     return answered(false, file.recordFailureMessage(FailureKind::Refused, std::move(message)));
 }
 

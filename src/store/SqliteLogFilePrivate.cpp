@@ -467,7 +467,14 @@ std::string SqliteLogFilePrivate::readOnlyMessage() const {
 }
 
 void SqliteLogFilePrivate::setLastErrorFor(const Database::Status& status) const {
-    lastError = lastErrorTextFor(status);
+    // A statement that finished without the row it should have yielded is
+    // answered with the internal-error text: a failure of no known kind.
+    setLastError(status.ok() ? FailureKind::Other : failureKindOf(status.code()), lastErrorTextFor(status));
+}
+
+void SqliteLogFilePrivate::setLastError(FailureKind kind, std::string text) const {
+    lastErrorKind = kind;
+    lastError = std::move(text);
 }
 
 std::string SqliteLogFilePrivate::lastErrorTextFor(const Database::Status& status) const {
@@ -500,7 +507,7 @@ Outcome SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* forei
     const Outcome recorded = recordFailure("Writing", status);
     resumeBatchAfterRollback();
     if (status.code() == Database::StatusCode::ForeignKey && foreignKeyMessage) {
-        lastError = foreignKeyMessage;
+        setLastError(recorded.kind(), foreignKeyMessage);
     } else {
         setLastErrorFor(status);
     }
@@ -539,7 +546,7 @@ Outcome SqliteLogFilePrivate::readSingleInteger(const std::string& sql, int32_t&
         if (*read < std::numeric_limits<int32_t>::min() || *read > std::numeric_limits<int32_t>::max()) {
             // Cut to 32 bits it would pass for another id (2^31 for a negative
             // one): a value no record can carry is damage, never an answer.
-            lastError = kUnknownInternalError;
+            setLastError(FailureKind::Damaged, kUnknownInternalError);
             return recordFailureMessage(FailureKind::Damaged,
                                         "Reading '" + filePath.string() + "' failed: the stored value " +
                                             std::to_string(*read) + " does not fit in 32 bits");
@@ -567,7 +574,7 @@ Outcome SqliteLogFilePrivate::recordFailure(const char* operation, const Databas
     lastFailure_ = std::string(operation) + " '" + filePath.string() +
                    "' failed: " + (status.isBusy() ? busyMessage() : status.message());
     if (status.isBusy()) {
-        lastError = busyMessage();
+        setLastError(FailureKind::Busy, busyMessage());
     }
     return Outcome::failure(lastFailureKind_, lastFailure_);
 }

@@ -86,7 +86,10 @@ public:
     int8_t compressionLevel = 0;
     int32_t logVersion = 0;
     // Reads that fail record a message too, so const operations write here.
+    // Written through setLastError, so that the kind always goes with the
+    // text.
     mutable std::string lastError = "No error";
+    mutable FailureKind lastErrorKind = FailureKind::None;
     // Set while a write batch (one open transaction) is in progress; shared
     // with the batch's guard and cleared when the batch ends, so a guard never
     // reaches a file that is gone or a later batch.
@@ -112,6 +115,7 @@ public:
     // Replaces lastError with the message for a database failure: its kind
     // decides, never its raw code.
     void setLastErrorFor(const Database::Status& status) const;
+    void setLastError(FailureKind kind, std::string text) const;
     std::string lastErrorTextFor(const Database::Status& status) const;
 
     // Write batches: one transaction from begin to end. endBatch commits and

@@ -338,6 +338,7 @@ TEST(EditMetadata, RemoveTakesTheKeyAwayAndNamesAMissingOne) {
     EXPECT_EQ(file.getLastError(), "The file '" + path + "' has no metadata key 'site'.");
     EXPECT_EQ(file.getFailureCount(), failures + 1);
     EXPECT_EQ(file.getLastFailureKind(), FailureKind::Refused);
+    EXPECT_EQ(file.getLastErrorKind(), FailureKind::Refused);
 }
 
 TEST(EditMetadata, TheKeysACreatedFileCarriesAreRefused) {

@@ -30,6 +30,7 @@ using Marivane::Database::DatabaseBusy;
 using Marivane::Logging::Bookmark;
 using Marivane::Logging::DataSource;
 using Marivane::Logging::EntryIndexFilter;
+using Marivane::Logging::FailureKind;
 using Marivane::Logging::NotALogFileError;
 using Marivane::Logging::SqliteLogFile;
 using Marivane::Logging::StoreAccess;
@@ -218,6 +219,28 @@ TEST(BusyFile, AFailedReadIsCountedAndSaysBusyInsteadOfLookingEmpty) {
     writer.exec("COMMIT;");
     EXPECT_EQ(file.getBookmarks().size(), 2u);
     EXPECT_EQ(file.getFailureCount(), 4u);
+}
+
+TEST(BusyFile, TheLastErrorsKindGoesWithItsText) {
+    TempDir dir;
+    const std::string path = makeSampleFile(dir);
+    SqliteLogFile file = SqliteLogFile::openReadOnly(path);
+    shortenBusyTimeout(file);
+    EXPECT_EQ(file.getLastError(), "No error");
+    EXPECT_EQ(file.getLastErrorKind(), FailureKind::None);
+
+    RawDatabase writer(path);
+    writer.exec("BEGIN EXCLUSIVE;");
+    EXPECT_TRUE(file.getBookmarks().empty());
+    EXPECT_EQ(file.getLastErrorKind(), FailureKind::Busy);
+    writer.exec("COMMIT;");
+
+    // A refusal replaces both; a success leaves both as they were.
+    EXPECT_FALSE(file.addMetadata("late", std::string("no")));
+    EXPECT_EQ(file.getLastError(), "The log file '" + path + "' was opened read-only: it cannot be changed.");
+    EXPECT_EQ(file.getLastErrorKind(), FailureKind::ReadOnly);
+    EXPECT_EQ(file.getBookmarks().size(), 2u);
+    EXPECT_EQ(file.getLastErrorKind(), FailureKind::ReadOnly);
 }
 
 TEST(BusyFile, ABatchCommitWaitsForAReaderAndKeepsEveryEntry) {

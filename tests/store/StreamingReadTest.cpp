@@ -238,6 +238,9 @@ TEST_F(StreamingDamage, ADamagedPayloadEndsTheReadNamingTheEntry) {
         file.getLastFailure().rfind("Entry 4 of '" + path + "' cannot be read: Cannot uncompress data: ", 0),
         0u)
         << file.getLastFailure();
+    // A read only counts its failure: the last error stays untouched.
+    EXPECT_EQ(file.getLastError(), "No error");
+    EXPECT_EQ(file.getLastErrorKind(), FailureKind::None);
 }
 
 TEST_F(StreamingDamage, AHandlerSkipsDamagedEntriesAndTheReadGoesOn) {
