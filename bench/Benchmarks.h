@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -56,6 +57,9 @@ std::string deriveName(const std::string& operation, const std::string& writer);
 std::string playerName(const std::string& pacing = "pacing");
 // what: "stream" or "copy": the peak memory of that work on the 1 GiB file.
 std::string memoryName(const std::string& what);
+// what: "build" (making the file) or "stream": that work on the 5 GiB file
+// (largeLogFile).
+std::string largeFileName(const std::string& what);
 std::string mergeName();
 std::string windowName();
 // writer: "recorder", "batch" (logData in write batches) or "autocommit".
@@ -95,8 +99,32 @@ void registerRecorderProbes();
 inline constexpr std::size_t kRecorderMemoryBudget = 64u << 20;
 void recordForPeakMemory(const std::string& path);
 // Runs this program again for one task of runPeakMemoryTask and returns the
-// peak resident memory of that process in MiB.
+// numbers it prints (the first is a peak resident memory in KiB).
+std::vector<double> numbersOfTask(const std::string& task, const std::vector<std::string>& arguments);
+// The same, for a task that prints only its own peak: that peak in MiB.
 double peakMemoryOf(const std::string& task, const std::vector<std::string>& arguments);
+// The peak resident memory of this process since it started (VmHWM), in KiB.
+long ownPeakKiB();
+// Entries firstId to lastId of `source`, copied once per run into a file of
+// their own (the inputs of the merges).
+const std::string& partOf(const std::string& source, int32_t firstId, int32_t lastId);
+
+// The 5 GiB file of the large-file figures: 20,480 entries of 256 KiB at
+// level 0, built once per run. A whole-file visitEntries and mvlog's
+// commands each run once on it, or on the 1 GiB file, as a process of their
+// own, for their peak memory.
+inline constexpr std::size_t kLargeFileEntries = 20480;
+inline constexpr std::size_t kLargeFilePayloadSize = 256 * 1024;
+const std::string& largeLogFile();
+// The commands that read a file, in run order: on the 5 GiB file.
+inline constexpr const char* kLargeFileReadCommands[] = {"cat", "info", "check"};
+// The commands that write one, in run order: on the 1 GiB file (slice takes
+// the middle half, merge the two halves of the merge figure), since each
+// writes what it reads and three such copies of 5 GiB take two minutes.
+inline constexpr const char* kLargeFileWriteCommands[] = {"slice", "clone", "merge"};
+// The figure of one of these commands.
+std::string largeToolName(const std::string& command);
+void registerLargeFileBenchmarks();
 
 // The 1 GiB file of the derived-file figures: 4096 entries of 256 KiB, level 0.
 inline constexpr std::size_t kDerivedSourceEntries = 4096;
@@ -107,6 +135,21 @@ const std::string& derivedSourceFile();
 // benchmarks and prints its peak resident memory in KiB (runPeakMemoryTask).
 inline constexpr const char* kPeakMemoryFlag = "--peak-memory-of";
 int runPeakMemoryTask(int argc, char** argv);
+// The task "run": argv[3] is a file for the program's standard output,
+// argv[4] the program, the rest its arguments. Starts it from this small
+// process, waits for it and prints its peak resident memory in KiB, its CPU
+// time and its wall time in seconds.
+int runProgramTask(int argc, char** argv);
+// What runProgramTask measured of one program.
+struct ChildRun {
+    double wallSeconds = 0;
+    double cpuSeconds = 0;
+    double peakMiB = 0;
+};
+// Runs `program` with `arguments`, its standard output into `output`, through
+// runProgramTask; throws unless it exits with 0.
+ChildRun runChild(const std::string& program, const std::vector<std::string>& arguments,
+                  const std::string& output);
 
 // mvlog's commands that read a whole file, each run as a process of its own
 // on a file of kToolFileEntries entries of 64 B at level -1: wall time, CPU

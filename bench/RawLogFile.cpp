@@ -7,7 +7,9 @@
 #include <sqlite3.h>
 #include <zstd.h>
 
+#include <map>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 
 namespace Marivane::Bench::Raw {
@@ -310,6 +312,17 @@ void buildLogFile(const std::string& path, int level, std::size_t size, std::siz
         }
     }
     connection.exec("COMMIT;");
+}
+
+const std::string& builtLogFile(const std::string& stem, int level, std::size_t size, std::size_t count) {
+    static std::map<std::tuple<std::string, int, std::size_t, std::size_t>, std::string> files;
+    std::string& path = files[{stem, level, size, count}];
+    if (path.empty()) {
+        const std::string candidate = freshPath(stem);
+        buildLogFile(candidate, level, size, count);
+        path = candidate;
+    }
+    return path;
 }
 
 void copyLogFile(const std::string& source, const std::string& output, int32_t firstEntryId,

@@ -158,6 +158,10 @@ private:
 // Writes a log file of `count` entries of payload(size), 10 ms apart, in one
 // transaction: the quickest way to get a large file for the read benchmarks.
 void buildLogFile(const std::string& path, int level, std::size_t size, std::size_t count);
+// The same in a fresh path named after `stem`, built on first use and kept
+// for the rest of the run (building a file costs more than reading it): the
+// path of the file built for these arguments.
+const std::string& builtLogFile(const std::string& stem, int level, std::size_t size, std::size_t count);
 
 // What slice does, by hand: a new file with the source's metadata, data
 // sources and properties, and the entries firstEntryId..lastEntryId, in one

@@ -31,27 +31,13 @@ using Logging::SqliteLogFile;
 constexpr std::size_t kIndexFileEntries = 1'000'000;
 constexpr std::size_t kIndexPayloadSize = 64;
 
-// Built on first use and kept for the rest of the run: building a file costs
-// more than reading it.
 const std::string& readFile(int level, std::size_t size) {
-    static std::map<std::pair<int, std::size_t>, std::string> files;
-    std::string& path = files[{level, size}];
-    if (path.empty()) {
-        const std::string candidate = freshPath("read-" + levelLabel(level) + "-" + sizeLabel(size));
-        Raw::buildLogFile(candidate, level, size, readFileEntries(size));
-        path = candidate;
-    }
-    return path;
+    return Raw::builtLogFile("read-" + levelLabel(level) + "-" + sizeLabel(size), level, size,
+                             readFileEntries(size));
 }
 
 const std::string& indexFile() {
-    static std::string path;
-    if (path.empty()) {
-        const std::string candidate = freshPath("index-1M");
-        Raw::buildLogFile(candidate, 0, kIndexPayloadSize, kIndexFileEntries);
-        path = candidate;
-    }
-    return path;
+    return Raw::builtLogFile("index-1M", 0, kIndexPayloadSize, kIndexFileEntries);
 }
 
 // Visits every entry once, in an order that defeats read-ahead the way a

@@ -11,14 +11,15 @@
 
 #include <benchmark/benchmark.h>
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace Marivane::Bench {
@@ -33,7 +34,7 @@ constexpr int kWindowRepeats = 20;
 
 }  // namespace
 
-double peakMemoryOf(const std::string& task, const std::vector<std::string>& arguments) {
+std::vector<double> numbersOfTask(const std::string& task, const std::vector<std::string>& arguments) {
     std::string command = "/proc/" + std::to_string(::getpid()) + "/exe " + kPeakMemoryFlag + " " + task;
     for (const std::string& argument : arguments) {
         command += " '" + argument + "'";
@@ -42,28 +43,57 @@ double peakMemoryOf(const std::string& task, const std::vector<std::string>& arg
     if (pipe == nullptr) {
         throw std::runtime_error("cannot run " + command);
     }
-    double kibibytes = -1;
-    if (std::fscanf(pipe, "%lf", &kibibytes) != 1) {
-        kibibytes = -1;
+    std::vector<double> numbers;
+    for (double number = 0; std::fscanf(pipe, "%lf", &number) == 1;) {
+        numbers.push_back(number);
     }
-    if (::pclose(pipe) != 0 || kibibytes < 0) {
+    if (::pclose(pipe) != 0 || numbers.empty() || numbers.front() < 0) {
         throw std::runtime_error("the task failed: " + command);
     }
-    return kibibytes / 1024.0;
+    return numbers;
+}
+
+double peakMemoryOf(const std::string& task, const std::vector<std::string>& arguments) {
+    return numbersOfTask(task, arguments).front() / 1024.0;
+}
+
+// Not getrusage's ru_maxrss: a process keeps the high-water mark of the
+// memory it ran in before its exec, and a process that popen or posix_spawn
+// starts runs in its parent's memory until then, so ru_maxrss would report
+// this benchmark's own peak whenever that is the larger. VmHWM belongs to
+// the memory the process got at its exec.
+long ownPeakKiB() {
+    FILE* status = std::fopen("/proc/self/status", "r");
+    if (status == nullptr) {
+        return -1;
+    }
+    long kibibytes = -1;
+    char line[256];
+    while (std::fgets(line, sizeof line, status) != nullptr) {
+        if (std::sscanf(line, "VmHWM: %ld kB", &kibibytes) == 1) {
+            break;
+        }
+    }
+    std::fclose(status);
+    return kibibytes;
+}
+
+const std::string& partOf(const std::string& source, int32_t firstId, int32_t lastId) {
+    static std::map<std::tuple<std::string, int32_t, int32_t>, std::string> paths;
+    std::string& path = paths[{source, firstId, lastId}];
+    if (path.empty()) {
+        const std::string candidate = freshPath("part-" + std::to_string(firstId));
+        Raw::copyLogFile(source, candidate, firstId, lastId);
+        path = candidate;
+    }
+    return path;
 }
 
 namespace {
 
 const std::string& mergeInput(int half) {
-    static std::string paths[2];
-    std::string& path = paths[half];
-    if (path.empty()) {
-        const std::string candidate = freshPath("merge-input-" + std::to_string(half));
-        const int32_t entries = static_cast<int32_t>(kDerivedSourceEntries / 2);
-        Raw::copyLogFile(derivedSourceFile(), candidate, 1 + half * entries, (half + 1) * entries);
-        path = candidate;
-    }
-    return path;
+    const int32_t entries = static_cast<int32_t>(kDerivedSourceEntries / 2);
+    return partOf(derivedSourceFile(), 1 + half * entries, (half + 1) * entries);
 }
 
 void streamMemory(benchmark::State& state) {
@@ -171,6 +201,8 @@ int runPeakMemoryTask(int argc, char** argv) {
             recordForPeakMemory(argv[3]);
         } else if (task == "merge" && argc == 6) {
             Logging::Algorithms::merge({argv[3], argv[4]}, argv[5], Logging::CopyOptions());
+        } else if (task == "run" && argc >= 5) {
+            return runProgramTask(argc, argv);
         } else {
             std::fprintf(stderr, "unknown task\n");
             return 2;
@@ -179,9 +211,7 @@ int runPeakMemoryTask(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", error.what());
         return 1;
     }
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    std::printf("%ld\n", usage.ru_maxrss);
+    std::printf("%ld\n", ownPeakKiB());
     return 0;
 }
 

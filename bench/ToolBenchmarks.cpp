@@ -1,7 +1,8 @@
 // mvlog on a file of many small entries: the wall time, CPU time and peak
 // resident memory of `info`, `check` and `cat` (into a file) on 2,000,000
 // entries of 64 B at level -1. Each command runs as a process of its own, as
-// a user runs it; its peak memory is what wait4 reports for it.
+// a user runs it; its peak memory is what wait4 reports for it. Also the
+// runner of every mvlog figure (runChild).
 
 #include "BenchSupport.h"
 #include "Benchmarks.h"
@@ -11,7 +12,6 @@
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,13 +19,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <cstdio>
 #include <map>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-extern char** environ;
 
 namespace Marivane::Bench {
 
@@ -33,8 +32,6 @@ namespace Marivane::Bench {
 // knows where mvlog is; without it these figures are not measured.
 #ifdef MARIVANE_BENCH_MVLOG
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr const char* kMvlog = MARIVANE_BENCH_MVLOG;
 constexpr int kToolRuns = 3;
@@ -90,55 +87,6 @@ const std::string& smallEntriesFile(const std::string& payloads) {
     return path;
 }
 
-struct ChildRun {
-    double wallSeconds = 0;
-    double cpuSeconds = 0;
-    double peakMiB = 0;
-};
-
-double seconds(const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-}
-
-// Runs `program` with `arguments`, its standard output into `output`, and
-// waits for it; throws unless it exits with 0.
-ChildRun runChild(const std::string& program, const std::vector<std::string>& arguments,
-                  const std::string& output) {
-    std::vector<char*> argv;
-    std::vector<std::string> words{program};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
-    // posix_spawn, not fork: a forked child starts as big as this process,
-    // and wait4 would report that as the tool's peak memory.
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0644);
-    const auto started = Clock::now();
-    pid_t child = 0;
-    const int spawned = ::posix_spawn(&child, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
-        throw std::runtime_error("cannot start " + program);
-    }
-    int status = 0;
-    rusage usage{};
-    if (::wait4(child, &status, 0, &usage) != child) {
-        throw std::runtime_error("cannot wait for " + program);
-    }
-    ChildRun run;
-    run.wallSeconds = std::chrono::duration<double>(Clock::now() - started).count();
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        throw std::runtime_error(program + " " + arguments.front() + " failed");
-    }
-    run.cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
-    run.peakMiB = static_cast<double>(usage.ru_maxrss) / 1024.0;
-    return run;
-}
-
 double median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     return values[values.size() / 2];
@@ -167,6 +115,67 @@ void toolCommand(benchmark::State& state, const std::string& command, const std:
 
 }  // namespace
 #endif
+
+namespace {
+
+double seconds(const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+}  // namespace
+
+// A child's peak as wait4 reports it is the larger of its own and that of
+// the memory it ran in before its exec: a child of this benchmark, forked or
+// spawned (posix_spawn shares the parent's memory until the exec), would
+// report the benchmark's peak whenever that is the larger. This task is a
+// fresh, small process; the program it forks starts from a copy of that.
+int runProgramTask(int argc, char** argv) {
+    const char* output = argv[3];
+    const char* program = argv[4];
+    const auto started = std::chrono::steady_clock::now();
+    const pid_t child = ::fork();
+    if (child < 0) {
+        std::perror("fork");
+        return 1;
+    }
+    if (child == 0) {
+        const int file = ::open(output, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (file < 0 || ::dup2(file, STDOUT_FILENO) < 0) {
+            ::_exit(126);
+        }
+        ::close(file);
+        ::execv(program, argv + 4);
+        ::_exit(127);
+    }
+    int status = 0;
+    rusage usage{};
+    if (::wait4(child, &status, 0, &usage) != child) {
+        std::perror("wait4");
+        return 1;
+    }
+    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        std::fprintf(stderr, "%s %s failed\n", program, argc > 5 ? argv[5] : "");
+        return 1;
+    }
+    std::printf("%ld %.6f %.6f\n", usage.ru_maxrss, seconds(usage.ru_utime) + seconds(usage.ru_stime), wall);
+    return 0;
+}
+
+ChildRun runChild(const std::string& program, const std::vector<std::string>& arguments,
+                  const std::string& output) {
+    std::vector<std::string> words{output, program};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    const std::vector<double> numbers = numbersOfTask("run", words);
+    if (numbers.size() != 3) {
+        throw std::runtime_error(program + " " + arguments.front() + ": no measurement");
+    }
+    ChildRun run;
+    run.peakMiB = numbers[0] / 1024.0;
+    run.cpuSeconds = numbers[1];
+    run.wallSeconds = numbers[2];
+    return run;
+}
 
 void registerToolBenchmarks() {
 #ifdef MARIVANE_BENCH_MVLOG

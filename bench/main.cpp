@@ -40,6 +40,7 @@ int main(int argc, char** argv) {
             registerScaleBenchmarks();
             registerRecorderProbes();
             registerToolBenchmarks();
+            registerLargeFileBenchmarks();
         }
     }
 
