@@ -1,6 +1,7 @@
 #include "store/EntryCursor.h"
 
 #include "services/database/ColumnAccess.h"
+#include "store/Schema.h"
 #include "store/SqliteLogFilePrivate.h"
 
 #include <algorithm>
@@ -132,14 +133,14 @@ std::string idWalkStatement(const std::string& conditions, CursorColumns columns
 // walks in order, so no sort of the rows is needed.
 std::string idsThroughTimeIndexStatement(const std::string& conditions, CursorColumns columns) {
     return selectColumns(columns) +
-           "FROM data WHERE data.entryId IN (SELECT data.entryId FROM data INDEXED BY " + kTimeIndexName +
-           " WHERE " + conditions + ") ORDER BY data.entryId;";
+           "FROM data WHERE data.entryId IN (SELECT data.entryId FROM data INDEXED BY " +
+           Schema::kTimeIndexName + " WHERE " + conditions + ") ORDER BY data.entryId;";
 }
 
 // The index holds (timestamp, entryId), which is the order asked for: no sort.
 std::string timeIndexWalkStatement(const std::string& conditions, CursorColumns columns) {
-    return selectColumns(columns) + "FROM data INDEXED BY " + kTimeIndexName + " WHERE " + conditions +
-           " ORDER BY data.timestamp, data.entryId;";
+    return selectColumns(columns) + "FROM data INDEXED BY " + Schema::kTimeIndexName + " WHERE " +
+           conditions + " ORDER BY data.timestamp, data.entryId;";
 }
 
 void bindRange(SqliteQuery& query, const EntryRange& range) {
@@ -256,7 +257,7 @@ int64_t bytesPerEntryId(int64_t pageCount, int64_t pageSize, int64_t firstId, in
 
 bool hasTimeIndex(const SqliteLogFilePrivate& file) {
     SqliteQuery query(file.database, "SELECT 1 FROM sqlite_master WHERE type = 'index' AND name = :name;");
-    query.bindParameter(":name", std::string(kTimeIndexName), Database::BindMode::Copy);
+    query.bindParameter(":name", std::string(Schema::kTimeIndexName), Database::BindMode::Copy);
     return query.executeStep() == Database::StepRow;
 }
 

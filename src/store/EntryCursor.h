@@ -124,7 +124,4 @@ bool hasTimeIndex(const SqliteLogFilePrivate& file);
 // a file of which nothing is known.
 int64_t bytesPerEntryId(int64_t pageCount, int64_t pageSize, int64_t firstId, int64_t lastId);
 
-// The name of the index on entry timestamps.
-inline constexpr const char* kTimeIndexName = "dataTimestampIndex";
-
 }  // namespace Marivane::Logging

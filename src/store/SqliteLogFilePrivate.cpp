@@ -13,6 +13,7 @@
 #include <database/UnfinishedCommit.h>
 #include "services/database/ColumnAccess.h"
 #include "store/BindParameterVisitor.h"
+#include "store/Schema.h"
 
 #include <array>
 #include <fstream>
@@ -56,17 +57,6 @@ FailureKind failureKindOf(Database::StatusCode code) {
     }
     return FailureKind::Other;
 }
-
-constexpr const char* kPageSizePragma = "PRAGMA page_size = 8192;";
-
-// Only files created with entry checksums have this table: every other file
-// keeps exactly the schema it always had. One row per entry, keyed by its id,
-// holding the checksum of the payload as stored.
-constexpr const char* kEntryChecksumTable =
-    "CREATE TABLE entryChecksums(entryId INTEGER PRIMARY KEY, checksum INT NOT NULL);";
-
-constexpr std::array<const char*, 6> kLogTables = {
-    "dataSources", "dataSourceProperties", "data", "metadata", "resources", "bookmarks"};
 
 // Called once SQLite has said the file is not a database: legacy log files
 // begin with a four-byte magic; anything else (a file too short included) is
@@ -143,7 +133,7 @@ void SqliteLogFilePrivate::openAsLogFile(Durability newFileDurability,
             // tables and the metadata share one: settings first, after the
             // page size (a write-ahead log fixes it).
             durability = newFileDurability;
-            (void)database.execute(kPageSizePragma);
+            (void)database.execute(Schema::kPageSize);
             applyConnectionSettings();
             createTables(creationMetadata, withEntryChecksums);
         } else if (createdTables) {
@@ -336,7 +326,7 @@ bool SqliteLogFilePrivate::checkForTables() {
     }
     SqliteQuery probe(database, "SELECT name FROM sqlite_master WHERE type='table' AND name=:tableName;");
     std::size_t hits = 0;
-    for (const char* table : kLogTables) {
+    for (const char* table : Schema::kLogTables) {
         probe.resetQuery();
         probe.bindParameter(":tableName", std::string(table), Database::BindMode::Copy);
         const int32_t step = probe.executeStep();
@@ -346,30 +336,15 @@ bool SqliteLogFilePrivate::checkForTables() {
             throwOpeningFailure(probe.status());
         }
     }
-    if (hits < kLogTables.size()) {
+    if (hits < Schema::kLogTables.size()) {
         throw NotALogFileError();
     }
     return true;
 }
 
 void SqliteLogFilePrivate::createTables(const CreationMetadata* creationMetadata, bool withEntryChecksums) {
-    // 8 KiB pages measured best over small and large payloads, batched and not
-    // (bench/README.md); the size must be set before the first table exists.
     // One transaction makes creation atomic and saves a synchronous commit per
     // statement.
-    static constexpr std::array<const char*, 8> kSchemaBeforeBookmarks = {
-        "CREATE TABLE dataSources(dataSourceId INTEGER PRIMARY KEY,dataSourceType INT NOT NULL,"
-        "dataSourceName TEXT NOT NULL);",
-        "CREATE TABLE dataSourceProperties(dataSourceId INT NOT NULL REFERENCES dataSources(dataSourceId),"
-        "key TEXT NOT NULL,value NOT NULL);",
-        "CREATE INDEX dataSourcePropertiesIndex ON dataSourceProperties(dataSourceId);",
-        "CREATE TABLE data(entryId INTEGER PRIMARY KEY,timestamp INT NOT NULL,type INT NOT NULL,"
-        "dataSourceId INT NOT NULL REFERENCES dataSources(dataSourceId),length INT NOT NULL,"
-        "payload BLOB NOT NULL);",
-        "CREATE INDEX dataDataSourceIndex ON data(dataSourceId);",
-        "CREATE TABLE metadata(key TEXT NOT NULL, value NOT NULL);",
-        "CREATE TABLE resources(name TEXT NOT NULL, payload NOT NULL);",
-        nullptr};
     // A statement that fails for any reason but a lock leaves the file as far
     // as it got, and opening goes on; a lock means another connection is at
     // work on the file, and nothing here may be taken as done.
@@ -379,20 +354,18 @@ void SqliteLogFilePrivate::createTables(const CreationMetadata* creationMetadata
             throwOpeningFailure(status);
         }
     };
-    run(kPageSizePragma);
+    run(Schema::kPageSize);
     run("BEGIN;");
-    for (const char* statement : kSchemaBeforeBookmarks) {
-        if (statement != nullptr) {
-            run(statement);
-        }
+    for (const char* statement : Schema::kTablesBeforeBookmarks) {
+        run(statement);
     }
     if (const Database::Status status = createBookmarksTable(); status.isBusy()) {
         (void)database.execute("ROLLBACK;");
         throwOpeningFailure(status);
     }
-    run("CREATE INDEX bookmarkIndex ON bookmarks(entryId);");
+    run(Schema::kCreateBookmarkIndex);
     if (withEntryChecksums) {
-        run(kEntryChecksumTable);
+        run(Schema::kCreateEntryChecksums);
     }
     if (creationMetadata != nullptr) {
         insertCreationMetadata(*creationMetadata);
@@ -424,9 +397,7 @@ void SqliteLogFilePrivate::insertCreationMetadata(const CreationMetadata& metada
 }
 
 Database::Status SqliteLogFilePrivate::createBookmarksTable() {
-    return database.execute(
-        "CREATE TABLE bookmarks(entryId INT NOT NULL REFERENCES data(entryId), title TEXT NOT NULL, "
-        "comments TEXT, payload BLOB);");
+    return database.execute(Schema::kCreateBookmarks);
 }
 
 void SqliteLogFilePrivate::fixBookmarksTable() {

@@ -5,6 +5,7 @@
 #include "services/database/ColumnAccess.h"
 #include "store/EntryCursor.h"
 #include "store/ParallelExpansion.h"
+#include "store/Schema.h"
 #include "store/SqliteLogFilePrivate.h"
 
 #include <core/Checksum.h>
@@ -259,10 +260,6 @@ std::optional<int64_t> SqliteLogFile::getEntryTimestamp(int32_t entryId) const {
 
 namespace {
 
-std::string timeIndexStatement() {
-    return std::string("CREATE INDEX IF NOT EXISTS ") + kTimeIndexName + " ON data(timestamp);";
-}
-
 // SQLite runs an index build as one program: a loop over the table's rows
 // into a sorter, then a loop over the sorted keys into the index. The
 // instructions of those loop bodies, read from the program itself, are what
@@ -272,7 +269,7 @@ constexpr uint64_t kUsualIndexInstructionsPerRow = 9;
 uint64_t indexInstructionsPerRow(const Database::SqliteDatabase& database) {
     uint64_t perRow = 0;
     try {
-        SqliteQuery program(database, "EXPLAIN " + timeIndexStatement());
+        SqliteQuery program(database, std::string("EXPLAIN ") + Schema::kCreateTimeIndex);
         while (program.executeStep() == Database::StepRow) {
             const std::optional<int64_t> address = program.getIntegerFromColumn(0);
             const std::optional<int64_t> target = program.getIntegerFromColumn(3);
@@ -310,7 +307,7 @@ private:
 }  // namespace
 
 bool SqliteLogFile::createTimeIndex() {
-    SqliteQuery query(d->database, timeIndexStatement());
+    SqliteQuery query(d->database, Schema::kCreateTimeIndex);
     return d->executeWrite(query).ok();
 }
 
