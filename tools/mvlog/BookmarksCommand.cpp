@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "SummaryReport.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -16,17 +17,6 @@ using Marivane::Logging::SqliteLogFile;
 
 namespace {
 
-std::string bookmarkLine(const Bookmark& bookmark) {
-    std::string line = fmt::format("entry {}: \"{}\"", bookmark.entryId, printable(bookmark.title));
-    if (!bookmark.comments.empty()) {
-        line += fmt::format(" - {}", printable(bookmark.comments));
-    }
-    if (!bookmark.payload.empty()) {
-        line += fmt::format(" [payload {}]", humanSize(bookmark.payload.size()));
-    }
-    return line;
-}
-
 nlohmann::ordered_json bookmarkFields(const Bookmark& bookmark) {
     return {{"entryId", bookmark.entryId},
             {"title", bookmark.title},
@@ -37,7 +27,7 @@ nlohmann::ordered_json bookmarkFields(const Bookmark& bookmark) {
 // What a change did: a sentence, or one JSON document.
 void printChange(const BookmarksOptions& options, const char* action, const Bookmark& bookmark) {
     if (!options.json) {
-        fmt::print("{} {}\n", action, bookmarkLine(bookmark));
+        fmt::print("{} {}\n", action, bookmarkText(bookmark));
         return;
     }
     nlohmann::ordered_json document;
@@ -63,10 +53,7 @@ int listBookmarks(const SqliteLogFile& file, const BookmarksOptions& options) {
     if (options.json) {
         nlohmann::ordered_json document;
         document["file"] = options.file;
-        document["bookmarks"] = nlohmann::ordered_json::array();
-        for (const Bookmark& bookmark : bookmarks) {
-            document["bookmarks"].push_back(bookmarkFields(bookmark));
-        }
+        document["bookmarks"] = jsonArray(bookmarks, bookmarkFields);
         fmt::print("{}\n", dumpJson(document, 2));
         return 0;
     }
@@ -74,7 +61,7 @@ int listBookmarks(const SqliteLogFile& file, const BookmarksOptions& options) {
         fmt::print("No bookmarks.\n");
     }
     for (const Bookmark& bookmark : bookmarks) {
-        fmt::print("{}\n", bookmarkLine(bookmark));
+        fmt::print("{}\n", bookmarkText(bookmark));
     }
     return 0;
 }
@@ -82,7 +69,9 @@ int listBookmarks(const SqliteLogFile& file, const BookmarksOptions& options) {
 // The store checks the entry through a foreign key but then reports only an
 // unspecific error; checking first gives a message that says what is wrong.
 int addBookmark(LogFileInterface& file, const BookmarksOptions& options) {
-    if (!hasEntry(file, options.entryId)) {
+    // From the index, so that a damaged payload does not matter.
+    const std::vector<int32_t> ids = file.getEntryIndex(Marivane::Logging::EntryIndexFilter{});
+    if (!std::binary_search(ids.begin(), ids.end(), options.entryId)) {
         throw ToolError(fmt::format("{}: no entry with id {}", options.file, options.entryId));
     }
     Bookmark bookmark;

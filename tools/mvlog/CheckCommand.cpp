@@ -74,20 +74,13 @@ private:
     std::optional<ProgressBar> bar_;
 };
 
-std::vector<std::string> problemTexts(const CheckReport& report) {
-    std::vector<std::string> texts;
-    for (const CheckProblem& problem : report.problems) {
-        texts.push_back(problem.message);
-    }
-    return texts;
-}
-
 int finishJsonReport(const std::string& path, const CheckReport& report) {
     nlohmann::ordered_json document;
     document["file"] = path;
     document["ok"] = report.isClean();
     document["damaged"] = report.foundDamage();
-    document["problems"] = problemTexts(report);
+    document["problems"] =
+        jsonArray(report.problems, [](const CheckProblem& problem) { return problem.message; });
     if (const std::optional<CheckReport::Counts>& counts = report.checked) {
         document["checked"] = {{"entries", counts->entries},
                                {"dataSources", counts->dataSources},
@@ -120,7 +113,7 @@ int finishTextReport(const std::string& path, const CheckReport& report) {
 
 int runCheck(const CheckOptions& options) {
     requireExistingFile(options.file);
-    CheckDisplay display(options.json, options.progress ? ProgressMode::Always : ProgressMode::Auto);
+    CheckDisplay display(options.json, progressMode(options.progress));
     const CheckReport report = Marivane::Logging::checkLogFile(options.file, display.options());
     return options.json ? finishJsonReport(options.file, report) : finishTextReport(options.file, report);
 }

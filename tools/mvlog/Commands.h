@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Replay.h"
+
 #include <logging/Logging.h>
 
 #include <cstdint>
@@ -9,7 +11,9 @@
 
 // One function per subcommand. Each returns the process exit code and reports
 // failures by throwing ToolError (exit 1) or UsageError (exit 2); main turns
-// both into a message on stderr.
+// both into a message on stderr. In every command's options, `progress`
+// (--progress) shows the progress bar on stderr even when it is not a
+// terminal.
 namespace Mvlog {
 
 struct InfoOptions {
@@ -42,7 +46,6 @@ struct CatOptions {
     double idleSeconds = 0;
     // Entries by id (as written) instead of by timestamp.
     bool idOrder = false;
-    // Show the progress bar on stderr even when it is not a terminal.
     bool progress = false;
 };
 int runCat(const CatOptions& options);
@@ -76,7 +79,6 @@ struct SliceOptions {
     bool allowEmpty = false;
     // One JSON document with the copy's report instead of the output's path.
     bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
     bool progress = false;
 };
 int runSlice(const SliceOptions& options);
@@ -87,7 +89,6 @@ struct CloneOptions {
     std::optional<int> level;
     // One JSON document with the copy's report instead of the output's path.
     bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
     bool progress = false;
 };
 int runClone(const CloneOptions& options);
@@ -98,26 +99,18 @@ struct MergeOptions {
     std::optional<int> level;
     // One JSON document on stdout instead of the path and the report.
     bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
     bool progress = false;
 };
 int runMerge(const MergeOptions& options);
 
 struct PlayOptions {
     std::string file;
-    double speed = 1.0;
-    bool loop = false;
-    std::vector<MV_LogDataSourceType> sourceTypes;
-    // Unset: no cap in time order, 1000 ms in id order.
-    std::optional<int32_t> maxDelayMs;
-    int32_t fromFrame = 0;
+    // All but the times, which need the file, and how the terminal takes part.
+    ReplaySettings replay;
     // A time (see slice's --start) instead of a frame to start at.
     std::optional<std::string> start;
     // The last time to play, written like start.
     std::optional<std::string> end;
-    bool carryPacing = false;
-    // Frames by entry id (as written) instead of by timestamp.
-    bool idOrder = false;
 };
 int runPlay(const PlayOptions& options);
 
@@ -169,46 +162,32 @@ struct SplitOptions {
     // A duration (30s), a size of stored bytes (64MiB) or a number of entries.
     std::string every;
     bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
     bool progress = false;
 };
 int runSplit(const SplitOptions& options);
 
-struct DuOptions {
+// du, check and index: one file, looked at (or indexed in place) and
+// reported on, in one JSON document with --json.
+struct FileReportOptions {
     std::string file;
     bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
     bool progress = false;
 };
+using DuOptions = FileReportOptions;
+using CheckOptions = FileReportOptions;
+using IndexOptions = FileReportOptions;
 int runDu(const DuOptions& options);
-
-struct CheckOptions {
-    std::string file;
-    // One JSON document at the end instead of lines as problems are found.
-    bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
-    bool progress = false;
-};
 int runCheck(const CheckOptions& options);
+int runIndex(const IndexOptions& options);
 
 struct RecoverOptions {
     std::string file;
     std::string output;
     // The report as one JSON document instead of lines.
     bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
     bool progress = false;
 };
 int runRecover(const RecoverOptions& options);
-
-struct IndexOptions {
-    std::string file;
-    // One JSON document instead of sentences.
-    bool json = false;
-    // The progress bar also when stderr is not a terminal.
-    bool progress = false;
-};
-int runIndex(const IndexOptions& options);
 
 struct ViewCommandOptions {
     std::vector<std::string> files;

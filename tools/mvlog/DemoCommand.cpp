@@ -26,18 +26,14 @@ constexpr int64_t kSurveyDurationMs = 20'000;
 constexpr double kReplaySpeed = 4.0;
 constexpr int32_t kReplayMaxDelayMs = 1000;
 
-std::filesystem::path makeFreshTemporaryDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "mvlog-demo-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw ToolError(fmt::format("demo: cannot create a temporary directory: {}",
-                                    std::error_code(errno, std::generic_category()).message()));
-    }
-    return pattern;
-}
-
 std::filesystem::path prepareDirectory(const DemoOptions& options) {
     if (!options.directory) {
-        return makeFreshTemporaryDirectory();
+        std::string pattern = (std::filesystem::temp_directory_path() / "mvlog-demo-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) == nullptr) {
+            throw ToolError(fmt::format("demo: cannot create a temporary directory: {}",
+                                        std::error_code(errno, std::generic_category()).message()));
+        }
+        return pattern;
     }
     std::error_code error;
     std::filesystem::create_directories(*options.directory, error);
@@ -52,15 +48,10 @@ void printHeading(const std::string& text) {
     std::fflush(stdout);
 }
 
-int64_t nowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
 // Whole seconds, so that the synthetic times read easily.
 int64_t syntheticStart() {
-    return nowMs() / 1000 * 1000;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::seconds>(now).count() * 1000;
 }
 
 // By time: the recorder numbers entries in the order the capture threads

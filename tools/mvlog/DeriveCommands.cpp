@@ -68,14 +68,6 @@ void explainOutputRefusal(const std::string& output) {
     }
 }
 
-// Without -o: "<name>_exported<ext>" beside the source, made unique.
-std::string outputFor(const std::string& output, const std::string& source) {
-    if (!output.empty()) {
-        return output;
-    }
-    return Marivane::Logging::Algorithms::defaultDerivedFilePath(source);
-}
-
 CopyOptions copyOptions(const LogFileInterface& file, const std::optional<int>& level) {
     CopyOptions options;
     options.applicationName = kToolName;
@@ -100,21 +92,17 @@ CopyOptions copyOptions(const LogFileInterface& file, const std::optional<int>& 
 class BlockedSignals {
 public:
     BlockedSignals() {
+        ::pthread_sigmask(SIG_BLOCK, nullptr, &previous_);
         sigemptyset(&signals_);
         for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+            // One the caller already blocked stays the caller's, as before.
             struct sigaction current {};
-            if (::sigaction(signal, nullptr, &current) == 0 &&
+            if (sigismember(&previous_, signal) == 0 && ::sigaction(signal, nullptr, &current) == 0 &&
                 ((current.sa_flags & SA_SIGINFO) != 0 || current.sa_handler != SIG_IGN)) {
                 sigaddset(&signals_, signal);
             }
         }
-        ::pthread_sigmask(SIG_BLOCK, &signals_, &previous_);
-        // One the caller already blocked stays the caller's, as before.
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-            if (sigismember(&previous_, signal) == 1) {
-                sigdelset(&signals_, signal);
-            }
-        }
+        ::pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
     }
     ~BlockedSignals() { restore(); }
     BlockedSignals(const BlockedSignals&) = delete;
@@ -154,43 +142,33 @@ std::string encodeReport(const CopyReport& report) {
     return text;
 }
 
-class ReportDecoder {
-public:
-    explicit ReportDecoder(const std::string& text) : text_(text) {}
-
-    CopyReport decode() {
-        CopyReport report;
-        report.entries = number();
-        report.dataSources = number();
-        report.bookmarks = number();
-        report.resources = number();
-        report.payloadsCopiedAsStored = number();
-        const uint64_t notes = number();
-        for (uint64_t i = 0; i < notes; ++i) {
-            const uint64_t size = number();
-            if (size > text_.size() - at_) {
-                throw ToolError("the report of the derivation is cut short");
-            }
-            report.notes.push_back(text_.substr(at_, size));
-            at_ += size;
-        }
-        return report;
-    }
-
-private:
-    uint64_t number() {
-        const std::size_t end = text_.find('\n', at_);
+CopyReport decodeReport(const std::string& text) {
+    std::size_t at = 1;
+    const auto cutShort = [] { return ToolError("the report of the derivation is cut short"); };
+    const auto number = [&] {
+        const std::size_t end = text.find('\n', at);
         if (end == std::string::npos) {
-            throw ToolError("the report of the derivation is cut short");
+            throw cutShort();
         }
-        const uint64_t value = std::stoull(text_.substr(at_, end - at_));
-        at_ = end + 1;
+        const uint64_t value = std::stoull(text.substr(at, end - at));
+        at = end + 1;
         return value;
+    };
+    CopyReport report;
+    for (uint64_t* count : {&report.entries, &report.dataSources, &report.bookmarks, &report.resources,
+                            &report.payloadsCopiedAsStored}) {
+        *count = number();
     }
-
-    const std::string& text_;
-    std::size_t at_ = 1;
-};
+    for (uint64_t notes = number(); notes > 0; --notes) {
+        const uint64_t size = number();
+        if (size > text.size() - at) {
+            throw cutShort();
+        }
+        report.notes.push_back(text.substr(at, size));
+        at += size;
+    }
+    return report;
+}
 
 void writeAll(int descriptor, const std::string& text) {
     std::size_t written = 0;
@@ -288,15 +266,15 @@ CopyReport deriveInChild(const char* what, const std::filesystem::path& output,
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    const bool succeeded = !received.empty() && received[0] == 'R';
-    if (!succeeded && signal == 0) {
+    if (!received.empty() && received[0] == 'R') {
+        return decodeReport(received);
+    }
+    if (signal == 0) {
         // The child may have died of the same signal, sent to the whole group.
         signal = blocked.takePending();
     }
-    if (!succeeded) {
-        removePartialFiles(output, child);
-    }
-    if (signal != 0 && !succeeded) {
+    removePartialFiles(output, child);
+    if (signal != 0) {
         clearStatusLine(stderr);
         fmt::print(stderr, "mvlog: {} interrupted; nothing was written to {}\n", what, output.string());
         std::fflush(stderr);
@@ -304,9 +282,6 @@ CopyReport deriveInChild(const char* what, const std::filesystem::path& output,
         blocked.restore();
         ::raise(signal);
         std::_Exit(128 + signal);
-    }
-    if (succeeded) {
-        return ReportDecoder(received).decode();
     }
     if (!received.empty()) {
         throw ToolError(received.substr(1));
@@ -455,22 +430,6 @@ void addCopyCounts(nlohmann::ordered_json& document, const CopyReport& report) {
     document["payloadsCopiedAsStored"] = report.payloadsCopiedAsStored;
 }
 
-// slice and clone: the output's path alone, as scripts read it, or one JSON
-// document with the report.
-void printDerivedFile(const std::string& input, const std::string& output, const CopyReport& report,
-                      bool json) {
-    if (!json) {
-        fmt::print("{}\n", output);
-        return;
-    }
-    nlohmann::ordered_json document;
-    document["output"] = output;
-    document["input"] = input;
-    addCopyCounts(document, report);
-    document["notes"] = report.notes;
-    fmt::print("{}\n", dumpJson(document, 2));
-}
-
 void printMergeReport(const MergeOptions& options, const CopyReport& report,
                       const std::vector<std::string>& warnings) {
     if (options.json) {
@@ -499,6 +458,32 @@ void printMergeReport(const MergeOptions& options, const CopyReport& report,
         fmt::print(stderr, "note: {}\n", printable(note));
     }
 }
+// slice and clone: a copy of one file to `output` (without -o,
+// "<name>_exported<ext>" beside it, made unique), reported as the output's
+// path alone, as scripts read it, or as one JSON document.
+int copyReporting(const char* what, const std::string& input, const std::string& output,
+                  const CopyOptions& copy, bool progress, bool json) {
+    const std::string written =
+        output.empty() ? Marivane::Logging::Algorithms::defaultDerivedFilePath(input) : output;
+    const CopyReport report = deriveReporting(
+        what, written, copy,
+        [&](const CopyOptions& chosen) {
+            return Marivane::Logging::Algorithms::copy(input, written, chosen);
+        },
+        progressMode(progress));
+    if (!json) {
+        fmt::print("{}\n", written);
+        return 0;
+    }
+    nlohmann::ordered_json document;
+    document["output"] = written;
+    document["input"] = input;
+    addCopyCounts(document, report);
+    document["notes"] = report.notes;
+    fmt::print("{}\n", dumpJson(document, 2));
+    return 0;
+}
+
 }  // namespace
 
 int runSlice(const SliceOptions& options) {
@@ -513,15 +498,9 @@ int runSlice(const SliceOptions& options) {
         copy.firstEntryId = *options.from;
         copy.lastEntryId = *options.to;
     }
-    if (options.start) {
-        copy.startTimestamp = parseTime("--start", *options.start, *file);
-    }
-    if (options.end) {
-        copy.endTimestamp = parseTime("--end", *options.end, *file);
-    }
-    if (copy.endTimestamp < copy.startTimestamp) {
-        throw ToolError("refused: the time range is reversed (--start is after --end)");
-    }
+    const TimeWindow window = parseTimeWindow(options.start, options.end, *file);
+    copy.startTimestamp = window.start;
+    copy.endTimestamp = window.end;
     copy.filter.dataTypes = options.types;
     copy.filter.dataSources = resolveDataSources("--source", options.sources, file->getDataSources());
     copy.filter.dataSourceTypes = options.sourceTypes;
@@ -530,15 +509,7 @@ int runSlice(const SliceOptions& options) {
     }
     // The derivation runs in another process, which opens its own connection.
     file.reset();
-    const std::string output = outputFor(options.output, options.file);
-    const CopyReport report = deriveReporting(
-        "slicing", output, copy,
-        [&](const CopyOptions& chosen) {
-            return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
-        },
-        options.progress ? ProgressMode::Always : ProgressMode::Auto);
-    printDerivedFile(options.file, output, report, options.json);
-    return 0;
+    return copyReporting("slicing", options.file, options.output, copy, options.progress, options.json);
 }
 
 int runClone(const CloneOptions& options) {
@@ -546,15 +517,7 @@ int runClone(const CloneOptions& options) {
     explainOutputRefusal(options.output);
     const CopyOptions copy = copyOptions(*file, options.level);
     file.reset();
-    const std::string output = outputFor(options.output, options.file);
-    const CopyReport report = deriveReporting(
-        "cloning", output, copy,
-        [&](const CopyOptions& chosen) {
-            return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
-        },
-        options.progress ? ProgressMode::Always : ProgressMode::Auto);
-    printDerivedFile(options.file, output, report, options.json);
-    return 0;
+    return copyReporting("cloning", options.file, options.output, copy, options.progress, options.json);
 }
 
 int runMerge(const MergeOptions& options) {
@@ -576,7 +539,7 @@ int runMerge(const MergeOptions& options) {
         [&](const CopyOptions& chosen) {
             return Marivane::Logging::Algorithms::merge(inputs, options.output, chosen);
         },
-        options.progress ? ProgressMode::Always : ProgressMode::Auto);
+        progressMode(options.progress));
     printMergeReport(options, report, warnings);
     return 0;
 }

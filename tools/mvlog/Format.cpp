@@ -106,12 +106,6 @@ void appendIsoTimestamp(std::string& text, int64_t millisecondsSinceEpoch) {
     text += fraction.data();
 }
 
-std::string hexPrefix(const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum) {
-    std::string text;
-    appendHexPrefix(text, bytes, maximum);
-    return text;
-}
-
 void appendHexPrefix(std::string& text, const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum) {
     constexpr const char* kDigits = "0123456789abcdef";
     const std::size_t shown = std::min(bytes.size(), maximum);
@@ -252,13 +246,6 @@ std::string propertyValueText(const Marivane::Logging::PropertyValue& value) {
 std::string propertyTypeName(const Marivane::Logging::PropertyValue& value) {
     constexpr std::array<const char*, 4> kNames = {"int32", "int64", "double", "text"};
     return kNames.at(value.index());
-}
-
-std::optional<double> meanRateHz(int64_t entryCount, uint64_t spanMilliseconds) {
-    if (entryCount < 2 || spanMilliseconds == 0) {
-        return std::nullopt;
-    }
-    return static_cast<double>(entryCount - 1) * 1000.0 / static_cast<double>(spanMilliseconds);
 }
 
 }  // namespace Mvlog

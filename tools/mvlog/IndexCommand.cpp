@@ -33,7 +33,7 @@ int runIndex(const IndexOptions& options) {
         std::fflush(stdout);
     }
     const auto started = std::chrono::steady_clock::now();
-    ProgressBar bar("indexing", "entries", options.progress ? ProgressMode::Always : ProgressMode::Auto);
+    ProgressBar bar("indexing", "entries", progressMode(options.progress));
     const bool built =
         file->createTimeIndex([&bar](uint64_t indexed, uint64_t total) { bar.update(indexed, total); });
     if (!built) {

@@ -12,29 +12,18 @@ namespace Mvlog {
 
 int runPlay(const PlayOptions& options) {
     auto file = openExistingLogFile(options.file);
-    ReplaySettings settings;
-    settings.speed = options.speed;
-    settings.loop = options.loop;
-    settings.sourceTypes = options.sourceTypes;
-    settings.maxDelayMs = options.maxDelayMs;
-    settings.fromFrame = options.fromFrame;
+    ReplaySettings settings = options.replay;
+    const TimeWindow window = parseTimeWindow(options.start, options.end, *file);
     if (options.start) {
-        settings.fromTimestamp = parseTime("--start", *options.start, *file);
+        settings.fromTimestamp = window.start;
     }
     if (options.end) {
-        settings.toTimestamp = parseTime("--end", *options.end, *file);
-        if (settings.fromTimestamp && *settings.fromTimestamp > *settings.toTimestamp) {
-            throw ToolError("refused: the time range is reversed (--start is after --end)");
-        }
+        settings.toTimestamp = window.end;
     }
-    settings.order = options.idOrder ? Marivane::Logging::Playback::FrameOrder::Id
-                                     : Marivane::Logging::Playback::FrameOrder::Time;
-    settings.pacing = options.carryPacing ? Marivane::Logging::Playback::Pacing::CarryMilliseconds
-                                          : Marivane::Logging::Playback::Pacing::Exact;
     settings.style = isTerminal(stdout) ? StatusStyle::Live : StatusStyle::EveryFrame;
     settings.interactive = isTerminal(stdin) && isTerminal(stdout);
 
-    fmt::print("Playing {} at {}x{}; {}\n", options.file, options.speed, options.loop ? ", looping" : "",
+    fmt::print("Playing {} at {}x{}; {}\n", options.file, settings.speed, settings.loop ? ", looping" : "",
                settings.interactive ? "space pauses, arrow keys step, q or Ctrl-C stops" : "Ctrl-C stops");
     std::fflush(stdout);
     const ReplayReport report = replayLogFile(std::move(file), settings, stdout);
@@ -42,7 +31,7 @@ int runPlay(const PlayOptions& options) {
         fmt::print("Nothing to play: the file has no entries.\n");
         return 0;
     }
-    fmt::print("{}\n", replayReportText(report, options.speed));
+    fmt::print("{}\n", replayReportText(report, settings.speed));
     if (report.damagedEntries == 1) {
         throw ToolError(
             "1 entry has a damaged payload and was played as an empty frame; run `mvlog check` for details");

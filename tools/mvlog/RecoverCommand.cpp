@@ -63,14 +63,13 @@ void printJsonReport(const Marivane::Logging::RecoveryReport& report, const std:
     nlohmann::ordered_json document;
     document["input"] = input;
     document["output"] = output;
-    nlohmann::ordered_json lostIds = nlohmann::ordered_json::array();
-    for (const Marivane::Logging::EntryIdRange& run : report.lostEntryIds) {
-        lostIds.push_back({{"first", run.first}, {"last", run.last}});
-    }
+    const auto runJson = [](const Marivane::Logging::EntryIdRange& run) {
+        return nlohmann::ordered_json{{"first", run.first}, {"last", run.last}};
+    };
     document["entries"] = {{"recovered", report.entriesRecovered},
                            {"lost", report.entriesLost},
                            {"lostIsLowerBound", report.entriesLostIsLowerBound},
-                           {"lostIds", lostIds}};
+                           {"lostIds", jsonArray(report.lostEntryIds, runJson)}};
     document["dataSources"] = {{"recovered", report.dataSourcesRecovered},
                                {"recreated", report.dataSourcesRecreated}};
     document["properties"] = recoveredAndLost(report.propertiesRecovered, report.propertiesLost);
@@ -91,7 +90,7 @@ int runRecover(const RecoverOptions& options) {
     Marivane::Logging::RecoverOptions salvage;
     salvage.applicationName = kToolName;
     salvage.applicationVersion = kToolVersion;
-    ProgressBar status("recovering", "entries", options.progress ? ProgressMode::Always : ProgressMode::Auto);
+    ProgressBar status("recovering", "entries", progressMode(options.progress));
     if (status.isShown()) {
         salvage.progress = [&](uint64_t recovered) { status.update(recovered); };
     }

@@ -421,13 +421,6 @@ private:
     bool paused_ = false;
 };
 
-void requireFrame(int32_t frame, std::size_t frameCount) {
-    if (frame < 0 || static_cast<std::size_t>(frame) >= frameCount) {
-        throw ToolError(fmt::format("frame {} does not exist (the replay has frames 0 to {})", frame,
-                                    static_cast<int64_t>(frameCount) - 1));
-    }
-}
-
 }  // namespace
 
 ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplaySettings& settings,
@@ -450,7 +443,10 @@ ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplayS
     if (report.frameCount == 0) {
         return report;
     }
-    requireFrame(settings.fromFrame, report.frameCount);
+    if (settings.fromFrame < 0 || static_cast<std::size_t>(settings.fromFrame) >= report.frameCount) {
+        throw ToolError(fmt::format("frame {} does not exist (the replay has frames 0 to {})",
+                                    settings.fromFrame, static_cast<int64_t>(report.frameCount) - 1));
+    }
     auto lastFrame = static_cast<int32_t>(report.frameCount - 1);
     if (settings.toTimestamp) {
         // The frame count at or before the end, found by the player's own

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <optional>
 
@@ -13,10 +14,6 @@ namespace Mvlog {
 
 using Marivane::Logging::DataSource;
 
-namespace {
-
-// The number a whole-number text stands for, read as the numeric options read
-// it (base 0: 0x10 and 010 alike).
 std::optional<int64_t> wholeNumber(const std::string& text) {
     std::size_t used = 0;
     long long value = 0;
@@ -31,9 +28,21 @@ std::optional<int64_t> wholeNumber(const std::string& text) {
     return value;
 }
 
-std::string describe(const DataSource& source) {
-    return fmt::format("{} ({})", printable(source.name), source.id);
+std::optional<double> finiteNumber(const std::string& text) {
+    std::size_t used = 0;
+    double value = 0;
+    try {
+        value = std::stod(text, &used);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+    if (used != text.size() || !std::isfinite(value)) {
+        return std::nullopt;
+    }
+    return value;
 }
+
+namespace {
 
 int8_t idOf(const std::string& option, const std::string& text) {
     const std::optional<int64_t> value = wholeNumber(text);
@@ -58,7 +67,7 @@ int8_t idNamed(const std::string& option, const std::string& name, const std::ve
     if (matches.empty()) {
         std::vector<std::string> candidates;
         for (const DataSource& source : sources) {
-            candidates.push_back(describe(source));
+            candidates.push_back(fmt::format("{} ({})", printable(source.name), source.id));
         }
         throw UsageError(
             candidates.empty()

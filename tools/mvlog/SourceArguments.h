@@ -3,10 +3,17 @@
 #include <logging/Logging.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace Mvlog {
+
+// The number a whole text stands for, read as the numeric options read it:
+// whole numbers in base 0 (0x10 and 010 alike), reals only when finite (nan
+// and the infinities are no numbers here).
+std::optional<int64_t> wholeNumber(const std::string& text);
+std::optional<double> finiteNumber(const std::string& text);
 
 // Whether a `--source` value is meant as an id: it starts with a digit, after
 // an optional sign. Any other text is a name.

@@ -33,17 +33,14 @@ std::string sizeText(uint64_t bytes) {
     return fmt::format("{} ({} bytes)", humanSize(bytes), bytes);
 }
 
-std::string orUnknown(const std::optional<std::string>& text) {
-    return text ? *text : "(missing)";
-}
-
-std::string rateText(const SourceSummary& source) {
-    if (!source.firstTimestamp) {
-        return "no mean rate";
+// Whole entries per second over the source's span, or nothing when the span
+// is empty.
+std::optional<double> meanRateHz(const SourceSummary& source) {
+    if (!source.firstTimestamp || source.entryCount < 2 || *source.firstTimestamp == *source.lastTimestamp) {
+        return std::nullopt;
     }
-    const std::optional<double> rate =
-        meanRateHz(source.entryCount, spanMilliseconds(*source.firstTimestamp, *source.lastTimestamp));
-    return rate ? fmt::format("{:.2f} Hz mean rate", *rate) : "no mean rate";
+    return static_cast<double>(source.entryCount - 1) * 1000.0 /
+           static_cast<double>(spanMilliseconds(*source.firstTimestamp, *source.lastTimestamp));
 }
 
 void appendHeader(std::string& text, const FileSummary& summary) {
@@ -60,10 +57,10 @@ void appendHeader(std::string& text, const FileSummary& summary) {
                            : "fast (no flushes, journal in memory)");
     line("Created", summary.createdDateTime
                         ? fmt::format("{} (stored time zone \"{}\")", isoTimestamp(*summary.createdDateTime),
-                                      printable(orUnknown(summary.timeZone)))
+                                      printable(summary.timeZone.value_or("(missing)")))
                         : "(missing)");
-    line("Application", fmt::format("{} {}", printable(orUnknown(summary.applicationName)),
-                                    printable(orUnknown(summary.applicationVersion))));
+    line("Application", fmt::format("{} {}", printable(summary.applicationName.value_or("(missing)")),
+                                    printable(summary.applicationVersion.value_or("(missing)"))));
     // Derived files record only what changed: a name, a version, or both.
     if (summary.oldApplicationName || summary.oldApplicationVersion) {
         line("Earlier producer",
@@ -82,59 +79,31 @@ void appendHeader(std::string& text, const FileSummary& summary) {
     line("Payload bytes", sizeText(summary.payloadBytes) + ", as logged (before compression)");
 }
 
-void appendMetadata(std::string& text, const FileSummary& summary) {
-    text += fmt::format("\nMetadata ({})\n", summary.metadata.size());
-    for (const LogMetadataEntry& entry : summary.metadata) {
-        text += fmt::format("  {:<22} {} ({})\n", printable(entry.key), propertyValueText(entry.value),
-                            propertyTypeName(entry.value));
+// "\nTitle (count)\n", a line for each element (`line` may break it in
+// more), and why the list may be short when a read failed.
+template <typename Range, typename Line>
+void appendSection(std::string& text, const char* title, const Range& range, const Line& line,
+                   const std::optional<std::string>& error = std::nullopt) {
+    text += fmt::format("\n{} ({})\n", title, range.size());
+    for (const auto& element : range) {
+        text += fmt::format("  {}\n", line(element));
+    }
+    if (error) {
+        text += fmt::format("  cannot be read: {}\n", *error);
     }
 }
 
-void appendSources(std::string& text, const FileSummary& summary) {
-    text += fmt::format("\nData sources ({})\n", summary.sources.size());
-    for (const SourceSummary& source : summary.sources) {
-        text += fmt::format("  [{}] {} \"{}\": {} entries, {} payload, {}\n", source.source.id,
-                            dataSourceTypeName(source.source.type), printable(source.source.name),
-                            source.entryCount, humanSize(source.payloadBytes), rateText(source));
-        for (const DataSourceProperty& property : source.properties) {
-            text += fmt::format("      {} = {} ({})\n", printable(property.propertyName),
-                                propertyValueText(property.value), propertyTypeName(property.value));
-        }
+std::string sourceLines(const SourceSummary& source) {
+    const std::optional<double> rate = meanRateHz(source);
+    std::string lines = fmt::format("[{}] {} \"{}\": {} entries, {} payload, {}", source.source.id,
+                                    dataSourceTypeName(source.source.type), printable(source.source.name),
+                                    source.entryCount, humanSize(source.payloadBytes),
+                                    rate ? fmt::format("{:.2f} Hz mean rate", *rate) : "no mean rate");
+    for (const DataSourceProperty& property : source.properties) {
+        lines += fmt::format("\n      {} = {} ({})", printable(property.propertyName),
+                             propertyValueText(property.value), propertyTypeName(property.value));
     }
-}
-
-void appendEntryTypes(std::string& text, const FileSummary& summary) {
-    text += fmt::format("\nEntry types ({})\n", summary.entryTypes.size());
-    for (const auto& [type, count] : summary.entryTypes) {
-        text += fmt::format("  type {}: {} entries\n", type, count);
-    }
-}
-
-void appendResources(std::string& text, const FileSummary& summary) {
-    text += fmt::format("\nResources ({})\n", summary.resources.size());
-    for (const ResourceSummary& resource : summary.resources) {
-        text += fmt::format("  {}: {}\n", printable(resource.name), sizeText(resource.size));
-    }
-    if (summary.resourceError) {
-        text += fmt::format("  cannot be read: {}\n", *summary.resourceError);
-    }
-}
-
-void appendBookmarks(std::string& text, const FileSummary& summary) {
-    text += fmt::format("\nBookmarks ({})\n", summary.bookmarks.size());
-    for (const Bookmark& bookmark : summary.bookmarks) {
-        text += fmt::format("  entry {}: \"{}\"", bookmark.entryId, printable(bookmark.title));
-        if (!bookmark.comments.empty()) {
-            text += fmt::format(" - {}", printable(bookmark.comments));
-        }
-        if (!bookmark.payload.empty()) {
-            text += fmt::format(" [payload {}]", humanSize(bookmark.payload.size()));
-        }
-        text += '\n';
-    }
-    if (summary.bookmarkError) {
-        text += fmt::format("  cannot be read: {}\n", *summary.bookmarkError);
-    }
+    return lines;
 }
 
 void appendDamage(std::string& text, const FileSummary& summary) {
@@ -164,33 +133,28 @@ ordered_json optionalJson(const std::optional<T>& value) {
     return value ? ordered_json(*value) : ordered_json(nullptr);
 }
 
-ordered_json typeJson(MV_LogDataSourceType type) {
-    const std::string name = dataSourceTypeName(type);
-    return name == std::to_string(static_cast<int32_t>(type)) ? ordered_json(static_cast<int32_t>(type))
-                                                              : ordered_json(name);
+// A common type by its name, any other by its number.
+ordered_json sourceTypeJson(MV_LogDataSourceType type) {
+    const char* name = Marivane::Logging::commonDataSourceTypeName(type);
+    return name != nullptr ? ordered_json(name) : ordered_json(static_cast<int32_t>(type));
 }
 
 ordered_json sourceJson(const SourceSummary& source) {
-    ordered_json properties = ordered_json::array();
-    for (const DataSourceProperty& property : source.properties) {
-        properties.push_back({{"name", property.propertyName},
-                              {"value", valueJson(property.value)},
-                              {"valueType", propertyTypeName(property.value)}});
-    }
-    const std::optional<double> rate =
-        source.firstTimestamp
-            ? meanRateHz(source.entryCount, spanMilliseconds(*source.firstTimestamp, *source.lastTimestamp))
-            : std::nullopt;
+    const auto propertyJson = [](const DataSourceProperty& property) {
+        return ordered_json{{"name", property.propertyName},
+                            {"value", valueJson(property.value)},
+                            {"valueType", propertyTypeName(property.value)}};
+    };
     return {{"id", source.source.id},
-            {"type", typeJson(source.source.type)},
+            {"type", sourceTypeJson(source.source.type)},
             {"typeValue", static_cast<int32_t>(source.source.type)},
             {"name", source.source.name},
-            {"properties", std::move(properties)},
+            {"properties", jsonArray(source.properties, propertyJson)},
             {"entryCount", source.entryCount},
             {"payloadBytes", source.payloadBytes},
             {"firstTimestamp", optionalJson(source.firstTimestamp)},
             {"lastTimestamp", optionalJson(source.lastTimestamp)},
-            {"meanRateHz", optionalJson(rate)}};
+            {"meanRateHz", optionalJson(meanRateHz(source))}};
 }
 
 ordered_json createdJson(const FileSummary& summary) {
@@ -212,14 +176,35 @@ ordered_json entriesJson(const FileSummary& summary) {
 
 }  // namespace
 
+std::string bookmarkText(const Bookmark& bookmark) {
+    std::string line = fmt::format("entry {}: \"{}\"", bookmark.entryId, printable(bookmark.title));
+    if (!bookmark.comments.empty()) {
+        line += fmt::format(" - {}", printable(bookmark.comments));
+    }
+    if (!bookmark.payload.empty()) {
+        line += fmt::format(" [payload {}]", humanSize(bookmark.payload.size()));
+    }
+    return line;
+}
+
 std::string summaryText(const FileSummary& summary) {
     std::string text;
     appendHeader(text, summary);
-    appendMetadata(text, summary);
-    appendSources(text, summary);
-    appendEntryTypes(text, summary);
-    appendResources(text, summary);
-    appendBookmarks(text, summary);
+    appendSection(text, "Metadata", summary.metadata, [](const LogMetadataEntry& entry) {
+        return fmt::format("{:<22} {} ({})", printable(entry.key), propertyValueText(entry.value),
+                           propertyTypeName(entry.value));
+    });
+    appendSection(text, "Data sources", summary.sources, sourceLines);
+    appendSection(text, "Entry types", summary.entryTypes, [](const auto& type) {
+        return fmt::format("type {}: {} entries", type.first, type.second);
+    });
+    appendSection(
+        text, "Resources", summary.resources,
+        [](const ResourceSummary& resource) {
+            return fmt::format("{}: {}", printable(resource.name), sizeText(resource.size));
+        },
+        summary.resourceError);
+    appendSection(text, "Bookmarks", summary.bookmarks, bookmarkText, summary.bookmarkError);
     appendDamage(text, summary);
     return text;
 }
@@ -229,29 +214,21 @@ ordered_json summaryJson(const FileSummary& summary) {
     for (const LogMetadataEntry& entry : summary.metadata) {
         metadata[entry.key] = valueJson(entry.value);
     }
-    ordered_json sources = ordered_json::array();
-    for (const SourceSummary& source : summary.sources) {
-        sources.push_back(sourceJson(source));
-    }
-    ordered_json types = ordered_json::array();
-    for (const auto& [type, count] : summary.entryTypes) {
-        types.push_back({{"type", type}, {"count", count}});
-    }
-    ordered_json resources = ordered_json::array();
-    for (const ResourceSummary& resource : summary.resources) {
-        resources.push_back({{"name", resource.name}, {"size", resource.size}});
-    }
-    ordered_json bookmarks = ordered_json::array();
-    for (const Bookmark& bookmark : summary.bookmarks) {
-        bookmarks.push_back({{"entryId", bookmark.entryId},
-                             {"title", bookmark.title},
-                             {"comments", bookmark.comments},
-                             {"payloadSize", bookmark.payload.size()}});
-    }
-    ordered_json damaged = ordered_json::array();
-    for (const DamagedEntry& entry : summary.damagedEntries) {
-        damaged.push_back({{"entryId", entry.entryId}, {"reason", entry.reason}});
-    }
+    const auto entryTypeJson = [](const auto& type) {
+        return ordered_json{{"type", type.first}, {"count", type.second}};
+    };
+    const auto resourceJson = [](const ResourceSummary& resource) {
+        return ordered_json{{"name", resource.name}, {"size", resource.size}};
+    };
+    const auto bookmarkJson = [](const Bookmark& bookmark) {
+        return ordered_json{{"entryId", bookmark.entryId},
+                            {"title", bookmark.title},
+                            {"comments", bookmark.comments},
+                            {"payloadSize", bookmark.payload.size()}};
+    };
+    const auto damagedJson = [](const DamagedEntry& entry) {
+        return ordered_json{{"entryId", entry.entryId}, {"reason", entry.reason}};
+    };
     return {{"path", summary.path.string()},
             {"sizeOnDisk", summary.sizeOnDisk},
             {"formatVersion", optionalJson(summary.formatVersion)},
@@ -264,13 +241,13 @@ ordered_json summaryJson(const FileSummary& summary) {
             {"oldApplicationVersion", optionalJson(summary.oldApplicationVersion)},
             {"metadata", std::move(metadata)},
             {"entries", entriesJson(summary)},
-            {"dataSources", std::move(sources)},
-            {"entryTypes", std::move(types)},
-            {"resources", std::move(resources)},
+            {"dataSources", jsonArray(summary.sources, sourceJson)},
+            {"entryTypes", jsonArray(summary.entryTypes, entryTypeJson)},
+            {"resources", jsonArray(summary.resources, resourceJson)},
             {"resourceError", optionalJson(summary.resourceError)},
-            {"bookmarks", std::move(bookmarks)},
+            {"bookmarks", jsonArray(summary.bookmarks, bookmarkJson)},
             {"bookmarkError", optionalJson(summary.bookmarkError)},
-            {"damagedEntries", std::move(damaged)},
+            {"damagedEntries", jsonArray(summary.damagedEntries, damagedJson)},
             {"entriesMissingFromIndex", summary.entriesMissingFromIndex}};
 }
 

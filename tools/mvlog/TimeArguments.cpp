@@ -1,6 +1,7 @@
 #include "TimeArguments.h"
 
 #include "LogFileAccess.h"
+#include "SourceArguments.h"
 
 #include <fmt/format.h>
 
@@ -21,14 +22,8 @@ std::optional<int64_t> parseRelativeTime(const std::string& text, const SqliteLo
     if (text.empty() || text[0] != '+') {
         return std::nullopt;
     }
-    std::size_t used = 0;
-    double seconds = 0;
-    try {
-        seconds = std::stod(text.substr(1), &used);
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
-    if (used + 1 != text.size() || !std::isfinite(seconds)) {
+    const std::optional<double> seconds = finiteNumber(text.substr(1));
+    if (!seconds) {
         return std::nullopt;
     }
     // The first entry's timestamp alone: no payload is read.
@@ -36,7 +31,7 @@ std::optional<int64_t> parseRelativeTime(const std::string& text, const SqliteLo
     if (!first) {
         throw ToolError("refused: a time relative to the first entry needs a file with entries");
     }
-    return *first + std::llround(seconds * 1000.0);
+    return *first + std::llround(*seconds * 1000.0);
 }
 
 // "2026-11-21T11:58:05.5Z", "2026-11-21T12:58:05+01:00" or without a zone (UTC).
@@ -76,8 +71,6 @@ std::optional<int64_t> parseIsoTime(const std::string& text) {
     return (static_cast<int64_t>(timegm(&parts)) - offsetMinutes * 60) * 1000 + milliseconds;
 }
 
-}  // namespace
-
 int64_t parseTime(const std::string& option, const std::string& text, const SqliteLogFile& file) {
     if (std::optional<int64_t> relative = parseRelativeTime(text, file)) {
         return *relative;
@@ -89,6 +82,23 @@ int64_t parseTime(const std::string& option, const std::string& text, const Sqli
         fmt::format("{} {}: not a time (use ISO 8601 such as 2026-11-21T11:58:05.5Z, or seconds "
                     "after the first entry such as +12.5)",
                     option, text));
+}
+
+}  // namespace
+
+TimeWindow parseTimeWindow(const std::optional<std::string>& start, const std::optional<std::string>& end,
+                           const SqliteLogFile& file) {
+    TimeWindow window;
+    if (start) {
+        window.start = parseTime("--start", *start, file);
+    }
+    if (end) {
+        window.end = parseTime("--end", *end, file);
+    }
+    if (window.end < window.start) {
+        throw ToolError("refused: the time range is reversed (--start is after --end)");
+    }
+    return window;
 }
 
 }  // namespace Mvlog
