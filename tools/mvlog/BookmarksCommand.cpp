@@ -37,12 +37,17 @@ void printChange(const BookmarksOptions& options, const char* action, const Book
     fmt::print("{}\n", dumpJson(document, 2));
 }
 
-std::vector<Bookmark> bookmarksOn(const LogFileInterface& file, int32_t entryId) {
+// The bookmarks of the entry that update and remove address; there must be
+// one at least.
+std::vector<Bookmark> bookmarksOn(const LogFileInterface& file, const BookmarksOptions& options) {
     std::vector<Bookmark> found;
     for (Bookmark& bookmark : file.getBookmarks()) {
-        if (bookmark.entryId == entryId) {
+        if (bookmark.entryId == options.entryId) {
             found.push_back(std::move(bookmark));
         }
+    }
+    if (found.empty()) {
+        throw ToolError(fmt::format("{}: no bookmark on entry {}", options.file, options.entryId));
     }
     return found;
 }
@@ -86,10 +91,7 @@ int addBookmark(LogFileInterface& file, const BookmarksOptions& options) {
 // Updating addresses every bookmark of the entry and rewrites the payload
 // too, so the existing payload and (unless given) comments are carried over.
 int updateBookmark(LogFileInterface& file, const BookmarksOptions& options) {
-    const std::vector<Bookmark> existing = bookmarksOn(file, options.entryId);
-    if (existing.empty()) {
-        throw ToolError(fmt::format("{}: no bookmark on entry {}", options.file, options.entryId));
-    }
+    const std::vector<Bookmark> existing = bookmarksOn(file, options);
     Bookmark bookmark = existing.front();
     bookmark.title = options.title;
     if (options.comments) {
@@ -101,10 +103,7 @@ int updateBookmark(LogFileInterface& file, const BookmarksOptions& options) {
 }
 
 int removeBookmark(LogFileInterface& file, const BookmarksOptions& options) {
-    const std::vector<Bookmark> existing = bookmarksOn(file, options.entryId);
-    if (existing.empty()) {
-        throw ToolError(fmt::format("{}: no bookmark on entry {}", options.file, options.entryId));
-    }
+    const std::vector<Bookmark> existing = bookmarksOn(file, options);
     requireWritten(file.removeBookmark(existing.front()), file, "remove the bookmark");
     if (options.json) {
         nlohmann::ordered_json document;

@@ -1,10 +1,9 @@
+#include "Arguments.h"
 #include "Commands.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "ProgressBar.h"
-#include "SourceArguments.h"
 #include "Terminal.h"
-#include "TimeArguments.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -66,19 +65,6 @@ const SourceLabel& labelOf(const SourceLabels& labels, int8_t id) {
     static const SourceLabel kNone;
     const auto found = labels.find(id);
     return found == labels.end() ? kNone : found->second;
-}
-
-EntrySelection selectionOf(const CatOptions& options, const Marivane::Logging::LogFileInterface& file) {
-    EntrySelection selection;
-    selection.from = options.from;
-    selection.to = options.to;
-    selection.limit = options.limit;
-    selection.order =
-        options.idOrder ? Marivane::Logging::EntryOrder::Id : Marivane::Logging::EntryOrder::Time;
-    selection.filter.dataTypes = options.types;
-    selection.filter.dataSources = resolveDataSources("--source", options.sources, file.getDataSources());
-    selection.filter.dataSourceTypes = options.sourceTypes;
-    return selection;
 }
 
 std::string base64(const ByteBuffer& bytes) {
@@ -293,24 +279,20 @@ void followNewEntries(const SqliteLogFile& file, const CatOptions& options, cons
     }
 }
 
-// How many entries the file counts beyond those its index lists: reading
-// the index ends silently at a damaged page. 0 when they agree or the count
-// itself fails.
-int64_t entriesMissingFromIndex(const SqliteLogFile& file) {
-    const int32_t counted = file.getEntryCount();
-    if (counted < 0) {
-        return 0;
-    }
-    const auto listed = static_cast<int64_t>(file.getEntryIndex(EntryIndexFilter{}).size());
-    return std::max<int64_t>(0, counted - listed);
-}
-
 }  // namespace
 
 int runCat(const CatOptions& options) {
     const auto file = openExistingLogFile(options.file);
     const SourceLabels names = sourceLabelsOf(*file);
-    EntrySelection selection = selectionOf(options, *file);
+    EntrySelection selection;
+    selection.from = options.from;
+    selection.to = options.to;
+    selection.limit = options.limit;
+    selection.order =
+        options.idOrder ? Marivane::Logging::EntryOrder::Id : Marivane::Logging::EntryOrder::Time;
+    selection.filter.dataTypes = options.types;
+    selection.filter.dataSources = resolveDataSources("--source", options.sources, file->getDataSources());
+    selection.filter.dataSourceTypes = options.sourceTypes;
     const TimeWindow window = parseTimeWindow(options.start, options.end, *file);
     selection.startTimestamp = window.start;
     selection.endTimestamp = window.end;
@@ -350,11 +332,13 @@ int runCat(const CatOptions& options) {
         throw ToolError(fmt::format("{} of {} entries could not be read", damaged, scanner.metCount()));
     }
     // A scan of the whole file met every entry it could reach; a narrower one
-    // compares the file's count with its index.
-    const int64_t missing =
-        scanner.coversWholeFile()
-            ? std::max<int64_t>(0, file->getEntryCount() - static_cast<int64_t>(scanner.metCount()))
-            : entriesMissingFromIndex(*file);
+    // compares the file's count with its index, whose reading ends silently
+    // at a damaged page. None is missing when the count itself fails.
+    const int32_t counted = file->getEntryCount();
+    const auto reached = static_cast<int64_t>(counted < 0 || scanner.coversWholeFile()
+                                                  ? scanner.metCount()
+                                                  : file->getEntryIndex(EntryIndexFilter{}).size());
+    const int64_t missing = std::max<int64_t>(0, counted - reached);
     if (missing != 0) {
         throw ToolError(fmt::format(
             "{} entries of the file are missing from its index (behind a damaged page) and were not printed",

@@ -1,9 +1,9 @@
 #include "CommandLine.h"
 
+#include "Arguments.h"
 #include "Commands.h"
 #include "Format.h"
 #include "LogFileAccess.h"
-#include "SourceArguments.h"
 #include "Terminal.h"
 
 #include <fmt/format.h>

@@ -1,12 +1,12 @@
+#include "Arguments.h"
 #include "Commands.h"
 #include "Derivation.h"
 #include "Format.h"
 #include "LogFileAccess.h"
-#include "SourceArguments.h"
 #include "Terminal.h"
-#include "TimeArguments.h"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -128,46 +128,32 @@ private:
     bool restored_ = false;
 };
 
-// The report travels from the child as numbers and length-prefixed texts.
+// The report travels from the child as CBOR after an "R": texts in it are
+// bytes, as the library's notes are, whatever their encoding.
 std::string encodeReport(const CopyReport& report) {
-    std::string text = "R";
-    for (const uint64_t number :
-         {report.entries, report.dataSources, report.bookmarks, report.resources,
-          report.payloadsCopiedAsStored, static_cast<uint64_t>(report.notes.size())}) {
-        text += std::to_string(number) + '\n';
-    }
-    for (const std::string& note : report.notes) {
-        text += std::to_string(note.size()) + '\n' + note;
-    }
-    return text;
+    const std::vector<uint8_t> bytes = nlohmann::json::to_cbor({{"entries", report.entries},
+                                                                {"dataSources", report.dataSources},
+                                                                {"bookmarks", report.bookmarks},
+                                                                {"resources", report.resources},
+                                                                {"stored", report.payloadsCopiedAsStored},
+                                                                {"notes", report.notes}});
+    return "R" + std::string(bytes.begin(), bytes.end());
 }
 
 CopyReport decodeReport(const std::string& text) {
-    std::size_t at = 1;
-    const auto cutShort = [] { return ToolError("the report of the derivation is cut short"); };
-    const auto number = [&] {
-        const std::size_t end = text.find('\n', at);
-        if (end == std::string::npos) {
-            throw cutShort();
-        }
-        const uint64_t value = std::stoull(text.substr(at, end - at));
-        at = end + 1;
-        return value;
-    };
-    CopyReport report;
-    for (uint64_t* count : {&report.entries, &report.dataSources, &report.bookmarks, &report.resources,
-                            &report.payloadsCopiedAsStored}) {
-        *count = number();
+    try {
+        const nlohmann::json fields = nlohmann::json::from_cbor(text.begin() + 1, text.end());
+        CopyReport report;
+        report.entries = fields.at("entries");
+        report.dataSources = fields.at("dataSources");
+        report.bookmarks = fields.at("bookmarks");
+        report.resources = fields.at("resources");
+        report.payloadsCopiedAsStored = fields.at("stored");
+        report.notes = fields.at("notes").get<std::vector<std::string>>();
+        return report;
+    } catch (const nlohmann::json::exception&) {
+        throw ToolError("the report of the derivation is cut short");
     }
-    for (uint64_t notes = number(); notes > 0; --notes) {
-        const uint64_t size = number();
-        if (size > text.size() - at) {
-            throw cutShort();
-        }
-        report.notes.push_back(text.substr(at, size));
-        at += size;
-    }
-    return report;
 }
 
 void writeAll(int descriptor, const std::string& text) {
@@ -387,33 +373,31 @@ std::vector<std::string> repeatedInputWarnings(const std::vector<std::string>& f
     return warnings;
 }
 
-// The library's notes, one sentence each, as fields: the sentences are the
-// library's own, so a test pins them.
-nlohmann::ordered_json noteFields(const std::vector<std::string>& notes) {
+// The library's notes, one sentence each, as fields of the document: the
+// sentences are the library's own, so a test pins them.
+void addNoteFields(nlohmann::ordered_json& document, const std::vector<std::string>& notes) {
     static const std::regex renumbered(
         R"re(Data source (-?\d+) \("(.*)"\) of '(.*)' became data source (-?\d+): its id was taken by an earlier input\.)re");
     static const std::regex resource(
         R"re(Resource "(.*)" of '(.*)' has the name of an earlier input's resource and was not copied\.)re");
     static const std::regex metadata(
         R"re(Metadata "(.*)" of '(.*)' differs from an earlier input's and was not copied\.)re");
-    nlohmann::ordered_json fields;
-    fields["renumberedSources"] = nlohmann::ordered_json::array();
-    fields["skippedResources"] = nlohmann::ordered_json::array();
-    fields["skippedMetadata"] = nlohmann::ordered_json::array();
+    document["renumberedSources"] = nlohmann::ordered_json::array();
+    document["skippedResources"] = nlohmann::ordered_json::array();
+    document["skippedMetadata"] = nlohmann::ordered_json::array();
     for (const std::string& note : notes) {
         std::smatch match;
         if (std::regex_match(note, match, renumbered)) {
-            fields["renumberedSources"].push_back({{"input", match[3].str()},
-                                                   {"name", match[2].str()},
-                                                   {"from", std::stoi(match[1].str())},
-                                                   {"to", std::stoi(match[4].str())}});
+            document["renumberedSources"].push_back({{"input", match[3].str()},
+                                                     {"name", match[2].str()},
+                                                     {"from", std::stoi(match[1].str())},
+                                                     {"to", std::stoi(match[4].str())}});
         } else if (std::regex_match(note, match, resource)) {
-            fields["skippedResources"].push_back({{"input", match[2].str()}, {"name", match[1].str()}});
+            document["skippedResources"].push_back({{"input", match[2].str()}, {"name", match[1].str()}});
         } else if (std::regex_match(note, match, metadata)) {
-            fields["skippedMetadata"].push_back({{"input", match[2].str()}, {"key", match[1].str()}});
+            document["skippedMetadata"].push_back({{"input", match[2].str()}, {"key", match[1].str()}});
         }
     }
-    return fields;
 }
 
 std::string countOf(uint64_t count, const char* one, const char* many) {
@@ -437,10 +421,7 @@ void printMergeReport(const MergeOptions& options, const CopyReport& report,
         document["output"] = options.output;
         document["inputs"] = options.files;
         addCopyCounts(document, report);
-        const nlohmann::ordered_json fields = noteFields(report.notes);
-        for (const auto& [key, value] : fields.items()) {
-            document[key] = value;
-        }
+        addNoteFields(document, report.notes);
         document["notes"] = report.notes;
         document["warnings"] = warnings;
         fmt::print("{}\n", dumpJson(document, 2));

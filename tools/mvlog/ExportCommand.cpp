@@ -101,19 +101,6 @@ void requireStandardOutput(bool written) {
     }
 }
 
-// Never over the log file being read (whatever name reaches it), and over
-// any other existing file only when asked.
-void refuseUnsafeOutput(const ExportOptions& options) {
-    std::error_code error;
-    if (std::filesystem::equivalent(options.output, options.file, error)) {
-        throw ToolError(fmt::format("refused: {} is the log file being read", options.output));
-    }
-    if (!options.force && somethingExistsAt(options.output)) {
-        throw ToolError(
-            fmt::format("refused: {} already exists (use --force to replace it)", options.output));
-    }
-}
-
 // The bytes go to a temporary name beside the output and take its name only
 // when complete: a failure half way leaves no partial file under it.
 class PendingExport {
@@ -162,7 +149,16 @@ int runExport(const ExportOptions& options) {
     const auto file = openExistingLogFile(options.file);
     std::optional<PendingExport> pending;
     if (options.output != kStandardOutput) {
-        refuseUnsafeOutput(options);
+        // Never over the log file being read (whatever name reaches it), and
+        // over any other existing file only when asked.
+        std::error_code error;
+        if (std::filesystem::equivalent(options.output, options.file, error)) {
+            throw ToolError(fmt::format("refused: {} is the log file being read", options.output));
+        }
+        if (!options.force && somethingExistsAt(options.output)) {
+            throw ToolError(
+                fmt::format("refused: {} already exists (use --force to replace it)", options.output));
+        }
         pending.emplace(options.output);
     }
     const auto write = [&](const std::byte* bytes, std::size_t size) {

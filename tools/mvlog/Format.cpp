@@ -9,22 +9,6 @@
 
 namespace Mvlog {
 
-namespace {
-
-// Floor division, so that instants before 1970 still split into a whole
-// second and a non-negative millisecond part.
-std::pair<int64_t, int64_t> splitMilliseconds(int64_t milliseconds) {
-    int64_t seconds = milliseconds / 1000;
-    int64_t rest = milliseconds % 1000;
-    if (rest < 0) {
-        rest += 1000;
-        --seconds;
-    }
-    return {seconds, rest};
-}
-
-}  // namespace
-
 std::string humanSize(uint64_t bytes) {
     constexpr double kKiB = 1024.0;
     if (bytes < 1024) {
@@ -76,7 +60,14 @@ std::string isoTimestamp(int64_t millisecondsSinceEpoch) {
 }
 
 void appendIsoTimestamp(std::string& text, int64_t millisecondsSinceEpoch) {
-    const auto [seconds, rest] = splitMilliseconds(millisecondsSinceEpoch);
+    // Floor division, so that instants before 1970 still split into a whole
+    // second and a non-negative millisecond part.
+    int64_t seconds = millisecondsSinceEpoch / 1000;
+    int64_t rest = millisecondsSinceEpoch % 1000;
+    if (rest < 0) {
+        rest += 1000;
+        --seconds;
+    }
     // Entries come a few to thousands a second: the calendar fields of the
     // last second are kept, "2024-05-01T12:00:00" without the milliseconds.
     struct LastSecond {
@@ -234,13 +225,7 @@ std::string propertyValueText(const Marivane::Logging::PropertyValue& value) {
     if (const auto* text = std::get_if<std::string>(&value)) {
         return fmt::format("\"{}\"", printable(*text));
     }
-    if (const auto* real = std::get_if<double>(&value)) {
-        return fmt::format("{}", *real);
-    }
-    if (const auto* wide = std::get_if<int64_t>(&value)) {
-        return std::to_string(*wide);
-    }
-    return std::to_string(std::get<int32_t>(value));
+    return std::visit([](const auto& number) { return fmt::format("{}", number); }, value);
 }
 
 std::string propertyTypeName(const Marivane::Logging::PropertyValue& value) {

@@ -1,8 +1,8 @@
+#include "Arguments.h"
 #include "Commands.h"
 #include "LogFileAccess.h"
 #include "Replay.h"
 #include "Terminal.h"
-#include "TimeArguments.h"
 
 #include <fmt/format.h>
 

@@ -15,10 +15,6 @@ namespace Mvlog {
 
 namespace {
 
-std::string idRunText(const Marivane::Logging::EntryIdRange& run) {
-    return run.first == run.last ? std::to_string(run.first) : fmt::format("{}-{}", run.first, run.last);
-}
-
 // Long lists of lost runs would bury the counts; the first ones show where
 // the damage lies, the count says how much there is.
 constexpr std::size_t kRunsShown = 20;
@@ -32,7 +28,9 @@ void printReport(const Marivane::Logging::RecoveryReport& report, const std::str
         std::string runs;
         for (std::size_t i = 0; i < report.lostEntryIds.size() && i < kRunsShown; ++i) {
             runs += i == 0 ? "" : ", ";
-            runs += idRunText(report.lostEntryIds[i]);
+            const Marivane::Logging::EntryIdRange& run = report.lostEntryIds[i];
+            runs +=
+                run.first == run.last ? std::to_string(run.first) : fmt::format("{}-{}", run.first, run.last);
         }
         if (report.lostEntryIds.size() > kRunsShown) {
             runs += fmt::format(", ... ({} runs in all)", report.lostEntryIds.size());
@@ -98,7 +96,6 @@ int runRecover(const RecoverOptions& options) {
     try {
         report = Marivane::Logging::Algorithms::recover(options.file, options.output, salvage);
     } catch (const std::exception& error) {
-        status.finish();
         throw ToolError(
             fmt::format("recover failed: {} (nothing was written to {})", error.what(), options.output));
     }

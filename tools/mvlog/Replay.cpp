@@ -319,14 +319,6 @@ private:
     Clock::time_point lastDrawn_;
 };
 
-std::map<int8_t, std::string> sourceNamesOf(const LogFileInterface& file) {
-    std::map<int8_t, std::string> names;
-    for (const DataSource& source : file.getDataSources()) {
-        names[source.id] = printable(source.name);
-    }
-    return names;
-}
-
 LogFilePlayer makePlayer(std::unique_ptr<LogFileInterface> file, const ReplaySettings& settings,
                          const Marivane::Logging::Playback::FrameCallback& callback) {
     // Returned as prvalues: a moved-from player must not be destroyed.
@@ -425,7 +417,10 @@ private:
 
 ReplayReport replayLogFile(std::unique_ptr<LogFileInterface> file, const ReplaySettings& settings,
                            std::FILE* stream) {
-    std::map<int8_t, std::string> names = sourceNamesOf(*file);
+    std::map<int8_t, std::string> names;
+    for (const DataSource& source : file->getDataSources()) {
+        names[source.id] = printable(source.name);
+    }
     ReplayReport report;
     auto damage = std::make_shared<DamageLog>();
 
