@@ -85,18 +85,18 @@ std::string base64(const ByteBuffer& bytes) {
 }
 
 // "#7  2024-05-01T12:00:00.250Z  source 1 \"imu\"  type 3  64 B", appended.
-void appendHeadline(std::string& line, const ScannedEntry& entry, std::size_t size,
-                    const SourceLabels& names) {
+std::string& appendHeadline(std::string& line, const ScannedEntry& entry, std::size_t size,
+                            const SourceLabels& names) {
     fmt::format_to(std::back_inserter(line), "#{}  ", entry.entryId);
     appendIsoTimestamp(line, entry.timestamp);
     fmt::format_to(std::back_inserter(line), "  source {} \"{}\"  type {}  {} B", entry.dataSourceId,
                    labelOf(names, entry.dataSourceId).printableName, entry.type, size);
+    return line;
 }
 
 std::string entryHeadline(const ScannedEntry& entry, std::size_t size, const SourceLabels& names) {
     std::string line;
-    appendHeadline(line, entry, size, names);
-    return line;
+    return appendHeadline(line, entry, size, names);
 }
 
 // The size and the first bytes, expanded piece by piece: a line never needs

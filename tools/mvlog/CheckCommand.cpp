@@ -28,13 +28,12 @@ int finishJsonReport(const std::string& path, const CheckReport& report) {
     document["damaged"] = report.foundDamage();
     document["problems"] =
         jsonArray(report.problems, [](const CheckProblem& problem) { return problem.message; });
+    document["checked"] = nullptr;
     if (const std::optional<CheckReport::Counts>& counts = report.checked) {
         document["checked"] = {{"entries", counts->entries},
                                {"dataSources", counts->dataSources},
                                {"resources", counts->resources},
                                {"bookmarks", counts->bookmarks}};
-    } else {
-        document["checked"] = nullptr;
     }
     document["hint"] = report.foundDamage()
                            ? nlohmann::ordered_json(fmt::format("mvlog recover {} -o NEW", path))

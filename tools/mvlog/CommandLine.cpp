@@ -163,10 +163,9 @@ CLI::App* addFileCommand(CLI::App& app, const std::string& name, const std::stri
 }
 
 // cat's and slice's filter; the type names become types when the command runs.
-void addFilterOptions(CLI::App& command, std::vector<int32_t>& types, std::vector<std::string>& sources,
-                      std::vector<std::string>& sourceTypeNames) {
-    addRepeatable(command, "--type", types, "Only entries of this entry type (repeatable)");
-    addRepeatable(command, "--source", sources,
+void addFilterOptions(CLI::App& command, EntryChoice& choice, std::vector<std::string>& sourceTypeNames) {
+    addRepeatable(command, "--type", choice.types, "Only entries of this entry type (repeatable)");
+    addRepeatable(command, "--source", choice.sources,
                   "Only entries of this data source, by id or name (repeatable)")
         ->check(kDataSourceIdOrName);
     addRepeatable(command, "--source-type", sourceTypeNames,
@@ -176,10 +175,10 @@ void addFilterOptions(CLI::App& command, std::vector<int32_t>& types, std::vecto
 
 // slice and clone: where the copy goes and how it is compressed, and what
 // --json prints.
-void addCopyOutputOptions(CLI::App& command, std::string& output, std::optional<int>& level) {
-    command.add_option("-o,--output", output,
+void addCopyOutputOptions(CLI::App& command, DerivedFile& derived) {
+    command.add_option("-o,--output", derived.output,
                        "Output file (must not exist; default: <name>_exported<ext> beside the source)");
-    command.add_option("--level", level, "Compression level -1..9 (default: the source's)")
+    command.add_option("--level", derived.level, "Compression level -1..9 (default: the source's)")
         ->check(kCompressionLevel);
 }
 constexpr const char* kCopyReportJson =
@@ -212,7 +211,7 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
                     "First time, inclusive: ISO 8601 (2026-11-21T11:58:05.5Z; UTC without a zone) or seconds "
                     "after the first entry (+12.5)");
     cat->add_option("--end", options->end, "Last time, inclusive, written like --start");
-    addFilterOptions(*cat, options->types, options->sources, *sourceTypeNames);
+    addFilterOptions(*cat, *options, *sourceTypeNames);
     cat->add_option("--limit", options->limit, "At most this many entries")->check(kCount);
     auto order = std::make_shared<std::string>("time");
     cat->add_option("--order", *order,
@@ -286,8 +285,8 @@ void addSlice(CLI::App& app, Subcommands& subcommands) {
         "First time, inclusive: ISO 8601 (2026-11-21T11:58:05.5Z; UTC unless an offset is given) "
         "or seconds after the first entry (+12.5)");
     slice->add_option("--end", options->end, "Last time, inclusive, written like --start");
-    addFilterOptions(*slice, options->types, options->sources, *sourceTypeNames);
-    addCopyOutputOptions(*slice, options->output, options->level);
+    addFilterOptions(*slice, *options, *sourceTypeNames);
+    addCopyOutputOptions(*slice, *options);
     slice->add_flag("--allow-empty", options->allowEmpty,
                     "Write a file without entries when nothing matches (otherwise refused)");
     slice->add_flag("--json", options->json, kCopyReportJson);
@@ -328,7 +327,7 @@ void addClone(CLI::App& app, Subcommands& subcommands) {
     CLI::App* clone = addFileCommand(
         app, "clone", "Copy a whole log file, optionally at another compression level", options->file);
     addProgressFlag(*clone, options->progress);
-    addCopyOutputOptions(*clone, options->output, options->level);
+    addCopyOutputOptions(*clone, *options);
     clone->add_flag("--json", options->json, kCopyReportJson);
     subcommands.add(clone, options->file, [options] { return runClone(*options); });
 }

@@ -16,27 +16,44 @@
 // terminal.
 namespace Mvlog {
 
-struct InfoOptions {
+// info, du, check and index: one file, looked at (or indexed in place) and
+// reported on, in one JSON document with --json (info has no --progress).
+// split and recover add where their output goes.
+struct FileReportOptions {
     std::string file;
     bool json = false;
+    bool progress = false;
 };
+using InfoOptions = FileReportOptions;
+using DuOptions = FileReportOptions;
+using CheckOptions = FileReportOptions;
+using IndexOptions = FileReportOptions;
 int runInfo(const InfoOptions& options);
+int runDu(const DuOptions& options);
+int runCheck(const CheckOptions& options);
+int runIndex(const IndexOptions& options);
 
 // Auto: JSON and text payloads as text, the rest as Text does, by the media
 // type a source declares or its payloads' first bytes.
 enum class CatFormat { Text, Json, Hex, Auto };
 
-struct CatOptions {
-    std::string file;
-    int32_t from = -1;
-    int32_t to = -1;
-    // Times as slice takes them: ISO 8601 or seconds from the first entry.
+// The entries cat prints and slice copies: those of a time window that pass
+// a filter.
+struct EntryChoice {
+    // Times: ISO 8601 ("2026-11-21T11:58:05.5Z", UTC unless an offset is
+    // given) or seconds from the first entry ("+12.5").
     std::optional<std::string> start;
     std::optional<std::string> end;
     std::vector<int32_t> types;
     // Data-source ids or names, as given.
     std::vector<std::string> sources;
     std::vector<MV_LogDataSourceType> sourceTypes;
+};
+
+struct CatOptions : EntryChoice {
+    std::string file;
+    int32_t from = -1;
+    int32_t to = -1;
     int64_t limit = -1;
     CatFormat format = CatFormat::Text;
     // After the selection, keep printing entries as they are committed
@@ -61,45 +78,33 @@ struct ExportOptions {
 };
 int runExport(const ExportOptions& options);
 
-struct SliceOptions {
+// What slice, clone and merge write: the new file (slice and clone: empty
+// for the default name), its compression level (unset: the (first) input's)
+// and, with json, one JSON document with the report instead of the output's
+// path.
+struct DerivedFile {
+    std::string output;
+    std::optional<int> level;
+    bool json = false;
+    bool progress = false;
+};
+
+struct SliceOptions : EntryChoice, DerivedFile {
     std::string file;
     std::optional<int32_t> from;
     std::optional<int32_t> to;
-    // Times: ISO 8601 ("2026-11-21T11:58:05.5Z", UTC unless an offset is
-    // given) or seconds from the first entry ("+12.5").
-    std::optional<std::string> start;
-    std::optional<std::string> end;
-    std::vector<int32_t> types;
-    // Data-source ids or names, as given.
-    std::vector<std::string> sources;
-    std::vector<MV_LogDataSourceType> sourceTypes;
-    std::string output;
-    std::optional<int> level;
     // Write a file without entries when nothing matches, instead of refusing.
     bool allowEmpty = false;
-    // One JSON document with the copy's report instead of the output's path.
-    bool json = false;
-    bool progress = false;
 };
 int runSlice(const SliceOptions& options);
 
-struct CloneOptions {
+struct CloneOptions : DerivedFile {
     std::string file;
-    std::string output;
-    std::optional<int> level;
-    // One JSON document with the copy's report instead of the output's path.
-    bool json = false;
-    bool progress = false;
 };
 int runClone(const CloneOptions& options);
 
-struct MergeOptions {
+struct MergeOptions : DerivedFile {
     std::vector<std::string> files;
-    std::string output;
-    std::optional<int> level;
-    // One JSON document on stdout instead of the path and the report.
-    bool json = false;
-    bool progress = false;
 };
 int runMerge(const MergeOptions& options);
 
@@ -156,36 +161,15 @@ struct ResourceOptions {
 };
 int runResource(const ResourceOptions& options);
 
-struct SplitOptions {
-    std::string file;
+struct SplitOptions : FileReportOptions {
     std::string directory;
     // A duration (30s), a size of stored bytes (64MiB) or a number of entries.
     std::string every;
-    bool json = false;
-    bool progress = false;
 };
 int runSplit(const SplitOptions& options);
 
-// du, check and index: one file, looked at (or indexed in place) and
-// reported on, in one JSON document with --json.
-struct FileReportOptions {
-    std::string file;
-    bool json = false;
-    bool progress = false;
-};
-using DuOptions = FileReportOptions;
-using CheckOptions = FileReportOptions;
-using IndexOptions = FileReportOptions;
-int runDu(const DuOptions& options);
-int runCheck(const CheckOptions& options);
-int runIndex(const IndexOptions& options);
-
-struct RecoverOptions {
-    std::string file;
+struct RecoverOptions : FileReportOptions {
     std::string output;
-    // The report as one JSON document instead of lines.
-    bool json = false;
-    bool progress = false;
 };
 int runRecover(const RecoverOptions& options);
 

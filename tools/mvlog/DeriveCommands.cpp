@@ -277,29 +277,6 @@ CopyReport deriveInChild(const char* what, const std::filesystem::path& output,
                         : fmt::format("the process writing it ended with status {}", WEXITSTATUS(status)));
 }
 
-}  // namespace
-
-CopyReport deriveReporting(const char* what, const std::string& output, CopyOptions options,
-                           const std::function<CopyReport(const CopyOptions&)>& derive,
-                           ProgressMode progress) {
-    try {
-        return deriveInChild(what, output, [&] {
-            // The total is the inputs' entry count: a filter may take fewer.
-            ProgressBar bar(what, "entries", progress);
-            if (bar.isShown()) {
-                options.progress = [&](uint64_t written, uint64_t total) { bar.update(written, total); };
-            }
-            CopyReport report = derive(options);
-            bar.update(report.entries, report.entries);
-            return report;
-        });
-    } catch (const std::exception& error) {
-        throw ToolError(fmt::format("{} failed: {} (nothing was written to {})", what, error.what(), output));
-    }
-}
-
-namespace {
-
 // ---- slice: a selection that matches nothing ----------------------------
 
 // The selection as the command line gave it, for messages.
@@ -439,20 +416,22 @@ void printMergeReport(const MergeOptions& options, const CopyReport& report,
         fmt::print(stderr, "note: {}\n", printable(note));
     }
 }
-// slice and clone: a copy of one file to `output` (without -o,
-// "<name>_exported<ext>" beside it, made unique), reported as the output's
-// path alone, as scripts read it, or as one JSON document.
-int copyReporting(const char* what, const std::string& input, const std::string& output,
-                  const CopyOptions& copy, bool progress, bool json) {
-    const std::string written =
-        output.empty() ? Marivane::Logging::Algorithms::defaultDerivedFilePath(input) : output;
+
+// slice and clone: a copy of one file to the derived file's output (without
+// -o, "<name>_exported<ext>" beside it, made unique), reported as the
+// output's path alone, as scripts read it, or as one JSON document.
+int copyReporting(const char* what, const std::string& input, const DerivedFile& derived,
+                  const CopyOptions& copy) {
+    const std::string written = derived.output.empty()
+                                    ? Marivane::Logging::Algorithms::defaultDerivedFilePath(input)
+                                    : derived.output;
     const CopyReport report = deriveReporting(
         what, written, copy,
         [&](const CopyOptions& chosen) {
             return Marivane::Logging::Algorithms::copy(input, written, chosen);
         },
-        progressMode(progress));
-    if (!json) {
+        progressMode(derived.progress));
+    if (!derived.json) {
         fmt::print("{}\n", written);
         return 0;
     }
@@ -466,6 +445,25 @@ int copyReporting(const char* what, const std::string& input, const std::string&
 }
 
 }  // namespace
+
+CopyReport deriveReporting(const char* what, const std::string& output, CopyOptions options,
+                           const std::function<CopyReport(const CopyOptions&)>& derive,
+                           ProgressMode progress) {
+    try {
+        return deriveInChild(what, output, [&] {
+            // The total is the inputs' entry count: a filter may take fewer.
+            ProgressBar bar(what, "entries", progress);
+            if (bar.isShown()) {
+                options.progress = [&](uint64_t written, uint64_t total) { bar.update(written, total); };
+            }
+            CopyReport report = derive(options);
+            bar.update(report.entries, report.entries);
+            return report;
+        });
+    } catch (const std::exception& error) {
+        throw ToolError(fmt::format("{} failed: {} (nothing was written to {})", what, error.what(), output));
+    }
+}
 
 int runSlice(const SliceOptions& options) {
     auto file = openExistingLogFile(options.file);
@@ -490,7 +488,7 @@ int runSlice(const SliceOptions& options) {
     }
     // The derivation runs in another process, which opens its own connection.
     file.reset();
-    return copyReporting("slicing", options.file, options.output, copy, options.progress, options.json);
+    return copyReporting("slicing", options.file, options, copy);
 }
 
 int runClone(const CloneOptions& options) {
@@ -498,7 +496,7 @@ int runClone(const CloneOptions& options) {
     explainOutputRefusal(options.output);
     const CopyOptions copy = copyOptions(*file, options.level);
     file.reset();
-    return copyReporting("cloning", options.file, options.output, copy, options.progress, options.json);
+    return copyReporting("cloning", options.file, options, copy);
 }
 
 int runMerge(const MergeOptions& options) {
@@ -508,9 +506,8 @@ int runMerge(const MergeOptions& options) {
         inputs.emplace_back(input);
     }
     explainOutputRefusal(options.output);
-    auto first = openExistingLogFile(options.files.front());
-    const CopyOptions copy = copyOptions(*first, options.level);
-    first.reset();
+    // The first file is closed again before the derivation opens it.
+    const CopyOptions copy = copyOptions(*openExistingLogFile(options.files.front()), options.level);
     const std::vector<std::string> warnings = repeatedInputWarnings(options.files);
     for (const std::string& warning : warnings) {
         fmt::print(stderr, "mvlog: warning: {}\n", warning);

@@ -121,25 +121,20 @@ namespace {
 std::size_t utf8SequenceLength(std::string_view text, std::size_t at) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char lead = byte(at);
-    std::size_t length = 0;
-    unsigned minimum = 0;
-    if (lead < 0x80) {
-        return 1;
-    } else if ((lead & 0xE0) == 0xC0) {
-        length = 2;
-        minimum = 0x80;
-    } else if ((lead & 0xF0) == 0xE0) {
-        length = 3;
-        minimum = 0x800;
-    } else if ((lead & 0xF8) == 0xF0) {
-        length = 4;
-        minimum = 0x10000;
-    } else {
-        return 0;
+    const std::size_t length = lead < 0x80             ? 1
+                               : (lead & 0xE0) == 0xC0 ? 2
+                               : (lead & 0xF0) == 0xE0 ? 3
+                               : (lead & 0xF8) == 0xF0 ? 4
+                                                       : 0;
+    // ASCII, or a byte that starts no sequence.
+    if (length <= 1) {
+        return length;
     }
     if (at + length > text.size()) {
         return 0;
     }
+    // The smallest code point each length may carry: below it, overlong.
+    constexpr std::array<unsigned, 5> kMinimum = {0, 0, 0x80, 0x800, 0x10000};
     unsigned codePoint = lead & (0x7F >> length);
     for (std::size_t i = 1; i < length; ++i) {
         if ((byte(at + i) & 0xC0) != 0x80) {
@@ -148,7 +143,7 @@ std::size_t utf8SequenceLength(std::string_view text, std::size_t at) {
         codePoint = (codePoint << 6) | (byte(at + i) & 0x3F);
     }
     const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
-    return codePoint < minimum || codePoint > 0x10FFFF || surrogate ? 0 : length;
+    return codePoint < kMinimum[length] || codePoint > 0x10FFFF || surrogate ? 0 : length;
 }
 
 void escapeStrings(nlohmann::ordered_json& value) {
@@ -197,25 +192,17 @@ std::string printable(std::string_view text) {
     result.reserve(text.size());
     for (const char character : text) {
         const auto byte = static_cast<unsigned char>(character);
-        switch (character) {
-            case '\n':
-                result += "\\n";
-                break;
-            case '\t':
-                result += "\\t";
-                break;
-            case '\r':
-                result += "\\r";
-                break;
-            case '\\':
-                result += "\\\\";
-                break;
-            default:
-                if (byte < 0x20 || byte == 0x7f) {
-                    result += fmt::format("\\x{:02x}", byte);
-                } else {
-                    result += character;
-                }
+        const char* escape = character == '\n'   ? "\\n"
+                             : character == '\t' ? "\\t"
+                             : character == '\r' ? "\\r"
+                             : character == '\\' ? "\\\\"
+                                                 : nullptr;
+        if (escape != nullptr) {
+            result += escape;
+        } else if (byte < 0x20 || byte == 0x7f) {
+            result += fmt::format("\\x{:02x}", byte);
+        } else {
+            result += character;
         }
     }
     return result;

@@ -34,9 +34,7 @@ int runIndex(const IndexOptions& options) {
     }
     const auto started = std::chrono::steady_clock::now();
     ProgressBar bar("indexing", "entries", progressMode(options.progress));
-    const bool built =
-        file->createTimeIndex([&bar](uint64_t indexed, uint64_t total) { bar.update(indexed, total); });
-    if (!built) {
+    if (!file->createTimeIndex([&bar](uint64_t indexed, uint64_t total) { bar.update(indexed, total); })) {
         bar.erase();
         throw ToolError(
             fmt::format("{}: cannot build the time index: {}", options.file, file->getLastError()));
