@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "Format.h"
 #include "LogFileAccess.h"
+#include "SummaryReport.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -16,17 +17,6 @@ using Marivane::Logging::SqliteLogFile;
 
 namespace {
 
-std::string bookmarkLine(const Bookmark& bookmark) {
-    std::string line = fmt::format("entry {}: \"{}\"", bookmark.entryId, printable(bookmark.title));
-    if (!bookmark.comments.empty()) {
-        line += fmt::format(" - {}", printable(bookmark.comments));
-    }
-    if (!bookmark.payload.empty()) {
-        line += fmt::format(" [payload {}]", humanSize(bookmark.payload.size()));
-    }
-    return line;
-}
-
 nlohmann::ordered_json bookmarkFields(const Bookmark& bookmark) {
     return {{"entryId", bookmark.entryId},
             {"title", bookmark.title},
@@ -37,7 +27,7 @@ nlohmann::ordered_json bookmarkFields(const Bookmark& bookmark) {
 // What a change did: a sentence, or one JSON document.
 void printChange(const BookmarksOptions& options, const char* action, const Bookmark& bookmark) {
     if (!options.json) {
-        fmt::print("{} {}\n", action, bookmarkLine(bookmark));
+        fmt::print("{} {}\n", action, bookmarkText(bookmark));
         return;
     }
     nlohmann::ordered_json document;
@@ -47,12 +37,17 @@ void printChange(const BookmarksOptions& options, const char* action, const Book
     fmt::print("{}\n", dumpJson(document, 2));
 }
 
-std::vector<Bookmark> bookmarksOn(const LogFileInterface& file, int32_t entryId) {
+// The bookmarks of the entry that update and remove address; there must be
+// one at least.
+std::vector<Bookmark> bookmarksOn(const LogFileInterface& file, const BookmarksOptions& options) {
     std::vector<Bookmark> found;
     for (Bookmark& bookmark : file.getBookmarks()) {
-        if (bookmark.entryId == entryId) {
+        if (bookmark.entryId == options.entryId) {
             found.push_back(std::move(bookmark));
         }
+    }
+    if (found.empty()) {
+        throw ToolError(fmt::format("{}: no bookmark on entry {}", options.file, options.entryId));
     }
     return found;
 }
@@ -63,10 +58,7 @@ int listBookmarks(const SqliteLogFile& file, const BookmarksOptions& options) {
     if (options.json) {
         nlohmann::ordered_json document;
         document["file"] = options.file;
-        document["bookmarks"] = nlohmann::ordered_json::array();
-        for (const Bookmark& bookmark : bookmarks) {
-            document["bookmarks"].push_back(bookmarkFields(bookmark));
-        }
+        document["bookmarks"] = jsonArray(bookmarks, bookmarkFields);
         fmt::print("{}\n", dumpJson(document, 2));
         return 0;
     }
@@ -74,7 +66,7 @@ int listBookmarks(const SqliteLogFile& file, const BookmarksOptions& options) {
         fmt::print("No bookmarks.\n");
     }
     for (const Bookmark& bookmark : bookmarks) {
-        fmt::print("{}\n", bookmarkLine(bookmark));
+        fmt::print("{}\n", bookmarkText(bookmark));
     }
     return 0;
 }
@@ -82,7 +74,9 @@ int listBookmarks(const SqliteLogFile& file, const BookmarksOptions& options) {
 // The store checks the entry through a foreign key but then reports only an
 // unspecific error; checking first gives a message that says what is wrong.
 int addBookmark(LogFileInterface& file, const BookmarksOptions& options) {
-    if (!hasEntry(file, options.entryId)) {
+    // From the index, so that a damaged payload does not matter.
+    const std::vector<int32_t> ids = file.getEntryIndex(Marivane::Logging::EntryIndexFilter{});
+    if (!std::binary_search(ids.begin(), ids.end(), options.entryId)) {
         throw ToolError(fmt::format("{}: no entry with id {}", options.file, options.entryId));
     }
     Bookmark bookmark;
@@ -97,10 +91,7 @@ int addBookmark(LogFileInterface& file, const BookmarksOptions& options) {
 // Updating addresses every bookmark of the entry and rewrites the payload
 // too, so the existing payload and (unless given) comments are carried over.
 int updateBookmark(LogFileInterface& file, const BookmarksOptions& options) {
-    const std::vector<Bookmark> existing = bookmarksOn(file, options.entryId);
-    if (existing.empty()) {
-        throw ToolError(fmt::format("{}: no bookmark on entry {}", options.file, options.entryId));
-    }
+    const std::vector<Bookmark> existing = bookmarksOn(file, options);
     Bookmark bookmark = existing.front();
     bookmark.title = options.title;
     if (options.comments) {
@@ -112,10 +103,7 @@ int updateBookmark(LogFileInterface& file, const BookmarksOptions& options) {
 }
 
 int removeBookmark(LogFileInterface& file, const BookmarksOptions& options) {
-    const std::vector<Bookmark> existing = bookmarksOn(file, options.entryId);
-    if (existing.empty()) {
-        throw ToolError(fmt::format("{}: no bookmark on entry {}", options.file, options.entryId));
-    }
+    const std::vector<Bookmark> existing = bookmarksOn(file, options);
     requireWritten(file.removeBookmark(existing.front()), file, "remove the bookmark");
     if (options.json) {
         nlohmann::ordered_json document;

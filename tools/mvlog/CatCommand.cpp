@@ -1,10 +1,9 @@
+#include "Arguments.h"
 #include "Commands.h"
 #include "Format.h"
 #include "LogFileAccess.h"
 #include "ProgressBar.h"
-#include "SourceArguments.h"
 #include "Terminal.h"
-#include "TimeArguments.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -46,46 +45,26 @@ constexpr std::size_t kAutoTextBytes = 2000;
 // What cat prints about each data source: its name (as stored, and made
 // printable once for the lines of text), and the media type its payloads
 // declare (none for sources without the property).
-struct SourceLabels {
-    std::map<int8_t, std::string> names;
-    std::map<int8_t, std::string> printableNames;
-    std::map<int8_t, std::string> encodings;
+struct SourceLabel {
+    std::string name;
+    std::string printableName;
+    std::optional<std::string> encoding;
 };
+using SourceLabels = std::map<int8_t, SourceLabel>;
 
-SourceLabels sourceNamesOf(const Marivane::Logging::LogFileInterface& file) {
+SourceLabels sourceLabelsOf(const Marivane::Logging::LogFileInterface& file) {
     SourceLabels labels;
     for (const DataSource& source : file.getDataSources()) {
-        labels.names[source.id] = source.name;
-        labels.printableNames[source.id] = printable(source.name);
-        if (std::optional<std::string> encoding = PayloadEncoding::declared(file, source.id)) {
-            labels.encodings[source.id] = std::move(*encoding);
-        }
+        labels[source.id] = {source.name, printable(source.name), PayloadEncoding::declared(file, source.id)};
     }
     return labels;
 }
 
-std::string sourceName(const SourceLabels& labels, int8_t id) {
-    const auto found = labels.names.find(id);
-    return found == labels.names.end() ? std::string() : found->second;
-}
-
-const std::string& printableSourceName(const SourceLabels& labels, int8_t id) {
-    static const std::string kNone;
-    const auto found = labels.printableNames.find(id);
-    return found == labels.printableNames.end() ? kNone : found->second;
-}
-
-EntrySelection selectionOf(const CatOptions& options, const Marivane::Logging::LogFileInterface& file) {
-    EntrySelection selection;
-    selection.from = options.from;
-    selection.to = options.to;
-    selection.limit = options.limit;
-    selection.order =
-        options.idOrder ? Marivane::Logging::EntryOrder::Id : Marivane::Logging::EntryOrder::Time;
-    selection.filter.dataTypes = options.types;
-    selection.filter.dataSources = resolveDataSources("--source", options.sources, file.getDataSources());
-    selection.filter.dataSourceTypes = options.sourceTypes;
-    return selection;
+// An entry of a data source the file does not have has no label.
+const SourceLabel& labelOf(const SourceLabels& labels, int8_t id) {
+    static const SourceLabel kNone;
+    const auto found = labels.find(id);
+    return found == labels.end() ? kNone : found->second;
 }
 
 std::string base64(const ByteBuffer& bytes) {
@@ -106,18 +85,18 @@ std::string base64(const ByteBuffer& bytes) {
 }
 
 // "#7  2024-05-01T12:00:00.250Z  source 1 \"imu\"  type 3  64 B", appended.
-void appendHeadline(std::string& line, const ScannedEntry& entry, std::size_t size,
-                    const SourceLabels& names) {
+std::string& appendHeadline(std::string& line, const ScannedEntry& entry, std::size_t size,
+                            const SourceLabels& names) {
     fmt::format_to(std::back_inserter(line), "#{}  ", entry.entryId);
     appendIsoTimestamp(line, entry.timestamp);
     fmt::format_to(std::back_inserter(line), "  source {} \"{}\"  type {}  {} B", entry.dataSourceId,
-                   printableSourceName(names, entry.dataSourceId), entry.type, size);
+                   labelOf(names, entry.dataSourceId).printableName, entry.type, size);
+    return line;
 }
 
 std::string entryHeadline(const ScannedEntry& entry, std::size_t size, const SourceLabels& names) {
     std::string line;
-    appendHeadline(line, entry, size, names);
-    return line;
+    return appendHeadline(line, entry, size, names);
 }
 
 // The size and the first bytes, expanded piece by piece: a line never needs
@@ -143,16 +122,11 @@ void printJson(const ScannedEntry& entry, const SourceLabels& names) {
                                          {"timestamp", entry.timestamp},
                                          {"time", isoTimestamp(entry.timestamp)},
                                          {"dataSourceId", entry.dataSourceId},
-                                         {"dataSourceName", sourceName(names, entry.dataSourceId)},
+                                         {"dataSourceName", labelOf(names, entry.dataSourceId).name},
                                          {"type", entry.type},
                                          {"size", data.size()},
                                          {"data", base64(data)}};
     fmt::print("{}\n", dumpJson(line));
-}
-
-char printableOrDot(std::byte value) {
-    const unsigned char character = std::to_integer<unsigned char>(value);
-    return std::isprint(character) ? static_cast<char>(character) : '.';
 }
 
 void printHexDump(const ScannedEntry& entry, const SourceLabels& names) {
@@ -164,7 +138,8 @@ void printHexDump(const ScannedEntry& entry, const SourceLabels& names) {
         for (std::size_t i = offset; i < offset + kHexDumpWidth; ++i) {
             if (i < data.size()) {
                 hex += fmt::format("{:02x} ", std::to_integer<unsigned>(data[i]));
-                characters += printableOrDot(data[i]);
+                const auto character = std::to_integer<unsigned char>(data[i]);
+                characters += std::isprint(character) ? static_cast<char>(character) : '.';
             } else {
                 hex += "   ";
             }
@@ -195,11 +170,10 @@ void printAuto(const ScannedEntry& entry, const SourceLabels& labels) {
     const ByteBuffer data = entry.payload();
     // A source that declares octet-stream says only that its payloads are
     // of no one kind: their bytes tell.
-    const auto declared = labels.encodings.find(entry.dataSourceId);
-    const std::string_view mediaType =
-        declared != labels.encodings.end() && declared->second != PayloadEncoding::kOctetStream
-            ? std::string_view(declared->second)
-            : PayloadEncoding::sniff(data.data(), data.size());
+    const std::optional<std::string>& declared = labelOf(labels, entry.dataSourceId).encoding;
+    const std::string_view mediaType = declared && *declared != PayloadEncoding::kOctetStream
+                                           ? std::string_view(*declared)
+                                           : PayloadEncoding::sniff(data.data(), data.size());
     if (PayloadEncoding::isText(mediaType)) {
         const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
         const std::string_view shown = utf8Prefix(text, kAutoTextBytes);
@@ -209,10 +183,9 @@ void printAuto(const ScannedEntry& entry, const SourceLabels& labels) {
                        : "");
         return;
     }
-    const std::size_t shownBytes = std::min(data.size(), kTextPreviewBytes + 1);
-    const ByteBuffer prefix(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(shownBytes));
-    fmt::print("{}  {}  {}\n", entryHeadline(entry, data.size(), labels), printable(mediaType),
-               hexPrefix(prefix, kTextPreviewBytes));
+    std::string line = entryHeadline(entry, data.size(), labels) + "  " + printable(mediaType) + "  ";
+    appendHexPrefix(line, data, kTextPreviewBytes);
+    fmt::print("{}\n", line);
 }
 
 void printEntry(CatFormat format, const ScannedEntry& entry, const SourceLabels& names) {
@@ -232,20 +205,24 @@ void printEntry(CatFormat format, const ScannedEntry& entry, const SourceLabels&
     }
 }
 
+// After what stdout holds so far, so that the name falls between the lines
+// it is missing from.
+void nameUnprinted(int64_t entryId, const std::string& reason) {
+    std::fflush(stdout);
+    fmt::print(stderr, "mvlog: entry {}: {}\n", entryId, reason);
+}
+
 // An entry whose payload reads hand out other than as logged is named on
 // stderr instead of printed: its bytes would look like a payload and be none.
 // Returns whether the entry was printed.
 bool printOrName(CatFormat format, const ScannedEntry& entry, const SourceLabels& names) {
     if (const std::optional<std::string> problem = storedFormProblem(entry)) {
-        std::fflush(stdout);
-        fmt::print(stderr, "mvlog: entry {}: {}\n", entry.entryId, *problem);
+        nameUnprinted(entry.entryId, *problem);
         return false;
     }
     printEntry(format, entry, names);
     return true;
 }
-
-}  // namespace
 
 // A reader that went away (the other end of a pipe closed) shows on the
 // output before anything is written to it; following ends then.
@@ -265,8 +242,7 @@ void followNewEntries(const SqliteLogFile& file, const CatOptions& options, cons
     Marivane::Logging::VisitOptions visitOptions;
     visitOptions.payloadForm = Marivane::Logging::PayloadForm::Stored;
     visitOptions.onDamagedEntry = [](int64_t entryId, const std::string& reason) {
-        std::fflush(stdout);
-        fmt::print(stderr, "mvlog: entry {}: {}\n", entryId, reason);
+        nameUnprinted(entryId, reason);
         return true;
     };
     while (!interruptRequested() && !outputClosed()) {
@@ -303,19 +279,23 @@ void followNewEntries(const SqliteLogFile& file, const CatOptions& options, cons
     }
 }
 
+}  // namespace
+
 int runCat(const CatOptions& options) {
     const auto file = openExistingLogFile(options.file);
-    const SourceLabels names = sourceNamesOf(*file);
-    EntrySelection selection = selectionOf(options, *file);
-    if (options.start) {
-        selection.startTimestamp = parseTime("--start", *options.start, *file);
-    }
-    if (options.end) {
-        selection.endTimestamp = parseTime("--end", *options.end, *file);
-    }
-    if (selection.endTimestamp < selection.startTimestamp) {
-        throw ToolError("refused: the time range is reversed (--start is after --end)");
-    }
+    const SourceLabels names = sourceLabelsOf(*file);
+    EntrySelection selection;
+    selection.from = options.from;
+    selection.to = options.to;
+    selection.limit = options.limit;
+    selection.order =
+        options.idOrder ? Marivane::Logging::EntryOrder::Id : Marivane::Logging::EntryOrder::Time;
+    selection.filter.dataTypes = options.types;
+    selection.filter.dataSources = resolveDataSources("--source", options.sources, file->getDataSources());
+    selection.filter.dataSourceTypes = options.sourceTypes;
+    const TimeWindow window = parseTimeWindow(options.start, options.end, *file);
+    selection.startTimestamp = window.start;
+    selection.endTimestamp = window.end;
     if (options.from != -1 && options.to != -1 && options.to < options.from) {
         throw ToolError("refused: the id range is reversed (--from is after --to)");
     }
@@ -352,11 +332,13 @@ int runCat(const CatOptions& options) {
         throw ToolError(fmt::format("{} of {} entries could not be read", damaged, scanner.metCount()));
     }
     // A scan of the whole file met every entry it could reach; a narrower one
-    // compares the file's count with its index.
-    const int64_t missing =
-        scanner.coversWholeFile()
-            ? std::max<int64_t>(0, file->getEntryCount() - static_cast<int64_t>(scanner.metCount()))
-            : entriesMissingFromIndex(*file);
+    // compares the file's count with its index, whose reading ends silently
+    // at a damaged page. None is missing when the count itself fails.
+    const int32_t counted = file->getEntryCount();
+    const auto reached = static_cast<int64_t>(counted < 0 || scanner.coversWholeFile()
+                                                  ? scanner.metCount()
+                                                  : file->getEntryIndex(EntryIndexFilter{}).size());
+    const int64_t missing = std::max<int64_t>(0, counted - reached);
     if (missing != 0) {
         throw ToolError(fmt::format(
             "{} entries of the file are missing from its index (behind a damaged page) and were not printed",

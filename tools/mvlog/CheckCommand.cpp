@@ -21,80 +21,19 @@ using Marivane::Logging::CheckReport;
 
 namespace {
 
-// As the check runs: in text, problems are printed as they are found (a long
-// check shows its findings at once, and one that later fails hard still shows
-// what it saw), and the progress bar steps aside for them; JSON waits for the
-// one document printed at the end.
-class CheckDisplay {
-public:
-    CheckDisplay(bool json, ProgressMode progress) : json_(json), progress_(progress) {}
-
-    Marivane::Logging::CheckOptions options() {
-        Marivane::Logging::CheckOptions options;
-        options.onProblem = [this](const CheckProblem& problem) { printProblem(problem); };
-        options.onCounted = [this](const CheckReport::Counts& counts) { printCounts(counts); };
-        options.onProgress = [this](const CheckProgress& progress) { showProgress(progress); };
-        return options;
-    }
-
-private:
-    void printProblem(const CheckProblem& problem) {
-        if (json_) {
-            return;
-        }
-        if (bar_) {
-            bar_->erase();
-        }
-        fmt::print("problem: {}\n", problem.message);
-        std::fflush(stdout);
-    }
-    void printCounts(const CheckReport::Counts& counts) const {
-        if (!json_) {
-            fmt::print("Checked {} entries, {} data sources, {} resources, {} bookmarks\n", counts.entries,
-                       counts.dataSources, counts.resources, counts.bookmarks);
-        }
-    }
-    void showProgress(const CheckProgress& progress) {
-        switch (progress.step) {
-            case CheckProgress::Step::Started:
-                bar_.emplace("checking", "entries", progress_);
-                break;
-            case CheckProgress::Step::Advanced:
-                bar_->update(progress.entries, progress.total);
-                break;
-            case CheckProgress::Step::Finished:
-                bar_->finish();
-                bar_.reset();
-                break;
-        }
-    }
-
-    bool json_;
-    ProgressMode progress_;
-    std::optional<ProgressBar> bar_;
-};
-
-std::vector<std::string> problemTexts(const CheckReport& report) {
-    std::vector<std::string> texts;
-    for (const CheckProblem& problem : report.problems) {
-        texts.push_back(problem.message);
-    }
-    return texts;
-}
-
 int finishJsonReport(const std::string& path, const CheckReport& report) {
     nlohmann::ordered_json document;
     document["file"] = path;
     document["ok"] = report.isClean();
     document["damaged"] = report.foundDamage();
-    document["problems"] = problemTexts(report);
+    document["problems"] =
+        jsonArray(report.problems, [](const CheckProblem& problem) { return problem.message; });
+    document["checked"] = nullptr;
     if (const std::optional<CheckReport::Counts>& counts = report.checked) {
         document["checked"] = {{"entries", counts->entries},
                                {"dataSources", counts->dataSources},
                                {"resources", counts->resources},
                                {"bookmarks", counts->bookmarks}};
-    } else {
-        document["checked"] = nullptr;
     }
     document["hint"] = report.foundDamage()
                            ? nlohmann::ordered_json(fmt::format("mvlog recover {} -o NEW", path))
@@ -120,8 +59,43 @@ int finishTextReport(const std::string& path, const CheckReport& report) {
 
 int runCheck(const CheckOptions& options) {
     requireExistingFile(options.file);
-    CheckDisplay display(options.json, options.progress ? ProgressMode::Always : ProgressMode::Auto);
-    const CheckReport report = Marivane::Logging::checkLogFile(options.file, display.options());
+    // As the check runs: in text, problems are printed as they are found (a
+    // long check shows its findings at once, and one that later fails hard
+    // still shows what it saw), and the progress bar steps aside for them;
+    // JSON waits for the one document printed at the end.
+    std::optional<ProgressBar> bar;
+    Marivane::Logging::CheckOptions check;
+    check.onProblem = [&](const CheckProblem& problem) {
+        if (options.json) {
+            return;
+        }
+        if (bar) {
+            bar->erase();
+        }
+        fmt::print("problem: {}\n", problem.message);
+        std::fflush(stdout);
+    };
+    check.onCounted = [&](const CheckReport::Counts& counts) {
+        if (!options.json) {
+            fmt::print("Checked {} entries, {} data sources, {} resources, {} bookmarks\n", counts.entries,
+                       counts.dataSources, counts.resources, counts.bookmarks);
+        }
+    };
+    check.onProgress = [&](const CheckProgress& progress) {
+        switch (progress.step) {
+            case CheckProgress::Step::Started:
+                bar.emplace("checking", "entries", progressMode(options.progress));
+                break;
+            case CheckProgress::Step::Advanced:
+                bar->update(progress.entries, progress.total);
+                break;
+            case CheckProgress::Step::Finished:
+                bar->finish();
+                bar.reset();
+                break;
+        }
+    };
+    const CheckReport report = Marivane::Logging::checkLogFile(options.file, check);
     return options.json ? finishJsonReport(options.file, report) : finishTextReport(options.file, report);
 }
 

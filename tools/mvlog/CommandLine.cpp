@@ -1,15 +1,14 @@
 #include "CommandLine.h"
 
+#include "Arguments.h"
 #include "Commands.h"
 #include "Format.h"
 #include "LogFileAccess.h"
-#include "SourceArguments.h"
 #include "Terminal.h"
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include <cmath>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -24,6 +23,8 @@
 namespace {
 
 using namespace Mvlog;
+using Marivane::Logging::Playback::FrameOrder;
+using Marivane::Logging::Playback::Pacing;
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
@@ -34,15 +35,8 @@ constexpr int kExitUsage = 2;
 CLI::Validator wholeNumberIn(int64_t minimum, int64_t maximum, const std::string& description) {
     return CLI::Validator(
         [minimum, maximum](std::string& text) -> std::string {
-            std::size_t used = 0;
-            long long value = 0;
-            try {
-                // Base 0, as the option itself converts: 0x10 and 010 are read alike.
-                value = std::stoll(text, &used, 0);
-            } catch (const std::exception&) {
-                used = 0;
-            }
-            if (used != 0 && used == text.size() && value >= minimum && value <= maximum) {
+            const std::optional<int64_t> value = wholeNumber(text);
+            if (value && *value >= minimum && *value <= maximum) {
                 return {};
             }
             if (maximum == std::numeric_limits<int64_t>::max()) {
@@ -58,15 +52,8 @@ CLI::Validator wholeNumberIn(int64_t minimum, int64_t maximum, const std::string
 CLI::Validator finiteNumberFrom(bool zeroAllowed, const std::string& description) {
     return CLI::Validator(
         [zeroAllowed](std::string& text) -> std::string {
-            std::size_t used = 0;
-            double value = std::nan("");
-            try {
-                value = std::stod(text, &used);
-            } catch (const std::exception&) {
-                used = 0;
-            }
-            if (used != 0 && used == text.size() && std::isfinite(value) &&
-                (zeroAllowed ? value >= 0 : value > 0)) {
+            const std::optional<double> value = finiteNumber(text);
+            if (value && (zeroAllowed ? *value >= 0 : *value > 0)) {
                 return {};
             }
             if (zeroAllowed) {
@@ -135,6 +122,12 @@ struct Subcommands {
         commands.emplace(command, Subcommand{std::move(runner), std::move(inputs)});
     }
     void add(CLI::App* command, Runner runner) { add(command, InputFiles(), std::move(runner)); }
+    // A command that reads the one log file `file`, which the runner's
+    // options own (and so keep alive).
+    void add(CLI::App* command, const std::string& file, Runner runner) {
+        add(
+            command, [&file] { return std::vector{file}; }, std::move(runner));
+    }
 };
 
 // Opening a named pipe blocks until a writer comes, in SQLite as in any plain
@@ -148,31 +141,49 @@ void requireRegularFiles(const std::vector<std::string>& paths) {
         if (error) {
             continue;
         }
-        const char* kind = nullptr;
-        switch (type) {
-            case std::filesystem::file_type::fifo:
-                kind = "a named pipe";
-                break;
-            case std::filesystem::file_type::socket:
-                kind = "a socket";
-                break;
-            case std::filesystem::file_type::block:
-                kind = "a block device";
-                break;
-            case std::filesystem::file_type::character:
-                kind = "a character device";
-                break;
-            case std::filesystem::file_type::unknown:
-                kind = "of an unknown kind";
-                break;
-            default:
-                break;
-        }
+        using Type = std::filesystem::file_type;
+        const char* kind = type == Type::fifo        ? "a named pipe"
+                           : type == Type::socket    ? "a socket"
+                           : type == Type::block     ? "a block device"
+                           : type == Type::character ? "a character device"
+                           : type == Type::unknown   ? "of an unknown kind"
+                                                     : nullptr;
         if (kind != nullptr) {
             throw ToolError(fmt::format("'{}' is not a regular file (it is {})", path, kind));
         }
     }
 }
+
+// A command that reads one log file, named by its first argument.
+CLI::App* addFileCommand(CLI::App& app, const std::string& name, const std::string& description,
+                         std::string& file) {
+    CLI::App* command = app.add_subcommand(name, description);
+    command->add_option("FILE", file, "Log file")->required();
+    return command;
+}
+
+// cat's and slice's filter; the type names become types when the command runs.
+void addFilterOptions(CLI::App& command, EntryChoice& choice, std::vector<std::string>& sourceTypeNames) {
+    addRepeatable(command, "--type", choice.types, "Only entries of this entry type (repeatable)");
+    addRepeatable(command, "--source", choice.sources,
+                  "Only entries of this data source, by id or name (repeatable)")
+        ->check(kDataSourceIdOrName);
+    addRepeatable(command, "--source-type", sourceTypeNames,
+                  "Only entries of data sources of this type (repeatable)")
+        ->check(kDataSourceTypeValidator);
+}
+
+// slice and clone: where the copy goes and how it is compressed, and what
+// --json prints.
+void addCopyOutputOptions(CLI::App& command, DerivedFile& derived) {
+    command.add_option("-o,--output", derived.output,
+                       "Output file (must not exist; default: <name>_exported<ext> beside the source)");
+    command.add_option("--level", derived.level, "Compression level -1..9 (default: the source's)")
+        ->check(kCompressionLevel);
+}
+constexpr const char* kCopyReportJson =
+    "Print one JSON document (output, input, entries, dataSources, resources, bookmarks, "
+    "payloadsCopiedAsStored, notes) instead of the output's path";
 
 // Long commands show a progress bar on a terminal; this asks for it in pipes too.
 void addProgressFlag(CLI::App& command, bool& progress) {
@@ -182,20 +193,17 @@ void addProgressFlag(CLI::App& command, bool& progress) {
 
 void addInfo(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<InfoOptions>();
-    CLI::App* info =
-        app.add_subcommand("info", "Describe a log file: metadata, data sources, counts, resources");
-    info->add_option("FILE", options->file, "Log file")->required();
+    CLI::App* info = addFileCommand(
+        app, "info", "Describe a log file: metadata, data sources, counts, resources", options->file);
     info->add_flag("--json", options->json, "Print one JSON document instead of text");
-    subcommands.add(
-        info, [options] { return std::vector{options->file}; }, [options] { return runInfo(*options); });
+    subcommands.add(info, options->file, [options] { return runInfo(*options); });
 }
 
 void addCat(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<CatOptions>();
     auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
     auto format = std::make_shared<std::string>();
-    CLI::App* cat = app.add_subcommand("cat", "Print entries in time order");
-    cat->add_option("FILE", options->file, "Log file")->required();
+    CLI::App* cat = addFileCommand(app, "cat", "Print entries in time order", options->file);
     addProgressFlag(*cat, options->progress);
     cat->add_option("--from", options->from, "First entry id (default: the file's first)");
     cat->add_option("--to", options->to, "Last entry id (default: the file's last)");
@@ -203,13 +211,7 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
                     "First time, inclusive: ISO 8601 (2026-11-21T11:58:05.5Z; UTC without a zone) or seconds "
                     "after the first entry (+12.5)");
     cat->add_option("--end", options->end, "Last time, inclusive, written like --start");
-    addRepeatable(*cat, "--type", options->types, "Only entries of this entry type (repeatable)");
-    addRepeatable(*cat, "--source", options->sources,
-                  "Only entries of this data source, by id or name (repeatable)")
-        ->check(kDataSourceIdOrName);
-    addRepeatable(*cat, "--source-type", *sourceTypeNames,
-                  "Only entries of data sources of this type (repeatable)")
-        ->check(kDataSourceTypeValidator);
+    addFilterOptions(*cat, *options, *sourceTypeNames);
     cat->add_option("--limit", options->limit, "At most this many entries")->check(kCount);
     auto order = std::make_shared<std::string>("time");
     cat->add_option("--order", *order,
@@ -234,27 +236,24 @@ void addCat(CLI::App& app, Subcommands& subcommands) {
         "in a file whose compression level is 0, a data source the file does not have, an id beyond 32 "
         "bits) is not printed: it is named on stderr, and cat exits with 1. --from after --to, or --start "
         "after --end, is refused.");
-    subcommands.add(
-        cat, [options] { return std::vector{options->file}; },
-        [options, sourceTypeNames, format, order] {
-            options->sourceTypes = dataSourceTypes(*sourceTypeNames);
-            options->idOrder = *order == "id";
-            const std::string chosen = !format->empty()     ? *format
-                                       : isTerminal(stdout) ? std::string("auto")
-                                                            : std::string("text");
-            options->format = chosen == "json"   ? CatFormat::Json
-                              : chosen == "hex"  ? CatFormat::Hex
-                              : chosen == "auto" ? CatFormat::Auto
-                                                 : CatFormat::Text;
-            return runCat(*options);
-        });
+    subcommands.add(cat, options->file, [options, sourceTypeNames, format, order] {
+        options->sourceTypes = dataSourceTypes(*sourceTypeNames);
+        options->idOrder = *order == "id";
+        const std::string chosen = !format->empty()     ? *format
+                                   : isTerminal(stdout) ? std::string("auto")
+                                                        : std::string("text");
+        options->format = chosen == "json"   ? CatFormat::Json
+                          : chosen == "hex"  ? CatFormat::Hex
+                          : chosen == "auto" ? CatFormat::Auto
+                                             : CatFormat::Text;
+        return runCat(*options);
+    });
 }
 
 void addExport(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<ExportOptions>();
-    CLI::App* exporter =
-        app.add_subcommand("export", "Write the raw bytes of an entry, resource or thumbnail");
-    exporter->add_option("FILE", options->file, "Log file")->required();
+    CLI::App* exporter = addFileCommand(
+        app, "export", "Write the raw bytes of an entry, resource or thumbnail", options->file);
     CLI::Option_group* what = exporter->add_option_group("what", "Exactly one of these");
     what->add_option("--entry", options->entry, "Payload of the entry with this id");
     what->add_option("--resource", options->resource, "Resource with this name");
@@ -265,19 +264,17 @@ void addExport(CLI::App& app, Subcommands& subcommands) {
         ->required();
     exporter->add_flag("--force", options->force,
                        "Replace an existing output file (never the log file itself)");
-    subcommands.add(
-        exporter, [options] { return std::vector{options->file}; },
-        [options] { return runExport(*options); });
+    subcommands.add(exporter, options->file, [options] { return runExport(*options); });
 }
 
 void addSlice(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<SliceOptions>();
     auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
-    CLI::App* slice = app.add_subcommand(
-        "slice",
+    CLI::App* slice = addFileCommand(
+        app, "slice",
         "Write the entries of an id range and/or a time range, optionally filtered, with everything "
-        "they need to a new file");
-    slice->add_option("FILE", options->file, "Log file")->required();
+        "they need to a new file",
+        options->file);
     addProgressFlag(*slice, options->progress);
     CLI::Option* from = slice->add_option("--from", options->from, "First entry id (must exist)");
     CLI::Option* to = slice->add_option("--to", options->to, "Last entry id (must exist)");
@@ -288,32 +285,19 @@ void addSlice(CLI::App& app, Subcommands& subcommands) {
         "First time, inclusive: ISO 8601 (2026-11-21T11:58:05.5Z; UTC unless an offset is given) "
         "or seconds after the first entry (+12.5)");
     slice->add_option("--end", options->end, "Last time, inclusive, written like --start");
-    addRepeatable(*slice, "--type", options->types, "Only entries of this entry type (repeatable)");
-    addRepeatable(*slice, "--source", options->sources,
-                  "Only entries of this data source, by id or name (repeatable)")
-        ->check(kDataSourceIdOrName);
-    addRepeatable(*slice, "--source-type", *sourceTypeNames,
-                  "Only entries of data sources of this type (repeatable)")
-        ->check(kDataSourceTypeValidator);
-    slice->add_option("-o,--output", options->output,
-                      "Output file (must not exist; default: <name>_exported<ext> beside the source)");
-    slice->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
-        ->check(kCompressionLevel);
+    addFilterOptions(*slice, *options, *sourceTypeNames);
+    addCopyOutputOptions(*slice, *options);
     slice->add_flag("--allow-empty", options->allowEmpty,
                     "Write a file without entries when nothing matches (otherwise refused)");
-    slice->add_flag("--json", options->json,
-                    "Print one JSON document (output, input, entries, dataSources, resources, bookmarks, "
-                    "payloadsCopiedAsStored, notes) instead of the output's path");
+    slice->add_flag("--json", options->json, kCopyReportJson);
     slice->footer(
         "The new file is written under a temporary name beside the output and renamed when it is complete: "
         "a failure leaves nothing under the output's name, and an interruption (Ctrl-C, SIGTERM) leaves "
         "nothing beside it either. Entries are numbered from 1; bookmarks move with their entries.");
-    subcommands.add(
-        slice, [options] { return std::vector{options->file}; },
-        [options, sourceTypeNames] {
-            options->sourceTypes = dataSourceTypes(*sourceTypeNames);
-            return runSlice(*options);
-        });
+    subcommands.add(slice, options->file, [options, sourceTypeNames] {
+        options->sourceTypes = dataSourceTypes(*sourceTypeNames);
+        return runSlice(*options);
+    });
 }
 
 void addMerge(CLI::App& app, Subcommands& subcommands) {
@@ -340,26 +324,19 @@ void addMerge(CLI::App& app, Subcommands& subcommands) {
 
 void addClone(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<CloneOptions>();
-    CLI::App* clone =
-        app.add_subcommand("clone", "Copy a whole log file, optionally at another compression level");
-    clone->add_option("FILE", options->file, "Log file")->required();
+    CLI::App* clone = addFileCommand(
+        app, "clone", "Copy a whole log file, optionally at another compression level", options->file);
     addProgressFlag(*clone, options->progress);
-    clone->add_option("-o,--output", options->output,
-                      "Output file (must not exist; default: <name>_exported<ext> beside the source)");
-    clone->add_option("--level", options->level, "Compression level -1..9 (default: the source's)")
-        ->check(kCompressionLevel);
-    clone->add_flag("--json", options->json,
-                    "Print one JSON document (output, input, entries, dataSources, resources, bookmarks, "
-                    "payloadsCopiedAsStored, notes) instead of the output's path");
-    subcommands.add(
-        clone, [options] { return std::vector{options->file}; }, [options] { return runClone(*options); });
+    addCopyOutputOptions(*clone, *options);
+    clone->add_flag("--json", options->json, kCopyReportJson);
+    subcommands.add(clone, options->file, [options] { return runClone(*options); });
 }
 
 void addSplit(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<SplitOptions>();
     CLI::App* split =
-        app.add_subcommand("split", "Cut a log file into numbered complete log files by time, size or count");
-    split->add_option("FILE", options->file, "Log file")->required();
+        addFileCommand(app, "split", "Cut a log file into numbered complete log files by time, size or count",
+                       options->file);
     addProgressFlag(*split, options->progress);
     split->add_option("-o,--output", options->directory, "Directory for the parts (made if missing)")
         ->required();
@@ -378,25 +355,24 @@ void addSplit(CLI::App& app, Subcommands& subcommands) {
         "without entries make no file); a size or a count closes a part once it holds that much, never "
         "between\n"
         "two entries of the same timestamp. No existing file is ever overwritten.");
-    subcommands.add(
-        split, [options] { return std::vector{options->file}; }, [options] { return runSplit(*options); });
+    subcommands.add(split, options->file, [options] { return runSplit(*options); });
 }
 
 void addPlay(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<PlayOptions>();
+    ReplaySettings& replay = options->replay;
     auto sourceTypeNames = std::make_shared<std::vector<std::string>>();
-    CLI::App* play = app.add_subcommand("play", "Replay entries at their recorded pace");
-    play->add_option("FILE", options->file, "Log file")->required();
-    play->add_option("--speed", options->speed, "Speed multiplier (default 1)")->check(kSpeed);
-    play->add_flag("--loop", options->loop, "Start again after the last frame (Ctrl-C stops)");
+    CLI::App* play = addFileCommand(app, "play", "Replay entries at their recorded pace", options->file);
+    play->add_option("--speed", replay.speed, "Speed multiplier (default 1)")->check(kSpeed);
+    play->add_flag("--loop", replay.loop, "Start again after the last frame (Ctrl-C stops)");
     addRepeatable(*play, "--source-type", *sourceTypeNames,
                   "Play only data sources of this type (repeatable; default: all)")
         ->check(kDataSourceTypeValidator);
-    play->add_option("--max-delay", options->maxDelayMs,
+    play->add_option("--max-delay", replay.maxDelayMs,
                      "Longest wait between two frames in ms (default: none in time order, 1000 in id order)")
         ->check(kMaxDelay);
     CLI::Option* from =
-        play->add_option("--from", options->fromFrame, "Frame to start at, counting from 0")->check(kCount);
+        play->add_option("--from", replay.fromFrame, "Frame to start at, counting from 0")->check(kCount);
     play->add_option("--start", options->start,
                      "Start at the first frame at or after this time: ISO 8601 (2026-11-21T11:58:05.5Z) or "
                      "seconds after the first entry (+12.5)")
@@ -409,25 +385,25 @@ void addPlay(CLI::App& app, Subcommands& subcommands) {
                      "time: frames by timestamp, ties by entry id (default); id: by entry id, as written, "
                      "with the 1000 ms default --max-delay")
         ->check(CLI::IsMember({"id", "time"}));
-    play->add_flag("--carry-pacing", options->carryPacing,
+    auto carryPacing = std::make_shared<bool>(false);
+    play->add_flag("--carry-pacing", *carryPacing,
                    "Pace like the library's default (whole-millisecond waits, which drift at high rates) "
                    "instead of on an exact timeline");
     play->footer(
         "On a terminal, keys control the replay: space pauses and resumes, the left and right\n"
         "arrow keys pause and step one frame back or forward, q stops (as Ctrl-C does).");
-    subcommands.add(
-        play, [options] { return std::vector{options->file}; },
-        [options, sourceTypeNames, order] {
-            options->sourceTypes = dataSourceTypes(*sourceTypeNames);
-            options->idOrder = *order == "id";
-            return runPlay(*options);
-        });
+    subcommands.add(play, options->file, [options, sourceTypeNames, order, carryPacing] {
+        options->replay.sourceTypes = dataSourceTypes(*sourceTypeNames);
+        options->replay.order = *order == "id" ? FrameOrder::Id : FrameOrder::Time;
+        options->replay.pacing = *carryPacing ? Pacing::CarryMilliseconds : Pacing::Exact;
+        return runPlay(*options);
+    });
 }
 
 void addBookmarks(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<BookmarksOptions>();
-    CLI::App* bookmarks = app.add_subcommand("bookmarks", "List, add, update or remove bookmarks");
-    bookmarks->add_option("FILE", options->file, "Log file")->required();
+    CLI::App* bookmarks =
+        addFileCommand(app, "bookmarks", "List, add, update or remove bookmarks", options->file);
     bookmarks->require_subcommand(0, 1);
 
     CLI::App* list = bookmarks->add_subcommand("list", "List the bookmarks (the default)");
@@ -452,22 +428,20 @@ void addBookmarks(CLI::App& app, Subcommands& subcommands) {
                           "Print one JSON document: the bookmarks, or what was added, updated or removed");
     }
 
-    subcommands.add(
-        bookmarks, [options] { return std::vector{options->file}; },
-        [options, add, update, remove] {
-            options->action = add->parsed()      ? BookmarkAction::Add
-                              : update->parsed() ? BookmarkAction::Update
-                              : remove->parsed() ? BookmarkAction::Remove
-                                                 : BookmarkAction::List;
-            return runBookmarks(*options);
-        });
+    subcommands.add(bookmarks, options->file, [options, add, update, remove] {
+        options->action = add->parsed()      ? BookmarkAction::Add
+                          : update->parsed() ? BookmarkAction::Update
+                          : remove->parsed() ? BookmarkAction::Remove
+                                             : BookmarkAction::List;
+        return runBookmarks(*options);
+    });
 }
 
 void addMetadata(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<MetadataOptions>();
     auto type = std::make_shared<std::string>("text");
-    CLI::App* metadata = app.add_subcommand("metadata", "List, get, set or remove metadata keys");
-    metadata->add_option("FILE", options->file, "Log file")->required();
+    CLI::App* metadata =
+        addFileCommand(app, "metadata", "List, get, set or remove metadata keys", options->file);
     metadata->require_subcommand(0, 1);
     CLI::App* list = metadata->add_subcommand("list", "List every key with its value and type (the default)");
     CLI::App* get = metadata->add_subcommand("get", "Print one key's value (text without quotes)");
@@ -486,26 +460,24 @@ void addMetadata(CLI::App& app, Subcommands& subcommands) {
         "The keys every log file is created with (createdDateTime, applicationName, applicationVersion,\n"
         "currentTimeZone, logVersion, compressionLevel) are refused for set and remove: readers rely on "
         "them.");
-    subcommands.add(
-        metadata, [options] { return std::vector{options->file}; },
-        [options, type, get, set, remove] {
-            options->action = get->parsed()      ? EditAction::Get
-                              : set->parsed()    ? EditAction::Set
-                              : remove->parsed() ? EditAction::Remove
-                                                 : EditAction::List;
-            options->type = *type == "int32"    ? MetadataType::Int32
-                            : *type == "int64"  ? MetadataType::Int64
-                            : *type == "double" ? MetadataType::Double
-                                                : MetadataType::Text;
-            return runMetadata(*options);
-        });
+    subcommands.add(metadata, options->file, [options, type, get, set, remove] {
+        options->action = get->parsed()      ? EditAction::Get
+                          : set->parsed()    ? EditAction::Set
+                          : remove->parsed() ? EditAction::Remove
+                                             : EditAction::List;
+        options->type = *type == "int32"    ? MetadataType::Int32
+                        : *type == "int64"  ? MetadataType::Int64
+                        : *type == "double" ? MetadataType::Double
+                                            : MetadataType::Text;
+        return runMetadata(*options);
+    });
 }
 
 void addResource(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<ResourceOptions>();
     CLI::App* resource =
-        app.add_subcommand("resource", "List, get, add or remove resources (the thumbnail is \"thumbnail\")");
-    resource->add_option("FILE", options->file, "Log file")->required();
+        addFileCommand(app, "resource", "List, get, add or remove resources (the thumbnail is \"thumbnail\")",
+                       options->file);
     resource->require_subcommand(0, 1);
     CLI::App* list = resource->add_subcommand("list", "List every resource with its size (the default)");
     CLI::App* get = resource->add_subcommand("get", "Write a resource's bytes to a file, as export does");
@@ -522,22 +494,20 @@ void addResource(CLI::App& app, Subcommands& subcommands) {
     for (CLI::App* command : {resource, list, add, remove}) {
         command->add_flag("--json", options->json, "Print one JSON document instead of text");
     }
-    subcommands.add(
-        resource, [options] { return std::vector{options->file}; },
-        [options, get, add, remove] {
-            options->action = get->parsed()      ? EditAction::Get
-                              : add->parsed()    ? EditAction::Set
-                              : remove->parsed() ? EditAction::Remove
-                                                 : EditAction::List;
-            return runResource(*options);
-        });
+    subcommands.add(resource, options->file, [options, get, add, remove] {
+        options->action = get->parsed()      ? EditAction::Get
+                          : add->parsed()    ? EditAction::Set
+                          : remove->parsed() ? EditAction::Remove
+                                             : EditAction::List;
+        return runResource(*options);
+    });
 }
 
 void addDu(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<DuOptions>();
-    CLI::App* du = app.add_subcommand(
-        "du", "Logged and stored bytes per data source and per entry type, with the compression ratio");
-    du->add_option("FILE", options->file, "Log file")->required();
+    CLI::App* du = addFileCommand(
+        app, "du", "Logged and stored bytes per data source and per entry type, with the compression ratio",
+        options->file);
     addProgressFlag(*du, options->progress);
     du->add_flag("--json", options->json, "Print one JSON document instead of a table");
     du->footer(
@@ -545,21 +515,18 @@ void addDu(CLI::App& app, Subcommands& subcommands) {
         "(compressed\n"
         "where the file compresses). Compressed sizes are read from the frames' headers: nothing is "
         "expanded.");
-    subcommands.add(
-        du, [options] { return std::vector{options->file}; }, [options] { return runDu(*options); });
+    subcommands.add(du, options->file, [options] { return runDu(*options); });
 }
 
 void addCheck(CLI::App& app, Subcommands& subcommands) {
     auto options = std::make_shared<CheckOptions>();
-    CLI::App* check =
-        app.add_subcommand("check", "Verify the database, every payload, resource and bookmark");
-    check->add_option("FILE", options->file, "Log file")->required();
+    CLI::App* check = addFileCommand(
+        app, "check", "Verify the database, every payload, resource and bookmark", options->file);
     addProgressFlag(*check, options->progress);
     check->add_flag("--json", options->json,
                     "Print one JSON document at the end (file, ok, damaged, problems, checked counts, hint) "
                     "instead of lines");
-    subcommands.add(
-        check, [options] { return std::vector{options->file}; }, [options] { return runCheck(*options); });
+    subcommands.add(check, options->file, [options] { return runCheck(*options); });
 }
 
 void addRecover(CLI::App& app, Subcommands& subcommands) {
@@ -574,9 +541,7 @@ void addRecover(CLI::App& app, Subcommands& subcommands) {
     addProgressFlag(*recover, options->progress);
     recover->add_option("-o,--output", options->output, "New log file (must not exist)")->required();
     recover->add_flag("--json", options->json, "Print the report as one JSON document");
-    subcommands.add(
-        recover, [options] { return std::vector{options->file}; },
-        [options] { return runRecover(*options); });
+    subcommands.add(recover, options->file, [options] { return runRecover(*options); });
 }
 
 void addIndex(CLI::App& app, Subcommands& subcommands) {
@@ -589,8 +554,7 @@ void addIndex(CLI::App& app, Subcommands& subcommands) {
     index->add_flag("--json", options->json,
                     "Print one JSON document (file, built, hasTimeIndex, entries, seconds)");
     addProgressFlag(*index, options->progress);
-    subcommands.add(
-        index, [options] { return std::vector{options->file}; }, [options] { return runIndex(*options); });
+    subcommands.add(index, options->file, [options] { return runIndex(*options); });
 }
 
 void addView(CLI::App& app, Subcommands& subcommands) {

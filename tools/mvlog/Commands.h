@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Replay.h"
+
 #include <logging/Logging.h>
 
 #include <cstdint>
@@ -9,30 +11,49 @@
 
 // One function per subcommand. Each returns the process exit code and reports
 // failures by throwing ToolError (exit 1) or UsageError (exit 2); main turns
-// both into a message on stderr.
+// both into a message on stderr. In every command's options, `progress`
+// (--progress) shows the progress bar on stderr even when it is not a
+// terminal.
 namespace Mvlog {
 
-struct InfoOptions {
+// info, du, check and index: one file, looked at (or indexed in place) and
+// reported on, in one JSON document with --json (info has no --progress).
+// split and recover add where their output goes.
+struct FileReportOptions {
     std::string file;
     bool json = false;
+    bool progress = false;
 };
+using InfoOptions = FileReportOptions;
+using DuOptions = FileReportOptions;
+using CheckOptions = FileReportOptions;
+using IndexOptions = FileReportOptions;
 int runInfo(const InfoOptions& options);
+int runDu(const DuOptions& options);
+int runCheck(const CheckOptions& options);
+int runIndex(const IndexOptions& options);
 
 // Auto: JSON and text payloads as text, the rest as Text does, by the media
 // type a source declares or its payloads' first bytes.
 enum class CatFormat { Text, Json, Hex, Auto };
 
-struct CatOptions {
-    std::string file;
-    int32_t from = -1;
-    int32_t to = -1;
-    // Times as slice takes them: ISO 8601 or seconds from the first entry.
+// The entries cat prints and slice copies: those of a time window that pass
+// a filter.
+struct EntryChoice {
+    // Times: ISO 8601 ("2026-11-21T11:58:05.5Z", UTC unless an offset is
+    // given) or seconds from the first entry ("+12.5").
     std::optional<std::string> start;
     std::optional<std::string> end;
     std::vector<int32_t> types;
     // Data-source ids or names, as given.
     std::vector<std::string> sources;
     std::vector<MV_LogDataSourceType> sourceTypes;
+};
+
+struct CatOptions : EntryChoice {
+    std::string file;
+    int32_t from = -1;
+    int32_t to = -1;
     int64_t limit = -1;
     CatFormat format = CatFormat::Text;
     // After the selection, keep printing entries as they are committed
@@ -42,7 +63,6 @@ struct CatOptions {
     double idleSeconds = 0;
     // Entries by id (as written) instead of by timestamp.
     bool idOrder = false;
-    // Show the progress bar on stderr even when it is not a terminal.
     bool progress = false;
 };
 int runCat(const CatOptions& options);
@@ -58,66 +78,44 @@ struct ExportOptions {
 };
 int runExport(const ExportOptions& options);
 
-struct SliceOptions {
+// What slice, clone and merge write: the new file (slice and clone: empty
+// for the default name), its compression level (unset: the (first) input's)
+// and, with json, one JSON document with the report instead of the output's
+// path.
+struct DerivedFile {
+    std::string output;
+    std::optional<int> level;
+    bool json = false;
+    bool progress = false;
+};
+
+struct SliceOptions : EntryChoice, DerivedFile {
     std::string file;
     std::optional<int32_t> from;
     std::optional<int32_t> to;
-    // Times: ISO 8601 ("2026-11-21T11:58:05.5Z", UTC unless an offset is
-    // given) or seconds from the first entry ("+12.5").
-    std::optional<std::string> start;
-    std::optional<std::string> end;
-    std::vector<int32_t> types;
-    // Data-source ids or names, as given.
-    std::vector<std::string> sources;
-    std::vector<MV_LogDataSourceType> sourceTypes;
-    std::string output;
-    std::optional<int> level;
     // Write a file without entries when nothing matches, instead of refusing.
     bool allowEmpty = false;
-    // One JSON document with the copy's report instead of the output's path.
-    bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
-    bool progress = false;
 };
 int runSlice(const SliceOptions& options);
 
-struct CloneOptions {
+struct CloneOptions : DerivedFile {
     std::string file;
-    std::string output;
-    std::optional<int> level;
-    // One JSON document with the copy's report instead of the output's path.
-    bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
-    bool progress = false;
 };
 int runClone(const CloneOptions& options);
 
-struct MergeOptions {
+struct MergeOptions : DerivedFile {
     std::vector<std::string> files;
-    std::string output;
-    std::optional<int> level;
-    // One JSON document on stdout instead of the path and the report.
-    bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
-    bool progress = false;
 };
 int runMerge(const MergeOptions& options);
 
 struct PlayOptions {
     std::string file;
-    double speed = 1.0;
-    bool loop = false;
-    std::vector<MV_LogDataSourceType> sourceTypes;
-    // Unset: no cap in time order, 1000 ms in id order.
-    std::optional<int32_t> maxDelayMs;
-    int32_t fromFrame = 0;
+    // All but the times, which need the file, and how the terminal takes part.
+    ReplaySettings replay;
     // A time (see slice's --start) instead of a frame to start at.
     std::optional<std::string> start;
     // The last time to play, written like start.
     std::optional<std::string> end;
-    bool carryPacing = false;
-    // Frames by entry id (as written) instead of by timestamp.
-    bool idOrder = false;
 };
 int runPlay(const PlayOptions& options);
 
@@ -163,52 +161,17 @@ struct ResourceOptions {
 };
 int runResource(const ResourceOptions& options);
 
-struct SplitOptions {
-    std::string file;
+struct SplitOptions : FileReportOptions {
     std::string directory;
     // A duration (30s), a size of stored bytes (64MiB) or a number of entries.
     std::string every;
-    bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
-    bool progress = false;
 };
 int runSplit(const SplitOptions& options);
 
-struct DuOptions {
-    std::string file;
-    bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
-    bool progress = false;
-};
-int runDu(const DuOptions& options);
-
-struct CheckOptions {
-    std::string file;
-    // One JSON document at the end instead of lines as problems are found.
-    bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
-    bool progress = false;
-};
-int runCheck(const CheckOptions& options);
-
-struct RecoverOptions {
-    std::string file;
+struct RecoverOptions : FileReportOptions {
     std::string output;
-    // The report as one JSON document instead of lines.
-    bool json = false;
-    // Show the progress bar on stderr even when it is not a terminal.
-    bool progress = false;
 };
 int runRecover(const RecoverOptions& options);
-
-struct IndexOptions {
-    std::string file;
-    // One JSON document instead of sentences.
-    bool json = false;
-    // The progress bar also when stderr is not a terminal.
-    bool progress = false;
-};
-int runIndex(const IndexOptions& options);
 
 struct ViewCommandOptions {
     std::vector<std::string> files;

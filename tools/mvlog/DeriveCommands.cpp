@@ -1,12 +1,12 @@
+#include "Arguments.h"
 #include "Commands.h"
 #include "Derivation.h"
 #include "Format.h"
 #include "LogFileAccess.h"
-#include "SourceArguments.h"
 #include "Terminal.h"
-#include "TimeArguments.h"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -68,14 +68,6 @@ void explainOutputRefusal(const std::string& output) {
     }
 }
 
-// Without -o: "<name>_exported<ext>" beside the source, made unique.
-std::string outputFor(const std::string& output, const std::string& source) {
-    if (!output.empty()) {
-        return output;
-    }
-    return Marivane::Logging::Algorithms::defaultDerivedFilePath(source);
-}
-
 CopyOptions copyOptions(const LogFileInterface& file, const std::optional<int>& level) {
     CopyOptions options;
     options.applicationName = kToolName;
@@ -100,21 +92,17 @@ CopyOptions copyOptions(const LogFileInterface& file, const std::optional<int>& 
 class BlockedSignals {
 public:
     BlockedSignals() {
+        ::pthread_sigmask(SIG_BLOCK, nullptr, &previous_);
         sigemptyset(&signals_);
         for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+            // One the caller already blocked stays the caller's, as before.
             struct sigaction current {};
-            if (::sigaction(signal, nullptr, &current) == 0 &&
+            if (sigismember(&previous_, signal) == 0 && ::sigaction(signal, nullptr, &current) == 0 &&
                 ((current.sa_flags & SA_SIGINFO) != 0 || current.sa_handler != SIG_IGN)) {
                 sigaddset(&signals_, signal);
             }
         }
-        ::pthread_sigmask(SIG_BLOCK, &signals_, &previous_);
-        // One the caller already blocked stays the caller's, as before.
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-            if (sigismember(&previous_, signal) == 1) {
-                sigdelset(&signals_, signal);
-            }
-        }
+        ::pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
     }
     ~BlockedSignals() { restore(); }
     BlockedSignals(const BlockedSignals&) = delete;
@@ -140,57 +128,33 @@ private:
     bool restored_ = false;
 };
 
-// The report travels from the child as numbers and length-prefixed texts.
+// The report travels from the child as CBOR after an "R": texts in it are
+// bytes, as the library's notes are, whatever their encoding.
 std::string encodeReport(const CopyReport& report) {
-    std::string text = "R";
-    for (const uint64_t number :
-         {report.entries, report.dataSources, report.bookmarks, report.resources,
-          report.payloadsCopiedAsStored, static_cast<uint64_t>(report.notes.size())}) {
-        text += std::to_string(number) + '\n';
-    }
-    for (const std::string& note : report.notes) {
-        text += std::to_string(note.size()) + '\n' + note;
-    }
-    return text;
+    const std::vector<uint8_t> bytes = nlohmann::json::to_cbor({{"entries", report.entries},
+                                                                {"dataSources", report.dataSources},
+                                                                {"bookmarks", report.bookmarks},
+                                                                {"resources", report.resources},
+                                                                {"stored", report.payloadsCopiedAsStored},
+                                                                {"notes", report.notes}});
+    return "R" + std::string(bytes.begin(), bytes.end());
 }
 
-class ReportDecoder {
-public:
-    explicit ReportDecoder(const std::string& text) : text_(text) {}
-
-    CopyReport decode() {
+CopyReport decodeReport(const std::string& text) {
+    try {
+        const nlohmann::json fields = nlohmann::json::from_cbor(text.begin() + 1, text.end());
         CopyReport report;
-        report.entries = number();
-        report.dataSources = number();
-        report.bookmarks = number();
-        report.resources = number();
-        report.payloadsCopiedAsStored = number();
-        const uint64_t notes = number();
-        for (uint64_t i = 0; i < notes; ++i) {
-            const uint64_t size = number();
-            if (size > text_.size() - at_) {
-                throw ToolError("the report of the derivation is cut short");
-            }
-            report.notes.push_back(text_.substr(at_, size));
-            at_ += size;
-        }
+        report.entries = fields.at("entries");
+        report.dataSources = fields.at("dataSources");
+        report.bookmarks = fields.at("bookmarks");
+        report.resources = fields.at("resources");
+        report.payloadsCopiedAsStored = fields.at("stored");
+        report.notes = fields.at("notes").get<std::vector<std::string>>();
         return report;
+    } catch (const nlohmann::json::exception&) {
+        throw ToolError("the report of the derivation is cut short");
     }
-
-private:
-    uint64_t number() {
-        const std::size_t end = text_.find('\n', at_);
-        if (end == std::string::npos) {
-            throw ToolError("the report of the derivation is cut short");
-        }
-        const uint64_t value = std::stoull(text_.substr(at_, end - at_));
-        at_ = end + 1;
-        return value;
-    }
-
-    const std::string& text_;
-    std::size_t at_ = 1;
-};
+}
 
 void writeAll(int descriptor, const std::string& text) {
     std::size_t written = 0;
@@ -288,15 +252,15 @@ CopyReport deriveInChild(const char* what, const std::filesystem::path& output,
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    const bool succeeded = !received.empty() && received[0] == 'R';
-    if (!succeeded && signal == 0) {
+    if (!received.empty() && received[0] == 'R') {
+        return decodeReport(received);
+    }
+    if (signal == 0) {
         // The child may have died of the same signal, sent to the whole group.
         signal = blocked.takePending();
     }
-    if (!succeeded) {
-        removePartialFiles(output, child);
-    }
-    if (signal != 0 && !succeeded) {
+    removePartialFiles(output, child);
+    if (signal != 0) {
         clearStatusLine(stderr);
         fmt::print(stderr, "mvlog: {} interrupted; nothing was written to {}\n", what, output.string());
         std::fflush(stderr);
@@ -305,9 +269,6 @@ CopyReport deriveInChild(const char* what, const std::filesystem::path& output,
         ::raise(signal);
         std::_Exit(128 + signal);
     }
-    if (succeeded) {
-        return ReportDecoder(received).decode();
-    }
     if (!received.empty()) {
         throw ToolError(received.substr(1));
     }
@@ -315,29 +276,6 @@ CopyReport deriveInChild(const char* what, const std::filesystem::path& output,
                         ? fmt::format("the process writing it ended by signal {}", WTERMSIG(status))
                         : fmt::format("the process writing it ended with status {}", WEXITSTATUS(status)));
 }
-
-}  // namespace
-
-CopyReport deriveReporting(const char* what, const std::string& output, CopyOptions options,
-                           const std::function<CopyReport(const CopyOptions&)>& derive,
-                           ProgressMode progress) {
-    try {
-        return deriveInChild(what, output, [&] {
-            // The total is the inputs' entry count: a filter may take fewer.
-            ProgressBar bar(what, "entries", progress);
-            if (bar.isShown()) {
-                options.progress = [&](uint64_t written, uint64_t total) { bar.update(written, total); };
-            }
-            CopyReport report = derive(options);
-            bar.update(report.entries, report.entries);
-            return report;
-        });
-    } catch (const std::exception& error) {
-        throw ToolError(fmt::format("{} failed: {} (nothing was written to {})", what, error.what(), output));
-    }
-}
-
-namespace {
 
 // ---- slice: a selection that matches nothing ----------------------------
 
@@ -412,33 +350,31 @@ std::vector<std::string> repeatedInputWarnings(const std::vector<std::string>& f
     return warnings;
 }
 
-// The library's notes, one sentence each, as fields: the sentences are the
-// library's own, so a test pins them.
-nlohmann::ordered_json noteFields(const std::vector<std::string>& notes) {
+// The library's notes, one sentence each, as fields of the document: the
+// sentences are the library's own, so a test pins them.
+void addNoteFields(nlohmann::ordered_json& document, const std::vector<std::string>& notes) {
     static const std::regex renumbered(
         R"re(Data source (-?\d+) \("(.*)"\) of '(.*)' became data source (-?\d+): its id was taken by an earlier input\.)re");
     static const std::regex resource(
         R"re(Resource "(.*)" of '(.*)' has the name of an earlier input's resource and was not copied\.)re");
     static const std::regex metadata(
         R"re(Metadata "(.*)" of '(.*)' differs from an earlier input's and was not copied\.)re");
-    nlohmann::ordered_json fields;
-    fields["renumberedSources"] = nlohmann::ordered_json::array();
-    fields["skippedResources"] = nlohmann::ordered_json::array();
-    fields["skippedMetadata"] = nlohmann::ordered_json::array();
+    document["renumberedSources"] = nlohmann::ordered_json::array();
+    document["skippedResources"] = nlohmann::ordered_json::array();
+    document["skippedMetadata"] = nlohmann::ordered_json::array();
     for (const std::string& note : notes) {
         std::smatch match;
         if (std::regex_match(note, match, renumbered)) {
-            fields["renumberedSources"].push_back({{"input", match[3].str()},
-                                                   {"name", match[2].str()},
-                                                   {"from", std::stoi(match[1].str())},
-                                                   {"to", std::stoi(match[4].str())}});
+            document["renumberedSources"].push_back({{"input", match[3].str()},
+                                                     {"name", match[2].str()},
+                                                     {"from", std::stoi(match[1].str())},
+                                                     {"to", std::stoi(match[4].str())}});
         } else if (std::regex_match(note, match, resource)) {
-            fields["skippedResources"].push_back({{"input", match[2].str()}, {"name", match[1].str()}});
+            document["skippedResources"].push_back({{"input", match[2].str()}, {"name", match[1].str()}});
         } else if (std::regex_match(note, match, metadata)) {
-            fields["skippedMetadata"].push_back({{"input", match[2].str()}, {"key", match[1].str()}});
+            document["skippedMetadata"].push_back({{"input", match[2].str()}, {"key", match[1].str()}});
         }
     }
-    return fields;
 }
 
 std::string countOf(uint64_t count, const char* one, const char* many) {
@@ -455,22 +391,6 @@ void addCopyCounts(nlohmann::ordered_json& document, const CopyReport& report) {
     document["payloadsCopiedAsStored"] = report.payloadsCopiedAsStored;
 }
 
-// slice and clone: the output's path alone, as scripts read it, or one JSON
-// document with the report.
-void printDerivedFile(const std::string& input, const std::string& output, const CopyReport& report,
-                      bool json) {
-    if (!json) {
-        fmt::print("{}\n", output);
-        return;
-    }
-    nlohmann::ordered_json document;
-    document["output"] = output;
-    document["input"] = input;
-    addCopyCounts(document, report);
-    document["notes"] = report.notes;
-    fmt::print("{}\n", dumpJson(document, 2));
-}
-
 void printMergeReport(const MergeOptions& options, const CopyReport& report,
                       const std::vector<std::string>& warnings) {
     if (options.json) {
@@ -478,10 +398,7 @@ void printMergeReport(const MergeOptions& options, const CopyReport& report,
         document["output"] = options.output;
         document["inputs"] = options.files;
         addCopyCounts(document, report);
-        const nlohmann::ordered_json fields = noteFields(report.notes);
-        for (const auto& [key, value] : fields.items()) {
-            document[key] = value;
-        }
+        addNoteFields(document, report.notes);
         document["notes"] = report.notes;
         document["warnings"] = warnings;
         fmt::print("{}\n", dumpJson(document, 2));
@@ -499,7 +416,54 @@ void printMergeReport(const MergeOptions& options, const CopyReport& report,
         fmt::print(stderr, "note: {}\n", printable(note));
     }
 }
+
+// slice and clone: a copy of one file to the derived file's output (without
+// -o, "<name>_exported<ext>" beside it, made unique), reported as the
+// output's path alone, as scripts read it, or as one JSON document.
+int copyReporting(const char* what, const std::string& input, const DerivedFile& derived,
+                  const CopyOptions& copy) {
+    const std::string written = derived.output.empty()
+                                    ? Marivane::Logging::Algorithms::defaultDerivedFilePath(input)
+                                    : derived.output;
+    const CopyReport report = deriveReporting(
+        what, written, copy,
+        [&](const CopyOptions& chosen) {
+            return Marivane::Logging::Algorithms::copy(input, written, chosen);
+        },
+        progressMode(derived.progress));
+    if (!derived.json) {
+        fmt::print("{}\n", written);
+        return 0;
+    }
+    nlohmann::ordered_json document;
+    document["output"] = written;
+    document["input"] = input;
+    addCopyCounts(document, report);
+    document["notes"] = report.notes;
+    fmt::print("{}\n", dumpJson(document, 2));
+    return 0;
+}
+
 }  // namespace
+
+CopyReport deriveReporting(const char* what, const std::string& output, CopyOptions options,
+                           const std::function<CopyReport(const CopyOptions&)>& derive,
+                           ProgressMode progress) {
+    try {
+        return deriveInChild(what, output, [&] {
+            // The total is the inputs' entry count: a filter may take fewer.
+            ProgressBar bar(what, "entries", progress);
+            if (bar.isShown()) {
+                options.progress = [&](uint64_t written, uint64_t total) { bar.update(written, total); };
+            }
+            CopyReport report = derive(options);
+            bar.update(report.entries, report.entries);
+            return report;
+        });
+    } catch (const std::exception& error) {
+        throw ToolError(fmt::format("{} failed: {} (nothing was written to {})", what, error.what(), output));
+    }
+}
 
 int runSlice(const SliceOptions& options) {
     auto file = openExistingLogFile(options.file);
@@ -513,15 +477,9 @@ int runSlice(const SliceOptions& options) {
         copy.firstEntryId = *options.from;
         copy.lastEntryId = *options.to;
     }
-    if (options.start) {
-        copy.startTimestamp = parseTime("--start", *options.start, *file);
-    }
-    if (options.end) {
-        copy.endTimestamp = parseTime("--end", *options.end, *file);
-    }
-    if (copy.endTimestamp < copy.startTimestamp) {
-        throw ToolError("refused: the time range is reversed (--start is after --end)");
-    }
+    const TimeWindow window = parseTimeWindow(options.start, options.end, *file);
+    copy.startTimestamp = window.start;
+    copy.endTimestamp = window.end;
     copy.filter.dataTypes = options.types;
     copy.filter.dataSources = resolveDataSources("--source", options.sources, file->getDataSources());
     copy.filter.dataSourceTypes = options.sourceTypes;
@@ -530,15 +488,7 @@ int runSlice(const SliceOptions& options) {
     }
     // The derivation runs in another process, which opens its own connection.
     file.reset();
-    const std::string output = outputFor(options.output, options.file);
-    const CopyReport report = deriveReporting(
-        "slicing", output, copy,
-        [&](const CopyOptions& chosen) {
-            return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
-        },
-        options.progress ? ProgressMode::Always : ProgressMode::Auto);
-    printDerivedFile(options.file, output, report, options.json);
-    return 0;
+    return copyReporting("slicing", options.file, options, copy);
 }
 
 int runClone(const CloneOptions& options) {
@@ -546,15 +496,7 @@ int runClone(const CloneOptions& options) {
     explainOutputRefusal(options.output);
     const CopyOptions copy = copyOptions(*file, options.level);
     file.reset();
-    const std::string output = outputFor(options.output, options.file);
-    const CopyReport report = deriveReporting(
-        "cloning", output, copy,
-        [&](const CopyOptions& chosen) {
-            return Marivane::Logging::Algorithms::copy(options.file, output, chosen);
-        },
-        options.progress ? ProgressMode::Always : ProgressMode::Auto);
-    printDerivedFile(options.file, output, report, options.json);
-    return 0;
+    return copyReporting("cloning", options.file, options, copy);
 }
 
 int runMerge(const MergeOptions& options) {
@@ -564,9 +506,8 @@ int runMerge(const MergeOptions& options) {
         inputs.emplace_back(input);
     }
     explainOutputRefusal(options.output);
-    auto first = openExistingLogFile(options.files.front());
-    const CopyOptions copy = copyOptions(*first, options.level);
-    first.reset();
+    // The first file is closed again before the derivation opens it.
+    const CopyOptions copy = copyOptions(*openExistingLogFile(options.files.front()), options.level);
     const std::vector<std::string> warnings = repeatedInputWarnings(options.files);
     for (const std::string& warning : warnings) {
         fmt::print(stderr, "mvlog: warning: {}\n", warning);
@@ -576,7 +517,7 @@ int runMerge(const MergeOptions& options) {
         [&](const CopyOptions& chosen) {
             return Marivane::Logging::Algorithms::merge(inputs, options.output, chosen);
         },
-        options.progress ? ProgressMode::Always : ProgressMode::Auto);
+        progressMode(options.progress));
     printMergeReport(options, report, warnings);
     return 0;
 }

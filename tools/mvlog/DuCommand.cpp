@@ -160,7 +160,7 @@ void printJson(const DuOptions& options, const SqliteLogFile& file, const std::v
 int runDu(const DuOptions& options) {
     const auto file = openExistingLogFile(options.file);
     const std::vector<DataSource> sources = file->getDataSources();
-    const DiskUsage usage = measure(*file, options.progress ? ProgressMode::Always : ProgressMode::Auto);
+    const DiskUsage usage = measure(*file, progressMode(options.progress));
     requireCompleteReads(*file);
     if (options.json) {
         printJson(options, *file, sources, usage);

@@ -72,66 +72,32 @@ std::size_t streamEntry(const SqliteLogFile& file, int32_t entryId,
     return size;
 }
 
-ByteBuffer readResourceBytes(const LogFileInterface& file, const std::string& name) {
-    std::optional<ByteBuffer> data;
-    try {
-        data = file.getResource(name);
-    } catch (const std::exception& error) {
-        throw ToolError(fmt::format("resource \"{}\" cannot be expanded: {}", name, error.what()));
-    }
-    if (!data) {
-        throw ToolError(fmt::format("{}: no resource named \"{}\"", file.getFilePath().string(), name));
-    }
-    return std::move(*data);
-}
-
-ByteBuffer readThumbnailBytes(const LogFileInterface& file) {
-    std::optional<ByteBuffer> data;
-    try {
-        data = file.getThumbnail();
-    } catch (const std::exception& error) {
-        throw ToolError(fmt::format("the thumbnail cannot be expanded: {}", error.what()));
-    }
-    if (!data) {
-        throw ToolError(fmt::format("{}: the file has no thumbnail", file.getFilePath().string()));
-    }
-    return std::move(*data);
-}
-
 // A resource that reads hand out as a compressed frame is refused: the frame
 // is not the bytes that were stored as the resource.
 ByteBuffer selectedBytes(const SqliteLogFile& file, const ExportOptions& options) {
-    const std::string name = options.resource ? *options.resource : std::string("thumbnail");
-    ByteBuffer bytes = options.resource ? readResourceBytes(file, name) : readThumbnailBytes(file);
-    if (const std::optional<std::string> problem = Marivane::Logging::resourceFormProblem(file, bytes)) {
-        throw ToolError(fmt::format("{}: {}: {}; nothing written", file.getFilePath().string(),
-                                    resourceLabel(name), *problem));
+    const std::string path = file.getFilePath().string();
+    const std::string name = options.resource.value_or("thumbnail");
+    std::optional<ByteBuffer> bytes;
+    try {
+        bytes = options.resource ? file.getResource(name) : file.getThumbnail();
+    } catch (const std::exception& error) {
+        throw ToolError(fmt::format("{} cannot be expanded: {}",
+                                    options.resource ? fmt::format("resource \"{}\"", name) : "the thumbnail",
+                                    error.what()));
     }
-    return bytes;
+    if (!bytes) {
+        throw ToolError(options.resource ? fmt::format("{}: no resource named \"{}\"", path, name)
+                                         : fmt::format("{}: the file has no thumbnail", path));
+    }
+    if (const std::optional<std::string> problem = Marivane::Logging::resourceFormProblem(file, *bytes)) {
+        throw ToolError(fmt::format("{}: {}: {}; nothing written", path, resourceLabel(name), *problem));
+    }
+    return std::move(*bytes);
 }
 
-void writeToStandardOutput(const std::byte* bytes, std::size_t size) {
-    if (std::fwrite(bytes, 1, size, stdout) != size) {
+void requireStandardOutput(bool written) {
+    if (!written) {
         throw ToolError("cannot write to standard output");
-    }
-}
-
-void flushStandardOutput() {
-    if (std::fflush(stdout) != 0) {
-        throw ToolError("cannot write to standard output");
-    }
-}
-
-// Never over the log file being read (whatever name reaches it), and over
-// any other existing file only when asked.
-void refuseUnsafeOutput(const ExportOptions& options) {
-    std::error_code error;
-    if (std::filesystem::equivalent(options.output, options.file, error)) {
-        throw ToolError(fmt::format("refused: {} is the log file being read", options.output));
-    }
-    if (!options.force && somethingExistsAt(options.output)) {
-        throw ToolError(
-            fmt::format("refused: {} already exists (use --force to replace it)", options.output));
     }
 }
 
@@ -181,19 +147,25 @@ private:
 
 int runExport(const ExportOptions& options) {
     const auto file = openExistingLogFile(options.file);
-    const bool toStandardOutput = options.output == kStandardOutput;
-    if (!toStandardOutput) {
-        refuseUnsafeOutput(options);
-    }
     std::optional<PendingExport> pending;
-    if (!toStandardOutput) {
+    if (options.output != kStandardOutput) {
+        // Never over the log file being read (whatever name reaches it), and
+        // over any other existing file only when asked.
+        std::error_code error;
+        if (std::filesystem::equivalent(options.output, options.file, error)) {
+            throw ToolError(fmt::format("refused: {} is the log file being read", options.output));
+        }
+        if (!options.force && somethingExistsAt(options.output)) {
+            throw ToolError(
+                fmt::format("refused: {} already exists (use --force to replace it)", options.output));
+        }
         pending.emplace(options.output);
     }
     const auto write = [&](const std::byte* bytes, std::size_t size) {
         if (pending) {
             pending->write(bytes, size);
         } else {
-            writeToStandardOutput(bytes, size);
+            requireStandardOutput(std::fwrite(bytes, 1, size, stdout) == size);
         }
     };
     std::size_t size = 0;
@@ -206,7 +178,7 @@ int runExport(const ExportOptions& options) {
         size = bytes.size();
     }
     if (!pending) {
-        flushStandardOutput();
+        requireStandardOutput(std::fflush(stdout) == 0);
         return 0;
     }
     pending->commit();

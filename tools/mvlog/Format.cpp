@@ -9,22 +9,6 @@
 
 namespace Mvlog {
 
-namespace {
-
-// Floor division, so that instants before 1970 still split into a whole
-// second and a non-negative millisecond part.
-std::pair<int64_t, int64_t> splitMilliseconds(int64_t milliseconds) {
-    int64_t seconds = milliseconds / 1000;
-    int64_t rest = milliseconds % 1000;
-    if (rest < 0) {
-        rest += 1000;
-        --seconds;
-    }
-    return {seconds, rest};
-}
-
-}  // namespace
-
 std::string humanSize(uint64_t bytes) {
     constexpr double kKiB = 1024.0;
     if (bytes < 1024) {
@@ -76,7 +60,14 @@ std::string isoTimestamp(int64_t millisecondsSinceEpoch) {
 }
 
 void appendIsoTimestamp(std::string& text, int64_t millisecondsSinceEpoch) {
-    const auto [seconds, rest] = splitMilliseconds(millisecondsSinceEpoch);
+    // Floor division, so that instants before 1970 still split into a whole
+    // second and a non-negative millisecond part.
+    int64_t seconds = millisecondsSinceEpoch / 1000;
+    int64_t rest = millisecondsSinceEpoch % 1000;
+    if (rest < 0) {
+        rest += 1000;
+        --seconds;
+    }
     // Entries come a few to thousands a second: the calendar fields of the
     // last second are kept, "2024-05-01T12:00:00" without the milliseconds.
     struct LastSecond {
@@ -106,12 +97,6 @@ void appendIsoTimestamp(std::string& text, int64_t millisecondsSinceEpoch) {
     text += fraction.data();
 }
 
-std::string hexPrefix(const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum) {
-    std::string text;
-    appendHexPrefix(text, bytes, maximum);
-    return text;
-}
-
 void appendHexPrefix(std::string& text, const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum) {
     constexpr const char* kDigits = "0123456789abcdef";
     const std::size_t shown = std::min(bytes.size(), maximum);
@@ -136,25 +121,20 @@ namespace {
 std::size_t utf8SequenceLength(std::string_view text, std::size_t at) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char lead = byte(at);
-    std::size_t length = 0;
-    unsigned minimum = 0;
-    if (lead < 0x80) {
-        return 1;
-    } else if ((lead & 0xE0) == 0xC0) {
-        length = 2;
-        minimum = 0x80;
-    } else if ((lead & 0xF0) == 0xE0) {
-        length = 3;
-        minimum = 0x800;
-    } else if ((lead & 0xF8) == 0xF0) {
-        length = 4;
-        minimum = 0x10000;
-    } else {
-        return 0;
+    const std::size_t length = lead < 0x80             ? 1
+                               : (lead & 0xE0) == 0xC0 ? 2
+                               : (lead & 0xF0) == 0xE0 ? 3
+                               : (lead & 0xF8) == 0xF0 ? 4
+                                                       : 0;
+    // ASCII, or a byte that starts no sequence.
+    if (length <= 1) {
+        return length;
     }
     if (at + length > text.size()) {
         return 0;
     }
+    // The smallest code point each length may carry: below it, overlong.
+    constexpr std::array<unsigned, 5> kMinimum = {0, 0, 0x80, 0x800, 0x10000};
     unsigned codePoint = lead & (0x7F >> length);
     for (std::size_t i = 1; i < length; ++i) {
         if ((byte(at + i) & 0xC0) != 0x80) {
@@ -163,7 +143,7 @@ std::size_t utf8SequenceLength(std::string_view text, std::size_t at) {
         codePoint = (codePoint << 6) | (byte(at + i) & 0x3F);
     }
     const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
-    return codePoint < minimum || codePoint > 0x10FFFF || surrogate ? 0 : length;
+    return codePoint < kMinimum[length] || codePoint > 0x10FFFF || surrogate ? 0 : length;
 }
 
 void escapeStrings(nlohmann::ordered_json& value) {
@@ -212,25 +192,17 @@ std::string printable(std::string_view text) {
     result.reserve(text.size());
     for (const char character : text) {
         const auto byte = static_cast<unsigned char>(character);
-        switch (character) {
-            case '\n':
-                result += "\\n";
-                break;
-            case '\t':
-                result += "\\t";
-                break;
-            case '\r':
-                result += "\\r";
-                break;
-            case '\\':
-                result += "\\\\";
-                break;
-            default:
-                if (byte < 0x20 || byte == 0x7f) {
-                    result += fmt::format("\\x{:02x}", byte);
-                } else {
-                    result += character;
-                }
+        const char* escape = character == '\n'   ? "\\n"
+                             : character == '\t' ? "\\t"
+                             : character == '\r' ? "\\r"
+                             : character == '\\' ? "\\\\"
+                                                 : nullptr;
+        if (escape != nullptr) {
+            result += escape;
+        } else if (byte < 0x20 || byte == 0x7f) {
+            result += fmt::format("\\x{:02x}", byte);
+        } else {
+            result += character;
         }
     }
     return result;
@@ -240,25 +212,12 @@ std::string propertyValueText(const Marivane::Logging::PropertyValue& value) {
     if (const auto* text = std::get_if<std::string>(&value)) {
         return fmt::format("\"{}\"", printable(*text));
     }
-    if (const auto* real = std::get_if<double>(&value)) {
-        return fmt::format("{}", *real);
-    }
-    if (const auto* wide = std::get_if<int64_t>(&value)) {
-        return std::to_string(*wide);
-    }
-    return std::to_string(std::get<int32_t>(value));
+    return std::visit([](const auto& number) { return fmt::format("{}", number); }, value);
 }
 
 std::string propertyTypeName(const Marivane::Logging::PropertyValue& value) {
     constexpr std::array<const char*, 4> kNames = {"int32", "int64", "double", "text"};
     return kNames.at(value.index());
-}
-
-std::optional<double> meanRateHz(int64_t entryCount, uint64_t spanMilliseconds) {
-    if (entryCount < 2 || spanMilliseconds == 0) {
-        return std::nullopt;
-    }
-    return static_cast<double>(entryCount - 1) * 1000.0 / static_cast<double>(spanMilliseconds);
 }
 
 }  // namespace Mvlog

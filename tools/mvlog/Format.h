@@ -30,15 +30,12 @@ std::string isoTimestamp(int64_t millisecondsSinceEpoch);
 // The same, appended to `text`.
 void appendIsoTimestamp(std::string& text, int64_t millisecondsSinceEpoch);
 
-// Space-separated hex of at most `maximum` leading bytes, with " ..." when the
-// buffer is longer.
-std::string hexPrefix(const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum);
-// The same, appended to `text`.
+// Appends space-separated hex of at most `maximum` leading bytes, with " ..."
+// when the buffer is longer.
 void appendHexPrefix(std::string& text, const Marivane::Logging::ByteBuffer& bytes, std::size_t maximum);
 
 using Marivane::Logging::dataSourceTypeName;
 
-// 42, 2.5, "text" (texts quoted so that they stand out from numbers).
 // Text from a file (names, keys, titles, values) made safe for a terminal:
 // control characters and DEL become escapes (\n, \t, \x1b, ...), and so does
 // a backslash, so nothing in a file can move the cursor or change colours.
@@ -53,12 +50,20 @@ std::string utf8Escaped(std::string_view text);
 // Dumps `document` with every string and key passed through utf8Escaped.
 std::string dumpJson(const nlohmann::ordered_json& document, int indent = -1);
 
+// An array of `toJson` of each element of `range`.
+template <typename Range, typename ToJson>
+nlohmann::ordered_json jsonArray(const Range& range, const ToJson& toJson) {
+    nlohmann::ordered_json array = nlohmann::ordered_json::array();
+    for (const auto& element : range) {
+        array.push_back(toJson(element));
+    }
+    return array;
+}
+
+// 42, 2.5, "text" (texts quoted so that they stand out from numbers).
 std::string propertyValueText(const Marivane::Logging::PropertyValue& value);
 
 // "int32", "int64", "double" or "text".
 std::string propertyTypeName(const Marivane::Logging::PropertyValue& value);
-
-// Whole entries per second over a span, or nothing when the span is empty.
-std::optional<double> meanRateHz(int64_t entryCount, uint64_t spanMilliseconds);
 
 }  // namespace Mvlog

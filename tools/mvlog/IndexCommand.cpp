@@ -33,10 +33,8 @@ int runIndex(const IndexOptions& options) {
         std::fflush(stdout);
     }
     const auto started = std::chrono::steady_clock::now();
-    ProgressBar bar("indexing", "entries", options.progress ? ProgressMode::Always : ProgressMode::Auto);
-    const bool built =
-        file->createTimeIndex([&bar](uint64_t indexed, uint64_t total) { bar.update(indexed, total); });
-    if (!built) {
+    ProgressBar bar("indexing", "entries", progressMode(options.progress));
+    if (!file->createTimeIndex([&bar](uint64_t indexed, uint64_t total) { bar.update(indexed, total); })) {
         bar.erase();
         throw ToolError(
             fmt::format("{}: cannot build the time index: {}", options.file, file->getLastError()));

@@ -7,13 +7,8 @@
 
 namespace Mvlog {
 
-namespace {
-
-constexpr char kEscape = '\x1b';
-
-}  // namespace
-
 std::vector<Key> parseKeys(std::string& bytes) {
+    constexpr char kEscape = '\x1b';
     std::vector<Key> keys;
     std::size_t at = 0;
     while (at < bytes.size()) {

@@ -27,7 +27,6 @@ public:
     KeyboardInput(const KeyboardInput&) = delete;
     KeyboardInput& operator=(const KeyboardInput&) = delete;
 
-    bool isActive() const { return active_; }
     // The keys pressed since the last call, without waiting.
     std::vector<Key> poll();
 

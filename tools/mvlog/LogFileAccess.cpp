@@ -7,7 +7,6 @@
 
 namespace Mvlog {
 
-using Marivane::Logging::EntryIndexFilter;
 using Marivane::Logging::LogFileInterface;
 using Marivane::Logging::SqliteLogFile;
 
@@ -58,27 +57,13 @@ bool somethingExistsAt(const std::filesystem::path& path) {
 }
 
 int8_t storedCompressionLevel(const LogFileInterface& file) {
-    const int64_t level = integerMetadata(file, "compressionLevel").value_or(0);
+    const int64_t level = Marivane::Logging::integerMetadata(file, "compressionLevel").value_or(0);
     return static_cast<int8_t>(std::clamp<int64_t>(level, Marivane::Logging::kMinCompressionLevel,
                                                    Marivane::Logging::kMaxCompressionLevel));
 }
 
 std::string resourceLabel(const std::string& name) {
     return name == "thumbnail" ? std::string("the thumbnail") : fmt::format("resource \"{}\"", name);
-}
-
-int64_t entriesMissingFromIndex(const LogFileInterface& file) {
-    const int32_t counted = file.getEntryCount();
-    if (counted < 0) {
-        return 0;
-    }
-    const auto listed = static_cast<int64_t>(file.getEntryIndex(EntryIndexFilter{}).size());
-    return std::max<int64_t>(0, counted - listed);
-}
-
-bool hasEntry(const LogFileInterface& file, int32_t entryId) {
-    const std::vector<int32_t> ids = file.getEntryIndex(EntryIndexFilter{});
-    return std::binary_search(ids.begin(), ids.end(), entryId);
 }
 
 void requireWritten(bool written, const Marivane::Logging::LogFileInterface& file, const char* what) {

@@ -54,23 +54,11 @@ uint64_t fileSizeOnDisk(const std::filesystem::path& path);
 // Does anything at all (even a dangling link) sit at `path`?
 bool somethingExistsAt(const std::filesystem::path& path);
 
-using Marivane::Logging::integerMetadata;
-using Marivane::Logging::textMetadata;
-
 // The compression level the file was recorded with (0 when unknown, which is
 // how the store treats a file without the key).
 int8_t storedCompressionLevel(const Marivane::Logging::LogFileInterface& file);
 
 // "the thumbnail" or "resource \"NAME\"", for messages.
 std::string resourceLabel(const std::string& name);
-
-// How many entries the file counts beyond those its index lists: reading
-// the index ends silently at a damaged page. 0 when they agree or the count
-// itself fails.
-int64_t entriesMissingFromIndex(const Marivane::Logging::LogFileInterface& file);
-
-// Whether the file has an entry with this id (from the index, so a damaged
-// payload does not matter).
-bool hasEntry(const Marivane::Logging::LogFileInterface& file, int32_t entryId);
 
 }  // namespace Mvlog

@@ -14,6 +14,11 @@ namespace Mvlog {
 // when asked (--progress), or not at all.
 enum class ProgressMode { Auto, Always, Never };
 
+// Auto, unless --progress asked for the bar everywhere.
+inline ProgressMode progressMode(bool asked) {
+    return asked ? ProgressMode::Always : ProgressMode::Auto;
+}
+
 // Progress of one long operation on stderr: "slicing  [######......] 45%
 // 4,500 of 10,000 entries, 12.3k/s, 1 s left". On a terminal the line is
 // redrawn in place at most ten times a second; elsewhere (when asked) a line

@@ -15,10 +15,6 @@ namespace Mvlog {
 
 namespace {
 
-std::string idRunText(const Marivane::Logging::EntryIdRange& run) {
-    return run.first == run.last ? std::to_string(run.first) : fmt::format("{}-{}", run.first, run.last);
-}
-
 // Long lists of lost runs would bury the counts; the first ones show where
 // the damage lies, the count says how much there is.
 constexpr std::size_t kRunsShown = 20;
@@ -32,7 +28,9 @@ void printReport(const Marivane::Logging::RecoveryReport& report, const std::str
         std::string runs;
         for (std::size_t i = 0; i < report.lostEntryIds.size() && i < kRunsShown; ++i) {
             runs += i == 0 ? "" : ", ";
-            runs += idRunText(report.lostEntryIds[i]);
+            const Marivane::Logging::EntryIdRange& run = report.lostEntryIds[i];
+            runs +=
+                run.first == run.last ? std::to_string(run.first) : fmt::format("{}-{}", run.first, run.last);
         }
         if (report.lostEntryIds.size() > kRunsShown) {
             runs += fmt::format(", ... ({} runs in all)", report.lostEntryIds.size());
@@ -63,14 +61,13 @@ void printJsonReport(const Marivane::Logging::RecoveryReport& report, const std:
     nlohmann::ordered_json document;
     document["input"] = input;
     document["output"] = output;
-    nlohmann::ordered_json lostIds = nlohmann::ordered_json::array();
-    for (const Marivane::Logging::EntryIdRange& run : report.lostEntryIds) {
-        lostIds.push_back({{"first", run.first}, {"last", run.last}});
-    }
+    const auto runJson = [](const Marivane::Logging::EntryIdRange& run) {
+        return nlohmann::ordered_json{{"first", run.first}, {"last", run.last}};
+    };
     document["entries"] = {{"recovered", report.entriesRecovered},
                            {"lost", report.entriesLost},
                            {"lostIsLowerBound", report.entriesLostIsLowerBound},
-                           {"lostIds", lostIds}};
+                           {"lostIds", jsonArray(report.lostEntryIds, runJson)}};
     document["dataSources"] = {{"recovered", report.dataSourcesRecovered},
                                {"recreated", report.dataSourcesRecreated}};
     document["properties"] = recoveredAndLost(report.propertiesRecovered, report.propertiesLost);
@@ -91,7 +88,7 @@ int runRecover(const RecoverOptions& options) {
     Marivane::Logging::RecoverOptions salvage;
     salvage.applicationName = kToolName;
     salvage.applicationVersion = kToolVersion;
-    ProgressBar status("recovering", "entries", options.progress ? ProgressMode::Always : ProgressMode::Auto);
+    ProgressBar status("recovering", "entries", progressMode(options.progress));
     if (status.isShown()) {
         salvage.progress = [&](uint64_t recovered) { status.update(recovered); };
     }
@@ -99,7 +96,6 @@ int runRecover(const RecoverOptions& options) {
     try {
         report = Marivane::Logging::Algorithms::recover(options.file, options.output, salvage);
     } catch (const std::exception& error) {
-        status.finish();
         throw ToolError(
             fmt::format("recover failed: {} (nothing was written to {})", error.what(), options.output));
     }

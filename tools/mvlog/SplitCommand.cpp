@@ -198,7 +198,7 @@ int runSplit(const SplitOptions& options) {
             [&](const CopyOptions& chosen) {
                 return Marivane::Logging::Algorithms::copy(options.file, paths[i], chosen);
             },
-            options.progress ? ProgressMode::Always : ProgressMode::Auto);
+            progressMode(options.progress));
         if (options.json) {
             written.push_back({{"output", paths[i]},
                                {"entries", report.entries},

@@ -13,4 +13,7 @@ namespace Mvlog {
 std::string summaryText(const Marivane::Logging::FileSummary& summary);
 nlohmann::ordered_json summaryJson(const Marivane::Logging::FileSummary& summary);
 
+// "entry 7: \"title\" - comments [payload 12 B]", as info and bookmarks list it.
+std::string bookmarkText(const Marivane::Logging::Bookmark& bookmark);
+
 }  // namespace Mvlog

@@ -18,6 +18,14 @@ constexpr const char* kRedrawLine = "\r\x1b[K";
 
 constexpr auto kSpinnerPeriod = std::chrono::milliseconds(100);
 
+// Set by the signal handler; a lock-free atomic is safe to store from one.
+std::atomic<bool> interruptFlag{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+extern "C" void requestInterrupt(int) {
+    interruptFlag.store(true);
+}
+
 }  // namespace
 
 bool isTerminal(std::FILE* stream) {
@@ -95,18 +103,6 @@ void ElapsedTimeIndicator::run() {
         wake_.wait_for(lock, kSpinnerPeriod, [this] { return done_; });
     }
 }
-
-namespace {
-
-// Set by the signal handler; a lock-free atomic is safe to store from one.
-std::atomic<bool> interruptFlag{false};
-static_assert(std::atomic<bool>::is_always_lock_free);
-
-extern "C" void requestInterrupt(int) {
-    interruptFlag.store(true);
-}
-
-}  // namespace
 
 InterruptGuard::InterruptGuard() {
     interruptFlag.store(false);
