@@ -298,6 +298,22 @@ std::size_t ViewScan::run(const std::function<void(const RawView&)>& onEntry) {
     return count;
 }
 
+SummaryScan::SummaryScan(const Connection& connection)
+    : all_(connection, "SELECT entryId, timestamp, type, dataSourceId, length FROM data ORDER BY entryId;") {}
+
+std::size_t SummaryScan::run(const std::function<void(const RawSummary&)>& onEntry) {
+    sqlite3_stmt* query = all_.get();
+    sqlite3_reset(query);
+    std::size_t count = 0;
+    while (sqlite3_step(query) == SQLITE_ROW) {
+        onEntry(RawSummary{sqlite3_column_int(query, 0), static_cast<int8_t>(sqlite3_column_int(query, 3)),
+                           sqlite3_column_int(query, 2), sqlite3_column_int64(query, 1),
+                           sqlite3_column_int64(query, 4)});
+        ++count;
+    }
+    return count;
+}
+
 void buildLogFile(const std::string& path, int level, std::size_t size, std::size_t count) {
     Connection connection = createLogFile(path, level);
     const ByteBuffer& data = payload(size);

@@ -155,6 +155,29 @@ private:
     ByteBuffer expanded_;
 };
 
+// One entry's row without its payload, as SummaryScan hands it out.
+struct RawSummary {
+    int32_t entryId;
+    int8_t dataSourceId;
+    int32_t type;
+    int64_t timestamp;
+    int64_t storedSize;
+};
+
+// The baseline of a read without payloads: one statement over the whole file
+// in id order selecting entryId, timestamp, type, dataSourceId and the stored
+// length column (the payload column is never read).
+class SummaryScan {
+public:
+    explicit SummaryScan(const Connection& connection);
+
+    // Calls `onEntry` for every entry; returns the number of entries.
+    std::size_t run(const std::function<void(const RawSummary&)>& onEntry);
+
+private:
+    Statement all_;
+};
+
 // Writes a log file of `count` entries of payload(size), 10 ms apart, in one
 // transaction: the quickest way to get a large file for the read benchmarks.
 void buildLogFile(const std::string& path, int level, std::size_t size, std::size_t count);

@@ -12,6 +12,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <ctime>
 #include <filesystem>
 #include <limits>
 #include <map>
@@ -144,6 +145,8 @@ void libraryStreamWith(benchmark::State& state, int level, std::size_t size, int
     const Logging::EntryIndexFilter everything;
     Logging::VisitOptions options;
     options.decompressionThreads = threads;
+    // Process CPU time per row over the whole loop (all threads of the read).
+    const std::clock_t cpuStart = std::clock();
     for (auto _ : state) {
         uint64_t sum = 0;
         std::size_t seen = 0;
@@ -161,6 +164,11 @@ void libraryStreamWith(benchmark::State& state, int level, std::size_t size, int
         }
         benchmark::DoNotOptimize(sum);
     }
+    const double rows = static_cast<double>(state.iterations()) * static_cast<double>(entries);
+    if (rows > 0) {
+        state.counters["cpu_us_per_row"] =
+            static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC * 1e6 / rows;
+    }
     setThroughput(state, entries, size);
 }
 
@@ -170,6 +178,54 @@ void libraryStream(benchmark::State& state, int level, std::size_t size) {
 
 void libraryStreamThreads(benchmark::State& state, int level, std::size_t size) {
     libraryStreamWith(state, level, size, 0);
+}
+
+// A checksum of a row without payload, so that nothing is optimised away.
+uint64_t touchSummary(int32_t entryId, int64_t timestamp, int32_t type, int64_t storedSize) {
+    return static_cast<uint64_t>(entryId) + static_cast<uint64_t>(timestamp) + static_cast<uint64_t>(type) +
+           static_cast<uint64_t>(storedSize);
+}
+
+// Every entry's id, time, type, source and stored size, no payload: a raw
+// statement of those columns against visitEntrySummaries, same file.
+void rawSummaries(benchmark::State& state, int level, std::size_t size) {
+    const std::size_t entries = readFileEntries(size);
+    Raw::Connection connection = Raw::openLogFile(readFile(level, size));
+    Raw::SummaryScan scan(connection);
+    for (auto _ : state) {
+        uint64_t sum = 0;
+        const std::size_t seen = scan.run([&](const Raw::RawSummary& row) {
+            sum += touchSummary(row.entryId, row.timestamp, row.type, row.storedSize);
+        });
+        if (seen != entries) {
+            state.SkipWithError("raw summary scan came short");
+            break;
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    setThroughput(state, entries, size);
+}
+
+void librarySummaries(benchmark::State& state, int level, std::size_t size) {
+    const std::size_t entries = readFileEntries(size);
+    const SqliteLogFile file = SqliteLogFile::openReadOnly(readFile(level, size));
+    const Logging::EntryIndexFilter everything;
+    for (auto _ : state) {
+        uint64_t sum = 0;
+        std::size_t seen = 0;
+        const bool completed = file.visitEntrySummaries(
+            Logging::EntryRange::all(), everything, [&](const Logging::EntrySummary& row) {
+                sum += touchSummary(row.entryId, row.timestamp, row.type, row.storedSize);
+                ++seen;
+                return true;
+            });
+        if (!completed || seen != entries) {
+            state.SkipWithError("visitEntrySummaries came short");
+            break;
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    setThroughput(state, entries, size);
 }
 
 void rawIndex(benchmark::State& state) {
@@ -331,6 +387,12 @@ void registerReadBenchmarks(int round) {
                           });
         }
     }
+    // Reads without payloads: 64 B entries at level 0, CPU time.
+    registerRound({Member{readName("summaries", "raw", 0, 64),
+                          [](benchmark::State& state) { rawSummaries(state, 0, 64); }},
+                   Member{readName("summaries", "library", 0, 64),
+                          [](benchmark::State& state) { librarySummaries(state, 0, 64); }}},
+                  round, throughputSettings);
     registerOrderBenchmarks(round);
 }
 

@@ -377,6 +377,16 @@ void printSummary(const Figures& figures, std::ostream& out) {
         }
     }
 
+    table.section(
+        "Write batches against the naive loop (baseline: one prepared INSERT, one row per step, one "
+        "transaction)");
+    table.pair(figures, label("logData in a batch", 0, 64), writeName("transaction", "batch", 0, 64),
+               writeName("transaction", "raw", 0, 64), 1.3);
+    table.pair(figures, label("logData in a batch", 0, 1024), writeName("transaction", "batch", 0, 1024),
+               writeName("transaction", "raw", 0, 1024), 1.1);
+    table.atMost("process CPU per entry in a batch L0 64B",
+                 counter(figures, writeName("transaction", "batch", 0, 64), "cpu_us_per_entry"), "us", 0.6);
+
     table.section("Reads (baseline: reused statement; level -1 includes decompression)");
     for (int level : kCompressionLevels) {
         for (std::size_t size : kPayloadSizes) {
@@ -399,6 +409,13 @@ void printSummary(const Figures& figures, std::ostream& out) {
                        0.95);
         }
     }
+    table.atMost("visitEntries L0 64B, process CPU per row",
+                 counter(figures, readName("stream", "library", 0, 64), "cpu_us_per_row"), "us", 0.12);
+    table.section(
+        "Reads without payloads, whole file (baseline: one statement of entryId, timestamp, type, "
+        "dataSourceId, length)");
+    table.pair(figures, label("visitEntrySummaries", 0, 64), readName("summaries", "library", 0, 64),
+               readName("summaries", "raw", 0, 64), 1.0);
     table.section(
         "Expanding on every core (library: visitEntries with decompressionThreads 0; baseline column: the "
         "same "
