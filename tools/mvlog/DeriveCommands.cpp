@@ -35,8 +35,9 @@ using Marivane::Logging::SqliteLogFile;
 
 namespace {
 
-// The library refuses without saying why; these checks name the reason
-// before it is asked, so that a refusal is never a bare "failed".
+// slice runs as a copy, which takes any bounds; the command promises more:
+// both bounds are entries the file's index lists. Checked before the copy
+// starts, each refusal names its reason.
 void explainRangeRefusal(const LogFileInterface& file, int32_t from, int32_t to) {
     if (to < from) {
         throw ToolError(fmt::format("refused: the range is reversed (--from {} is after --to {})", from, to));
