@@ -474,6 +474,19 @@ void printSummary(const Figures& figures, std::ostream& out) {
         table.pair(figures, label("Recorder vs logData, no batch", 0, size),
                    recorderName("recorder", 0, size), recorderName("autocommit", 0, size), 10.0);
     }
+    table.section(
+        "Recorder against a write batch, this round's targets (same figures; one compressor per core; the "
+        "recorder also builds the time index on close)");
+    for (int level : {-1, 1}) {
+        for (std::size_t size : {std::size_t{16 * 1024}, std::size_t{256 * 1024}}) {
+            table.pair(figures, label("Recorder", level, size), recorderName("recorder", level, size),
+                       recorderName("batch", level, size), 1.6);
+        }
+    }
+    for (std::size_t size : {std::size_t{64}, std::size_t{1024}}) {
+        table.pair(figures, label("Recorder", 0, size), recorderName("recorder", 0, size),
+                   recorderName("batch", 0, size), 0.95);
+    }
     table.section("Safe against fast durability, wall time (library: safe; baseline column: fast)");
     for (std::size_t size : kPayloadSizes) {
         table.pair(figures, label("logData, no batch", -1, size),
