@@ -1,6 +1,7 @@
 #pragma once
 
 #include <database/DatabaseExport.h>
+#include <database/PendingWrites.h>
 #include <database/Status.h>
 
 #include <atomic>
@@ -133,6 +134,11 @@ public:
     // Prepared statements kept for reuse (free ones only); for diagnostics.
     std::size_t cachedStatementCount() const;
 
+    // Makes `writes` write out before every statement this connection steps,
+    // until replaced or cleared (nullptr). One holder at a time; the holder
+    // clears it before `writes` is destroyed.
+    void setPendingWrites(PendingWrites* writes) noexcept;
+
 private:
     friend class SqliteQuery;
     class StatementCache;
@@ -146,6 +152,8 @@ private:
 
     MV_DATABASE_HIDDEN sqlite3* connection() const { return connection_.get(); }
     MV_DATABASE_HIDDEN void recordStepResult(int extendedCode) const;
+    // Runs the pending writes, if any, before a statement steps.
+    MV_DATABASE_HIDDEN void writePendingWrites() const noexcept;
     enum class StopAt { FirstRow, Completion };
     MV_DATABASE_HIDDEN Status execute(const std::string& sql, bool* yieldedRow, StopAt stopAt);
     // A statement for `sql` that no one else uses, cached or newly prepared,
@@ -161,6 +169,8 @@ private:
     std::unique_ptr<StatementCache> statements_;
     int32_t busyTimeoutMs_ = kDefaultBusyTimeoutMs;
     mutable std::atomic<int32_t> lastErrorCode_{0};
+    // Checked before every step: a load, no lock, when nothing is pending.
+    std::atomic<PendingWrites*> pendingWrites_{nullptr};
 };
 
 }  // namespace Marivane::Database

@@ -83,11 +83,19 @@ public:
     // A batch is about speed, not atomicity: ending it always keeps what was
     // written, and a write refused by a constraint (an unknown data source, a
     // duplicate id) fails only itself. A full disk or an I/O error is
-    // different: SQLite then abandons the whole transaction, so the batch's
-    // earlier writes are lost with the failing one; the batch goes on with a
-    // new transaction for the writes that follow, and commit() answers false.
-    // The file reads its own writes at once. Destroying the file commits an
-    // open batch; a guard that outlives its file then does nothing.
+    // different: SQLite then may abandon the whole transaction, so the
+    // batch's earlier writes are lost with the failing one; the batch goes on
+    // with a new transaction for the writes that follow, and commit() answers
+    // false.
+    // Small entries (up to 4 KiB stored) of a data source the batch has
+    // already written to wait in memory and go into the file 64 rows per
+    // statement, stored exactly as one by one. Whatever runs next on the file
+    // (a read, another write, the commit) writes them out first, so the file
+    // reads its own writes at once. Should that meet a full disk or an I/O
+    // error, the failure is counted at once (a write that wrote them out
+    // answers false), and commit() answers false with it.
+    // Destroying the file commits an open batch; a guard that outlives its
+    // file then does nothing.
     class MV_LOGGING_EXPORT WriteBatch {
     public:
         WriteBatch(WriteBatch&& other) noexcept;

@@ -230,6 +230,8 @@ std::string SqliteLogFilePrivate::busyMessage() const {
 }
 
 SqliteLogFilePrivate::~SqliteLogFilePrivate() {
+    writeOut();
+    heldRowsInsert_.reset();
     heldInsert_.reset();
     removeSideFilesCreatedByThisOpen();
     try {
@@ -280,7 +282,8 @@ std::shared_ptr<SqliteLogFilePrivate*> SqliteLogFilePrivate::beginBatch() {
             throw Database::DatabaseAccessError(std::string("Cannot begin a write batch: ") + error.what());
         }
     }
-    batchLostWrites = false;
+    batchLoss.reset();
+    forgetKnownSources();
     batchOwner = std::make_shared<SqliteLogFilePrivate*>(this);
     return batchOwner;
 }
@@ -289,6 +292,9 @@ Outcome SqliteLogFilePrivate::endBatch() {
     if (!batchOpen()) {
         return Outcome::failure(FailureKind::Other, "No write batch is open on '" + filePath.string() + "'.");
     }
+    // A failure here loses the rows, which the commit's answer reports.
+    (void)writeHeldRows();
+    forgetKnownSources();
     *batchOwner = nullptr;
     batchOwner.reset();
     return commitTransaction();
@@ -299,12 +305,12 @@ Outcome SqliteLogFilePrivate::commitTransaction() {
         // SQLite ended the transaction itself after a failure; nothing is left
         // to commit.
         transaction.reset();
-        return batchLostWrites ? lastRecordedFailure() : Outcome::success();
+        return answerBatchLoss();
     }
     const Database::Status committed = transaction->commit();
     if (committed.ok()) {
         transaction.reset();
-        return batchLostWrites ? lastRecordedFailure() : Outcome::success();
+        return answerBatchLoss();
     }
     Outcome failure = failed("Committing a write batch", committed);
     if (!committed.isBusy()) {
@@ -476,14 +482,15 @@ Outcome SqliteLogFilePrivate::executeWrite(SqliteQuery& query, const char* forei
     // on this connection meanwhile.
     const Database::Status status = query.status();
     const Outcome recorded = recordFailure("Writing", status);
-    resumeBatchAfterRollback();
     if (status.code() == Database::StatusCode::ForeignKey && foreignKeyMessage) {
         setLastError(recorded.kind(), foreignKeyMessage);
     } else {
         setLastErrorFor(status);
     }
     // Writes answer with the text the class interface shows (getLastError).
-    return Outcome::failure(recorded.kind(), lastError);
+    Outcome failure = Outcome::failure(recorded.kind(), lastError);
+    resumeBatchAfterRollback(failure);
+    return failure;
 }
 
 Outcome SqliteLogFilePrivate::failed(const char* operation, const Database::Status& status) const {
@@ -496,9 +503,26 @@ Outcome SqliteLogFilePrivate::lastRecordedFailure() const {
     return Outcome::failure(lastFailureKind(), lastError);
 }
 
-void SqliteLogFilePrivate::resumeBatchAfterRollback() {
+Outcome SqliteLogFilePrivate::answerBatchLoss() {
+    if (!batchLoss) {
+        return Outcome::success();
+    }
+    // Reads after the loss may have replaced the last error; the commit's
+    // answer and the last error say why the writes were lost.
+    setLastError(batchLoss->kind(), batchLoss->message());
+    return *batchLoss;
+}
+
+void SqliteLogFilePrivate::noteBatchLoss(const Outcome& cause) {
+    if (!batchLoss) {
+        batchLoss = cause;
+    }
+}
+
+void SqliteLogFilePrivate::resumeBatchAfterRollback(const Outcome& cause) {
     if (batchOpen() && !database.isInTransaction()) {
-        batchLostWrites = true;
+        noteBatchLoss(cause);
+        forgetKnownSources();
         try {
             transaction.reset();
             transaction.emplace(database);
@@ -667,8 +691,128 @@ Outcome SqliteLogFilePrivate::insertStoredRow(std::optional<int32_t> entryId, in
     return executeWrite(query, "Attempted to log data against a data source that did not exist in the file.");
 }
 
+// In a batch, a small entry for a data source the transaction has already
+// accepted waits for others and goes in with them; anything else is inserted
+// at once, after the entries waiting before it.
 Outcome SqliteLogFilePrivate::insertNumberedRow(int64_t timestamp, int32_t type, int8_t dataSourceId,
                                                 const std::byte* data, std::size_t size) {
+    std::lock_guard lock(heldRowsMutex_);
+    if (mayHoldBack(dataSourceId, size)) {
+        if (heldRows_.empty()) {
+            database.setPendingWrites(this);
+        }
+        heldRows_.hold(timestamp, type, dataSourceId, data, size);
+        return heldRows_.full() ? writeHeldRowsLocked() : Outcome::success();
+    }
+    if (Outcome held = writeHeldRowsLocked(); !held) {
+        return held;
+    }
+    Outcome written = insertOneNumberedRow(timestamp, type, dataSourceId, data, size);
+    if (written && batchOpen() && database.isInTransaction()) {
+        heldRows_.noteKnownSource(dataSourceId);
+    }
+    return written;
+}
+
+bool SqliteLogFilePrivate::mayHoldBack(int8_t dataSourceId, std::size_t size) const {
+    // With checksums an entry's second row needs its id at once.
+    return batchOpen() && !entryChecksums && heldRows_.mayHold(dataSourceId, size) &&
+           database.isInTransaction();
+}
+
+void SqliteLogFilePrivate::forgetKnownSources() {
+    std::lock_guard lock(heldRowsMutex_);
+    heldRows_.forgetKnownSources();
+}
+
+Outcome SqliteLogFilePrivate::writeHeldRows() {
+    std::lock_guard lock(heldRowsMutex_);
+    return writeHeldRowsLocked();
+}
+
+void SqliteLogFilePrivate::writeOut() noexcept {
+    try {
+        (void)writeHeldRows();
+    } catch (...) {
+        // writeHeldRowsLocked already let the rows go and marked the batch.
+    }
+}
+
+Outcome SqliteLogFilePrivate::writeHeldRowsLocked() {
+    // The inserts below step through the connection, which asks for the
+    // held rows first: those are the rows being written.
+    if (heldRows_.empty() || writingHeldRows_) {
+        return Outcome::success();
+    }
+    writingHeldRows_ = true;
+    // Whatever happens below, the rows are written or lost, never written
+    // twice: they leave the buffer, and an unfinished write marks the batch.
+    struct LetGo {
+        SqliteLogFilePrivate& file;
+        Outcome outcome = Outcome::failure(FailureKind::Other, kUnknownInternalError);
+        ~LetGo() {
+            file.writingHeldRows_ = false;
+            file.heldRows_.clear();
+            file.database.setPendingWrites(nullptr);
+            if (!outcome) {
+                file.noteBatchLoss(outcome);
+                file.heldRows_.forgetKnownSources();
+            }
+        }
+    } letGo{*this};
+    const std::vector<DeferredRows::Row>& rows = heldRows_.rows();
+    Outcome written = Outcome::success();
+    std::size_t next = 0;
+    for (; written && rows.size() - next >= DeferredRows::kRowsPerStatement;
+         next += DeferredRows::kRowsPerStatement) {
+        written = insertManyHeldRows(next);
+    }
+    for (; written && next < rows.size(); ++next) {
+        const DeferredRows::Row& row = rows[next];
+        written = insertOneNumberedRow(row.timestamp, row.type, row.dataSourceId, heldRows_.payloadOf(row),
+                                       row.size);
+    }
+    letGo.outcome = written;
+    return written;
+}
+
+namespace {
+
+std::string manyRowsInsertText() {
+    std::string sql = "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES ";
+    for (std::size_t row = 0; row < DeferredRows::kRowsPerStatement; ++row) {
+        sql += row == 0 ? "(?,?,?,?,?)" : ",(?,?,?,?,?)";
+    }
+    return sql + ";";
+}
+
+}  // namespace
+
+Outcome SqliteLogFilePrivate::insertManyHeldRows(std::size_t first) {
+    if (!heldRowsInsert_) {
+        heldRowsInsert_ = std::make_unique<SqliteQuery>(database, manyRowsInsertText());
+    }
+    SqliteQuery& insert = *heldRowsInsert_;
+    const std::vector<DeferredRows::Row>& rows = heldRows_.rows();
+    int place = 1;
+    for (std::size_t index = first; index < first + DeferredRows::kRowsPerStatement; ++index) {
+        const DeferredRows::Row& row = rows[index];
+        insert.bindAt(place++, row.timestamp);
+        insert.bindAt(place++, row.type);
+        insert.bindAt(place++, row.dataSourceId);
+        insert.bindAt(place++, static_cast<int64_t>(static_cast<int32_t>(row.size)));
+        insert.bindBytesAt(place++, heldRows_.payloadOf(row), row.size, Database::BindMode::NoCopy);
+    }
+    Outcome written =
+        executeWrite(insert, "Attempted to log data against a data source that did not exist in the file.");
+    // The payloads stay bound to the buffer, which outlives the statement;
+    // every place is bound again before the next step.
+    insert.resetQuery();
+    return written;
+}
+
+Outcome SqliteLogFilePrivate::insertOneNumberedRow(int64_t timestamp, int32_t type, int8_t dataSourceId,
+                                                   const std::byte* data, std::size_t size) {
     if (!heldInsert_) {
         SqliteQuery query(database,
                           "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES "

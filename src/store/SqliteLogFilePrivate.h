@@ -5,8 +5,10 @@
 #include <logging/FailureKind.h>
 #include <logging/PropertyValue.h>
 
+#include "DeferredRows.h"
 #include "model/Outcome.h"
 
+#include <database/PendingWrites.h>
 #include <database/SqliteDatabase.h>
 #include <database/SqliteQuery.h>
 #include <database/Status.h>
@@ -48,7 +50,7 @@ T answered(T value, const Outcome& /*recordedOnTheFile*/) {
 // The state of an open SqliteLogFile and the routines that validate and
 // initialise the file. Only the compression level and the format version are
 // cached; everything else is read from the file on each call.
-class SqliteLogFilePrivate {
+class SqliteLogFilePrivate : private Database::PendingWrites {
 public:
     // Opens `path` under `policy`: checks the tables; with OpenOrCreate also
     // creates them in an empty database or repairs the bookmarks table of an
@@ -97,9 +99,11 @@ public:
     // The batch's transaction; it outlives the batch when its commit met
     // readers for longer than the commit wait, and is committed later.
     std::optional<Database::Transaction> transaction;
-    // SQLite abandoned the batch's transaction after a failure (it does so on
-    // a full disk or an I/O error), losing the writes made before it.
-    bool batchLostWrites = false;
+    // Why the batch lost writes it had accepted: SQLite abandoned its
+    // transaction after a failure (it does so on a full disk or an I/O
+    // error), or entries it held back could not be written. The first cause
+    // is kept, so the commit answers with it whatever failed later.
+    std::optional<Outcome> batchLoss;
     // The buffer logData compresses into, kept from entry to entry.
     ByteBuffer compressionBuffer;
 
@@ -118,8 +122,9 @@ public:
     void setLastError(FailureKind kind, std::string text) const;
     std::string lastErrorTextFor(const Database::Status& status) const;
 
-    // Write batches: one transaction from begin to end. endBatch commits and
-    // answers whether that worked.
+    // Write batches: one transaction from begin to end. endBatch writes the
+    // entries the batch still holds back, commits, and answers whether all of
+    // that worked.
     std::shared_ptr<SqliteLogFilePrivate*> beginBatch();
     Outcome endBatch();
     bool batchOpen() const { return batchOwner != nullptr; }
@@ -134,9 +139,12 @@ public:
     // the kind of database failure, or `foreignKeyMessage` (when given) for a
     // foreign-key violation.
     Outcome executeWrite(Database::SqliteQuery& query, const char* foreignKeyMessage = nullptr);
-    // After SQLite rolled back a batch's transaction by itself, keeps the
-    // following writes batched.
-    void resumeBatchAfterRollback();
+    // After SQLite rolled back a batch's transaction by itself (on `cause`),
+    // keeps the following writes batched.
+    void resumeBatchAfterRollback(const Outcome& cause);
+    void noteBatchLoss(const Outcome& cause);
+    // The batch's loss, if any, also as the last error; success otherwise.
+    Outcome answerBatchLoss();
 
     // Runs `writes` so that all of them or none are kept: inside the open
     // transaction (a write batch's), or in one of their own. The second form
@@ -205,6 +213,18 @@ private:
                             int8_t dataSourceId, const std::byte* data, std::size_t size);
     Outcome insertNumberedRow(int64_t timestamp, int32_t type, int8_t dataSourceId, const std::byte* data,
                               std::size_t size);
+    Outcome insertOneNumberedRow(int64_t timestamp, int32_t type, int8_t dataSourceId, const std::byte* data,
+                                 std::size_t size);
+    bool mayHoldBack(int8_t dataSourceId, std::size_t size) const;
+    void forgetKnownSources();
+    // Writes the entries a batch holds back, in order: many rows per
+    // statement, the rest one by one. A failure loses them all, so the batch
+    // then reports lost writes when it ends.
+    Outcome writeHeldRows();
+    Outcome writeHeldRowsLocked();
+    Outcome insertManyHeldRows(std::size_t first);
+    // Before any other statement on the connection.
+    void writeOut() noexcept override;
     bool journalIsWriteAheadLog();
     void applyConnectionSettings();
     // Throws the exception for a failure met while opening: DatabaseBusy
@@ -238,6 +258,15 @@ private:
         int payload;
     };
     std::unique_ptr<HeldInsert> heldInsert_;
+    // The insert of DeferredRows::kRowsPerStatement rows, parameters in row
+    // order, five per row.
+    std::unique_ptr<Database::SqliteQuery> heldRowsInsert_;
+    // Small entries of the open batch waiting for one multi-row insert; the
+    // mutex keeps a read on another thread (which writes them out first)
+    // from meeting them half written.
+    DeferredRows heldRows_;
+    mutable std::recursive_mutex heldRowsMutex_;
+    bool writingHeldRows_ = false;
 
     mutable std::mutex failureMutex_;
     mutable uint64_t failureCount_ = 0;

@@ -210,6 +210,7 @@ Status SqliteDatabase::execute(const std::string& sql, bool* yieldedRow) {
 }
 
 Status SqliteDatabase::execute(const std::string& sql, bool* yieldedRow, StopAt stopAt) {
+    writePendingWrites();
     if (yieldedRow != nullptr) {
         *yieldedRow = false;
     }
@@ -249,6 +250,7 @@ Status SqliteDatabase::visitRows(
     const std::string& sql,
     const std::function<void(const std::vector<std::optional<std::string>>& columns)>& onRow,
     bool* prepared) {
+    writePendingWrites();
     if (prepared != nullptr) {
         *prepared = false;
     }
@@ -337,6 +339,25 @@ bool SqliteDatabase::isInTransaction() const {
 
 void SqliteDatabase::recordStepResult(int extendedCode) const {
     lastErrorCode_.store(extendedCode, std::memory_order_relaxed);
+}
+
+void SqliteDatabase::setPendingWrites(PendingWrites* writes) noexcept {
+    pendingWrites_.store(writes, std::memory_order_release);
+}
+
+void SqliteDatabase::writePendingWrites() const noexcept {
+    PendingWrites* pending = pendingWrites_.load(std::memory_order_acquire);
+    if (pending == nullptr) {
+        return;
+    }
+    // The statements that write the rows out step through here too.
+    thread_local bool writingOut = false;
+    if (writingOut) {
+        return;
+    }
+    writingOut = true;
+    pending->writeOut();
+    writingOut = false;
 }
 
 }  // namespace Marivane::Database

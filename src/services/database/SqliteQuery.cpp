@@ -42,6 +42,7 @@ void SqliteQuery::noteBind(int code) {
 }
 
 int32_t SqliteQuery::executeStep() {
+    database_->writePendingWrites();
     if (bindFailure_ != 0) {
         hasRow_ = false;
         lastResultCode_ = std::exchange(bindFailure_, 0);
