@@ -10,10 +10,12 @@
 #include <logging/Logging.h>
 
 #include <benchmark/benchmark.h>
+#include <sqlite3.h>
 
 #include <ctime>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace Marivane::Bench {
 
@@ -92,6 +94,59 @@ void rawTransactionWrites(benchmark::State& state, int level, std::size_t size, 
 }
 
 namespace {
+
+// The raw loop at its best: the same rows, 64 per INSERT statement (what a
+// write batch does with small entries), for the floor SQLite itself sets.
+constexpr std::size_t kRowsPerInsert = 64;
+
+std::string manyRowsInsertText() {
+    std::string sql = "INSERT INTO data (timestamp, type, dataSourceId, length, payload) VALUES ";
+    for (std::size_t row = 0; row < kRowsPerInsert; ++row) {
+        sql += row == 0 ? "(?,?,?,?,?)" : ",(?,?,?,?,?)";
+    }
+    return sql + ";";
+}
+
+void rawManyRowsTransaction(benchmark::State& state, int level, std::size_t size) {
+    const std::string path = freshPath("raw-many-rows");
+    const std::size_t perTransaction = entriesPerTransaction(size);
+    {
+        Raw::Connection connection = Raw::createLogFile(path, level);
+        const std::string sql = manyRowsInsertText();
+        Raw::Statement insert(connection, sql.c_str());
+        const ByteBuffer& data = payload(size);
+        int64_t index = 0;
+        const std::clock_t cpuStart = std::clock();
+        for (auto _ : state) {
+            connection.exec("BEGIN;");
+            for (std::size_t written = 0; written < perTransaction; written += kRowsPerInsert) {
+                sqlite3_stmt* statement = insert.get();
+                sqlite3_reset(statement);
+                int place = 1;
+                for (std::size_t row = 0; row < kRowsPerInsert; ++row) {
+                    sqlite3_bind_int64(statement, place++, timestampOf(index++));
+                    sqlite3_bind_int(statement, place++, kEntryType);
+                    sqlite3_bind_int(statement, place++, kDataSourceId);
+                    sqlite3_bind_int(statement, place++, static_cast<int>(data.size()));
+                    sqlite3_bind_blob(statement, place++, data.data(), static_cast<int>(data.size()),
+                                      SQLITE_STATIC);
+                }
+                if (sqlite3_step(statement) != SQLITE_DONE) {
+                    state.SkipWithError("raw insert failed");
+                    break;
+                }
+            }
+            connection.exec("COMMIT;");
+        }
+        const double cpuSeconds = static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC;
+        const double entries = static_cast<double>(state.iterations()) * static_cast<double>(perTransaction);
+        if (entries > 0) {
+            state.counters["cpu_us_per_entry"] = cpuSeconds * 1e6 / entries;
+        }
+    }
+    setThroughput(state, perTransaction, size);
+    removeLogFile(path);
+}
 
 void rawAutocommit(benchmark::State& state, int level, std::size_t size) {
     rawAutocommitWrites(state, level, size, 0);
@@ -211,9 +266,12 @@ void registerWriteBenchmarks(int round) {
                 {member("autocommit", "raw", rawAutocommit), member("autocommit", "logData", libraryLogData),
                  member("autocommit", "capi", cInterfaceLogData)},
                 round, throughputSettings);
-            registerRound(
-                {member("transaction", "raw", rawTransaction), member("transaction", "batch", libraryBatch)},
-                round, throughputSettings);
+            std::vector<Member> transaction = {member("transaction", "raw", rawTransaction),
+                                               member("transaction", "batch", libraryBatch)};
+            if (level == 0 && size <= 1024) {
+                transaction.push_back(member("transaction", "rawManyRows", rawManyRowsTransaction));
+            }
+            registerRound(transaction, round, throughputSettings);
         }
     }
     // Safe against fast, in wall time: a safe file's cost is waiting for the
