@@ -14,8 +14,14 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -40,6 +46,7 @@ using Marivane::Logging::EntrySummary;
 using Marivane::Logging::PayloadEncoding;
 using Marivane::Logging::SqliteLogFile;
 using Marivane::Testing::TempDir;
+using Mvlog::ViewLoad;
 using Mvlog::ViewOptions;
 using Mvlog::ViewServer;
 
@@ -1404,6 +1411,92 @@ TEST(ViewServerConcurrencyTest, ManyThreadsGetTheAnswersOfALoneRequest) {
         EXPECT_TRUE(failures[t].empty()) << "thread " << t << ": " << failures[t].size() << " wrong, first "
                                          << (failures[t].empty() ? "" : failures[t].front());
     }
+    server.stop();
+}
+
+// A connection to 127.0.0.1:`port` that sends nothing: it holds a worker
+// (or a place in the queue) until it closes.
+int idleConnection(int port) {
+    const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (socket < 0 || ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        ADD_FAILURE() << "cannot connect";
+    }
+    return socket;
+}
+
+// Waits (at most 10 s) until the server holds `count` connections.
+bool holds(const ViewServer& server, std::size_t count) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (server.load().inFlight != count) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// One worker and one place in the queue: two idle connections take both,
+// and then many connections at once are each answered 503 at once instead
+// of waiting in a queue that grows; once the idle ones close, requests are
+// served again.
+TEST(ViewServerConcurrencyTest, ConnectionsBeyondTheBoundAreRefusedNotQueued) {
+    TempDir directory;
+    const auto known = directory.path() / "known.mvlog";
+    writeKnownFile(known);
+    ViewOptions options;
+    options.files = {known};
+    options.token = kToken;
+    options.threads = 1;
+    options.maxQueued = 1;
+    ViewServer server(options);
+    server.start();
+    const int port = server.port();
+
+    const int served = idleConnection(port);
+    ASSERT_TRUE(holds(server, 1)) << server.load().inFlight;
+    const int waiting = idleConnection(port);
+    ASSERT_TRUE(holds(server, 2)) << server.load().inFlight;
+
+    constexpr int kClients = 40;
+    std::vector<Answer> answers(kClients);
+    std::vector<std::thread> clients;
+    const auto started = std::chrono::steady_clock::now();
+    for (int i = 0; i < kClients; ++i) {
+        clients.emplace_back([&answers, port, i] { answers[i] = fetch(port, withToken("/api/files")); });
+    }
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    for (int i = 0; i < kClients; ++i) {
+        EXPECT_EQ(answers[i].status, 503) << i;
+        EXPECT_EQ(parsed(answers[i]), Json({{"error", "busy: too many connections at once; try again"}}))
+            << i;
+        EXPECT_EQ(answers[i].header("Retry-After"), "1") << i;
+        EXPECT_EQ(answers[i].header("Connection"), "close") << i;
+        expectSecurityHeaders(answers[i], "refusal");
+    }
+    // Answered at once, not after the idle connections' timeouts.
+    EXPECT_LT(seconds, 4.0);
+    ViewLoad load = server.load();
+    EXPECT_EQ(load.inFlight, 2u);
+    EXPECT_EQ(load.highWater, 2u);
+    EXPECT_EQ(load.refused, static_cast<std::size_t>(kClients));
+
+    ::close(served);
+    ::close(waiting);
+    ASSERT_TRUE(holds(server, 0)) << server.load().inFlight;
+    const Answer again = fetch(port, withToken("/api/files"));
+    EXPECT_EQ(again.status, 200) << again.body;
+    EXPECT_EQ(parsed(again)[0]["name"], "known.mvlog");
+    load = server.load();
+    EXPECT_EQ(load.highWater, 2u);
+    EXPECT_EQ(load.refused, static_cast<std::size_t>(kClients));
     server.stop();
 }
 

@@ -13,10 +13,20 @@
 
 #include <charconv>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <limits>
+#include <mutex>
 #include <random>
 
 namespace Mvlog {
+
+// The counts behind ViewServer::load(), shared with the task queue that
+// httplib owns while it listens.
+struct ServerLoad {
+    mutable std::mutex mutex;
+    ViewLoad counts;
+};
 
 using Json = nlohmann::ordered_json;
 
@@ -56,6 +66,104 @@ bool isIpLiteral(const std::string& host) {
     unsigned char buffer[16];
     return inet_pton(AF_INET, host.c_str(), buffer) == 1;
 }
+
+// Set on the thread that answers connections beyond the bound: every
+// request it reads is answered 503.
+thread_local bool tRefusing = false;
+
+// httplib's ThreadPool queues every accepted connection, without bound. This
+// one serves at most `threads` connections at once with at most `maxQueued`
+// waiting; a connection beyond that goes to one more thread, which answers
+// its requests 503 with "Connection: close" (see tRefusing). When even that
+// thread has kMaxRefusals waiting, accepting waits: connections then wait in
+// the kernel's listen backlog, which is bounded too.
+class BoundedTaskQueue : public httplib::TaskQueue {
+public:
+    BoundedTaskQueue(std::size_t threads, std::size_t maxQueued, std::shared_ptr<ServerLoad> load)
+        : limit_(threads + maxQueued), load_(std::move(load)) {
+        for (std::size_t i = 0; i < threads; ++i) {
+            workers_.emplace_back([this] { work(jobs_, false); });
+        }
+        workers_.emplace_back([this] { work(refusals_, true); });
+    }
+    ~BoundedTaskQueue() override { shutdown(); }
+    BoundedTaskQueue(const BoundedTaskQueue&) = delete;
+    BoundedTaskQueue& operator=(const BoundedTaskQueue&) = delete;
+
+    void enqueue(std::function<void()> job) override {
+        std::unique_lock lock(mutex_);
+        if (admits()) {
+            jobs_.push_back(std::move(job));
+        } else {
+            room_.wait(lock, [this] { return refusals_.size() < kMaxRefusals || stopping_; });
+            refusals_.push_back(std::move(job));
+        }
+        ready_.notify_all();
+    }
+
+    void shutdown() override {
+        {
+            const std::lock_guard lock(mutex_);
+            if (stopping_) {
+                return;
+            }
+            stopping_ = true;
+        }
+        ready_.notify_all();
+        for (std::thread& worker : workers_) {
+            worker.join();
+        }
+    }
+
+private:
+    static constexpr std::size_t kMaxRefusals = 64;
+
+    // Counts a new connection in when there is room for it.
+    bool admits() {
+        const std::lock_guard counting(load_->mutex);
+        ViewLoad& counts = load_->counts;
+        if (counts.inFlight >= limit_) {
+            ++counts.refused;
+            return false;
+        }
+        ++counts.inFlight;
+        counts.highWater = std::max(counts.highWater, counts.inFlight);
+        return true;
+    }
+
+    // Runs the jobs of `queue` until shutdown() and the queue is empty.
+    void work(std::deque<std::function<void()>>& queue, bool refusing) {
+        tRefusing = refusing;
+        for (;;) {
+            std::function<void()> job;
+            {
+                std::unique_lock lock(mutex_);
+                ready_.wait(lock, [&] { return !queue.empty() || stopping_; });
+                if (queue.empty()) {
+                    return;
+                }
+                job = std::move(queue.front());
+                queue.pop_front();
+                room_.notify_all();
+            }
+            job();
+            if (!refusing) {
+                const std::lock_guard counting(load_->mutex);
+                --load_->counts.inFlight;
+            }
+        }
+    }
+
+    const std::size_t limit_;
+    std::shared_ptr<ServerLoad> load_;
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::condition_variable room_;
+    std::deque<std::function<void()>> jobs_;
+    std::deque<std::function<void()>> refusals_;
+    bool stopping_ = false;
+    std::vector<std::thread> workers_;
+};
 
 // Headers every answer carries: nothing is cached, the token never leaves
 // in a Referer, and a browser never guesses a type.
@@ -138,9 +246,13 @@ ViewServer::ViewServer(ViewOptions options) : options_(std::move(options)) {
     for (const std::filesystem::path& path : options_.files) {
         files_.push_back(std::make_unique<ViewedFile>(path));
     }
+    load_ = std::make_shared<ServerLoad>();
     server_ = std::make_unique<httplib::Server>();
     const std::size_t threads = std::max<std::size_t>(1, options_.threads);
-    server_->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+    const std::size_t maxQueued = options_.maxQueued;
+    server_->new_task_queue = [threads, maxQueued, load = load_] {
+        return new BoundedTaskQueue(threads, maxQueued, load);
+    };
     // Requests are GETs: nothing of size comes in.
     server_->set_payload_max_length(4096);
     // Answers are small and the page asks for the next as soon as one
@@ -158,6 +270,11 @@ ViewServer::~ViewServer() {
 std::string ViewServer::url() const {
     const std::string host = isWildcard(options_.bindAddress) ? "127.0.0.1" : options_.bindAddress;
     return fmt::format("http://{}:{}/?token={}", host, port_, options_.token);
+}
+
+ViewLoad ViewServer::load() const {
+    const std::lock_guard lock(load_->mutex);
+    return load_->counts;
 }
 
 bool ViewServer::admits(const std::string& host, const std::string& token) const {
@@ -179,6 +296,13 @@ bool ViewServer::admits(const std::string& host, const std::string& token) const
 void ViewServer::route() {
     server_->set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
         secure(response);
+        if (tRefusing) {
+            // Beyond the bound: a quick answer, and the client closes.
+            response.set_header("Connection", "close");
+            response.set_header("Retry-After", "1");
+            sendJson(response, 503, Json{{"error", "busy: too many connections at once; try again"}});
+            return httplib::Server::HandlerResponse::Handled;
+        }
         const std::string token = request.has_param("token") ? request.get_param_value("token")
                                                              : request.get_header_value("X-Mvlog-Token");
         if (!admits(request.get_header_value("Host"), token)) {

@@ -17,6 +17,7 @@ struct Response;
 namespace Mvlog {
 
 class ViewedFile;
+struct ServerLoad;
 
 // What `mvlog view` serves, and how.
 struct ViewOptions {
@@ -28,8 +29,23 @@ struct ViewOptions {
     int port = 0;
     // Required on every request; empty: a random one.
     std::string token;
-    // Requests handled at once; more wait for a worker.
+    // Connections served at once; more wait for a worker.
     std::size_t threads = 8;
+    // Connections that may wait for a worker; beyond that, a connection's
+    // requests are answered 503 at once (by one thread kept for that), so
+    // that a flood of connections never grows a queue without bound.
+    std::size_t maxQueued = 64;
+};
+
+// How many connections the server holds, for tests and diagnostics.
+struct ViewLoad {
+    // Connections being served or waiting for a worker.
+    std::size_t inFlight = 0;
+    // The most of them at once since the start.
+    std::size_t highWater = 0;
+    // Connections answered 503 because every worker was busy and the queue
+    // full.
+    std::size_t refused = 0;
 };
 
 // The web page of `mvlog view` and the data behind it, over HTTP.
@@ -63,6 +79,7 @@ public:
     const std::string& token() const { return options_.token; }
     // The address to open: http://HOST:PORT/?token=...
     std::string url() const;
+    ViewLoad load() const;
 
 private:
     void route();
@@ -71,6 +88,7 @@ private:
 
     ViewOptions options_;
     std::vector<std::unique_ptr<ViewedFile>> files_;
+    std::shared_ptr<ServerLoad> load_;
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
     std::atomic<bool> listening_{false};
