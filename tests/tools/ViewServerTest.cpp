@@ -393,6 +393,42 @@ TEST_F(ViewServerTest, AdmitsOnlyTheBoundAddressOrLocalhostAsHost) {
     }
 }
 
+// Bound to the IPv6 loopback, the browser sends "Host: [::1]:PORT".
+TEST_F(ViewServerTest, BoundToTheIpv6LoopbackAdmitsItsBracketedAddress) {
+    writeKnownFile(known);
+    serve({known}, "::1");
+    EXPECT_EQ(server->url(), "http://[::1]:" + port() + "/?token=secret-token");
+    const auto ask = [this](const std::string& host, const std::string& target) {
+        httplib::Client client("::1", server->port());
+        client.set_connection_timeout(10);
+        httplib::Headers headers = {{"Host", host}};
+        const httplib::Result result = client.Get(target, headers);
+        return result ? result->status : -1;
+    };
+    for (const std::string& host : {"[::1]:" + port(), "localhost:" + port()}) {
+        EXPECT_EQ(ask(host, withToken("/api/files")), 200) << host;
+        EXPECT_EQ(ask(host, "/api/files"), 403) << host;
+    }
+    const std::string otherPort = std::to_string(server->port() == 65535 ? 1 : server->port() + 1);
+    for (const std::string& host :
+         {"::1:" + port(), "[::1]:" + otherPort, std::string("[::1]"), "[::2]:" + port(),
+          "127.0.0.1:" + port(), "[::1].attacker.example:" + port(), "attacker.example:" + port()}) {
+        EXPECT_EQ(ask(host, withToken("/api/files")), 403) << host;
+    }
+}
+
+TEST_F(ViewServerTest, ListeningEverywhereAdmitsBracketedIpv6Addresses) {
+    writeKnownFile(known);
+    serve({known}, "0.0.0.0");
+    for (const std::string& host : {"[::1]:" + port(), "[fe80::1]:" + port()}) {
+        EXPECT_EQ(get(withToken("/api/files"), {{"Host", host}}).status, 200) << host;
+    }
+    for (const std::string& host :
+         {"[attacker.example]:" + port(), "[::1:" + port(), "[]:" + port(), "[1.2.3.4]:" + port()}) {
+        EXPECT_EQ(get(withToken("/api/files"), {{"Host", host}}).status, 403) << host;
+    }
+}
+
 TEST_F(ViewServerTest, AnswersOnlyGet) {
     writeKnownFile(known);
     serve({known});

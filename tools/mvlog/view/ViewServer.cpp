@@ -62,9 +62,23 @@ bool isWildcard(const std::string& address) {
     return address == "0.0.0.0" || address == "::";
 }
 
+bool isIpv6(const std::string& address) {
+    unsigned char buffer[16];
+    return inet_pton(AF_INET6, address.c_str(), buffer) == 1;
+}
+
+// An IPv4 address, or an IPv6 one in brackets as a Host header has it.
 bool isIpLiteral(const std::string& host) {
     unsigned char buffer[16];
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+        return isIpv6(host.substr(1, host.size() - 2));
+    }
     return inet_pton(AF_INET, host.c_str(), buffer) == 1;
+}
+
+// An address as a URL or a Host header names it: IPv6 in brackets.
+std::string hostPart(const std::string& address) {
+    return isIpv6(address) ? "[" + address + "]" : address;
 }
 
 // Set on the thread that answers connections beyond the bound: every
@@ -268,7 +282,7 @@ ViewServer::~ViewServer() {
 }
 
 std::string ViewServer::url() const {
-    const std::string host = isWildcard(options_.bindAddress) ? "127.0.0.1" : options_.bindAddress;
+    const std::string host = isWildcard(options_.bindAddress) ? "127.0.0.1" : hostPart(options_.bindAddress);
     return fmt::format("http://{}:{}/?token={}", host, port_, options_.token);
 }
 
@@ -279,7 +293,7 @@ ViewLoad ViewServer::load() const {
 
 bool ViewServer::admits(const std::string& host, const std::string& token) const {
     const std::string port = fmt::format(":{}", port_);
-    bool knownHost = host == options_.bindAddress + port || host == "localhost" + port;
+    bool knownHost = host == hostPart(options_.bindAddress) + port || host == "localhost" + port;
     if (!knownHost && isWildcard(options_.bindAddress) && host.size() > port.size() &&
         host.compare(host.size() - port.size(), port.size(), port) == 0) {
         // Listening everywhere, the page may be reached by any of this

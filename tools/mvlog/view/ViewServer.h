@@ -51,13 +51,14 @@ struct ViewLoad {
 // The web page of `mvlog view` and the data behind it, over HTTP.
 //
 // Every request must carry the token (query "token" or header
-// "X-Mvlog-Token") and a Host header that names the bound address (or
-// localhost) and port: a page of another site that resolves its own name to
-// this address gets 403. Files are addressed by their place on the command
-// line, never by a path from a request, and opened read-only. Every answer
-// is bounded: timelines in at most 10,000 bins, series in at most 10,000
-// points, payload previews cut at a limit. Texts from the files reach the
-// page only inside JSON, which the page puts in the document as text.
+// "X-Mvlog-Token") and a Host header that names the bound address (an IPv6
+// address in brackets: "[::1]:PORT") or localhost, and the port: a page of
+// another site that resolves its own name to this address gets 403. Files
+// are addressed by their place on the command line, never by a path from a
+// request, and opened read-only. Every answer is bounded: timelines in at
+// most 10,000 bins, series in at most 10,000 points, payload previews cut at
+// a limit. Texts from the files reach the page only inside JSON, which the
+// page puts in the document as text.
 //
 // Owns the files and the server's threads, which stop() (or destruction)
 // joins.
@@ -77,7 +78,8 @@ public:
 
     int port() const { return port_; }
     const std::string& token() const { return options_.token; }
-    // The address to open: http://HOST:PORT/?token=...
+    // The address to open: http://HOST:PORT/?token=... (an IPv6 address in
+    // brackets).
     std::string url() const;
     ViewLoad load() const;
 
