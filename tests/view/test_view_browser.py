@@ -485,3 +485,30 @@ def test_zoom_by_keys_and_wheel_down_to_single_entries(page, recording):
     body.send_keys("0")
     wait(page, lambda d: state(d, "mvlogView.from") <= recording["entries"][0][0]
          and state(d, "mvlogView.to") >= recording["entries"][-1][0])
+
+
+# ---- the command line ----
+
+def free_port() -> int:
+    import socket
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def test_the_port_asked_for_is_the_one_served(recording):
+    port = free_port()
+    process, served = serve("--port", str(port), recording["path"])
+    try:
+        assert served["port"] == port
+        assert served["url"] == f"http://127.0.0.1:{port}/?token={served['token']}"
+        with urllib.request.urlopen(f"http://127.0.0.1:{port}/api/files?token={served['token']}") as answer:
+            assert [f["name"] for f in json.loads(answer.read())] == ["survey.mvlog"]
+        # A port in use is refused with the reason.
+        second = subprocess.run([MVLOG, "view", "--no-browser", "--port", str(port), recording["path"]],
+                                capture_output=True, text=True, timeout=20)
+        assert second.returncode == 1
+        assert second.stderr == f"mvlog: view: cannot listen on 127.0.0.1:{port}\n"
+    finally:
+        process.terminate()
+        assert process.wait(timeout=10) == 0

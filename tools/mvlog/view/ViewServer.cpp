@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include <arpa/inet.h>
+#include <sys/socket.h>
 
 #include <charconv>
 #include <chrono>
@@ -274,6 +275,13 @@ ViewServer::ViewServer(ViewOptions options) : options_(std::move(options)) {
     // segment until the browser's delayed acknowledgement, 40 ms a request.
     server_->set_tcp_nodelay(true);
     server_->set_keep_alive_max_count(1000);
+    // httplib's default options add SO_REUSEPORT, with which a second
+    // server of the same user binds the same port and the kernel shares the
+    // connections between the two: a port in use must be refused instead.
+    server_->set_socket_options([](socket_t socket) {
+        const int yes = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     route();
 }
 
