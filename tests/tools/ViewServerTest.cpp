@@ -1078,6 +1078,51 @@ TEST_F(ViewServerTest, PayloadsAreTheLoggedBytesWithTheirRecordInHeaders) {
     EXPECT_LT(std::stoll(get(api(0, "entries/5/payload")).header("X-Mvlog-Stored-Size")), 100000);
 }
 
+// A source that declares application/octet-stream (mixed payloads, as the
+// demo's receiver logs binary fixes and text lines) is read as one that
+// declares nothing: each payload's first bytes say what it is, as `mvlog
+// cat` and the Python package say. Any other declared type stands.
+TEST_F(ViewServerTest, PayloadsOfABytesSourceAreSniffedOneByOne) {
+    const auto path = directory.path() / "mixed.mvlog";
+    const std::string pixmap = "P6\n2 1\n255\n\xff\x00\x00\x00\xff\x00";
+    const std::string graymap = "P5\n2 2\n255\n\x00\x40\x80\xff";
+    {
+        SqliteLogFile file(path.string(), "UTC", "viewtest", "1", 3, kStart);
+        DataSource mixed{-1, MV_LogDataSourceType_Navigation, "mixed"};
+        DataSource plain{-1, MV_LogDataSourceType_Generic, "plain"};
+        ASSERT_TRUE(file.addDataSource(mixed));
+        ASSERT_TRUE(file.addDataSource(plain));
+        ASSERT_TRUE(file.addDataSourceProperty(
+            PayloadEncoding::property(mixed.id, std::string(PayloadEncoding::kOctetStream))));
+        ASSERT_TRUE(file.addDataSourceProperty(
+            PayloadEncoding::property(plain.id, std::string(PayloadEncoding::kText))));
+        logEntry(file, mixed.id, 1, kStart, "$STATUS,t=0,fix=RTK,sats=12");
+        logEntry(file, mixed.id, 2, kStart + 1, kBinaryPayload);
+        logEntry(file, mixed.id, 3, kStart + 2, kPngPayload);
+        logEntry(file, mixed.id, 4, kStart + 3, R"({"speed": 4.2})");
+        logEntry(file, mixed.id, 5, kStart + 4, pixmap);
+        logEntry(file, mixed.id, 6, kStart + 5, graymap);
+        logEntry(file, plain.id, 7, kStart + 6, kPngPayload);
+    }
+    serve({path});
+    const std::vector<std::pair<int, std::string>> expected = {
+        {1, "text/plain"},       {2, "application/octet-stream"}, {3, "image/png"},
+        {4, "application/json"}, {5, "image/x-portable-pixmap"},  {6, "image/x-portable-graymap"},
+        {7, "text/plain"},
+    };
+    for (const auto& [id, mediaType] : expected) {
+        const Answer whole = get(api(0, "entries/" + std::to_string(id) + "/payload"));
+        ASSERT_EQ(whole.status, 200) << id;
+        EXPECT_EQ(whole.header("X-Mvlog-Media-Type"), mediaType) << id;
+        // A preview is sniffed from the whole payload, not from what is sent.
+        const Answer preview = get(api(0, "entries/" + std::to_string(id) + "/payload?limit=2"));
+        EXPECT_EQ(preview.header("X-Mvlog-Media-Type"), mediaType) << id;
+        EXPECT_EQ(preview.body.size(), 2u) << id;
+    }
+    // The summary keeps what the source declares.
+    EXPECT_EQ(getJson(api(0, "summary"))["dataSources"][0]["encoding"], "application/octet-stream");
+}
+
 TEST_F(ViewServerTest, PayloadRefusesAMissingEntryOrABadLimit) {
     const auto path = directory.path() / "payloads.mvlog";
     writePayloadFile(path, 3);

@@ -9,6 +9,7 @@ damaged file's message and the refusals of the server.
 
 from __future__ import annotations
 
+import base64
 import hashlib
 import json
 import os
@@ -116,6 +117,127 @@ def record(path: str) -> dict:
             "sources": [camera, mast, notes, rear]}
 
 
+def jpeg_gray(levels: list) -> bytes:
+    """A baseline grayscale JPEG of 8x8 blocks side by side, each of one level.
+
+    Written by hand: quantisation by 1 and blocks of one level have only a DC
+    coefficient (8 times the level less 128), which decodes back exactly.
+    """
+    def segment(marker: int, data: bytes) -> bytes:
+        return struct.pack(">BBH", 0xFF, marker, len(data) + 2) + data
+    # The usual luminance DC table (categories 0 to 11); an AC table with only
+    # the end of block, coded "0".
+    dc_counts = [0, 1, 5, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0]
+    dc_codes, code, category = {}, 0, 0
+    for length, count in enumerate(dc_counts, start=1):
+        for _ in range(count):
+            dc_codes[category] = (code, length)
+            code, category = code + 1, category + 1
+        code <<= 1
+    bits = []
+    previous = 0
+    for level in levels:
+        dc = 8 * (level - 128)
+        difference, previous = dc - previous, dc
+        size = abs(difference).bit_length()
+        code, length = dc_codes[size]
+        bits += [(code >> (length - 1 - i)) & 1 for i in range(length)]
+        extra = difference if difference >= 0 else difference + (1 << size) - 1
+        bits += [(extra >> (size - 1 - i)) & 1 for i in range(size)]
+        bits.append(0)  # end of block
+    bits += [1] * (-len(bits) % 8)
+    scan = bytearray()
+    for at in range(0, len(bits), 8):
+        byte = int("".join(map(str, bits[at:at + 8])), 2)
+        scan += bytes([byte, 0]) if byte == 0xFF else bytes([byte])
+    return (b"\xff\xd8" + segment(0xDB, b"\x00" + b"\x01" * 64)
+            + segment(0xC0, struct.pack(">BHHB", 8, 8, 8 * len(levels), 1) + b"\x01\x11\x00")
+            + segment(0xC4, b"\x00" + bytes(dc_counts) + bytes(range(12)))
+            + segment(0xC4, b"\x10" + bytes([1] + [0] * 15) + b"\x00")
+            + segment(0xDA, b"\x01\x01\x00\x00\x3f\x00") + bytes(scan) + b"\xff\xd9")
+
+
+# The trawl: a second readable file, made by one producer and copied by
+# another, whose sources say less about their payloads than the survey's.
+TRAWL_BASE = BASE + 86_400_000
+JPEG_LEVELS = [[10, 200, 90, 160], [250, 30, 128, 70]]
+PIXMAP_WIDTH, PIXMAP_HEIGHT = 5, 3
+# Larger than the panels' 256 KiB preview of a payload of unknown kind.
+BIG_PNG_WIDTH, BIG_PNG_HEIGHT = 320, 300
+RAW_PAYLOAD = bytes(range(40)) + b"\xff\xfe mixed \x00 bytes"
+TRAWL_THUMBNAIL_SIZE = (6, 4)
+LAST_BOOKMARK = "End of the trawl, nets aboard and secured"
+
+
+def gnss_line(i: int) -> bytes:
+    return f"$STATUS,t={i},fix=RTK,sats={12 + i % 3}".encode()
+
+
+def pixmap_pixels(i: int) -> bytes:
+    return bytes((x * 50 + i * 9, y * 100, (x + y) * 20 + i) [c] % 256
+                 for y in range(PIXMAP_HEIGHT) for x in range(PIXMAP_WIDTH) for c in range(3))
+
+
+def pixmap(i: int) -> bytes:
+    return f"P6\n# deck {i}\n{PIXMAP_WIDTH} {PIXMAP_HEIGHT}\n255\n".encode() + pixmap_pixels(i)
+
+
+def thumbnail_pixels() -> bytes:
+    width, height = TRAWL_THUMBNAIL_SIZE
+    return bytes((x * 40, y * 60, 255 - x * 20)[c] for y in range(height) for x in range(width) for c in range(3))
+
+
+def big_png_pixels(i: int) -> bytes:
+    return bytes(((x + i) % 256, (y * 2) % 256, (x * y + i) % 256)[c]
+                 for y in range(BIG_PNG_HEIGHT) for x in range(BIG_PNG_WIDTH) for c in range(3))
+
+
+def stored_png(width: int, height: int, rgb: bytes) -> bytes:
+    """A PNG whose pixels are stored uncompressed: as large as they are."""
+    def chunk(kind: bytes, data: bytes) -> bytes:
+        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data) & 0xFFFFFFFF)
+    rows = b"".join(b"\x00" + rgb[y * width * 3:(y + 1) * width * 3] for y in range(height))
+    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0))
+            + chunk(b"IDAT", zlib.compress(rows, 0)) + chunk(b"IEND", b""))
+
+
+def record_trawl(original: str, path: str) -> dict:
+    """Records the trawl with producer "trawl-logger" 0.9, then copies it as "trawl-sorter" 2.0."""
+    entries = []
+    with ml.LogFile.create(original, application="trawl-logger", version="0.9", created=TRAWL_BASE - 1000) as f:
+        gnss = f.add_data_source(ml.SourceType.NAVIGATION, "gnss")
+        sonar = f.add_data_source(ml.SourceType.CAMERA, "sonar")
+        deck = f.add_data_source(ml.SourceType.CAMERA, "deck camera")
+        winch = f.add_data_source(ml.SourceType.CAMERA, "winch camera")
+        raw = f.add_data_source(ml.SourceType.GENERIC, "raw")
+        # Mixed payloads: bytes of no one kind; the sonar declares nothing.
+        f.add_encoding(gnss, ml.Encoding.OCTET_STREAM)
+        f.add_encoding(deck, ml.Encoding.JPEG)
+        f.add_encoding(winch, ml.Encoding.PIXMAP)
+        width, height = TRAWL_THUMBNAIL_SIZE
+        f.set_thumbnail(f"P6\n{width} {height}\n255\n".encode() + thumbnail_pixels())
+        f.add_resource("net-plan.bin", bytes(range(256)) * 3)
+        log = []
+        for i in range(10):
+            log.append((TRAWL_BASE + 200 * i, gnss, 1, gnss_line(i)))
+            log.append((TRAWL_BASE + 200 * i + 100, gnss, 2, struct.pack("<dd", 59.9 + i, 10.7)))
+        for i in range(2):
+            log.append((TRAWL_BASE + 50 + 1000 * i, sonar, 3,
+                        stored_png(BIG_PNG_WIDTH, BIG_PNG_HEIGHT, big_png_pixels(i))))
+            log.append((TRAWL_BASE + 60 + 1000 * i, deck, 4, jpeg_gray(JPEG_LEVELS[i])))
+            log.append((TRAWL_BASE + 70 + 1000 * i, winch, 5, pixmap(i)))
+            log.append((TRAWL_BASE + 80 + 1000 * i, raw, 6, RAW_PAYLOAD[i:]))
+        log.sort(key=lambda e: e[0])
+        with f.batch():
+            for next_id, (timestamp, source, kind, payload) in enumerate(log, start=1):
+                f.log(source, kind, payload, timestamp)
+                entries.append((timestamp, next_id, source))
+        f.add_bookmark(entries[-1][1], LAST_BOOKMARK)
+    ml.clone(original, path, application="trawl-sorter", version="2.0").close()
+    return {"entries": entries, "gnss": gnss, "sonar": sonar, "deck": deck, "winch": winch, "raw": raw,
+            "sources": [gnss, sonar, deck, winch, raw], "path": path}
+
+
 @pytest.fixture(scope="module")
 def recording(tmp_path_factory):
     directory = tmp_path_factory.mktemp("view")
@@ -126,6 +248,9 @@ def recording(tmp_path_factory):
         out.write(b"this is not a log file at all" * 100)
     known["path"] = path
     known["damaged"] = damaged
+    # Named after the survey: the page opens the first readable file.
+    known["trawl"] = record_trawl(os.fspath(tmp_path_factory.mktemp("original") / "trawl.mvlog"),
+                                  os.fspath(directory / "trawl.mvlog"))
     return known
 
 
@@ -150,7 +275,7 @@ def server(recording):
     # A fleet: the directory of the recording and the damaged file.
     before = digest(recording["path"])
     process, served = serve(os.path.dirname(recording["path"]))
-    assert served["files"] == 2
+    assert served["files"] == 3
     yield served
     process.terminate()
     assert process.wait(timeout=10) == 0
@@ -222,7 +347,7 @@ def test_lanes_name_every_source_with_its_type_and_rate(page, recording):
     assert state(page, "window.pwned") is None
     files = [e.text.split("\n")[0] for e in page.find_elements(By.CSS_SELECTOR, "#files li")]
     # In name order; the first file that can be shown is opened.
-    assert files == ["broken.mvlog", "survey.mvlog"]
+    assert files == ["broken.mvlog", "survey.mvlog", "trawl.mvlog"]
     assert page.find_element(By.CSS_SELECTOR, "#files li.chosen").text.startswith("survey.mvlog")
     facts = page.find_element(By.ID, "facts").text
     assert f"{len(recording['entries'])} entries, 4 data sources" in facts
@@ -397,7 +522,7 @@ def test_refusals_seen_from_the_browser(browser, server):
     assert json.loads(browser.find_element(By.TAG_NAME, "body").text)["error"].startswith("refused")
     browser.get(f"http://127.0.0.1:{port}/api/files/..%2F..%2Fetc%2Fpasswd/summary?token={token}")
     assert json.loads(browser.find_element(By.TAG_NAME, "body").text) == {"error": "not found"}
-    for target in (f"/etc/passwd?token={token}", f"/api/files/2/summary?token={token}"):
+    for target in (f"/etc/passwd?token={token}", f"/api/files/3/summary?token={token}"):
         with pytest.raises(urllib.error.HTTPError) as refused:
             urllib.request.urlopen(f"http://127.0.0.1:{port}{target}")
         assert refused.value.code == 404
@@ -485,6 +610,79 @@ def test_zoom_by_keys_and_wheel_down_to_single_entries(page, recording):
     body.send_keys("0")
     wait(page, lambda d: state(d, "mvlogView.from") <= recording["entries"][0][0]
          and state(d, "mvlogView.to") >= recording["entries"][-1][0])
+
+
+# ---- the trawl: payloads that say less about themselves ----
+
+def canvas_rgb(driver, selector):
+    """The width, height and RGB bytes of the canvas at `selector`, or None without one."""
+    answer = driver.execute_script(
+        """const canvas = document.querySelector(arguments[0]);
+        if (!canvas || canvas.tagName !== 'CANVAS') return null;
+        const data = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
+        const rgb = new Uint8Array(canvas.width * canvas.height * 3);
+        for (let p = 0; p < canvas.width * canvas.height; p++)
+          for (let c = 0; c < 3; c++) rgb[3 * p + c] = data[4 * p + c];
+        let text = '';
+        for (let at = 0; at < rgb.length; at += 8192) text += String.fromCharCode(...rgb.subarray(at, at + 8192));
+        return [canvas.width, canvas.height, btoa(text)];""", selector)
+    return None if answer is None else (answer[0], answer[1], base64.b64decode(answer[2]))
+
+
+def open_listed(driver, name):
+    """Clicks a file in the list and waits until its panels show the cursor's entries."""
+    before = state(driver, "mvlogView.cursorUpdates")
+    item = [i for i in driver.find_elements(By.CSS_SELECTOR, "#files li") if i.text.split("\n")[0] == name]
+    assert len(item) == 1, name
+    item[0].click()
+    wait(driver, lambda d: state(d, "mvlogView.summary && mvlogView.summary.name") == name
+         and state(d, "mvlogView.cursorUpdates") > before, message=f"{name} did not open")
+    settled(driver)
+
+
+@pytest.fixture
+def trawl(page, recording):
+    open_listed(page, "trawl.mvlog")
+    return recording["trawl"]
+
+
+def test_a_source_of_mixed_bytes_shows_text_as_text_and_the_rest_as_hex(page, trawl):
+    # The cursor starts where every source has logged: the first status line.
+    assert state(page, "mvlogView.cursor") == TRAWL_BASE + 80
+    panel = f'.panel[data-source="{trawl["gnss"]}"]'
+    assert page.find_element(By.CSS_SELECTOR, f"{panel} pre").text == gnss_line(0).decode()
+    assert page.find_element(By.CSS_SELECTOR, f"{panel} .record").text.endswith(" · text/plain")
+    # The next entry of the receiver: a binary fix, in hex.
+    page.execute_script("return setCursor(arguments[0]);", TRAWL_BASE + 100)
+    settled(page)
+    fix = struct.pack("<dd", 59.9, 10.7)
+    assert page.find_element(By.CSS_SELECTOR, f"{panel} pre.hex").text == hex_dump(fix)
+    assert page.find_element(By.CSS_SELECTOR, f"{panel} .record").text.endswith(" · application/octet-stream")
+
+
+def hex_dump(data: bytes) -> str:
+    """The page's hex view of a payload of at most 4 KiB."""
+    lines = []
+    for at in range(0, len(data), 16):
+        row = data[at:at + 16]
+        text = " ".join(f"{b:02x}" for b in row).ljust(47)
+        ascii_text = "".join(chr(b) if 32 <= b < 127 else "." for b in row)
+        lines.append(f"{at:08x}  {text}  {ascii_text}".rstrip())
+    return "\n".join(lines)
+
+
+def test_an_undeclared_picture_larger_than_a_preview_is_drawn_whole(page, trawl):
+    for i in range(2):
+        page.execute_script("return setCursor(arguments[0]);", TRAWL_BASE + 80 + 1000 * i)
+        settled(page)
+        sonar = f'.panel[data-source="{trawl["sonar"]}"]'
+        size = len(stored_png(BIG_PNG_WIDTH, BIG_PNG_HEIGHT, big_png_pixels(i)))
+        assert size > 262144
+        record_text = page.find_element(By.CSS_SELECTOR, f"{sonar} .record").text
+        assert re.search(rf" · type 3 · {size} B \(stored \d+ B\) · image/png$", record_text), record_text
+        assert canvas_rgb(page, f"{sonar} canvas") == (BIG_PNG_WIDTH, BIG_PNG_HEIGHT, big_png_pixels(i))
+    # Once pictures, always asked for whole: one request per frame.
+    assert state(page, f"mvlogView.pictureSources.has({trawl['sonar']})")
 
 
 # ---- the command line ----

@@ -162,8 +162,13 @@ bool ViewedFile::ready() {
     return true;
 }
 
+// As `mvlog cat` and the Python package read payloads: the declared type,
+// unless a source declares none or only "bytes of no known kind"
+// (application/octet-stream, as a source of mixed payloads does); then the
+// payload's first bytes say.
 std::string ViewedFile::mediaTypeOf(int8_t source, const std::byte* data, std::size_t size) {
-    if (auto declared = PayloadEncoding::declared(*file_, source)) {
+    if (auto declared = PayloadEncoding::declared(*file_, source);
+        declared && *declared != PayloadEncoding::kOctetStream) {
         return *declared;
     }
     return std::string(PayloadEncoding::sniff(data, size));

@@ -62,6 +62,8 @@ public:
     ViewAnswer step(int64_t at, bool forward, std::optional<int8_t> source);
     // One entry's payload, at most `limit` bytes of it (all for 0), with its
     // record (id, source, type, timestamp, sizes, media type) in headers.
+    // The media type is the source's declared one, or the payload's sniffed
+    // one when the source declares none or application/octet-stream.
     ViewAnswer payload(int32_t entryId, std::size_t limit);
     // The numeric fields of a source's JSON payloads, as dotted paths.
     ViewAnswer fields(int8_t source);
