@@ -1290,6 +1290,10 @@ TEST_F(ViewServerTest, ResourcesAreTheirBytesUnderASafeName) {
     EXPECT_EQ(resource(3).body, "png");
     EXPECT_EQ(resource(4).header("Content-Disposition"), "attachment; filename=\"resource\"");
     EXPECT_EQ(resource(4).body, "nameless");
+    // Each resource's type, as its first bytes say.
+    EXPECT_EQ(notes.header("X-Mvlog-Media-Type"), "text/plain");
+    EXPECT_EQ(blob.header("X-Mvlog-Media-Type"), "application/octet-stream");
+    EXPECT_EQ(resource(4).header("X-Mvlog-Media-Type"), "text/plain");
 
     const Answer past = resource(5);
     EXPECT_EQ(past.status, 404);

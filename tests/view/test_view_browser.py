@@ -479,9 +479,10 @@ def test_metadata_resources_and_bookmarks_are_listed(page, recording):
     assert resources[1:] == [f"thumbnail {thumbnail_size} B download", "calibration.json 8 B download"]
     bookmarks = page.find_element(By.ID, "bookmarks-table").text
     assert "Turn to port a hard turn" in bookmarks and "Dock" in bookmarks
-    # The thumbnail, drawn by the browser.
-    thumbnail = page.find_element(By.ID, "thumbnail")
-    wait(page, lambda d: thumbnail.is_displayed() and state(d, "document.getElementById('thumbnail').naturalWidth") == PNG_WIDTH)
+    # The thumbnail, a PNG, drawn by the browser.
+    wait(page, lambda d: canvas_rgb(d, "#thumbnail canvas") is not None, message="no thumbnail")
+    assert page.find_element(By.ID, "thumbnail").is_displayed()
+    assert canvas_rgb(page, "#thumbnail canvas") == (PNG_WIDTH, PNG_HEIGHT, png_pixels(0))
 
 
 def test_a_damaged_file_says_so(page, recording):
@@ -685,6 +686,12 @@ def test_an_undeclared_picture_larger_than_a_preview_is_drawn_whole(page, trawl)
     assert state(page, f"mvlogView.pictureSources.has({trawl['sonar']})")
 
 
+def test_a_pixmap_thumbnail_is_drawn(page, trawl):
+    wait(page, lambda d: canvas_rgb(d, "#thumbnail canvas") is not None, message="no thumbnail")
+    assert page.find_element(By.ID, "thumbnail").is_displayed()
+    assert canvas_rgb(page, "#thumbnail canvas") == (*TRAWL_THUMBNAIL_SIZE, thumbnail_pixels())
+
+
 # ---- the command line ----
 
 def free_port() -> int:
@@ -710,3 +717,39 @@ def test_the_port_asked_for_is_the_one_served(recording):
     finally:
         process.terminate()
         assert process.wait(timeout=10) == 0
+
+
+# ---- the demo's file ----
+
+@pytest.fixture(scope="module")
+def demo(tmp_path_factory):
+    directory = tmp_path_factory.mktemp("demo") / "demo"
+    result = subprocess.run([MVLOG, "demo", os.fspath(directory)], capture_output=True, text=True, timeout=240)
+    assert result.returncode == 0, result.stdout + result.stderr
+    path = os.fspath(directory / "demo.mvlog")
+    process, served = serve(path)
+    yield {"path": path, "url": served["url"]}
+    process.terminate()
+    assert process.wait(timeout=10) == 0
+
+
+def test_the_demo_file_shows_its_graymap_thumbnail_and_its_receivers_text(browser, demo):
+    browser.get(demo["url"])
+    wait(browser, lambda d: state(d, "mvlogView.summary !== null && mvlogView.cursorUpdates > 0"), timeout=20)
+    settled(browser)
+    with ml.LogFile.open(demo["path"]) as f:
+        thumbnail = f.thumbnail
+        gnss = next(s.id for s in f.data_sources if s.name == "gnss")
+        first = f.time_range()[0]
+    header = b"P5\n64 64\n255\n"
+    assert thumbnail.startswith(header)
+    wait(browser, lambda d: canvas_rgb(d, "#thumbnail canvas") is not None, message="no thumbnail")
+    width, height, rgb = canvas_rgb(browser, "#thumbnail canvas")
+    assert (width, height) == (64, 64)
+    assert rgb[0::3] == thumbnail[len(header):] and rgb[1::3] == rgb[0::3] and rgb[2::3] == rgb[0::3]
+    # The receiver declares bytes of no one kind: its status lines are text.
+    browser.execute_script("return setCursor(arguments[0]);", first + 1000)
+    settled(browser)
+    panel = f'.panel[data-source="{gnss}"]'
+    assert browser.find_element(By.CSS_SELECTOR, f"{panel} pre").text.startswith("$STATUS,t=1000,fix=RTK,sats=")
+    assert browser.find_element(By.CSS_SELECTOR, f"{panel} .record").text.endswith(" · text/plain")

@@ -410,7 +410,9 @@ ViewAnswer ViewedFile::resource(std::size_t index) {
     }
     ViewAnswer answer;
     answer.bytes = std::string(reinterpret_cast<const char*>(found.data.data()), found.data.size());
-    answer.headers = {{"Content-Disposition", fmt::format("attachment; filename=\"{}\"", download)}};
+    answer.headers = {
+        {"Content-Disposition", fmt::format("attachment; filename=\"{}\"", download)},
+        {"X-Mvlog-Media-Type", std::string(PayloadEncoding::sniff(found.data.data(), found.data.size()))}};
     return answer;
 }
 

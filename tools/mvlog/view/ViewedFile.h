@@ -71,7 +71,8 @@ public:
     // entry when there are at most `limit`, otherwise `limit` spread evenly
     // ("withoutValue" counts the entries read that lack the field).
     ViewAnswer series(int8_t source, const std::string& field, int64_t from, int64_t to, std::size_t limit);
-    // A resource's bytes by its place in the list of resources.
+    // A resource's bytes by its place in the list of resources, with its
+    // media type as its first bytes say (header X-Mvlog-Media-Type).
     ViewAnswer resource(std::size_t index);
 
 private:
