@@ -692,6 +692,21 @@ def test_a_pixmap_thumbnail_is_drawn(page, trawl):
     assert canvas_rgb(page, "#thumbnail canvas") == (*TRAWL_THUMBNAIL_SIZE, thumbnail_pixels())
 
 
+def test_the_producer_history_is_told_apart_from_the_current_producer(page, trawl):
+    rows = lambda kind: [[td.text for td in tr.find_elements(By.TAG_NAME, "td")]
+                         for tr in page.find_elements(By.CSS_SELECTOR, f"#metadata-table tr.{kind}")]
+    assert rows("producer") == [["applicationName", "trawl-sorter", "text"], ["applicationVersion", "2.0", "text"]]
+    assert rows("history") == [["oldApplicationName", "trawl-logger", "text"],
+                               ["oldApplicationVersion", "0.9", "text"],
+                               ["producer history", "oldApplicationName: trawl-logger, oldApplicationVersion: 0.9",
+                                "(derived file)"]]
+    colour = lambda kind: state(page, f"getComputedStyle(document.querySelector('#metadata-table tr.{kind} td'))"
+                                      ".backgroundColor")
+    plain = state(page, "getComputedStyle([...document.querySelectorAll('#metadata-table tr')]"
+                        ".find(tr => tr.cells[0] && tr.cells[0].textContent === 'logVersion').cells[0]).backgroundColor")
+    assert len({colour("producer"), colour("history"), plain}) == 3
+
+
 # ---- the command line ----
 
 def free_port() -> int:
