@@ -707,6 +707,21 @@ def test_the_producer_history_is_told_apart_from_the_current_producer(page, traw
     assert len({colour("producer"), colour("history"), plain}) == 3
 
 
+def test_a_bookmark_at_the_last_entry_stays_inside_the_page(page, trawl):
+    marks = page.find_elements(By.CSS_SELECTOR, "#marks .bookmark")
+    assert [m.get_attribute("textContent") for m in marks] == [LAST_BOOKMARK]
+    inside = page.execute_script(
+        """const mark = document.querySelector('#marks .bookmark').getBoundingClientRect();
+        const lanes = document.getElementById('marks').getBoundingClientRect();
+        return [mark.left >= lanes.left, mark.right <= lanes.right + 0.5, mark.width > 50];""")
+    assert inside == [True, True, True]
+    assert state(page, "document.documentElement.scrollWidth <= window.innerWidth")
+    assert state(page, "document.getElementById('main').scrollWidth <= document.getElementById('main').clientWidth")
+    # And it still moves the cursor to its entry.
+    marks[0].click()
+    wait(page, lambda d: state(d, "mvlogView.cursor") == trawl["entries"][-1][0])
+
+
 # ---- the command line ----
 
 def free_port() -> int:
@@ -768,3 +783,8 @@ def test_the_demo_file_shows_its_graymap_thumbnail_and_its_receivers_text(browse
     panel = f'.panel[data-source="{gnss}"]'
     assert browser.find_element(By.CSS_SELECTOR, f"{panel} pre").text.startswith("$STATUS,t=1000,fix=RTK,sats=")
     assert browser.find_element(By.CSS_SELECTOR, f"{panel} .record").text.endswith(" · text/plain")
+    # The last bookmark sits at the right edge, inside the page.
+    marks = [m.get_attribute("textContent") for m in browser.find_elements(By.CSS_SELECTOR, "#marks .bookmark")]
+    assert marks[-1] == "End of survey"
+    assert state(browser, "document.getElementById('main').scrollWidth <= document.getElementById('main').clientWidth")
+    assert state(browser, "document.documentElement.scrollWidth <= window.innerWidth")
