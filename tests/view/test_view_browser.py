@@ -18,6 +18,7 @@ import struct
 import subprocess
 import time
 import urllib.error
+import urllib.parse
 import urllib.request
 import zlib
 
@@ -647,6 +648,22 @@ def trawl(page, recording):
     return recording["trawl"]
 
 
+def test_switching_files_shows_each_ones_lanes(page, recording):
+    names = lambda d: [e.text for e in d.find_elements(By.CSS_SELECTOR, ".lane-label .lane-name")]
+    assert names(page)[0] == "[1] front camera"
+    open_listed(page, "trawl.mvlog")
+    assert names(page) == ["[1] gnss", "[2] sonar", "[3] deck camera", "[4] winch camera", "[5] raw"]
+    assert page.find_element(By.CSS_SELECTOR, "#files li.chosen").text.startswith("trawl.mvlog")
+    assert page.find_element(By.ID, "facts").text.startswith("28 entries, 5 data sources")
+    assert shown_entry(page, recording["trawl"]["gnss"]) == 1
+    open_listed(page, "survey.mvlog")
+    assert names(page)[:2] == ["[1] front camera", "[2] weather mast"]
+    assert page.find_element(By.ID, "facts").text.startswith(f"{len(recording['entries'])} entries, 4 data sources")
+    settled(page)
+    assert shown_entry(page, recording["camera"]) == at_or_before(recording, recording["camera"],
+                                                                   state(page, "mvlogView.cursor"))[1]
+
+
 def test_a_source_of_mixed_bytes_shows_text_as_text_and_the_rest_as_hex(page, trawl):
     # The cursor starts where every source has logged: the first status line.
     assert state(page, "mvlogView.cursor") == TRAWL_BASE + 80
@@ -672,6 +689,14 @@ def hex_dump(data: bytes) -> str:
     return "\n".join(lines)
 
 
+def test_a_binary_source_shows_its_payload_in_hex(page, trawl):
+    panel = page.find_element(By.CSS_SELECTOR, f'.panel[data-source="{trawl["raw"]}"]')
+    assert [line.rstrip() for line in panel.find_element(By.CSS_SELECTOR, "pre.hex").text.split("\n")] == \
+        hex_dump(RAW_PAYLOAD).split("\n")
+    record_text = panel.find_element(By.CSS_SELECTOR, ".record").text
+    assert re.search(rf" · type 6 · {len(RAW_PAYLOAD)} B \(stored \d+ B\) · application/octet-stream$", record_text)
+
+
 def test_an_undeclared_picture_larger_than_a_preview_is_drawn_whole(page, trawl):
     for i in range(2):
         page.execute_script("return setCursor(arguments[0]);", TRAWL_BASE + 80 + 1000 * i)
@@ -684,6 +709,18 @@ def test_an_undeclared_picture_larger_than_a_preview_is_drawn_whole(page, trawl)
         assert canvas_rgb(page, f"{sonar} canvas") == (BIG_PNG_WIDTH, BIG_PNG_HEIGHT, big_png_pixels(i))
     # Once pictures, always asked for whole: one request per frame.
     assert state(page, f"mvlogView.pictureSources.has({trawl['sonar']})")
+
+
+def test_jpeg_and_pixmap_panels_show_the_logged_pixels(page, trawl):
+    for i in range(2):
+        page.execute_script("return setCursor(arguments[0]);", TRAWL_BASE + 80 + 1000 * i)
+        settled(page)
+        width = 8 * len(JPEG_LEVELS[i])
+        gray = bytes(JPEG_LEVELS[i][x // 8] for y in range(8) for x in range(width))
+        assert canvas_rgb(page, f'.panel[data-source="{trawl["deck"]}"] canvas') == \
+            (width, 8, bytes(v for g in gray for v in (g, g, g)))
+        assert canvas_rgb(page, f'.panel[data-source="{trawl["winch"]}"] canvas') == \
+            (PIXMAP_WIDTH, PIXMAP_HEIGHT, pixmap_pixels(i))
 
 
 def test_a_pixmap_thumbnail_is_drawn(page, trawl):
@@ -720,6 +757,89 @@ def test_a_bookmark_at_the_last_entry_stays_inside_the_page(page, trawl):
     # And it still moves the cursor to its entry.
     marks[0].click()
     wait(page, lambda d: state(d, "mvlogView.cursor") == trawl["entries"][-1][0])
+
+
+def test_a_resource_downloads_as_its_bytes(page, trawl):
+    # The bytes and the name of the link the page makes and clicks are kept
+    # here instead of downloaded.
+    page.execute_script(
+        """window.downloaded = null;
+        let made = null;
+        const make = URL.createObjectURL;
+        URL.createObjectURL = blob => { made = blob; return make(blob); };
+        HTMLAnchorElement.prototype.click = function () {
+          const name = this.download;
+          made.arrayBuffer().then(buffer => { window.downloaded = [name, Array.from(new Uint8Array(buffer))]; });
+        };""")
+    rows = page.find_elements(By.CSS_SELECTOR, "#resources-table tr")
+    assert [r.text for r in rows[1:]] == ["thumbnail 83 B download", "net-plan.bin 768 B download"]
+    rows[2].find_element(By.TAG_NAME, "button").click()
+    wait(page, lambda d: state(d, "window.downloaded") is not None, message="nothing downloaded")
+    name, data = state(page, "window.downloaded")
+    assert name == "net-plan.bin"
+    assert bytes(data) == bytes(range(256)) * 3
+    # The address behind it needs the page's token.
+    port = urllib.parse.urlsplit(page.current_url).port
+    token = state(page, "token")
+    with urllib.request.urlopen(f"http://127.0.0.1:{port}/api/files/2/resources/1?token={token}") as answer:
+        assert answer.read() == bytes(range(256)) * 3
+        assert answer.headers["Content-Disposition"] == 'attachment; filename="net-plan.bin"'
+    with pytest.raises(urllib.error.HTTPError) as refused:
+        urllib.request.urlopen(f"http://127.0.0.1:{port}/api/files/2/resources/1")
+    assert refused.value.code == 403
+
+
+# ---- moving around with the pointer ----
+
+def test_dragging_in_the_lanes_moves_the_cursor(page, recording):
+    from selenium.webdriver.common.action_chains import ActionChains
+
+    lanes = page.find_element(By.ID, "timeline")
+    width = state(page, "timelineWidth()")
+    left = -lanes.size["width"] // 2  # offsets are from the element's centre
+    updates = state(page, "mvlogView.cursorUpdates")
+    actions = ActionChains(page).move_to_element_with_offset(lanes, left + width // 10, 5).click_and_hold()
+    seen = []
+    for x in (width // 4, width // 2, 3 * width // 4):
+        actions.move_to_element_with_offset(lanes, left + x, 5).perform()
+        wait(page, lambda d: state(d, "mvlogView.cursor") == state(d, f"timeOf({x})"))
+        seen.append(state(page, "mvlogView.cursor"))
+        actions = ActionChains(page)
+    ActionChains(page).release().perform()
+    assert seen == sorted(seen) and len(set(seen)) == 3
+    settled(page)
+    assert state(page, "mvlogView.cursorUpdates") > updates
+    for source in recording["sources"]:
+        assert shown_entry(page, source) == at_or_before(recording, source, seen[-1])[1]
+
+
+def test_dragging_the_time_axis_pans_the_window(page, recording):
+    from selenium.webdriver.common.action_chains import ActionChains
+
+    page.find_elements(By.CSS_SELECTOR, "#marks .bookmark")[0].click()
+    wait(page, lambda d: state(d, "mvlogView.cursor") == camera_time(10))
+    body = page.find_element(By.TAG_NAME, "body")
+    body.send_keys("+")
+    body.send_keys("+")
+    whole = recording["entries"][-1][0] - recording["entries"][0][0]
+    wait(page, lambda d: state(d, "mvlogView.to - mvlogView.from") < whole / 3)
+    start, end = state(page, "[mvlogView.from, mvlogView.to]")
+    width = state(page, "timelineWidth()")
+    axis = page.find_element(By.ID, "axis")
+    # Dragged 100 px to the left: later times come into view.
+    ActionChains(page).move_to_element(axis).click_and_hold().move_by_offset(-100, 0).release().perform()
+    shift = 100 / width * (end - start)
+    wait(page, lambda d: abs(state(d, "mvlogView.from") - (start + shift)) < 1
+         and abs(state(d, "mvlogView.to") - (end + shift)) < 1, message="the axis drag did not pan")
+    # The cursor stays; the lanes' bins follow the window.
+    assert state(page, "mvlogView.cursor") == camera_time(10)
+    wait(page, lambda d: state(d, "mvlogView.bins.from") == state(d, "Math.floor(mvlogView.from)"))
+    # Shift and the wheel pan too, by a fifth of the window per 100.
+    start, end = state(page, "[mvlogView.from, mvlogView.to]")
+    page.execute_script("""document.getElementById('timeline').dispatchEvent(new WheelEvent('wheel',
+        {deltaY: -100, shiftKey: true, bubbles: true, cancelable: true}));""")
+    wait(page, lambda d: abs(state(d, "mvlogView.from") - (start - (end - start) / 5)) < 1)
+    assert abs(state(page, "mvlogView.to - mvlogView.from") - (end - start)) < 1
 
 
 # ---- the command line ----
