@@ -577,6 +577,25 @@ def test_listening_beyond_this_machine_warns(recording):
         process.wait(timeout=10)
 
 
+def test_the_ipv6_loopback_serves_the_page_to_the_browser(browser, recording):
+    # The browser names the address in brackets in its Host header.
+    process = subprocess.Popen([MVLOG, "view", "--no-browser", "--bind", "::1", recording["path"]],
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        line = process.stdout.readline()
+        match = re.search(r"^Serving 1 file: open (http://\[::1\]:(\d+)/\?token=[0-9a-f]{32})$", line)
+        assert match, line + process.stderr.read()
+        browser.get(match.group(1))
+        wait(browser, lambda d: state(d, "window.mvlogView && mvlogView.summary !== null && mvlogView.cursorUpdates > 0"),
+             message="the page did not load over IPv6")
+        assert browser.find_element(By.ID, "title").text == "survey.mvlog"
+    finally:
+        process.terminate()
+        assert process.wait(timeout=10) == 0
+    # Loopback stays on this machine: no warning.
+    assert process.stderr.read() == ""
+
+
 def test_a_directory_without_log_files_is_refused(tmp_path):
     result = subprocess.run([MVLOG, "view", "--no-browser", os.fspath(tmp_path)], capture_output=True, text=True)
     assert result.returncode == 1
