@@ -174,6 +174,10 @@ def gnss_line(i: int) -> bytes:
     return f"$STATUS,t={i},fix=RTK,sats={12 + i % 3}".encode()
 
 
+def haul_note(i: int) -> bytes:
+    return f"haul {i}: {120 + 35 * i} kg of cod, nets sound".encode()
+
+
 def pixmap_pixels(i: int) -> bytes:
     return bytes((x * 50 + i * 9, y * 100, (x + y) * 20 + i) [c] % 256
                  for y in range(PIXMAP_HEIGHT) for x in range(PIXMAP_WIDTH) for c in range(3))
@@ -211,7 +215,9 @@ def record_trawl(original: str, path: str) -> dict:
         deck = f.add_data_source(ml.SourceType.CAMERA, "deck camera")
         winch = f.add_data_source(ml.SourceType.CAMERA, "winch camera")
         raw = f.add_data_source(ml.SourceType.GENERIC, "raw")
-        # Mixed payloads: bytes of no one kind; the sonar declares nothing.
+        notes = f.add_data_source(ml.SourceType.GENERIC, "haul notes")
+        # Mixed payloads: bytes of no one kind; the sonar, the raw bytes and
+        # the notes declare nothing.
         f.add_encoding(gnss, ml.Encoding.OCTET_STREAM)
         f.add_encoding(deck, ml.Encoding.JPEG)
         f.add_encoding(winch, ml.Encoding.PIXMAP)
@@ -228,6 +234,7 @@ def record_trawl(original: str, path: str) -> dict:
             log.append((TRAWL_BASE + 60 + 1000 * i, deck, 4, jpeg_gray(JPEG_LEVELS[i])))
             log.append((TRAWL_BASE + 70 + 1000 * i, winch, 5, pixmap(i)))
             log.append((TRAWL_BASE + 80 + 1000 * i, raw, 6, RAW_PAYLOAD[i:]))
+            log.append((TRAWL_BASE + 40 + 1000 * i, notes, 7, haul_note(i)))
         log.sort(key=lambda e: e[0])
         with f.batch():
             for next_id, (timestamp, source, kind, payload) in enumerate(log, start=1):
@@ -236,7 +243,7 @@ def record_trawl(original: str, path: str) -> dict:
         f.add_bookmark(entries[-1][1], LAST_BOOKMARK)
     ml.clone(original, path, application="trawl-sorter", version="2.0").close()
     return {"entries": entries, "gnss": gnss, "sonar": sonar, "deck": deck, "winch": winch, "raw": raw,
-            "sources": [gnss, sonar, deck, winch, raw], "path": path}
+            "notes": notes, "sources": [gnss, sonar, deck, winch, raw, notes], "path": path}
 
 
 @pytest.fixture(scope="module")
@@ -671,9 +678,10 @@ def test_switching_files_shows_each_ones_lanes(page, recording):
     names = lambda d: [e.text for e in d.find_elements(By.CSS_SELECTOR, ".lane-label .lane-name")]
     assert names(page)[0] == "[1] front camera"
     open_listed(page, "trawl.mvlog")
-    assert names(page) == ["[1] gnss", "[2] sonar", "[3] deck camera", "[4] winch camera", "[5] raw"]
+    assert names(page) == ["[1] gnss", "[2] sonar", "[3] deck camera", "[4] winch camera", "[5] raw",
+                           "[6] haul notes"]
     assert page.find_element(By.CSS_SELECTOR, "#files li.chosen").text.startswith("trawl.mvlog")
-    assert page.find_element(By.ID, "facts").text.startswith("28 entries, 5 data sources")
+    assert page.find_element(By.ID, "facts").text.startswith("30 entries, 6 data sources")
     assert shown_entry(page, recording["trawl"]["gnss"]) == 1
     open_listed(page, "survey.mvlog")
     assert names(page)[:2] == ["[1] front camera", "[2] weather mast"]
@@ -695,6 +703,11 @@ def test_a_source_of_mixed_bytes_shows_text_as_text_and_the_rest_as_hex(page, tr
     fix = struct.pack("<dd", 59.9, 10.7)
     assert page.find_element(By.CSS_SELECTOR, f"{panel} pre.hex").text == hex_dump(fix)
     assert page.find_element(By.CSS_SELECTOR, f"{panel} .record").text.endswith(" · application/octet-stream")
+    # A source that declares nothing: its text is text too.
+    notes = f'.panel[data-source="{trawl["notes"]}"]'
+    assert page.find_element(By.CSS_SELECTOR, f"{notes} pre").text == haul_note(0).decode()
+    record_text = page.find_element(By.CSS_SELECTOR, f"{notes} .record").text
+    assert re.search(rf" · type 7 · {len(haul_note(0))} B \(stored \d+ B\) · text/plain$", record_text), record_text
 
 
 def hex_dump(data: bytes) -> str:
