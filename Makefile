@@ -73,13 +73,15 @@ soak: build
 
 # Release build of the libraries and the benchmark, then one run: the library
 # beside a raw SQLite/zstd baseline, with ratios and targets (a few minutes);
-# then the Python package beside the C++ reads it wraps.
+# mvlog view's server and its page in headless Chromium on 5M entries; then
+# the Python package beside the C++ reads it wraps.
 bench: deps
 	cmake -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DMARIVANE_BUILD_BENCH=ON \
 		-DMARIVANE_BUILD_TESTS=OFF -DMARIVANE_BUILD_TOOLS=ON $(PYTHON_FLAGS)
-	cmake --build $(BENCH_DIR) -j $(JOBS) --target marivane_bench marivane_view_bench marivane_python_core marivane_python_files
+	cmake --build $(BENCH_DIR) -j $(JOBS) --target marivane_bench marivane_view_bench mvlog marivane_python_core marivane_python_files
 	./$(BENCH_DIR)/bench/marivane_bench
 	./$(BENCH_DIR)/bench/marivane_view_bench
+	PYTHONPATH=$(BENCH_DIR)/python /usr/bin/python3 bench/view_scrubbing.py $(BENCH_DIR)/tools/mvlog
 	PYTHONPATH=$(BENCH_DIR)/python /usr/bin/python3 python/bench/bench_python.py
 
 # Builds only the tool (no tests, no Python module), so the first output

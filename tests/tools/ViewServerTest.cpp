@@ -14,8 +14,14 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -40,6 +46,7 @@ using Marivane::Logging::EntrySummary;
 using Marivane::Logging::PayloadEncoding;
 using Marivane::Logging::SqliteLogFile;
 using Marivane::Testing::TempDir;
+using Mvlog::ViewLoad;
 using Mvlog::ViewOptions;
 using Mvlog::ViewServer;
 
@@ -383,6 +390,42 @@ TEST_F(ViewServerTest, AdmitsOnlyTheBoundAddressOrLocalhostAsHost) {
             EXPECT_EQ(answer.body.find("known"), std::string::npos) << host << " " << target;
             EXPECT_EQ(answer.body.find("mvlog view</title>"), std::string::npos) << host << " " << target;
         }
+    }
+}
+
+// Bound to the IPv6 loopback, the browser sends "Host: [::1]:PORT".
+TEST_F(ViewServerTest, BoundToTheIpv6LoopbackAdmitsItsBracketedAddress) {
+    writeKnownFile(known);
+    serve({known}, "::1");
+    EXPECT_EQ(server->url(), "http://[::1]:" + port() + "/?token=secret-token");
+    const auto ask = [this](const std::string& host, const std::string& target) {
+        httplib::Client client("::1", server->port());
+        client.set_connection_timeout(10);
+        httplib::Headers headers = {{"Host", host}};
+        const httplib::Result result = client.Get(target, headers);
+        return result ? result->status : -1;
+    };
+    for (const std::string& host : {"[::1]:" + port(), "localhost:" + port()}) {
+        EXPECT_EQ(ask(host, withToken("/api/files")), 200) << host;
+        EXPECT_EQ(ask(host, "/api/files"), 403) << host;
+    }
+    const std::string otherPort = std::to_string(server->port() == 65535 ? 1 : server->port() + 1);
+    for (const std::string& host :
+         {"::1:" + port(), "[::1]:" + otherPort, std::string("[::1]"), "[::2]:" + port(),
+          "127.0.0.1:" + port(), "[::1].attacker.example:" + port(), "attacker.example:" + port()}) {
+        EXPECT_EQ(ask(host, withToken("/api/files")), 403) << host;
+    }
+}
+
+TEST_F(ViewServerTest, ListeningEverywhereAdmitsBracketedIpv6Addresses) {
+    writeKnownFile(known);
+    serve({known}, "0.0.0.0");
+    for (const std::string& host : {"[::1]:" + port(), "[fe80::1]:" + port()}) {
+        EXPECT_EQ(get(withToken("/api/files"), {{"Host", host}}).status, 200) << host;
+    }
+    for (const std::string& host :
+         {"[attacker.example]:" + port(), "[::1:" + port(), "[]:" + port(), "[1.2.3.4]:" + port()}) {
+        EXPECT_EQ(get(withToken("/api/files"), {{"Host", host}}).status, 403) << host;
     }
 }
 
@@ -1035,6 +1078,51 @@ TEST_F(ViewServerTest, PayloadsAreTheLoggedBytesWithTheirRecordInHeaders) {
     EXPECT_LT(std::stoll(get(api(0, "entries/5/payload")).header("X-Mvlog-Stored-Size")), 100000);
 }
 
+// A source that declares application/octet-stream (mixed payloads, as the
+// demo's receiver logs binary fixes and text lines) is read as one that
+// declares nothing: each payload's first bytes say what it is, as `mvlog
+// cat` and the Python package say. Any other declared type stands.
+TEST_F(ViewServerTest, PayloadsOfABytesSourceAreSniffedOneByOne) {
+    const auto path = directory.path() / "mixed.mvlog";
+    const std::string pixmap = "P6\n2 1\n255\n\xff\x00\x00\x00\xff\x00";
+    const std::string graymap = "P5\n2 2\n255\n\x00\x40\x80\xff";
+    {
+        SqliteLogFile file(path.string(), "UTC", "viewtest", "1", 3, kStart);
+        DataSource mixed{-1, MV_LogDataSourceType_Navigation, "mixed"};
+        DataSource plain{-1, MV_LogDataSourceType_Generic, "plain"};
+        ASSERT_TRUE(file.addDataSource(mixed));
+        ASSERT_TRUE(file.addDataSource(plain));
+        ASSERT_TRUE(file.addDataSourceProperty(
+            PayloadEncoding::property(mixed.id, std::string(PayloadEncoding::kOctetStream))));
+        ASSERT_TRUE(file.addDataSourceProperty(
+            PayloadEncoding::property(plain.id, std::string(PayloadEncoding::kText))));
+        logEntry(file, mixed.id, 1, kStart, "$STATUS,t=0,fix=RTK,sats=12");
+        logEntry(file, mixed.id, 2, kStart + 1, kBinaryPayload);
+        logEntry(file, mixed.id, 3, kStart + 2, kPngPayload);
+        logEntry(file, mixed.id, 4, kStart + 3, R"({"speed": 4.2})");
+        logEntry(file, mixed.id, 5, kStart + 4, pixmap);
+        logEntry(file, mixed.id, 6, kStart + 5, graymap);
+        logEntry(file, plain.id, 7, kStart + 6, kPngPayload);
+    }
+    serve({path});
+    const std::vector<std::pair<int, std::string>> expected = {
+        {1, "text/plain"},       {2, "application/octet-stream"}, {3, "image/png"},
+        {4, "application/json"}, {5, "image/x-portable-pixmap"},  {6, "image/x-portable-graymap"},
+        {7, "text/plain"},
+    };
+    for (const auto& [id, mediaType] : expected) {
+        const Answer whole = get(api(0, "entries/" + std::to_string(id) + "/payload"));
+        ASSERT_EQ(whole.status, 200) << id;
+        EXPECT_EQ(whole.header("X-Mvlog-Media-Type"), mediaType) << id;
+        // A preview is sniffed from the whole payload, not from what is sent.
+        const Answer preview = get(api(0, "entries/" + std::to_string(id) + "/payload?limit=2"));
+        EXPECT_EQ(preview.header("X-Mvlog-Media-Type"), mediaType) << id;
+        EXPECT_EQ(preview.body.size(), 2u) << id;
+    }
+    // The summary keeps what the source declares.
+    EXPECT_EQ(getJson(api(0, "summary"))["dataSources"][0]["encoding"], "application/octet-stream");
+}
+
 TEST_F(ViewServerTest, PayloadRefusesAMissingEntryOrABadLimit) {
     const auto path = directory.path() / "payloads.mvlog";
     writePayloadFile(path, 3);
@@ -1202,6 +1290,10 @@ TEST_F(ViewServerTest, ResourcesAreTheirBytesUnderASafeName) {
     EXPECT_EQ(resource(3).body, "png");
     EXPECT_EQ(resource(4).header("Content-Disposition"), "attachment; filename=\"resource\"");
     EXPECT_EQ(resource(4).body, "nameless");
+    // Each resource's type, as its first bytes say.
+    EXPECT_EQ(notes.header("X-Mvlog-Media-Type"), "text/plain");
+    EXPECT_EQ(blob.header("X-Mvlog-Media-Type"), "application/octet-stream");
+    EXPECT_EQ(resource(4).header("X-Mvlog-Media-Type"), "text/plain");
 
     const Answer past = resource(5);
     EXPECT_EQ(past.status, 404);
@@ -1404,6 +1496,92 @@ TEST(ViewServerConcurrencyTest, ManyThreadsGetTheAnswersOfALoneRequest) {
         EXPECT_TRUE(failures[t].empty()) << "thread " << t << ": " << failures[t].size() << " wrong, first "
                                          << (failures[t].empty() ? "" : failures[t].front());
     }
+    server.stop();
+}
+
+// A connection to 127.0.0.1:`port` that sends nothing: it holds a worker
+// (or a place in the queue) until it closes.
+int idleConnection(int port) {
+    const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (socket < 0 || ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        ADD_FAILURE() << "cannot connect";
+    }
+    return socket;
+}
+
+// Waits (at most 10 s) until the server holds `count` connections.
+bool holds(const ViewServer& server, std::size_t count) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (server.load().inFlight != count) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// One worker and one place in the queue: two idle connections take both,
+// and then many connections at once are each answered 503 at once instead
+// of waiting in a queue that grows; once the idle ones close, requests are
+// served again.
+TEST(ViewServerConcurrencyTest, ConnectionsBeyondTheBoundAreRefusedNotQueued) {
+    TempDir directory;
+    const auto known = directory.path() / "known.mvlog";
+    writeKnownFile(known);
+    ViewOptions options;
+    options.files = {known};
+    options.token = kToken;
+    options.threads = 1;
+    options.maxQueued = 1;
+    ViewServer server(options);
+    server.start();
+    const int port = server.port();
+
+    const int served = idleConnection(port);
+    ASSERT_TRUE(holds(server, 1)) << server.load().inFlight;
+    const int waiting = idleConnection(port);
+    ASSERT_TRUE(holds(server, 2)) << server.load().inFlight;
+
+    constexpr int kClients = 40;
+    std::vector<Answer> answers(kClients);
+    std::vector<std::thread> clients;
+    const auto started = std::chrono::steady_clock::now();
+    for (int i = 0; i < kClients; ++i) {
+        clients.emplace_back([&answers, port, i] { answers[i] = fetch(port, withToken("/api/files")); });
+    }
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    for (int i = 0; i < kClients; ++i) {
+        EXPECT_EQ(answers[i].status, 503) << i;
+        EXPECT_EQ(parsed(answers[i]), Json({{"error", "busy: too many connections at once; try again"}}))
+            << i;
+        EXPECT_EQ(answers[i].header("Retry-After"), "1") << i;
+        EXPECT_EQ(answers[i].header("Connection"), "close") << i;
+        expectSecurityHeaders(answers[i], "refusal");
+    }
+    // Answered at once, not after the idle connections' timeouts.
+    EXPECT_LT(seconds, 4.0);
+    ViewLoad load = server.load();
+    EXPECT_EQ(load.inFlight, 2u);
+    EXPECT_EQ(load.highWater, 2u);
+    EXPECT_EQ(load.refused, static_cast<std::size_t>(kClients));
+
+    ::close(served);
+    ::close(waiting);
+    ASSERT_TRUE(holds(server, 0)) << server.load().inFlight;
+    const Answer again = fetch(port, withToken("/api/files"));
+    EXPECT_EQ(again.status, 200) << again.body;
+    EXPECT_EQ(parsed(again)[0]["name"], "known.mvlog");
+    load = server.load();
+    EXPECT_EQ(load.highWater, 2u);
+    EXPECT_EQ(load.refused, static_cast<std::size_t>(kClients));
     server.stop();
 }
 

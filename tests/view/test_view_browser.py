@@ -9,6 +9,7 @@ damaged file's message and the refusals of the server.
 
 from __future__ import annotations
 
+import base64
 import hashlib
 import json
 import os
@@ -17,6 +18,7 @@ import struct
 import subprocess
 import time
 import urllib.error
+import urllib.parse
 import urllib.request
 import zlib
 
@@ -116,6 +118,134 @@ def record(path: str) -> dict:
             "sources": [camera, mast, notes, rear]}
 
 
+def jpeg_gray(levels: list) -> bytes:
+    """A baseline grayscale JPEG of 8x8 blocks side by side, each of one level.
+
+    Written by hand: quantisation by 1 and blocks of one level have only a DC
+    coefficient (8 times the level less 128), which decodes back exactly.
+    """
+    def segment(marker: int, data: bytes) -> bytes:
+        return struct.pack(">BBH", 0xFF, marker, len(data) + 2) + data
+    # The usual luminance DC table (categories 0 to 11); an AC table with only
+    # the end of block, coded "0".
+    dc_counts = [0, 1, 5, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0]
+    dc_codes, code, category = {}, 0, 0
+    for length, count in enumerate(dc_counts, start=1):
+        for _ in range(count):
+            dc_codes[category] = (code, length)
+            code, category = code + 1, category + 1
+        code <<= 1
+    bits = []
+    previous = 0
+    for level in levels:
+        dc = 8 * (level - 128)
+        difference, previous = dc - previous, dc
+        size = abs(difference).bit_length()
+        code, length = dc_codes[size]
+        bits += [(code >> (length - 1 - i)) & 1 for i in range(length)]
+        extra = difference if difference >= 0 else difference + (1 << size) - 1
+        bits += [(extra >> (size - 1 - i)) & 1 for i in range(size)]
+        bits.append(0)  # end of block
+    bits += [1] * (-len(bits) % 8)
+    scan = bytearray()
+    for at in range(0, len(bits), 8):
+        byte = int("".join(map(str, bits[at:at + 8])), 2)
+        scan += bytes([byte, 0]) if byte == 0xFF else bytes([byte])
+    return (b"\xff\xd8" + segment(0xDB, b"\x00" + b"\x01" * 64)
+            + segment(0xC0, struct.pack(">BHHB", 8, 8, 8 * len(levels), 1) + b"\x01\x11\x00")
+            + segment(0xC4, b"\x00" + bytes(dc_counts) + bytes(range(12)))
+            + segment(0xC4, b"\x10" + bytes([1] + [0] * 15) + b"\x00")
+            + segment(0xDA, b"\x01\x01\x00\x00\x3f\x00") + bytes(scan) + b"\xff\xd9")
+
+
+# The trawl: a second readable file, made by one producer and copied by
+# another, whose sources say less about their payloads than the survey's.
+TRAWL_BASE = BASE + 86_400_000
+JPEG_LEVELS = [[10, 200, 90, 160], [250, 30, 128, 70]]
+PIXMAP_WIDTH, PIXMAP_HEIGHT = 5, 3
+# Larger than the panels' 256 KiB preview of a payload of unknown kind.
+BIG_PNG_WIDTH, BIG_PNG_HEIGHT = 320, 300
+RAW_PAYLOAD = bytes(range(40)) + b"\xff\xfe mixed \x00 bytes"
+TRAWL_THUMBNAIL_SIZE = (6, 4)
+LAST_BOOKMARK = "End of the trawl, nets aboard and secured"
+
+
+def gnss_line(i: int) -> bytes:
+    return f"$STATUS,t={i},fix=RTK,sats={12 + i % 3}".encode()
+
+
+def haul_note(i: int) -> bytes:
+    return f"haul {i}: {120 + 35 * i} kg of cod, nets sound".encode()
+
+
+def pixmap_pixels(i: int) -> bytes:
+    return bytes((x * 50 + i * 9, y * 100, (x + y) * 20 + i) [c] % 256
+                 for y in range(PIXMAP_HEIGHT) for x in range(PIXMAP_WIDTH) for c in range(3))
+
+
+def pixmap(i: int) -> bytes:
+    return f"P6\n# deck {i}\n{PIXMAP_WIDTH} {PIXMAP_HEIGHT}\n255\n".encode() + pixmap_pixels(i)
+
+
+def thumbnail_pixels() -> bytes:
+    width, height = TRAWL_THUMBNAIL_SIZE
+    return bytes((x * 40, y * 60, 255 - x * 20)[c] for y in range(height) for x in range(width) for c in range(3))
+
+
+def big_png_pixels(i: int) -> bytes:
+    return bytes(((x + i) % 256, (y * 2) % 256, (x * y + i) % 256)[c]
+                 for y in range(BIG_PNG_HEIGHT) for x in range(BIG_PNG_WIDTH) for c in range(3))
+
+
+def stored_png(width: int, height: int, rgb: bytes) -> bytes:
+    """A PNG whose pixels are stored uncompressed: as large as they are."""
+    def chunk(kind: bytes, data: bytes) -> bytes:
+        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data) & 0xFFFFFFFF)
+    rows = b"".join(b"\x00" + rgb[y * width * 3:(y + 1) * width * 3] for y in range(height))
+    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0))
+            + chunk(b"IDAT", zlib.compress(rows, 0)) + chunk(b"IEND", b""))
+
+
+def record_trawl(original: str, path: str) -> dict:
+    """Records the trawl with producer "trawl-logger" 0.9, then copies it as "trawl-sorter" 2.0."""
+    entries = []
+    with ml.LogFile.create(original, application="trawl-logger", version="0.9", created=TRAWL_BASE - 1000) as f:
+        gnss = f.add_data_source(ml.SourceType.NAVIGATION, "gnss")
+        sonar = f.add_data_source(ml.SourceType.CAMERA, "sonar")
+        deck = f.add_data_source(ml.SourceType.CAMERA, "deck camera")
+        winch = f.add_data_source(ml.SourceType.CAMERA, "winch camera")
+        raw = f.add_data_source(ml.SourceType.GENERIC, "raw")
+        notes = f.add_data_source(ml.SourceType.GENERIC, "haul notes")
+        # Mixed payloads: bytes of no one kind; the sonar, the raw bytes and
+        # the notes declare nothing.
+        f.add_encoding(gnss, ml.Encoding.OCTET_STREAM)
+        f.add_encoding(deck, ml.Encoding.JPEG)
+        f.add_encoding(winch, ml.Encoding.PIXMAP)
+        width, height = TRAWL_THUMBNAIL_SIZE
+        f.set_thumbnail(f"P6\n{width} {height}\n255\n".encode() + thumbnail_pixels())
+        f.add_resource("net-plan.bin", bytes(range(256)) * 3)
+        log = []
+        for i in range(10):
+            log.append((TRAWL_BASE + 200 * i, gnss, 1, gnss_line(i)))
+            log.append((TRAWL_BASE + 200 * i + 100, gnss, 2, struct.pack("<dd", 59.9 + i, 10.7)))
+        for i in range(2):
+            log.append((TRAWL_BASE + 50 + 1000 * i, sonar, 3,
+                        stored_png(BIG_PNG_WIDTH, BIG_PNG_HEIGHT, big_png_pixels(i))))
+            log.append((TRAWL_BASE + 60 + 1000 * i, deck, 4, jpeg_gray(JPEG_LEVELS[i])))
+            log.append((TRAWL_BASE + 70 + 1000 * i, winch, 5, pixmap(i)))
+            log.append((TRAWL_BASE + 80 + 1000 * i, raw, 6, RAW_PAYLOAD[i:]))
+            log.append((TRAWL_BASE + 40 + 1000 * i, notes, 7, haul_note(i)))
+        log.sort(key=lambda e: e[0])
+        with f.batch():
+            for next_id, (timestamp, source, kind, payload) in enumerate(log, start=1):
+                f.log(source, kind, payload, timestamp)
+                entries.append((timestamp, next_id, source))
+        f.add_bookmark(entries[-1][1], LAST_BOOKMARK)
+    ml.clone(original, path, application="trawl-sorter", version="2.0").close()
+    return {"entries": entries, "gnss": gnss, "sonar": sonar, "deck": deck, "winch": winch, "raw": raw,
+            "notes": notes, "sources": [gnss, sonar, deck, winch, raw, notes], "path": path}
+
+
 @pytest.fixture(scope="module")
 def recording(tmp_path_factory):
     directory = tmp_path_factory.mktemp("view")
@@ -126,6 +256,9 @@ def recording(tmp_path_factory):
         out.write(b"this is not a log file at all" * 100)
     known["path"] = path
     known["damaged"] = damaged
+    # Named after the survey: the page opens the first readable file.
+    known["trawl"] = record_trawl(os.fspath(tmp_path_factory.mktemp("original") / "trawl.mvlog"),
+                                  os.fspath(directory / "trawl.mvlog"))
     return known
 
 
@@ -150,7 +283,7 @@ def server(recording):
     # A fleet: the directory of the recording and the damaged file.
     before = digest(recording["path"])
     process, served = serve(os.path.dirname(recording["path"]))
-    assert served["files"] == 2
+    assert served["files"] == 3
     yield served
     process.terminate()
     assert process.wait(timeout=10) == 0
@@ -222,7 +355,7 @@ def test_lanes_name_every_source_with_its_type_and_rate(page, recording):
     assert state(page, "window.pwned") is None
     files = [e.text.split("\n")[0] for e in page.find_elements(By.CSS_SELECTOR, "#files li")]
     # In name order; the first file that can be shown is opened.
-    assert files == ["broken.mvlog", "survey.mvlog"]
+    assert files == ["broken.mvlog", "survey.mvlog", "trawl.mvlog"]
     assert page.find_element(By.CSS_SELECTOR, "#files li.chosen").text.startswith("survey.mvlog")
     facts = page.find_element(By.ID, "facts").text
     assert f"{len(recording['entries'])} entries, 4 data sources" in facts
@@ -354,9 +487,10 @@ def test_metadata_resources_and_bookmarks_are_listed(page, recording):
     assert resources[1:] == [f"thumbnail {thumbnail_size} B download", "calibration.json 8 B download"]
     bookmarks = page.find_element(By.ID, "bookmarks-table").text
     assert "Turn to port a hard turn" in bookmarks and "Dock" in bookmarks
-    # The thumbnail, drawn by the browser.
-    thumbnail = page.find_element(By.ID, "thumbnail")
-    wait(page, lambda d: thumbnail.is_displayed() and state(d, "document.getElementById('thumbnail').naturalWidth") == PNG_WIDTH)
+    # The thumbnail, a PNG, drawn by the browser.
+    wait(page, lambda d: canvas_rgb(d, "#thumbnail canvas") is not None, message="no thumbnail")
+    assert page.find_element(By.ID, "thumbnail").is_displayed()
+    assert canvas_rgb(page, "#thumbnail canvas") == (PNG_WIDTH, PNG_HEIGHT, png_pixels(0))
 
 
 def test_a_damaged_file_says_so(page, recording):
@@ -397,7 +531,7 @@ def test_refusals_seen_from_the_browser(browser, server):
     assert json.loads(browser.find_element(By.TAG_NAME, "body").text)["error"].startswith("refused")
     browser.get(f"http://127.0.0.1:{port}/api/files/..%2F..%2Fetc%2Fpasswd/summary?token={token}")
     assert json.loads(browser.find_element(By.TAG_NAME, "body").text) == {"error": "not found"}
-    for target in (f"/etc/passwd?token={token}", f"/api/files/2/summary?token={token}"):
+    for target in (f"/etc/passwd?token={token}", f"/api/files/3/summary?token={token}"):
         with pytest.raises(urllib.error.HTTPError) as refused:
             urllib.request.urlopen(f"http://127.0.0.1:{port}{target}")
         assert refused.value.code == 404
@@ -450,6 +584,25 @@ def test_listening_beyond_this_machine_warns(recording):
         process.wait(timeout=10)
 
 
+def test_the_ipv6_loopback_serves_the_page_to_the_browser(browser, recording):
+    # The browser names the address in brackets in its Host header.
+    process = subprocess.Popen([MVLOG, "view", "--no-browser", "--bind", "::1", recording["path"]],
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        line = process.stdout.readline()
+        match = re.search(r"^Serving 1 file: open (http://\[::1\]:(\d+)/\?token=[0-9a-f]{32})$", line)
+        assert match, line + process.stderr.read()
+        browser.get(match.group(1))
+        wait(browser, lambda d: state(d, "window.mvlogView && mvlogView.summary !== null && mvlogView.cursorUpdates > 0"),
+             message="the page did not load over IPv6")
+        assert browser.find_element(By.ID, "title").text == "survey.mvlog"
+    finally:
+        process.terminate()
+        assert process.wait(timeout=10) == 0
+    # Loopback stays on this machine: no warning.
+    assert process.stderr.read() == ""
+
+
 def test_a_directory_without_log_files_is_refused(tmp_path):
     result = subprocess.run([MVLOG, "view", "--no-browser", os.fspath(tmp_path)], capture_output=True, text=True)
     assert result.returncode == 1
@@ -485,3 +638,305 @@ def test_zoom_by_keys_and_wheel_down_to_single_entries(page, recording):
     body.send_keys("0")
     wait(page, lambda d: state(d, "mvlogView.from") <= recording["entries"][0][0]
          and state(d, "mvlogView.to") >= recording["entries"][-1][0])
+
+
+# ---- the trawl: payloads that say less about themselves ----
+
+def canvas_rgb(driver, selector):
+    """The width, height and RGB bytes of the canvas at `selector`, or None without one."""
+    answer = driver.execute_script(
+        """const canvas = document.querySelector(arguments[0]);
+        if (!canvas || canvas.tagName !== 'CANVAS') return null;
+        const data = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
+        const rgb = new Uint8Array(canvas.width * canvas.height * 3);
+        for (let p = 0; p < canvas.width * canvas.height; p++)
+          for (let c = 0; c < 3; c++) rgb[3 * p + c] = data[4 * p + c];
+        let text = '';
+        for (let at = 0; at < rgb.length; at += 8192) text += String.fromCharCode(...rgb.subarray(at, at + 8192));
+        return [canvas.width, canvas.height, btoa(text)];""", selector)
+    return None if answer is None else (answer[0], answer[1], base64.b64decode(answer[2]))
+
+
+def open_listed(driver, name):
+    """Clicks a file in the list and waits until its panels show the cursor's entries."""
+    before = state(driver, "mvlogView.cursorUpdates")
+    item = [i for i in driver.find_elements(By.CSS_SELECTOR, "#files li") if i.text.split("\n")[0] == name]
+    assert len(item) == 1, name
+    item[0].click()
+    wait(driver, lambda d: state(d, "mvlogView.summary && mvlogView.summary.name") == name
+         and state(d, "mvlogView.cursorUpdates") > before, message=f"{name} did not open")
+    settled(driver)
+
+
+@pytest.fixture
+def trawl(page, recording):
+    open_listed(page, "trawl.mvlog")
+    return recording["trawl"]
+
+
+def test_switching_files_shows_each_ones_lanes(page, recording):
+    names = lambda d: [e.text for e in d.find_elements(By.CSS_SELECTOR, ".lane-label .lane-name")]
+    assert names(page)[0] == "[1] front camera"
+    open_listed(page, "trawl.mvlog")
+    assert names(page) == ["[1] gnss", "[2] sonar", "[3] deck camera", "[4] winch camera", "[5] raw",
+                           "[6] haul notes"]
+    assert page.find_element(By.CSS_SELECTOR, "#files li.chosen").text.startswith("trawl.mvlog")
+    assert page.find_element(By.ID, "facts").text.startswith("30 entries, 6 data sources")
+    assert shown_entry(page, recording["trawl"]["gnss"]) == 1
+    open_listed(page, "survey.mvlog")
+    assert names(page)[:2] == ["[1] front camera", "[2] weather mast"]
+    assert page.find_element(By.ID, "facts").text.startswith(f"{len(recording['entries'])} entries, 4 data sources")
+    settled(page)
+    assert shown_entry(page, recording["camera"]) == at_or_before(recording, recording["camera"],
+                                                                   state(page, "mvlogView.cursor"))[1]
+
+
+def test_a_source_of_mixed_bytes_shows_text_as_text_and_the_rest_as_hex(page, trawl):
+    # The cursor starts where every source has logged: the first status line.
+    assert state(page, "mvlogView.cursor") == TRAWL_BASE + 80
+    panel = f'.panel[data-source="{trawl["gnss"]}"]'
+    assert page.find_element(By.CSS_SELECTOR, f"{panel} pre").text == gnss_line(0).decode()
+    assert page.find_element(By.CSS_SELECTOR, f"{panel} .record").text.endswith(" · text/plain")
+    # The next entry of the receiver: a binary fix, in hex.
+    page.execute_script("return setCursor(arguments[0]);", TRAWL_BASE + 100)
+    settled(page)
+    fix = struct.pack("<dd", 59.9, 10.7)
+    assert page.find_element(By.CSS_SELECTOR, f"{panel} pre.hex").text == hex_dump(fix)
+    assert page.find_element(By.CSS_SELECTOR, f"{panel} .record").text.endswith(" · application/octet-stream")
+    # A source that declares nothing: its text is text too.
+    notes = f'.panel[data-source="{trawl["notes"]}"]'
+    assert page.find_element(By.CSS_SELECTOR, f"{notes} pre").text == haul_note(0).decode()
+    record_text = page.find_element(By.CSS_SELECTOR, f"{notes} .record").text
+    assert re.search(rf" · type 7 · {len(haul_note(0))} B \(stored \d+ B\) · text/plain$", record_text), record_text
+
+
+def hex_dump(data: bytes) -> str:
+    """The page's hex view of a payload of at most 4 KiB."""
+    lines = []
+    for at in range(0, len(data), 16):
+        row = data[at:at + 16]
+        text = " ".join(f"{b:02x}" for b in row).ljust(47)
+        ascii_text = "".join(chr(b) if 32 <= b < 127 else "." for b in row)
+        lines.append(f"{at:08x}  {text}  {ascii_text}".rstrip())
+    return "\n".join(lines)
+
+
+def test_a_binary_source_shows_its_payload_in_hex(page, trawl):
+    panel = page.find_element(By.CSS_SELECTOR, f'.panel[data-source="{trawl["raw"]}"]')
+    assert [line.rstrip() for line in panel.find_element(By.CSS_SELECTOR, "pre.hex").text.split("\n")] == \
+        hex_dump(RAW_PAYLOAD).split("\n")
+    record_text = panel.find_element(By.CSS_SELECTOR, ".record").text
+    assert re.search(rf" · type 6 · {len(RAW_PAYLOAD)} B \(stored \d+ B\) · application/octet-stream$", record_text)
+
+
+def test_an_undeclared_picture_larger_than_a_preview_is_drawn_whole(page, trawl):
+    for i in range(2):
+        page.execute_script("return setCursor(arguments[0]);", TRAWL_BASE + 80 + 1000 * i)
+        settled(page)
+        sonar = f'.panel[data-source="{trawl["sonar"]}"]'
+        size = len(stored_png(BIG_PNG_WIDTH, BIG_PNG_HEIGHT, big_png_pixels(i)))
+        assert size > 262144
+        record_text = page.find_element(By.CSS_SELECTOR, f"{sonar} .record").text
+        assert re.search(rf" · type 3 · {size} B \(stored \d+ B\) · image/png$", record_text), record_text
+        assert canvas_rgb(page, f"{sonar} canvas") == (BIG_PNG_WIDTH, BIG_PNG_HEIGHT, big_png_pixels(i))
+    # Once pictures, always asked for whole: one request per frame.
+    assert state(page, f"mvlogView.pictureSources.has({trawl['sonar']})")
+
+
+def test_jpeg_and_pixmap_panels_show_the_logged_pixels(page, trawl):
+    for i in range(2):
+        page.execute_script("return setCursor(arguments[0]);", TRAWL_BASE + 80 + 1000 * i)
+        settled(page)
+        width = 8 * len(JPEG_LEVELS[i])
+        gray = bytes(JPEG_LEVELS[i][x // 8] for y in range(8) for x in range(width))
+        assert canvas_rgb(page, f'.panel[data-source="{trawl["deck"]}"] canvas') == \
+            (width, 8, bytes(v for g in gray for v in (g, g, g)))
+        assert canvas_rgb(page, f'.panel[data-source="{trawl["winch"]}"] canvas') == \
+            (PIXMAP_WIDTH, PIXMAP_HEIGHT, pixmap_pixels(i))
+
+
+def test_a_pixmap_thumbnail_is_drawn(page, trawl):
+    wait(page, lambda d: canvas_rgb(d, "#thumbnail canvas") is not None, message="no thumbnail")
+    assert page.find_element(By.ID, "thumbnail").is_displayed()
+    assert canvas_rgb(page, "#thumbnail canvas") == (*TRAWL_THUMBNAIL_SIZE, thumbnail_pixels())
+
+
+def test_the_producer_history_is_told_apart_from_the_current_producer(page, trawl):
+    rows = lambda kind: [[td.text for td in tr.find_elements(By.TAG_NAME, "td")]
+                         for tr in page.find_elements(By.CSS_SELECTOR, f"#metadata-table tr.{kind}")]
+    assert rows("producer") == [["applicationName", "trawl-sorter", "text"], ["applicationVersion", "2.0", "text"]]
+    assert rows("history") == [["oldApplicationName", "trawl-logger", "text"],
+                               ["oldApplicationVersion", "0.9", "text"],
+                               ["producer history", "oldApplicationName: trawl-logger, oldApplicationVersion: 0.9",
+                                "(derived file)"]]
+    colour = lambda kind: state(page, f"getComputedStyle(document.querySelector('#metadata-table tr.{kind} td'))"
+                                      ".backgroundColor")
+    plain = state(page, "getComputedStyle([...document.querySelectorAll('#metadata-table tr')]"
+                        ".find(tr => tr.cells[0] && tr.cells[0].textContent === 'logVersion').cells[0]).backgroundColor")
+    assert len({colour("producer"), colour("history"), plain}) == 3
+
+
+def test_a_bookmark_at_the_last_entry_stays_inside_the_page(page, trawl):
+    marks = page.find_elements(By.CSS_SELECTOR, "#marks .bookmark")
+    assert [m.get_attribute("textContent") for m in marks] == [LAST_BOOKMARK]
+    inside = page.execute_script(
+        """const mark = document.querySelector('#marks .bookmark').getBoundingClientRect();
+        const lanes = document.getElementById('marks').getBoundingClientRect();
+        return [mark.left >= lanes.left, mark.right <= lanes.right + 0.5, mark.width > 50];""")
+    assert inside == [True, True, True]
+    assert state(page, "document.documentElement.scrollWidth <= window.innerWidth")
+    assert state(page, "document.getElementById('main').scrollWidth <= document.getElementById('main').clientWidth")
+    # And it still moves the cursor to its entry.
+    marks[0].click()
+    wait(page, lambda d: state(d, "mvlogView.cursor") == trawl["entries"][-1][0])
+
+
+def test_a_resource_downloads_as_its_bytes(page, trawl):
+    # The bytes and the name of the link the page makes and clicks are kept
+    # here instead of downloaded.
+    page.execute_script(
+        """window.downloaded = null;
+        let made = null;
+        const make = URL.createObjectURL;
+        URL.createObjectURL = blob => { made = blob; return make(blob); };
+        HTMLAnchorElement.prototype.click = function () {
+          const name = this.download;
+          made.arrayBuffer().then(buffer => { window.downloaded = [name, Array.from(new Uint8Array(buffer))]; });
+        };""")
+    rows = page.find_elements(By.CSS_SELECTOR, "#resources-table tr")
+    assert [r.text for r in rows[1:]] == ["thumbnail 83 B download", "net-plan.bin 768 B download"]
+    rows[2].find_element(By.TAG_NAME, "button").click()
+    wait(page, lambda d: state(d, "window.downloaded") is not None, message="nothing downloaded")
+    name, data = state(page, "window.downloaded")
+    assert name == "net-plan.bin"
+    assert bytes(data) == bytes(range(256)) * 3
+    # The address behind it needs the page's token.
+    port = urllib.parse.urlsplit(page.current_url).port
+    token = state(page, "token")
+    with urllib.request.urlopen(f"http://127.0.0.1:{port}/api/files/2/resources/1?token={token}") as answer:
+        assert answer.read() == bytes(range(256)) * 3
+        assert answer.headers["Content-Disposition"] == 'attachment; filename="net-plan.bin"'
+    with pytest.raises(urllib.error.HTTPError) as refused:
+        urllib.request.urlopen(f"http://127.0.0.1:{port}/api/files/2/resources/1")
+    assert refused.value.code == 403
+
+
+# ---- moving around with the pointer ----
+
+def test_dragging_in_the_lanes_moves_the_cursor(page, recording):
+    from selenium.webdriver.common.action_chains import ActionChains
+
+    lanes = page.find_element(By.ID, "timeline")
+    width = state(page, "timelineWidth()")
+    left = -lanes.size["width"] // 2  # offsets are from the element's centre
+    updates = state(page, "mvlogView.cursorUpdates")
+    actions = ActionChains(page).move_to_element_with_offset(lanes, left + width // 10, 5).click_and_hold()
+    seen = []
+    for x in (width // 4, width // 2, 3 * width // 4):
+        actions.move_to_element_with_offset(lanes, left + x, 5).perform()
+        wait(page, lambda d: state(d, "mvlogView.cursor") == state(d, f"timeOf({x})"))
+        seen.append(state(page, "mvlogView.cursor"))
+        actions = ActionChains(page)
+    ActionChains(page).release().perform()
+    assert seen == sorted(seen) and len(set(seen)) == 3
+    settled(page)
+    assert state(page, "mvlogView.cursorUpdates") > updates
+    for source in recording["sources"]:
+        assert shown_entry(page, source) == at_or_before(recording, source, seen[-1])[1]
+
+
+def test_dragging_the_time_axis_pans_the_window(page, recording):
+    from selenium.webdriver.common.action_chains import ActionChains
+
+    page.find_elements(By.CSS_SELECTOR, "#marks .bookmark")[0].click()
+    wait(page, lambda d: state(d, "mvlogView.cursor") == camera_time(10))
+    body = page.find_element(By.TAG_NAME, "body")
+    body.send_keys("+")
+    body.send_keys("+")
+    whole = recording["entries"][-1][0] - recording["entries"][0][0]
+    wait(page, lambda d: state(d, "mvlogView.to - mvlogView.from") < whole / 3)
+    start, end = state(page, "[mvlogView.from, mvlogView.to]")
+    width = state(page, "timelineWidth()")
+    axis = page.find_element(By.ID, "axis")
+    # Dragged 100 px to the left: later times come into view.
+    ActionChains(page).move_to_element(axis).click_and_hold().move_by_offset(-100, 0).release().perform()
+    shift = 100 / width * (end - start)
+    wait(page, lambda d: abs(state(d, "mvlogView.from") - (start + shift)) < 1
+         and abs(state(d, "mvlogView.to") - (end + shift)) < 1, message="the axis drag did not pan")
+    # The cursor stays; the lanes' bins follow the window.
+    assert state(page, "mvlogView.cursor") == camera_time(10)
+    wait(page, lambda d: state(d, "mvlogView.bins.from") == state(d, "Math.floor(mvlogView.from)"))
+    # Shift and the wheel pan too, by a fifth of the window per 100.
+    start, end = state(page, "[mvlogView.from, mvlogView.to]")
+    page.execute_script("""document.getElementById('timeline').dispatchEvent(new WheelEvent('wheel',
+        {deltaY: -100, shiftKey: true, bubbles: true, cancelable: true}));""")
+    wait(page, lambda d: abs(state(d, "mvlogView.from") - (start - (end - start) / 5)) < 1)
+    assert abs(state(page, "mvlogView.to - mvlogView.from") - (end - start)) < 1
+
+
+# ---- the command line ----
+
+def free_port() -> int:
+    import socket
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def test_the_port_asked_for_is_the_one_served(recording):
+    port = free_port()
+    process, served = serve("--port", str(port), recording["path"])
+    try:
+        assert served["port"] == port
+        assert served["url"] == f"http://127.0.0.1:{port}/?token={served['token']}"
+        with urllib.request.urlopen(f"http://127.0.0.1:{port}/api/files?token={served['token']}") as answer:
+            assert [f["name"] for f in json.loads(answer.read())] == ["survey.mvlog"]
+        # A port in use is refused with the reason.
+        second = subprocess.run([MVLOG, "view", "--no-browser", "--port", str(port), recording["path"]],
+                                capture_output=True, text=True, timeout=20)
+        assert second.returncode == 1
+        assert second.stderr == f"mvlog: view: cannot listen on 127.0.0.1:{port}\n"
+    finally:
+        process.terminate()
+        assert process.wait(timeout=10) == 0
+
+
+# ---- the demo's file ----
+
+@pytest.fixture(scope="module")
+def demo(tmp_path_factory):
+    directory = tmp_path_factory.mktemp("demo") / "demo"
+    result = subprocess.run([MVLOG, "demo", os.fspath(directory)], capture_output=True, text=True, timeout=240)
+    assert result.returncode == 0, result.stdout + result.stderr
+    path = os.fspath(directory / "demo.mvlog")
+    process, served = serve(path)
+    yield {"path": path, "url": served["url"]}
+    process.terminate()
+    assert process.wait(timeout=10) == 0
+
+
+def test_the_demo_file_shows_its_graymap_thumbnail_and_its_receivers_text(browser, demo):
+    browser.get(demo["url"])
+    wait(browser, lambda d: state(d, "mvlogView.summary !== null && mvlogView.cursorUpdates > 0"), timeout=20)
+    settled(browser)
+    with ml.LogFile.open(demo["path"]) as f:
+        thumbnail = f.thumbnail
+        gnss = next(s.id for s in f.data_sources if s.name == "gnss")
+        first = f.time_range()[0]
+    header = b"P5\n64 64\n255\n"
+    assert thumbnail.startswith(header)
+    wait(browser, lambda d: canvas_rgb(d, "#thumbnail canvas") is not None, message="no thumbnail")
+    width, height, rgb = canvas_rgb(browser, "#thumbnail canvas")
+    assert (width, height) == (64, 64)
+    assert rgb[0::3] == thumbnail[len(header):] and rgb[1::3] == rgb[0::3] and rgb[2::3] == rgb[0::3]
+    # The receiver declares bytes of no one kind: its status lines are text.
+    browser.execute_script("return setCursor(arguments[0]);", first + 1000)
+    settled(browser)
+    panel = f'.panel[data-source="{gnss}"]'
+    assert browser.find_element(By.CSS_SELECTOR, f"{panel} pre").text.startswith("$STATUS,t=1000,fix=RTK,sats=")
+    assert browser.find_element(By.CSS_SELECTOR, f"{panel} .record").text.endswith(" · text/plain")
+    # The last bookmark sits at the right edge, inside the page.
+    marks = [m.get_attribute("textContent") for m in browser.find_elements(By.CSS_SELECTOR, "#marks .bookmark")]
+    assert marks[-1] == "End of survey"
+    assert state(browser, "document.getElementById('main').scrollWidth <= document.getElementById('main').clientWidth")
+    assert state(browser, "document.documentElement.scrollWidth <= window.innerWidth")

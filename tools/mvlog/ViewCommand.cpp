@@ -78,7 +78,8 @@ int runView(const ViewCommandOptions& options) {
     view.files = servedFiles(options.files);
     view.bindAddress = options.bindAddress;
     view.port = options.port;
-    if (view.bindAddress != "127.0.0.1") {
+    // Loopback addresses (IPv4 and IPv6) stay on this machine.
+    if (view.bindAddress != "127.0.0.1" && view.bindAddress != "::1") {
         fmt::print(stderr,
                    "mvlog view: warning: listening on {}: whoever reaches this address and has the address "
                    "with its token can read the files\n",

@@ -10,13 +10,24 @@
 #include <nlohmann/json.hpp>
 
 #include <arpa/inet.h>
+#include <sys/socket.h>
 
 #include <charconv>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <limits>
+#include <mutex>
 #include <random>
 
 namespace Mvlog {
+
+// The counts behind ViewServer::load(), shared with the task queue that
+// httplib owns while it listens.
+struct ServerLoad {
+    mutable std::mutex mutex;
+    ViewLoad counts;
+};
 
 using Json = nlohmann::ordered_json;
 
@@ -52,10 +63,122 @@ bool isWildcard(const std::string& address) {
     return address == "0.0.0.0" || address == "::";
 }
 
+bool isIpv6(const std::string& address) {
+    unsigned char buffer[16];
+    return inet_pton(AF_INET6, address.c_str(), buffer) == 1;
+}
+
+// An IPv4 address, or an IPv6 one in brackets as a Host header has it.
 bool isIpLiteral(const std::string& host) {
     unsigned char buffer[16];
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+        return isIpv6(host.substr(1, host.size() - 2));
+    }
     return inet_pton(AF_INET, host.c_str(), buffer) == 1;
 }
+
+// An address as a URL or a Host header names it: IPv6 in brackets.
+std::string hostPart(const std::string& address) {
+    return isIpv6(address) ? "[" + address + "]" : address;
+}
+
+// Set on the thread that answers connections beyond the bound: every
+// request it reads is answered 503.
+thread_local bool tRefusing = false;
+
+// httplib's ThreadPool queues every accepted connection, without bound. This
+// one serves at most `threads` connections at once with at most `maxQueued`
+// waiting; a connection beyond that goes to one more thread, which answers
+// its requests 503 with "Connection: close" (see tRefusing). When even that
+// thread has kMaxRefusals waiting, accepting waits: connections then wait in
+// the kernel's listen backlog, which is bounded too.
+class BoundedTaskQueue : public httplib::TaskQueue {
+public:
+    BoundedTaskQueue(std::size_t threads, std::size_t maxQueued, std::shared_ptr<ServerLoad> load)
+        : limit_(threads + maxQueued), load_(std::move(load)) {
+        for (std::size_t i = 0; i < threads; ++i) {
+            workers_.emplace_back([this] { work(jobs_, false); });
+        }
+        workers_.emplace_back([this] { work(refusals_, true); });
+    }
+    ~BoundedTaskQueue() override { shutdown(); }
+    BoundedTaskQueue(const BoundedTaskQueue&) = delete;
+    BoundedTaskQueue& operator=(const BoundedTaskQueue&) = delete;
+
+    void enqueue(std::function<void()> job) override {
+        std::unique_lock lock(mutex_);
+        if (admits()) {
+            jobs_.push_back(std::move(job));
+        } else {
+            room_.wait(lock, [this] { return refusals_.size() < kMaxRefusals || stopping_; });
+            refusals_.push_back(std::move(job));
+        }
+        ready_.notify_all();
+    }
+
+    void shutdown() override {
+        {
+            const std::lock_guard lock(mutex_);
+            if (stopping_) {
+                return;
+            }
+            stopping_ = true;
+        }
+        ready_.notify_all();
+        for (std::thread& worker : workers_) {
+            worker.join();
+        }
+    }
+
+private:
+    static constexpr std::size_t kMaxRefusals = 64;
+
+    // Counts a new connection in when there is room for it.
+    bool admits() {
+        const std::lock_guard counting(load_->mutex);
+        ViewLoad& counts = load_->counts;
+        if (counts.inFlight >= limit_) {
+            ++counts.refused;
+            return false;
+        }
+        ++counts.inFlight;
+        counts.highWater = std::max(counts.highWater, counts.inFlight);
+        return true;
+    }
+
+    // Runs the jobs of `queue` until shutdown() and the queue is empty.
+    void work(std::deque<std::function<void()>>& queue, bool refusing) {
+        tRefusing = refusing;
+        for (;;) {
+            std::function<void()> job;
+            {
+                std::unique_lock lock(mutex_);
+                ready_.wait(lock, [&] { return !queue.empty() || stopping_; });
+                if (queue.empty()) {
+                    return;
+                }
+                job = std::move(queue.front());
+                queue.pop_front();
+                room_.notify_all();
+            }
+            job();
+            if (!refusing) {
+                const std::lock_guard counting(load_->mutex);
+                --load_->counts.inFlight;
+            }
+        }
+    }
+
+    const std::size_t limit_;
+    std::shared_ptr<ServerLoad> load_;
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::condition_variable room_;
+    std::deque<std::function<void()>> jobs_;
+    std::deque<std::function<void()>> refusals_;
+    bool stopping_ = false;
+    std::vector<std::thread> workers_;
+};
 
 // Headers every answer carries: nothing is cached, the token never leaves
 // in a Referer, and a browser never guesses a type.
@@ -138,9 +261,13 @@ ViewServer::ViewServer(ViewOptions options) : options_(std::move(options)) {
     for (const std::filesystem::path& path : options_.files) {
         files_.push_back(std::make_unique<ViewedFile>(path));
     }
+    load_ = std::make_shared<ServerLoad>();
     server_ = std::make_unique<httplib::Server>();
     const std::size_t threads = std::max<std::size_t>(1, options_.threads);
-    server_->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+    const std::size_t maxQueued = options_.maxQueued;
+    server_->new_task_queue = [threads, maxQueued, load = load_] {
+        return new BoundedTaskQueue(threads, maxQueued, load);
+    };
     // Requests are GETs: nothing of size comes in.
     server_->set_payload_max_length(4096);
     // Answers are small and the page asks for the next as soon as one
@@ -148,6 +275,13 @@ ViewServer::ViewServer(ViewOptions options) : options_(std::move(options)) {
     // segment until the browser's delayed acknowledgement, 40 ms a request.
     server_->set_tcp_nodelay(true);
     server_->set_keep_alive_max_count(1000);
+    // httplib's default options add SO_REUSEPORT, with which a second
+    // server of the same user binds the same port and the kernel shares the
+    // connections between the two: a port in use must be refused instead.
+    server_->set_socket_options([](socket_t socket) {
+        const int yes = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     route();
 }
 
@@ -156,13 +290,18 @@ ViewServer::~ViewServer() {
 }
 
 std::string ViewServer::url() const {
-    const std::string host = isWildcard(options_.bindAddress) ? "127.0.0.1" : options_.bindAddress;
+    const std::string host = isWildcard(options_.bindAddress) ? "127.0.0.1" : hostPart(options_.bindAddress);
     return fmt::format("http://{}:{}/?token={}", host, port_, options_.token);
+}
+
+ViewLoad ViewServer::load() const {
+    const std::lock_guard lock(load_->mutex);
+    return load_->counts;
 }
 
 bool ViewServer::admits(const std::string& host, const std::string& token) const {
     const std::string port = fmt::format(":{}", port_);
-    bool knownHost = host == options_.bindAddress + port || host == "localhost" + port;
+    bool knownHost = host == hostPart(options_.bindAddress) + port || host == "localhost" + port;
     if (!knownHost && isWildcard(options_.bindAddress) && host.size() > port.size() &&
         host.compare(host.size() - port.size(), port.size(), port) == 0) {
         // Listening everywhere, the page may be reached by any of this
@@ -179,6 +318,13 @@ bool ViewServer::admits(const std::string& host, const std::string& token) const
 void ViewServer::route() {
     server_->set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
         secure(response);
+        if (tRefusing) {
+            // Beyond the bound: a quick answer, and the client closes.
+            response.set_header("Connection", "close");
+            response.set_header("Retry-After", "1");
+            sendJson(response, 503, Json{{"error", "busy: too many connections at once; try again"}});
+            return httplib::Server::HandlerResponse::Handled;
+        }
         const std::string token = request.has_param("token") ? request.get_param_value("token")
                                                              : request.get_header_value("X-Mvlog-Token");
         if (!admits(request.get_header_value("Host"), token)) {

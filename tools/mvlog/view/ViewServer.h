@@ -17,6 +17,7 @@ struct Response;
 namespace Mvlog {
 
 class ViewedFile;
+struct ServerLoad;
 
 // What `mvlog view` serves, and how.
 struct ViewOptions {
@@ -28,20 +29,36 @@ struct ViewOptions {
     int port = 0;
     // Required on every request; empty: a random one.
     std::string token;
-    // Requests handled at once; more wait for a worker.
+    // Connections served at once; more wait for a worker.
     std::size_t threads = 8;
+    // Connections that may wait for a worker; beyond that, a connection's
+    // requests are answered 503 at once (by one thread kept for that), so
+    // that a flood of connections never grows a queue without bound.
+    std::size_t maxQueued = 64;
+};
+
+// How many connections the server holds, for tests and diagnostics.
+struct ViewLoad {
+    // Connections being served or waiting for a worker.
+    std::size_t inFlight = 0;
+    // The most of them at once since the start.
+    std::size_t highWater = 0;
+    // Connections answered 503 because every worker was busy and the queue
+    // full.
+    std::size_t refused = 0;
 };
 
 // The web page of `mvlog view` and the data behind it, over HTTP.
 //
 // Every request must carry the token (query "token" or header
-// "X-Mvlog-Token") and a Host header that names the bound address (or
-// localhost) and port: a page of another site that resolves its own name to
-// this address gets 403. Files are addressed by their place on the command
-// line, never by a path from a request, and opened read-only. Every answer
-// is bounded: timelines in at most 10,000 bins, series in at most 10,000
-// points, payload previews cut at a limit. Texts from the files reach the
-// page only inside JSON, which the page puts in the document as text.
+// "X-Mvlog-Token") and a Host header that names the bound address (an IPv6
+// address in brackets: "[::1]:PORT") or localhost, and the port: a page of
+// another site that resolves its own name to this address gets 403. Files
+// are addressed by their place on the command line, never by a path from a
+// request, and opened read-only. Every answer is bounded: timelines in at
+// most 10,000 bins, series in at most 10,000 points, payload previews cut at
+// a limit. Texts from the files reach the page only inside JSON, which the
+// page puts in the document as text.
 //
 // Owns the files and the server's threads, which stop() (or destruction)
 // joins.
@@ -61,8 +78,10 @@ public:
 
     int port() const { return port_; }
     const std::string& token() const { return options_.token; }
-    // The address to open: http://HOST:PORT/?token=...
+    // The address to open: http://HOST:PORT/?token=... (an IPv6 address in
+    // brackets).
     std::string url() const;
+    ViewLoad load() const;
 
 private:
     void route();
@@ -71,6 +90,7 @@ private:
 
     ViewOptions options_;
     std::vector<std::unique_ptr<ViewedFile>> files_;
+    std::shared_ptr<ServerLoad> load_;
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
     std::atomic<bool> listening_{false};

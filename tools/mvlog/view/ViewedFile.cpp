@@ -162,8 +162,13 @@ bool ViewedFile::ready() {
     return true;
 }
 
+// As `mvlog cat` and the Python package read payloads: the declared type,
+// unless a source declares none or only "bytes of no known kind"
+// (application/octet-stream, as a source of mixed payloads does); then the
+// payload's first bytes say.
 std::string ViewedFile::mediaTypeOf(int8_t source, const std::byte* data, std::size_t size) {
-    if (auto declared = PayloadEncoding::declared(*file_, source)) {
+    if (auto declared = PayloadEncoding::declared(*file_, source);
+        declared && *declared != PayloadEncoding::kOctetStream) {
         return *declared;
     }
     return std::string(PayloadEncoding::sniff(data, size));
@@ -405,7 +410,9 @@ ViewAnswer ViewedFile::resource(std::size_t index) {
     }
     ViewAnswer answer;
     answer.bytes = std::string(reinterpret_cast<const char*>(found.data.data()), found.data.size());
-    answer.headers = {{"Content-Disposition", fmt::format("attachment; filename=\"{}\"", download)}};
+    answer.headers = {
+        {"Content-Disposition", fmt::format("attachment; filename=\"{}\"", download)},
+        {"X-Mvlog-Media-Type", std::string(PayloadEncoding::sniff(found.data.data(), found.data.size()))}};
     return answer;
 }
 

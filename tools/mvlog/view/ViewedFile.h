@@ -62,6 +62,8 @@ public:
     ViewAnswer step(int64_t at, bool forward, std::optional<int8_t> source);
     // One entry's payload, at most `limit` bytes of it (all for 0), with its
     // record (id, source, type, timestamp, sizes, media type) in headers.
+    // The media type is the source's declared one, or the payload's sniffed
+    // one when the source declares none or application/octet-stream.
     ViewAnswer payload(int32_t entryId, std::size_t limit);
     // The numeric fields of a source's JSON payloads, as dotted paths.
     ViewAnswer fields(int8_t source);
@@ -69,7 +71,8 @@ public:
     // entry when there are at most `limit`, otherwise `limit` spread evenly
     // ("withoutValue" counts the entries read that lack the field).
     ViewAnswer series(int8_t source, const std::string& field, int64_t from, int64_t to, std::size_t limit);
-    // A resource's bytes by its place in the list of resources.
+    // A resource's bytes by its place in the list of resources, with its
+    // media type as its first bytes say (header X-Mvlog-Media-Type).
     ViewAnswer resource(std::size_t index);
 
 private:
