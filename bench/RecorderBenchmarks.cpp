@@ -60,13 +60,16 @@ void addSource(Recorder& recorder) {
 }
 
 void recorderThroughput(benchmark::State& state, int level, std::size_t size,
-                        Logging::Durability durability = Logging::Durability::Fast) {
+                        Logging::Durability durability = Logging::Durability::Fast,
+                        bool timeIndexOnClose = true) {
     const std::size_t entries = entriesPerRun(size);
     const ByteBuffer& data = payload(size);
+    RecorderOptions options = recorderOptions(level, durability);
+    options.buildTimeIndexOnClose = timeIndexOnClose;
     for (auto _ : state) {
         const std::string path = freshPath("recorder");
         {
-            Recorder recorder(path, recorderOptions(level, durability));
+            Recorder recorder(path, options);
             addSource(recorder);
             for (std::size_t i = 0; i < entries; ++i) {
                 recorder.record(kDataSourceId, kEntryType, kFirstTimestamp + static_cast<int64_t>(i),
@@ -373,7 +376,12 @@ void registerRecorderBenchmarks(int round) {
                        Member{recorderName("batch", 0, size),
                               [=](benchmark::State& state) { logDataThroughput(state, 0, size, true); }},
                        Member{recorderName("recorder", 0, size),
-                              [=](benchmark::State& state) { recorderThroughput(state, 0, size); }}},
+                              [=](benchmark::State& state) { recorderThroughput(state, 0, size); }},
+                       // The same file as the batch writes: no time index.
+                       Member{recorderName("recorderNoIndex", 0, size),
+                              [=](benchmark::State& state) {
+                                  recorderThroughput(state, 0, size, Logging::Durability::Fast, false);
+                              }}},
                       round, wallClock);
     }
     // What time order costs: a 100 ms reorder window against none (neither
