@@ -129,13 +129,15 @@ public:
         ++stats_.accepted;
         stats_.bytesIn += size;
         // The writer drains everything ready each time it wakes, so it needs a
-        // wake-up only when the queue was empty; notifying on every entry costs
-        // a system call per entry at high rates.
-        const bool wasEmpty = jobs_.size() == 1;
+        // wake-up only when the queue was empty (to start gathering) and when
+        // it holds enough to write (to stop); notifying on every entry costs a
+        // system call per entry at high rates.
+        const bool wakeWriter = jobs_.size() == 1 || jobs_.size() == kGatherEntries ||
+                                (queuedBytes_ >= gatherBytes() && queuedBytes_ - size < gatherBytes());
         lock.unlock();
         if (compresses_) {
             compressionWanted_.notify_one();
-        } else if (wasEmpty) {
+        } else if (wakeWriter) {
             writerWanted_.notify_one();
         }
         return true;
@@ -156,6 +158,7 @@ public:
         job.operation = std::move(operation);
         job.answer = answer;
         job.ready = true;
+        ++urgentJobs_;
         writerWanted_.notify_one();
         answered_.wait(lock, [&] { return answer->has_value(); });
         return **answer;
@@ -387,6 +390,7 @@ private:
             } else {
                 writerWanted_.wait(lock, workOrStop);
             }
+            gatherEntries(lock, deadline);
             takeReadyJobs(taken);
             const bool finished = stopped_ && jobs_.empty();
             const bool roomWanted = std::exchange(roomWanted_, false);
@@ -468,8 +472,38 @@ private:
         }
     }
 
+    // Entries handed to the writer a few at a time cost a wake-up of each
+    // thread per round, which at high rates outweighs the writes: when only
+    // entries wait, and few, the writer gives the capture threads a moment to
+    // queue more (kGatherTime at most after the oldest arrived). Operations,
+    // flushes, closing and a full queue end the wait at once.
+    static constexpr std::size_t kGatherEntries = 1024;
+    static constexpr std::size_t kGatherBytesAtMost = 1u << 20;
+    static constexpr auto kGatherTime = std::chrono::microseconds(1000);
+
+    std::size_t gatherBytes() const { return std::min(kGatherBytesAtMost, options_.queueBytes / 2); }
+
+    bool gathered() const {
+        return urgentJobs_ > 0 || stopped_ || roomWanted_ || jobs_.size() >= kGatherEntries ||
+               queuedBytes_ >= gatherBytes();
+    }
+
+    void gatherEntries(std::unique_lock<std::mutex>& lock, std::optional<Clock::time_point> deadline) {
+        if (jobs_.empty() || gathered()) {
+            return;
+        }
+        Clock::time_point until = jobs_.front().acceptedAt + kGatherTime;
+        if (deadline) {
+            until = std::min(until, *deadline);
+        }
+        writerWanted_.wait_until(lock, until, [&] { return gathered(); });
+    }
+
     void takeReadyJobs(std::vector<Job>& taken) {
         while (!jobs_.empty() && jobs_.front().ready && taken.size() < 4096) {
+            if (jobs_.front().kind != Job::Kind::Entry) {
+                --urgentJobs_;
+            }
             taken.push_back(std::move(jobs_.front()));
             jobs_.pop_front();
         }
@@ -655,6 +689,9 @@ private:
     std::condition_variable roomAvailable_;
     std::condition_variable answered_;
     std::deque<Job> jobs_;
+    // Operations and flushes in jobs_: the writer takes them without
+    // gathering.
+    std::size_t urgentJobs_ = 0;
     uint64_t nextSequence_ = 0;
     uint64_t nextClaim_ = 0;
     std::size_t waitingForCompression_ = 0;
