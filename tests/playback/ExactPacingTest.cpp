@@ -80,9 +80,11 @@ TEST(ExactPacing, KeepsTheRecordedPaceWhereTheDefaultDrifts) {
     const std::vector<double> exact = playAt100Hz(dir.file("exact.mvlog"), Pacing::Exact, &exactEnd);
     const std::vector<double> carry =
         playAt100Hz(dir.file("carry.mvlog"), Pacing::CarryMilliseconds, &carryEnd);
-    // Wide bounds for a loaded machine; the point is that the exact timeline
-    // does not accumulate while the default one does.
-    EXPECT_LT(median(exact), 3.0);
+    // Wide bounds for a loaded machine (a sanitizer build beside other tests
+    // on two cores reached a median of 3.8 ms); the point is that the exact
+    // timeline does not accumulate while the default one does, and every
+    // frame still lands well inside its 10 ms slot.
+    EXPECT_LT(median(exact), 6.0);
     EXPECT_LT(exactEnd, 15.0);
     EXPECT_GT(carryEnd, exactEnd);
 }
