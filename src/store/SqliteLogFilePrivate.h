@@ -50,7 +50,7 @@ T answered(T value, const Outcome& /*recordedOnTheFile*/) {
 // The state of an open SqliteLogFile and the routines that validate and
 // initialise the file. Only the compression level and the format version are
 // cached; everything else is read from the file on each call.
-class SqliteLogFilePrivate : private Database::PendingWrites {
+class SqliteLogFilePrivate final : private Database::PendingWrites {
 public:
     // Opens `path` under `policy`: checks the tables; with OpenOrCreate also
     // creates them in an empty database or repairs the bookmarks table of an
